@@ -1,0 +1,10 @@
+/* libtrel: hierarchical status information in shared memory. This header brings all of it. */
+#ifndef TREL_H
+#define TREL_H
+
+#include "trel/codes.h"
+#include "trel/layout.h"
+#include "trel/node.h"
+#include "trel/records.h"
+
+#endif

@@ -1,0 +1,71 @@
+/* Shared segments: System V shared memory. C++ alone. */
+#ifndef PLATSVC_IPC_H
+#define PLATSVC_IPC_H
+
+#ifdef __cplusplus
+
+#include <stddef.h>
+
+#include "platsvc/base.h"
+
+struct shmid_ds;
+
+/* create found a segment of that key. */
+constexpr uint32_t kPlatSegmentExists = 0x9000004a;
+
+struct PLATIPCMemoryCreateParam {
+  uint32_t structureTag; /* PLAT_STRUCTURE_TAG */
+  PLATIPCResID resId;
+  uint32_t size;
+  uintptr_t address;    /* 0, or where to map */
+  uint32_t permissions; /* low 9 bits */
+  uint32_t reserved;    /* 0 */
+};
+
+struct PLATIPCSecurityParam {
+  uint32_t structureTag; /* PLAT_STRUCTURE_TAG */
+  uint32_t ownerId;
+  uint32_t groupId;
+  uint32_t accessBits; /* low 9 bits */
+};
+
+/* One shared segment. An object is made by `new`, which gives null when there is no memory, and is
+ * 8 bytes. Every operation returns 0 or a code. A segment is not mapped anew over an occupied
+ * address: a hint that cannot be had exactly is passed over. */
+class PLAT_API PLATHIPCMemory {
+ public:
+  PLATHIPCMemory();
+  ~PLATHIPCMemory() = default;
+
+  static void* operator new(size_t size) noexcept;
+  static void operator delete(void* object) noexcept;
+
+  /* Makes and maps a new segment. kPlatSegmentExists if the key is taken; a segment that cannot be
+   * mapped is removed again. */
+  uint32_t create(const PLATIPCMemoryCreateParam* param);
+  /* Maps the segment of that key, at the address if it can be had, else anywhere. */
+  uint32_t attach(const PLATIPCResID* resId, const void* address);
+  bool isAttached() const;
+  uint32_t getAddress(void** address) const;
+  /* Bytes of the segment, 0 when not attached. */
+  size_t getSize() const;
+  /* Unmaps; the segment stays. An address that is no longer mapped counts as detached. */
+  uint32_t detach();
+  /* Removes the segment and unmaps it. A segment that is gone already is a success. */
+  uint32_t destroy();
+  uint32_t getInfo(shmid_ds* info) const;
+  /* Sets owner, group and access bits. */
+  uint32_t authorize(const PLATIPCSecurityParam* param);
+
+ private:
+  struct State;
+  union {
+    State* state_;
+    uint64_t width_;
+  };
+};
+
+static_assert(sizeof(PLATHIPCMemory) == 8, "an object is 8 bytes");
+
+#endif
+#endif

@@ -1,0 +1,20 @@
+/* Time. */
+#ifndef PLATSVC_TIME_H
+#define PLATSVC_TIME_H
+
+#include "platsvc/base.h"
+
+PLAT_BEGIN_C
+
+/* A look at the clock. The tick is UTC in tenths of a second, its low 16 bits: it wraps every
+ * 109 minutes and 13.6 seconds. */
+typedef struct PLATTime {
+  uint32_t seconds; /* UTC seconds since 1970, low 32 bits */
+  uint16_t tick;    /* tenths of a second, modulo 65536 */
+  uint16_t spare;
+} PLATTime;
+
+PLAT_API uint32_t platTimeGetUTC(PLATTime* now);
+
+PLAT_END_C
+#endif

@@ -1,0 +1,25 @@
+// Arithmetic on offsets and sizes. No shift, mask or pointer arithmetic outside such helpers.
+#pragma once
+
+#include "trel/layout.h"
+
+namespace trel {
+
+// Up to the next multiple of 8; a multiple stays. For values near 2^64 the caller tests first.
+constexpr uint64_t round8(uint64_t value) { return (value + 7) & ~uint64_t{7}; }
+constexpr bool isAligned8(uint64_t value) { return (value & 7) == 0; }
+
+// The address of what lies at an offset from a base. Base 0 is legal, for nodes in process memory,
+// so the sum is formed in integers.
+template <class T = void>
+inline T* at(const void* base, uint64_t offset) {
+  return reinterpret_cast<T*>(reinterpret_cast<uintptr_t>(base) + static_cast<uintptr_t>(offset));
+}
+
+// The distance from a base up to an address.
+inline uint64_t offsetOf(const void* address, const void* base) {
+  return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(address) -
+                               reinterpret_cast<uintptr_t>(base));
+}
+
+}  // namespace trel
