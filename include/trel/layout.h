@@ -95,11 +95,11 @@ typedef uint64_t TrelU64 __attribute__((aligned(1), may_alias));
 /* Guards a node. Readers and writers take primaryLatch alike; the two counters change only under
  * it. A death of a writer shows as a writeFlag of 1 under a latch whose owner is gone. */
 typedef struct LatchArea_t {
-  TrelU32 latchVersion;                   /* tested on each entry */
-  uint8_t primaryLatch[TREL_LATCH_CELL];  /* the latch that readers and writers take */
-  uint8_t spareLatch[TREL_LATCH_CELL];    /* initialised, never taken */
-  PLATVAtomicSigned32 writeCounter;       /* entries before write */
-  PLATVAtomicSigned32 writeFlag;          /* 1 while a writer is inside, else 0 */
+  TrelU32 latchVersion;                  /* tested on each entry */
+  uint8_t primaryLatch[TREL_LATCH_CELL]; /* the latch that readers and writers take */
+  uint8_t spareLatch[TREL_LATCH_CELL];   /* initialised, never taken */
+  PLATVAtomicSigned32 writeCounter;      /* entries before write */
+  PLATVAtomicSigned32 writeFlag;         /* 1 while a writer is inside, else 0 */
 } LatchArea_t;
 
 TREL_SIZE(LatchArea_t, 388);
@@ -132,11 +132,11 @@ typedef struct SNodeCB_t {
   TrelU64 exports; /* export bits: which sections the node has */
   TrelU32 eyeCatcher1;
   TrelU32 eyeCatcher2;
-  TrelU32 updateMode;     /* TREL_UPDATE_BY_... */
-  TrelU32 condition;      /* TREL_CONDITION_... */
-  TrelU32 optionWord5;    /* the caller's */
-  TrelU32 updateInterval; /* ticks, tenths of a second */
-  TrelU64 lastUpdateTime; /* tick */
+  TrelU32 updateMode;                  /* TREL_UPDATE_BY_... */
+  TrelU32 condition;                   /* TREL_CONDITION_... */
+  TrelU32 optionWord5;                 /* the caller's */
+  TrelU32 updateInterval;              /* ticks, tenths of a second */
+  TrelU64 lastUpdateTime;              /* tick */
   PLATVAtomicSigned32 reconfigCounter; /* changes of structure */
   PLATVAtomicSigned32 updateCounter;   /* heartbeats in TREL_UPDATE_BY_COUNTER */
   PLATVAtomicSigned32 spareCounter1;
@@ -183,7 +183,7 @@ typedef struct SegIdentity_t {
   TrelU32 accessMode; /* 1, 2: reached by key; 3: memory at a given address */
   struct {
     TrelU32 structureTag;
-    TrelU32 key; /* the one word that identifies */
+    TrelU32 key;     /* the one word that identifies */
   } segmentKey;      /* laid out as PLATIPCResID */
   TrelU32 connected; /* 1 once filled */
   TrelU32 reserved;

@@ -19,14 +19,14 @@ typedef struct PLATHIPCMemory PLATHIPCMemory;
 
 /* Options of a node. A null record selects all defaults, a word of 0 that word's default. */
 typedef struct NodeOptions_t {
-  uint32_t optionWord0;      /* stored; bit 0 is the recreation mark */
-  uint32_t optionWord1;      /* stored */
-  uint32_t optionWord2;      /* stored */
-  uint32_t initialCondition; /* 2 or 0; 4, 8, 16 and 32 are stored too and refused by readers */
-  uint32_t updateMode;       /* TREL_UPDATE_BY_..., default by counter */
-  uint32_t optionWord5;      /* stored, default 200 */
-  uint32_t updateInterval;   /* tenths of a second, default 200 */
-  uint32_t concurrencyModel; /* 1 to 5, default 1 */
+  uint32_t optionWord0;       /* stored; bit 0 is the recreation mark */
+  uint32_t optionWord1;       /* stored */
+  uint32_t optionWord2;       /* stored */
+  uint32_t initialCondition;  /* 2 or 0; 4, 8, 16 and 32 are stored too and refused by readers */
+  uint32_t updateMode;        /* TREL_UPDATE_BY_..., default by counter */
+  uint32_t optionWord5;       /* stored, default 200 */
+  uint32_t updateInterval;    /* tenths of a second, default 200 */
+  uint32_t concurrencyModel;  /* 1 to 5, default 1 */
   uint32_t lastUpdateTime[2]; /* low word, high word; 0: the current tick */
 } NodeOptions_t;
 

@@ -25,26 +25,32 @@ class Flow {
   // A failure, traced with the source line as its probe number and, if given, the data concerned.
   uint32_t fail(uint32_t code, const void* data = nullptr, uint32_t size = 0,
                 uint32_t probe = __builtin_LINE()) const {
-    if (TREL_UNLIKELY(on_)) _flowlogErrorVar(platThreadID(), function_, code, probe, data, size);
+    if (TREL_UNLIKELY(on_)) {
+      _flowlogErrorVar(platThreadID(), function_, code, probe, data, size);
+      reported_ = true;
+    }
     return code;
   }
 
   // A failure that also goes to the log, with 4 bytes of the offending argument.
-  uint32_t logged(uint32_t code, const void* argument,
-                  uint32_t probe = __builtin_LINE()) const {
+  uint32_t logged(uint32_t code, const void* argument, uint32_t probe = __builtin_LINE()) const {
     const uint32_t data = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
     platLog(0, function_, code, probe, 2, 1, &data, 4, 0);
     return fail(code, &data, 4, probe);
   }
 
   uint32_t leave(uint32_t code) const {
-    if (TREL_UNLIKELY(on_)) _flowlogExit(platThreadID(), function_, code);
+    if (TREL_UNLIKELY(on_)) {
+      if (code && !reported_) fail(code, nullptr, 0, 0);  // probe 0: raised further down
+      _flowlogExit(platThreadID(), function_, code);
+    }
     return code;
   }
 
  private:
   uint32_t function_;
   bool on_;
+  mutable bool reported_ = false;
 };
 
 template <class Work>

@@ -1,0 +1,151 @@
+// Condition, options and heartbeat of a node.
+#include "trel/node.h"
+#include "treli/options.h"
+#include "treli/section.h"
+
+namespace trel {
+namespace {
+
+template <class Change>
+uint32_t changeCondition(uint32_t function, SNodeCB_t** node, Change&& change) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (!node || !*node) return flow.fail(TREL_RC_NODE_NULL);
+    return within<Access::write>(*node, 0, [&] { return change(*node); });
+  });
+}
+
+// A heartbeat, shown or watched, has codes of its own for each condition.
+uint32_t checkBeating(const SNodeCB_t* node) {
+  switch (node->condition) {
+    case TREL_CONDITION_CREATED:
+      return TREL_RC_BEAT_CREATED;
+    case TREL_CONDITION_INITIALISED:
+      return TREL_RC_BEAT_INITIALISED;
+    case TREL_CONDITION_ACTIVE:
+      return 0;
+    case TREL_CONDITION_ABANDONED:
+      return TREL_RC_BEAT_ABANDONED;
+    case TREL_CONDITION_DISASSOCIATED:
+      return TREL_RC_BEAT_DISASSOCIATED;
+    default:
+      return TREL_RC_CONDITION;
+  }
+}
+
+uint32_t beat(SNodeCB_t* node) {
+  int32_t counter = 0;
+  switch (node->updateMode) {
+    case TREL_UPDATE_BY_COUNTER:
+      return PLATVAtomicSigned32::increment(&node->updateCounter, &counter)
+                 ? uint32_t{TREL_RC_ATOMIC}
+                 : 0;
+    case TREL_UPDATE_BY_TIME:
+      node->lastUpdateTime = currentTick();
+      return 0;
+    default:
+      return TREL_RC_UPDATE_MODE;
+  }
+}
+
+uint32_t lookAtCounter(SNodeCB_t* node, WatchRecord_t* record) {
+  int32_t now = 0, seen = 0;
+  if (PLATVAtomicSigned32::add(&node->updateCounter, 0, &now) ||
+      PLATVAtomicSigned32::add(&record->seenCounter, 0, &seen))
+    return TREL_RC_ATOMIC;
+  if (now == seen) return TREL_RC_NO_UPDATE;
+  return PLATVAtomicSigned32::swap(&record->seenCounter, now, &seen) ? uint32_t{TREL_RC_ATOMIC} : 0;
+}
+
+uint32_t lookAtTime(const SNodeCB_t* node, WatchRecord_t* record) {
+  const uint64_t now = currentTick();
+  const uint32_t allowance = 2 * node->updateInterval;  // 32 bits wide, wrap-around included
+  if (now - node->lastUpdateTime > allowance) return TREL_RC_UPDATE_TOO_OLD;
+  record->seenTick = now;
+  return 0;
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t trelGetNodeCondition(SNodeCB_t* node, uint32_t* condition) {
+  return traced(FID_trelGetNodeCondition, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    if (!condition) return flow.fail(TREL_RC_CONDITION);
+    *condition = node->condition;
+    if (*condition < TREL_CONDITION_CREATED || *condition > TREL_CONDITION_DISASSOCIATED)
+      return flow.fail(TREL_RC_CONDITION, condition, sizeof *condition);
+    return 0;
+  });
+}
+
+uint32_t trelCheckNodeCondition(SNodeCB_t* node, uint32_t mask) {
+  return traced(FID_trelCheckNodeCondition, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    return checkCondition(node, mask);
+  });
+}
+
+uint32_t trelActivateNode(SNodeCB_t** node) {
+  return changeCondition(FID_trelActivateNode, node, [](SNodeCB_t* n) -> uint32_t {
+    if (n->condition == TREL_CONDITION_CREATED) return TREL_RC_ACTIVATE_CREATED;
+    n->condition = TREL_CONDITION_ACTIVE;
+    return 0;
+  });
+}
+
+uint32_t trelAbandonNode(SNodeCB_t** node) {
+  return changeCondition(FID_trelAbandonNode, node, [](SNodeCB_t* n) -> uint32_t {
+    n->condition = TREL_CONDITION_ABANDONED;
+    return 0;
+  });
+}
+
+uint32_t trelDisassociateNode(SNodeCB_t** node) {
+  return changeCondition(FID_trelDisassociateNode, node, [](SNodeCB_t* n) -> uint32_t {
+    n->condition = TREL_CONDITION_DISASSOCIATED;
+    return 0;
+  });
+}
+
+uint32_t trelSetNodeOptions(SNodeCB_t* node, const NodeOptions_t* options) {
+  return traced(FID_trelSetNodeOptions, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    NodeOptions_t wanted;
+    if (const uint32_t rc = readOptions(options, TREL_CONDITION_ACTIVE, &wanted))
+      return flow.fail(rc);
+    return within<Access::write>(node, 0, [&]() -> uint32_t {
+      storeOptions(node, wanted);
+      return 0;
+    });
+  });
+}
+
+uint32_t trelUpdateNodeStatus(SNodeCB_t* node) {
+  return traced(FID_trelUpdateNodeStatus, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    return within<Access::write>(node, 0, [&]() -> uint32_t {
+      const uint32_t rc = checkBeating(node);
+      return rc ? rc : beat(node);
+    });
+  });
+}
+
+uint32_t trelIsStillBeingUpdated(SNodeCB_t* node, WatchRecord_t* record) {
+  return traced(FID_trelIsStillBeingUpdated, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    if (!record) return flow.fail(TREL_RC_WATCH_RECORD_NULL);
+    return within<Access::write>(node, 0, [&]() -> uint32_t {
+      if (const uint32_t rc = checkBeating(node)) return rc;
+      switch (record->updateMode) {
+        case TREL_UPDATE_BY_COUNTER:
+          return lookAtCounter(node, record);
+        case TREL_UPDATE_BY_TIME:
+          return lookAtTime(node, record);
+        default:
+          return TREL_RC_UPDATE_MODE;
+      }
+    });
+  });
+}

@@ -1,0 +1,179 @@
+// Creation of a node in process memory, and initialisation of any node.
+#include <string.h>
+
+#include "platsvc/memory.h"
+#include "trel/node.h"
+#include "treli/node_layout.h"
+#include "treli/options.h"
+
+namespace trel {
+namespace {
+
+// The sections that trelInitNode fills, in its order, with the bytes that each needs.
+struct FixedSection {
+  uint32_t bit;
+  uint64_t need;
+};
+
+struct Initialisation {
+  uint64_t nodeOffset;
+  uint64_t idSize;
+  const uint8_t* id;
+  SNodeInfo_t* parent;
+  const uint8_t* parentId;
+  uint64_t maxIdSize;
+  const uint8_t* record24;
+  const HdmModuleRecord_t* module;
+
+  uint32_t check(uint64_t exports);
+  uint32_t checkRoom(SNodeCB_t* node) const;
+  uint32_t fill(SNodeCB_t* node) const;
+
+ private:
+  void fillSection(SNodeCB_t* node, uint32_t bit, ExportSlot_t* slot) const;
+  template <class Use>
+  uint32_t forEachSection(SNodeCB_t* node, Use&& use) const;
+};
+
+uint32_t Initialisation::check(uint64_t exports) {
+  if (exports & (TREL_EXPORT_ID | TREL_EXPORT_PARENT)) {
+    if (maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_NODE_ID_MAX;
+    maxIdSize = round8(maxIdSize);
+  }
+  if (exports & TREL_EXPORT_ID) {
+    if (!id) return TREL_RC_ID_NULL;
+    if (idSize > maxIdSize) return TREL_RC_NODE_ID_SIZE;
+  }
+  if (exports & TREL_EXPORT_PARENT) {
+    if (!parent) return TREL_RC_NODE_INFO_NULL;
+    if (parent->idSize > maxIdSize) return TREL_RC_NODE_ID_SIZE;
+    if (parent->idSize != 0 && !parentId) return TREL_RC_ID_NULL;
+  }
+  if ((exports & TREL_EXPORT_HDM_MODULE) && !module) return TREL_RC_MODULE_NULL;
+  if ((exports & TREL_EXPORT_RECORD24) && !record24) return TREL_RC_RECORD24_NULL;
+  return 0;
+}
+
+// use(section, rc, slot) for each of the node's fixed sections, rc being the slot's own failure.
+template <class Use>
+uint32_t Initialisation::forEachSection(SNodeCB_t* node, Use&& use) const {
+  const FixedSection sections[] = {{TREL_EXPORT_ID, sizeof(IdSection_t) + maxIdSize},
+                                   {TREL_EXPORT_PARENT, sizeof(ParentSection_t) + maxIdSize},
+                                   {TREL_EXPORT_HDM_MODULE, sizeof(HdmModuleRecord_t)},
+                                   {TREL_EXPORT_RECORD24, 24},
+                                   {TREL_EXPORT_CHANGE_LIST, sizeof(ChangeListSection_t)}};
+  const uint64_t exports = node->exports;
+  for (const FixedSection& section : sections) {
+    if (!(exports & section.bit)) continue;
+    ExportSlot_t* slot = nullptr;
+    const uint32_t found = sectionOf(node, section.bit, &slot);
+    if (const uint32_t rc = use(section, found, slot)) return rc;
+  }
+  return 0;
+}
+
+// A slot that cannot be looked up is not judged here: its own code comes up when it is filled.
+uint32_t Initialisation::checkRoom(SNodeCB_t* node) const {
+  return forEachSection(
+      node, [](const FixedSection& section, uint32_t found, const ExportSlot_t* slot) -> uint32_t {
+        return found == 0 && slot->size < section.need ? uint32_t{TREL_RC_SLOT_USED} : 0;
+      });
+}
+
+uint32_t Initialisation::fill(SNodeCB_t* node) const {
+  return forEachSection(node, [&](const FixedSection& section, uint32_t found, ExportSlot_t* slot) {
+    if (found == 0) fillSection(node, section.bit, slot);
+    return found;
+  });
+}
+
+void Initialisation::fillSection(SNodeCB_t* node, uint32_t bit, ExportSlot_t* slot) const {
+  switch (bit) {
+    case TREL_EXPORT_ID: {
+      auto* section = inSection<IdSection_t>(node, slot);
+      section->maxIdSize = maxIdSize;
+      section->idSize = idSize;
+      memcpy(section + 1, id, idSize);
+      slot->used = sizeof *section + idSize;
+      break;
+    }
+    case TREL_EXPORT_PARENT: {
+      auto* section = inSection<ParentSection_t>(node, slot);
+      section->maxIdSize = maxIdSize;
+      section->parent = *parent;
+      section->parent.selfOffset = nodeOffset + slot->offset + offsetof(ParentSection_t, parent);
+      if (parent->idSize) memcpy(section + 1, parentId, parent->idSize);
+      slot->used = sizeof *section + parent->idSize;
+      break;
+    }
+    case TREL_EXPORT_HDM_MODULE:
+      *inSection<HdmModuleRecord_t>(node, slot) = *module;
+      slot->used = sizeof *module;
+      break;
+    case TREL_EXPORT_RECORD24:
+      memcpy(inSection(node, slot), record24, 24);
+      slot->used = 24;
+      break;
+    default: {
+      auto* section = inSection<ChangeListSection_t>(node, slot);
+      memset(section, 0, sizeof *section);
+      section->exports = node->exports;
+      slot->used = sizeof *section;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t trelCreateNodeInPM(SNodeCB_t** node, uint64_t exports, const uint64_t sizes[64],
+                            uint64_t* nodeSize, uint64_t* nodeOffset, uint32_t version,
+                            uint32_t latchVersion) {
+  return traced(FID_trelCreateNodeInPM, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkCreation(node, sizes, nodeSize, nodeOffset)) return flow.fail(rc);
+    uint64_t total = 0;
+    if (const uint32_t rc = sumSizes(sizes, &total)) return flow.fail(rc, &total, sizeof total);
+    *nodeSize = total;
+    if (version != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HANDLE_VERSION);
+    void* block = nullptr;
+    if (_platMemAlloc(&block, 0, static_cast<uint32_t>(total), 1, kModuleName, __LINE__) != 0)
+      return flow.fail(TREL_RC_NODE_ALLOCATION, &total, sizeof total);
+    auto* made = static_cast<SNodeCB_t*>(block);
+    if (const uint32_t rc = layOut(made, total, exports, sizes, latchVersion)) {
+      _platMemFree(&block, 0, 0, kModuleName, __LINE__);
+      return flow.fail(rc);
+    }
+    *node = made;
+    *nodeOffset = offsetOf(made, nullptr);
+    return 0;
+  });
+}
+
+uint32_t trelInitNode(SNodeCB_t** node, uint64_t nodeOffset, uint64_t idSize, const uint8_t* id,
+                      SNodeInfo_t* parent, const uint8_t* parentId, uint64_t maxIdSize,
+                      const uint8_t* record24, const HdmModuleRecord_t* module,
+                      const NodeOptions_t* options) {
+  return traced(FID_trelInitNode, [&](const Flow& flow) -> uint32_t {
+    if (!node || !*node) return flow.fail(TREL_RC_NODE_NULL);
+    SNodeCB_t* n = *node;
+    Initialisation init{nodeOffset, idSize, id, parent, parentId, maxIdSize, record24, module};
+    if (const uint32_t rc = init.check(n->exports)) return flow.fail(rc);
+    NodeOptions_t wanted;
+    if (const uint32_t rc = readOptions(options, TREL_CONDITION_INITIALISED, &wanted))
+      return flow.fail(rc);
+    if (const uint32_t rc = init.checkRoom(n)) return flow.fail(rc);
+    return within<Access::write>(n, 0, [&]() -> uint32_t {
+      n->tag = 0;
+      n->nodeOffset = nodeOffset;
+      n->eyeCatcher1 = TREL_EYE_CATCHER1;
+      n->eyeCatcher2 = TREL_EYE_CATCHER2;
+      storeOptions(n, wanted);
+      for (PLATVAtomicSigned32* counter :
+           {&n->spareCounter2, &n->spareCounter1, &n->reconfigCounter, &n->updateCounter})
+        PLATVAtomicSigned32::init(counter, 0, 1);
+      return init.fill(n);
+    });
+  });
+}

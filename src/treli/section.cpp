@@ -1,0 +1,117 @@
+#include "treli/section.h"
+
+#include "trel/node.h"
+
+namespace trel {
+
+uint32_t refusalOf(uint32_t condition) {
+  switch (condition) {
+    case TREL_CONDITION_CREATED:
+      return TREL_RC_CREATED;
+    case TREL_CONDITION_INITIALISED:
+      return TREL_RC_INITIALISED;
+    case TREL_CONDITION_ABANDONED:
+      return TREL_RC_ABANDONED;
+    default:
+      return TREL_RC_DISASSOCIATED;
+  }
+}
+
+// A reader changes nothing, so its death needs no repair. A writer may have died between any two
+// stores: readers are told that the structure may have changed.
+void onNodeOwnerDied(SNodeCB_t* node, LatchArea_t* area) {
+  if (__atomic_load_n(PLATVAtomicSigned32::word(&area->writeFlag), __ATOMIC_ACQUIRE) == 0) return;
+  countReconfiguration(node);
+  markWritten(area);
+}
+
+uint32_t initialiseLatches(SNodeCB_t* node, LatchArea_t* area, uint32_t latchVersion) {
+  uint32_t model = 0;
+  if (const uint32_t rc = readModel(node, &model)) return rc;
+  if (model != 1) return 0;
+  if (latchVersion != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
+  platVLatchInit(area->primaryLatch, 1);
+  platVLatchInit(area->spareLatch, 1);
+  PLATVAtomicSigned32::init(&area->writeFlag, 0, 1);
+  PLATVAtomicSigned32::init(&area->writeCounter, 0, 1);
+  area->latchVersion = latchVersion;
+  return 0;
+}
+
+namespace {
+
+// What the two exported ways out share with the ways in: they know the model by the field alone.
+uint32_t checkLatched(SNodeCB_t* node, const LatchArea_t* area, bool* latched) {
+  if (!node) return TREL_RC_NODE_NULL;
+  if (!area) return TREL_RC_LATCH_AREA_NULL;
+  uint32_t model = 0;
+  if (const uint32_t rc = readModel(node, &model)) return rc;
+  *latched = model == 1;
+  return *latched && area->latchVersion != TREL_STRUCTURE_VERSION ? uint32_t{TREL_RC_LATCH_VERSION}
+                                                                  : 0;
+}
+
+template <Access access>
+uint32_t enterExported(uint32_t function, SNodeCB_t* node, LatchArea_t* area) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    bool latched = false;
+    if (const uint32_t rc = checkLatched(node, area, &latched)) return flow.fail(rc);
+    Section section;
+    return latched ? enterSection<access>(node, area, &section) : 0;
+  });
+}
+
+template <Access access>
+uint32_t leaveExported(uint32_t function, SNodeCB_t* node, LatchArea_t* area) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    Section section;
+    if (const uint32_t rc = checkLatched(node, area, &section.latched)) return flow.fail(rc);
+    return leaveSection<access>(area, section);
+  });
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t trelEnterCriticalSectionBeforeRead(SNodeCB_t* node, LatchArea_t* area) {
+  return enterExported<Access::read>(FID_trelEnterCriticalSectionBeforeRead, node, area);
+}
+
+uint32_t trelExitCriticalSectionAfterRead(SNodeCB_t* node, LatchArea_t* area) {
+  return leaveExported<Access::read>(FID_trelExitCriticalSectionAfterRead, node, area);
+}
+
+uint32_t trelEnterCriticalSectionBeforeWrite(SNodeCB_t* node, LatchArea_t* area) {
+  return enterExported<Access::write>(FID_trelEnterCriticalSectionBeforeWrite, node, area);
+}
+
+uint32_t trelExitCriticalSectionAfterWrite(SNodeCB_t* node, LatchArea_t* area) {
+  return leaveExported<Access::write>(FID_trelExitCriticalSectionAfterWrite, node, area);
+}
+
+uint32_t trelInitializeLatches(SNodeCB_t* node, LatchArea_t* area, uint32_t latchVersion) {
+  return traced(FID_trelInitializeLatches, [&](const Flow& flow) -> uint32_t {
+    if (!area) return flow.fail(TREL_RC_LATCH_AREA_NULL);
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    return initialiseLatches(node, area, latchVersion);
+  });
+}
+
+uint32_t trelSetConcurrencyModel(SNodeCB_t* node, uint32_t model) {
+  return traced(FID_trelSetConcurrencyModel, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    if (model > 5) return flow.fail(TREL_RC_MODEL_RANGE, &model, sizeof model);
+    node->concurrencyModel = model;
+    return 0;
+  });
+}
+
+uint32_t trelReturnConcurrencyModel(SNodeCB_t* node, uint32_t* model) {
+  return traced(FID_trelReturnConcurrencyModel, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    if (!model) return flow.fail(TREL_RC_OUT_MODEL);
+    return readModel(node, model);
+  });
+}
