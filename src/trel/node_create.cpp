@@ -170,9 +170,9 @@ uint32_t trelInitNode(SNodeCB_t** node, uint64_t nodeOffset, uint64_t idSize, co
       n->eyeCatcher1 = TREL_EYE_CATCHER1;
       n->eyeCatcher2 = TREL_EYE_CATCHER2;
       storeOptions(n, wanted);
-      for (PLATVAtomicSigned32* counter :
-           {&n->spareCounter2, &n->spareCounter1, &n->reconfigCounter, &n->updateCounter})
-        PLATVAtomicSigned32::init(counter, 0, 1);
+      PLATVAtomicSigned32* const counters[] = {&n->spareCounter2, &n->spareCounter1,
+                                               &n->reconfigCounter, &n->updateCounter};
+      for (PLATVAtomicSigned32* counter : counters) PLATVAtomicSigned32::init(counter, 0, 1);
       return init.fill(n);
     });
   });
