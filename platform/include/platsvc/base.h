@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #define PLAT_API __attribute__((visibility("default")))
+#define PLAT_HIDDEN __attribute__((visibility("hidden")))
 
 #ifdef __cplusplus
 #define PLAT_BEGIN_C extern "C" {

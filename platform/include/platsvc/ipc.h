@@ -7,11 +7,12 @@
 #include <stddef.h>
 
 #include "platsvc/base.h"
+#include "platsvc/codes.h"
 
 struct shmid_ds;
 
 /* create found a segment of that key. */
-constexpr uint32_t kPlatSegmentExists = 0x9000004a;
+constexpr uint32_t kPlatSegmentExists = PLAT_RC_SEGMENT_EXISTS;
 
 struct PLATIPCMemoryCreateParam {
   uint32_t structureTag; /* PLAT_STRUCTURE_TAG */
@@ -30,18 +31,22 @@ struct PLATIPCSecurityParam {
 };
 
 /* One shared segment. An object is made by `new`, which gives null when there is no memory, and is
- * 8 bytes. Every operation returns 0 or a code. A segment is not mapped anew over an occupied
- * address: a hint that cannot be had exactly is passed over. */
+ * 8 bytes. Every operation returns 0 or a code of codes.def. A segment is not mapped anew over an
+ * occupied address: a hint that cannot be had exactly is passed over. An object is not for several
+ * threads at once. */
 class PLAT_API PLATHIPCMemory {
  public:
   PLATHIPCMemory();
-  ~PLATHIPCMemory() = default;
+  /* Leaves a segment that is still attached mapped. */
+  ~PLATHIPCMemory();
+  PLATHIPCMemory(const PLATHIPCMemory&) = delete;
+  PLATHIPCMemory& operator=(const PLATHIPCMemory&) = delete;
 
   static void* operator new(size_t size) noexcept;
   static void operator delete(void* object) noexcept;
 
-  /* Makes and maps a new segment. kPlatSegmentExists if the key is taken; a segment that cannot be
-   * mapped is removed again. */
+  /* Makes and maps a new segment, its bytes zero. kPlatSegmentExists if the key is taken; a segment
+   * that cannot be mapped is removed again. */
   uint32_t create(const PLATIPCMemoryCreateParam* param);
   /* Maps the segment of that key, at the address if it can be had, else anywhere. */
   uint32_t attach(const PLATIPCResID* resId, const void* address);
@@ -59,6 +64,8 @@ class PLAT_API PLATHIPCMemory {
 
  private:
   struct State;
+  PLAT_HIDDEN uint32_t adopt(int id, const void* hint, size_t size);
+  PLAT_HIDDEN void forget();
   union {
     State* state_;
     uint64_t width_;

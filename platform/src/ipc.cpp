@@ -1,0 +1,153 @@
+// Shared segments over System V shared memory.
+
+#include "platsvc/ipc.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+struct PLATHIPCMemory::State {
+  int id;
+  void* address;
+  size_t size;
+};
+
+namespace {
+
+constexpr uint32_t kAccessBits = 0777;
+
+uint32_t codeOf(int error) {
+  switch (error) {
+    case EEXIST:
+      return PLAT_RC_SEGMENT_EXISTS;
+    case ENOENT:
+    case EIDRM:
+      return PLAT_RC_NO_SEGMENT;
+    case EACCES:
+    case EPERM:
+      return PLAT_RC_ACCESS;
+    case EINVAL:
+      return PLAT_RC_SEGMENT_SIZE;
+    case ENOSPC:
+    case ENOMEM:
+    case ENFILE:
+    case EMFILE:
+      return PLAT_RC_SEGMENT_LIMIT;
+    default:
+      return PLAT_RC_SYSTEM;
+  }
+}
+
+// Maps at the hint, else anywhere. Null with errno. Without SHM_REMAP and SHM_RND the system
+// refuses a hint that is occupied or unaligned.
+void* map(int id, const void* hint) {
+  void* const failed = reinterpret_cast<void*>(-1);
+  void* address = hint ? shmat(id, hint, 0) : failed;
+  if (address == failed) address = shmat(id, nullptr, 0);
+  return address == failed ? nullptr : address;
+}
+
+uint32_t mapCode(int error) {
+  const uint32_t code = codeOf(error);
+  return code == PLAT_RC_SEGMENT_SIZE ? PLAT_RC_SEGMENT_MAP : code;
+}
+
+}  // namespace
+
+PLATHIPCMemory::PLATHIPCMemory() : width_(0) {}
+
+PLATHIPCMemory::~PLATHIPCMemory() { free(state_); }
+
+void* PLATHIPCMemory::operator new(size_t size) noexcept { return malloc(size); }
+
+void PLATHIPCMemory::operator delete(void* object) noexcept { free(object); }
+
+// Maps a segment and becomes its object. size 0: asks the system.
+uint32_t PLATHIPCMemory::adopt(int id, const void* hint, size_t size) {
+  State* state = static_cast<State*>(malloc(sizeof(State)));
+  if (!state) return PLAT_RC_NO_MEMORY;
+  *state = {id, map(id, hint), size};
+  uint32_t code = state->address ? 0 : mapCode(errno);
+  shmid_ds info;
+  if (code == 0 && size == 0) {
+    if (shmctl(id, IPC_STAT, &info) == 0) {
+      state->size = info.shm_segsz;
+    } else {
+      code = codeOf(errno);
+      shmdt(state->address);
+    }
+  }
+  if (code == 0) {
+    state_ = state;
+  } else {
+    free(state);
+  }
+  return code;
+}
+
+void PLATHIPCMemory::forget() {
+  free(state_);
+  state_ = nullptr;
+}
+
+uint32_t PLATHIPCMemory::create(const PLATIPCMemoryCreateParam* param) {
+  if (!param || param->resId.key == 0) return PLAT_RC_ARGUMENT;
+  if (isAttached()) return PLAT_RC_ALREADY_ATTACHED;
+  const int id = shmget(static_cast<key_t>(param->resId.key), param->size,
+                        IPC_CREAT | IPC_EXCL | static_cast<int>(param->permissions & kAccessBits));
+  if (id < 0) return codeOf(errno);
+  const uint32_t code = adopt(id, reinterpret_cast<const void*>(param->address), param->size);
+  if (code != 0) shmctl(id, IPC_RMID, nullptr);
+  return code;
+}
+
+uint32_t PLATHIPCMemory::attach(const PLATIPCResID* resId, const void* address) {
+  if (!resId || resId->key == 0) return PLAT_RC_ARGUMENT;
+  if (isAttached()) return PLAT_RC_ALREADY_ATTACHED;
+  const int id = shmget(static_cast<key_t>(resId->key), 0, 0);
+  return id < 0 ? codeOf(errno) : adopt(id, address, 0);
+}
+
+bool PLATHIPCMemory::isAttached() const { return state_ != nullptr; }
+
+uint32_t PLATHIPCMemory::getAddress(void** address) const {
+  if (!address) return PLAT_RC_ARGUMENT;
+  *address = isAttached() ? state_->address : nullptr;
+  return isAttached() ? PLAT_RC_OK : PLAT_RC_NOT_ATTACHED;
+}
+
+size_t PLATHIPCMemory::getSize() const { return isAttached() ? state_->size : 0; }
+
+uint32_t PLATHIPCMemory::detach() {
+  if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
+  if (shmdt(state_->address) != 0 && errno != EINVAL) return codeOf(errno);
+  forget();
+  return 0;
+}
+
+uint32_t PLATHIPCMemory::destroy() {
+  if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
+  if (shmctl(state_->id, IPC_RMID, nullptr) != 0 && errno != EINVAL && errno != EIDRM) {
+    return codeOf(errno);
+  }
+  return detach();
+}
+
+uint32_t PLATHIPCMemory::getInfo(shmid_ds* info) const {
+  if (!info) return PLAT_RC_ARGUMENT;
+  if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
+  return shmctl(state_->id, IPC_STAT, info) == 0 ? 0 : codeOf(errno);
+}
+
+uint32_t PLATHIPCMemory::authorize(const PLATIPCSecurityParam* param) {
+  if (!param) return PLAT_RC_ARGUMENT;
+  shmid_ds info;
+  const uint32_t code = getInfo(&info);
+  if (code != 0) return code;
+  info.shm_perm.uid = param->ownerId;
+  info.shm_perm.gid = param->groupId;
+  info.shm_perm.mode = static_cast<decltype(info.shm_perm.mode)>(
+      (info.shm_perm.mode & ~kAccessBits) | (param->accessBits & kAccessBits));
+  return shmctl(state_->id, IPC_SET, &info) == 0 ? 0 : codeOf(errno);
+}
