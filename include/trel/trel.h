@@ -6,5 +6,6 @@
 #include "trel/layout.h"
 #include "trel/node.h"
 #include "trel/records.h"
+#include "trel/storage.h"
 
 #endif

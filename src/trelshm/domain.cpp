@@ -1,0 +1,253 @@
+#include <string.h>
+
+#include "platsvc/ipc.h"
+#include "platsvc/memory.h"
+#include "trelshm/handle.h"
+#include "trelshm/heap.h"
+
+namespace trel {
+namespace {
+
+constexpr uint64_t kDefaultLevel = 7, kDefaultGranularity = 4096;
+constexpr uint32_t kDefaultPermissions = 0660;
+
+bool byKey(uint32_t accessMode) { return accessMode == 1 || accessMode == 2; }
+
+uint32_t makeHandle(ShmDomainHandle_t** handle, void* base, const ShmDomainParam_t& param,
+                    PLATHIPCMemory* memory) {
+  void* block = nullptr;
+  if (_platMemAlloc(&block, 0, sizeof(ShmDomainHandle_t), 1, __FILE__, __LINE__) != 0)
+    return TREL_RC_DOMAIN_NO_MEMORY;
+  *handle = static_cast<ShmDomainHandle_t*>(block);
+  **handle = {base, param.accessMode, param.heapOffset, memory};
+  return 0;
+}
+
+// The memory of a domain that is being created or joined, given back unless it is kept.
+class Memory {
+ public:
+  explicit Memory(bool created) : created_(created) {}
+  Memory(const Memory&) = delete;
+  Memory& operator=(const Memory&) = delete;
+  ~Memory() {
+    if (object_ && object_->isAttached()) created_ ? object_->destroy() : object_->detach();
+    delete object_;
+  }
+
+  uint32_t create(const PLATIPCResID* id, uintptr_t address, uint32_t size, uint32_t permissions) {
+    if (!(object_ = new PLATHIPCMemory)) return TREL_RC_DOMAIN_NO_MEMORY;
+    const PLATIPCMemoryCreateParam param = {PLAT_STRUCTURE_TAG, *id, size, address, permissions, 0};
+    const uint32_t rc = object_->create(&param);
+    if (rc) return rc == kPlatSegmentExists ? uint32_t{TREL_RC_SEGMENT_EXISTS} : rc;
+    return object_->getAddress(&base) ? uint32_t{TREL_RC_SEGMENT_ADDRESS} : 0;
+  }
+  uint32_t attach(const PLATIPCResID* id, uintptr_t address) {
+    if (!(object_ = new PLATHIPCMemory)) return TREL_RC_DOMAIN_NO_MEMORY;
+    if (!object_->isAttached() && object_->attach(id, reinterpret_cast<const void*>(address)) != 0)
+      return TREL_RC_SEGMENT_ATTACH;
+    return object_->getAddress(&base) ? uint32_t{TREL_RC_SEGMENT_ADDRESS} : 0;
+  }
+  // Whether a segment is large enough for the heap that it claims to hold.
+  bool holds(uint64_t heapOffset) const {
+    if (!object_) return true;
+    const uint64_t size = object_->getSize();
+    if (heapOffset > size || size - heapOffset < TREL_HEAP_HEADER_SIZE) return false;
+    return Heap(base, heapOffset, kDomainKind).header()->heapSize <= size - heapOffset;
+  }
+  PLATHIPCMemory* keep() {
+    PLATHIPCMemory* object = object_;
+    object_ = nullptr;
+    return object;
+  }
+
+  void* base = nullptr;
+
+ private:
+  PLATHIPCMemory* object_ = nullptr;
+  bool created_;
+};
+
+// The caller's record with the defaults in place of zeros.
+ShmDomainParam_t complete(const ShmDomainParam_t* given, uint32_t accessMode) {
+  ShmDomainParam_t p = given ? *given : ShmDomainParam_t{};
+  takeDefault(&p.heapVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.handleVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.latchVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.maxLevel, kDefaultLevel);
+  takeDefault(&p.granularity, kDefaultGranularity);
+  takeDefault(&p.accessMode, accessMode);
+  takeDefault(&p.permissions, kDefaultPermissions);
+  return p;
+}
+
+// The sequence that disconnect, free and mark share: a handle that stands, an aligned offset.
+uint32_t checkDomainHandle(const Flow& flow, const ShmDomainHandle_t* handle) {
+  if (const uint32_t rc = checkHandle(flow, handle)) return rc;
+  return isAligned8(handle->heapOffset) ? 0 : flow.fail(TREL_RC_DOMAIN_OFFSET_ALIGN);
+}
+
+// Ends the handle's memory by `end`, and frees the handle.
+uint32_t dropHandle(const Flow& flow, ShmDomainHandle_t** handle, uint32_t (PLATHIPCMemory::*end)(),
+                    uint32_t endFailed) {
+  ShmDomainHandle_t* h = *handle;
+  if (!byKey(h->accessMode) && h->accessMode != 3) return flow.fail(TREL_RC_ACCESS_MODE);
+  if (byKey(h->accessMode) && h->ipcMemory) {
+    if ((h->ipcMemory->*end)() != 0) return flow.fail(endFailed);
+    delete h->ipcMemory;
+    h->ipcMemory = nullptr;
+  }
+  return freeHandle(flow, handle);
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t trelCreateShmDomain(const PLATIPCResID* resId, uintptr_t address, uint32_t size,
+                             const ShmDomainParam_t* given, ShmDomainHandle_t** handle) {
+  return traced(FID_trelCreateShmDomain, [&](const Flow& flow) -> uint32_t {
+    const ShmDomainParam_t param = complete(given, 1);
+    if (!isAligned8(param.heapOffset)) return flow.fail(TREL_RC_HEAP_OFFSET_ALIGN);
+    if (param.userAreaSize > size) return flow.fail(TREL_RC_USER_AREA_SIZE);
+    if (const uint32_t rc = checkVersions(param)) return flow.fail(rc);
+    if (const uint32_t rc = checkGranularity(param.granularity, size, TREL_RC_DOMAIN_GRANULARITY,
+                                             TREL_RC_DOMAIN_GRANULARITY_ALIGN))
+      return flow.fail(rc);
+    if (!handle) return flow.fail(TREL_RC_DOMAIN_HANDLE_NULL);
+
+    Memory memory(true);
+    if (param.accessMode == 1) {
+      if (!resId) return flow.fail(TREL_RC_SEGMENT_NULL);
+      // The segment has the size of the heap, so the heap can begin nowhere but at its start.
+      if (param.heapOffset != 0) return flow.fail(TREL_RC_HEAP_OFFSET_ALIGN);
+      if (const uint32_t rc = memory.create(resId, address, size, param.permissions))
+        return flow.fail(rc);
+    } else if (param.accessMode == 3) {
+      if (!address) return flow.fail(TREL_RC_BASE_NULL);
+      memory.base = reinterpret_cast<void*>(address);
+    } else {
+      return flow.fail(TREL_RC_ACCESS_MODE);
+    }
+
+    HeapPlan plan = {size,
+                     {param.nodeCount, param.maxLevel, 0, 0, 0},
+                     param.granularity,
+                     param.userAreaSize,
+                     param.userData,
+                     param.latchVersion,
+                     param.heapVersion,
+                     param.handleVersion,
+                     param.heapFlags,
+                     0};
+    plan.sizes.workOut(size, TREL_HEAP_DOMAIN, param.userAreaSize);
+    if (const uint32_t rc = createHeap(memory.base, param.heapOffset, kDomainKind, plan))
+      return flow.fail(rc);
+    if (const uint32_t rc = makeHandle(handle, memory.base, param, nullptr)) {
+      Heap(memory.base, param.heapOffset, kDomainKind).header()->heapState = 0;
+      return flow.fail(rc);
+    }
+    (*handle)->ipcMemory = memory.keep();
+    return 0;
+  });
+}
+
+uint32_t trelConnectToShmDomain(const PLATIPCResID* resId, uintptr_t address,
+                                const ShmDomainParam_t* given, ShmDomainHandle_t** handle) {
+  return traced(FID_trelConnectToShmDomain, [&](const Flow& flow) -> uint32_t {
+    const ShmDomainParam_t param = complete(given, 2);
+    if (!isAligned8(param.heapOffset)) return flow.fail(TREL_RC_HEAP_OFFSET_ALIGN);
+    if (param.handleVersion != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HANDLE_VERSION);
+    if (param.heapVersion != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HEAP_VERSION);
+    if (!handle) return flow.fail(TREL_RC_DOMAIN_HANDLE_NULL);
+
+    Memory memory(false);
+    if (byKey(param.accessMode)) {
+      if (!resId) return flow.fail(TREL_RC_SEGMENT_NULL);
+      if (const uint32_t rc = memory.attach(resId, address)) return flow.fail(rc);
+    } else if (param.accessMode == 3) {
+      if (!address) return flow.fail(TREL_RC_BASE_NULL);
+      memory.base = reinterpret_cast<void*>(address);
+    } else {
+      return flow.fail(TREL_RC_ACCESS_MODE);
+    }
+    Heap heap(memory.base, param.heapOffset, kDomainKind);
+    if (!memory.holds(param.heapOffset)) return flow.fail(TREL_RC_DOMAIN_STATE);
+    if (const uint32_t rc = connectHeap(&heap)) return flow.fail(rc);
+    if (const uint32_t rc = makeHandle(handle, memory.base, param, nullptr)) {
+      disconnectHeap(&heap);
+      return flow.fail(rc);
+    }
+    (*handle)->ipcMemory = memory.keep();
+    return 0;
+  });
+}
+
+uint32_t trelDisconnectFromShmDomain(ShmDomainHandle_t** handle) {
+  return traced(FID_trelDisconnectFromShmDomain, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkDomainHandle(flow, handle ? *handle : nullptr)) return rc;
+    Heap heap = heapOf(*handle);
+    if (const uint32_t rc = checkStoredVersions(heap, false)) return flow.fail(rc);
+    if (const uint32_t rc = disconnectHeap(&heap)) return flow.fail(rc);
+    return dropHandle(flow, handle, &PLATHIPCMemory::detach, TREL_RC_SEGMENT_DETACH);
+  });
+}
+
+uint32_t trelFreeShmDomain(ShmDomainHandle_t** handle, uint32_t freeMode) {
+  return traced(FID_trelFreeShmDomain, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkDomainHandle(flow, handle ? *handle : nullptr)) return rc;
+    Heap heap = heapOf(*handle);
+    if (const uint32_t rc = checkStoredVersions(heap, true)) return flow.fail(rc);
+    if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
+    if (freeMode != 1 && freeMode != 2) return flow.fail(TREL_RC_DOMAIN_FREE_MODE);
+    HeapHeader_t* header = heap.header();
+    uint32_t ownerDied = 0;  // what it left does not matter any more
+    const bool latched = enterLatch(&header->heapLatch, &ownerDied) == 0;
+    const bool inUse = freeMode == 1 && header->connectionCount > 1;
+    if (!inUse) {
+      header->heapFlags |= TREL_HEAP_MARKED;
+      header->heapState = 0;
+    }
+    if (latched) leaveHeap(heap);
+    if (inUse) return flow.fail(TREL_RC_DOMAIN_CONNECTED);
+    return dropHandle(flow, handle, &PLATHIPCMemory::destroy, TREL_RC_SEGMENT_DESTROY);
+  });
+}
+
+uint32_t trelMarkShmDomainForDeletion(ShmDomainHandle_t* handle) {
+  return traced(FID_trelMarkShmDomainForDeletion, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkDomainHandle(flow, handle)) return rc;
+    const Heap heap = heapOf(handle);
+    if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
+    heap.header()->heapFlags |= TREL_HEAP_MARKED;
+    return 0;
+  });
+}
+
+uint32_t trelDestroyShmDomainHandle(ShmDomainHandle_t** handle) {
+  return destroyHandle(FID_trelDestroyShmDomainHandle, handle);
+}
+
+uint32_t trelLatchShmDomain(ShmDomainHandle_t* handle) {
+  return latchHandle(FID_trelLatchShmDomain, handle);
+}
+
+uint32_t trelUnlatchShmDomain(ShmDomainHandle_t* handle) {
+  return unlatchHandle(FID_trelUnlatchShmDomain, handle);
+}
+
+uint32_t trelSetDomainUserAppData(ShmDomainHandle_t* handle, uint64_t size, const void* data) {
+  return setUserArea(FID_trelSetDomainUserAppData, handle, size, data);
+}
+
+uint32_t trelGetDomainUserAppData(ShmDomainHandle_t* handle, uint64_t* size, void* data) {
+  return getUserArea(FID_trelGetDomainUserAppData, handle, size, data);
+}
+
+uint32_t trelGetShmDomainInfo(ShmDomainHandle_t* handle, ShmDomainInfo_t* info) {
+  return traced(FID_trelGetShmDomainInfo, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle)) return rc;
+    if (!info) return flow.logged(TREL_RC_DOMAIN_INFO_NULL, info);
+    return readInfo(flow, heapOf(handle), info);
+  });
+}

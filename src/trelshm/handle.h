@@ -1,0 +1,189 @@
+// What domains and pools have in common as seen through their handles.
+#pragma once
+
+#include <string.h>
+
+#include "platsvc/memory.h"
+#include "trel/storage.h"
+#include "trelshm/heap_latch.h"
+
+namespace trel {
+
+template <class T>
+inline void takeDefault(T* field, T byDefault) {
+  if (*field == 0) *field = byDefault;
+}
+
+// Parameters of either kind, their defaults in place.
+template <class Param>
+uint32_t checkVersions(const Param& param) {
+  if (param.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  if (param.latchVersion != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
+  return param.heapVersion != TREL_STRUCTURE_VERSION ? uint32_t{TREL_RC_HEAP_VERSION} : 0;
+}
+
+inline uint32_t checkGranularity(uint64_t granularity, uint64_t size, uint32_t rcRange,
+                                 uint32_t rcAlign) {
+  if (granularity != 8 && (granularity < 8 || granularity > size)) return rcRange;
+  return isAligned8(granularity) ? 0 : rcAlign;
+}
+
+// The kinds of handle.
+template <class Handle>
+struct HandleTraits;
+
+template <>
+struct HandleTraits<ShmDomainHandle_t> {
+  static constexpr const HeapKind& kind = kDomainKind;
+  static constexpr uint32_t rcNull = TREL_RC_DOMAIN_HANDLE_NULL;
+  static constexpr uint32_t rcFree = TREL_RC_DOMAIN_HANDLE_FREE;
+  static constexpr uint32_t rcUserArea = TREL_RC_DOMAIN_USER_AREA;
+  static constexpr uint32_t rcData = TREL_RC_DOMAIN_DATA_NULL;
+  static uint64_t offset(const ShmDomainHandle_t* handle) { return handle->heapOffset; }
+};
+
+template <>
+struct HandleTraits<ShmPoolHandle_t> {
+  static constexpr const HeapKind& kind = kPoolKind;
+  static constexpr uint32_t rcNull = TREL_RC_POOL_HANDLE_NULL;
+  static constexpr uint32_t rcFree = TREL_RC_POOL_HANDLE_FREE;
+  static constexpr uint32_t rcUserArea = TREL_RC_POOL_USER_AREA;
+  static constexpr uint32_t rcData = TREL_RC_POOL_DATA_NULL;
+  static uint64_t offset(const ShmPoolHandle_t* handle) { return handle->poolOffset; }
+};
+
+template <class Handle>
+Heap heapOf(const Handle* handle) {
+  return Heap(handle->base, HandleTraits<Handle>::offset(handle), HandleTraits<Handle>::kind);
+}
+
+template <class Handle>
+uint32_t checkHandle(const Flow& flow, const Handle* handle) {
+  if (!handle) return flow.logged(HandleTraits<Handle>::rcNull, handle);
+  return handle->base ? 0 : flow.logged(TREL_RC_BASE_NULL, handle->base);
+}
+
+// The versions that the heap itself holds.
+inline uint32_t checkStoredVersions(const Heap& heap, bool latchToo) {
+  const HeapHeader_t* h = heap.header();
+  if (h->heapVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HEAP_VERSION;
+  if (h->handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  return latchToo && h->latchVersion != TREL_STRUCTURE_VERSION ? uint32_t{TREL_RC_LATCH_VERSION}
+                                                               : 0;
+}
+
+template <class Handle>
+uint32_t freeHandle(const Flow& flow, Handle** handle) {
+  void* block = *handle;
+  if (_platMemFree(&block, 0, 0, __FILE__, __LINE__) != 0)
+    return flow.fail(HandleTraits<Handle>::rcFree);
+  *handle = nullptr;
+  return 0;
+}
+
+template <class Handle>
+uint32_t destroyHandle(uint32_t function, Handle** handle) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr)) return rc;
+    if (heapOf(*handle).header()->handleVersion != TREL_STRUCTURE_VERSION)
+      return flow.fail(TREL_RC_HANDLE_VERSION);
+    return freeHandle(flow, handle);
+  });
+}
+
+template <class Handle>
+uint32_t latchHandle(uint32_t function, Handle* handle) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle)) return rc;
+    Heap heap = heapOf(handle);
+    if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
+    if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
+    enterHeap(&heap);
+    return 0;
+  });
+}
+
+template <class Handle>
+uint32_t unlatchHandle(uint32_t function, Handle* handle) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle)) return rc;
+    const Heap heap = heapOf(handle);
+    const uint32_t rc = checkHeap(heap);
+    return firstOf(rc, leaveHeap(heap));
+  });
+}
+
+// The stored size of the user area, tested against the heap's.
+template <class Handle, class Work>
+uint32_t onUserArea(uint32_t function, const Handle* handle, const void* data, Work&& work) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle)) return rc;
+    if (!data) return flow.logged(HandleTraits<Handle>::rcData, data);
+    const Heap heap = heapOf(handle);
+    return work(flow, heap, heap.header()->userAreaSize,
+                heap.header()->userAreaSize <= heap.header()->heapSize
+                    ? 0
+                    : HandleTraits<Handle>::rcUserArea);
+  });
+}
+
+template <class Handle>
+uint32_t setUserArea(uint32_t function, Handle* handle, uint64_t size, const void* data) {
+  return onUserArea(
+      function, handle, data,
+      [&](const Flow& flow, const Heap& heap, uint64_t stored, uint32_t rcStored) -> uint32_t {
+        if (rcStored) return flow.fail(rcStored);
+        if (size != stored) return flow.fail(TREL_RC_USER_AREA_SIZE);
+        memcpy(heap.userArea(), data, size);
+        return 0;
+      });
+}
+
+template <class Handle>
+uint32_t getUserArea(uint32_t function, Handle* handle, uint64_t* size, void* data) {
+  return onUserArea(
+      function, handle, data,
+      [&](const Flow& flow, const Heap& heap, uint64_t stored, uint32_t rcStored) -> uint32_t {
+        if (!size) return flow.fail(HandleTraits<Handle>::rcData);
+        *size = stored;
+        if (rcStored) return flow.fail(rcStored);
+        memcpy(data, heap.userArea(), stored);
+        return 0;
+      });
+}
+
+// The figures that both information records have, by name.
+template <class Info>
+uint32_t readInfo(const Flow& flow, Heap heap, Info* info) {
+  if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
+  const HeapHeader_t& h = *heap.header();
+  const SkipListHeader_t& list = *heap.list();
+  info->heapVersion = h.heapVersion;
+  info->handleVersion = h.handleVersion;
+  info->latchVersion = h.latchVersion;
+  info->heapFlags = h.heapFlags;
+  info->heapOffset = h.heapOffset;
+  info->connectionCount = h.connectionCount;
+  info->heapSize = h.heapSize;
+  info->freeBytes = h.freeBytes;
+  info->allocatedBytes = h.allocatedBytes;
+  info->requestedNodeCount = h.requestedNodeCount;
+  info->granularity = h.granularity;
+  info->userAreaSize = h.userAreaSize;
+  info->maxLevel = list.maxLevel;
+  info->slSpaceSize = list.slSpaceSize;
+  info->slUsedBytes = list.slUsedBytes;
+  info->allocNodeCount = list.allocNodeCount;
+  info->freeNodeCount = list.freeNodeCount;
+  info->rebuildCount = list.rebuildCount;
+  info->allocListLevel = list.allocListLevel;
+  // Its place follows from the number of levels; the lists may be changing just now.
+  info->freeListLevel = 0;
+  if (list.maxLevel <= TREL_HEAP_MAX_LEVEL)
+    info->freeListLevel = heap.word(heap.listOffset() + 112 + 8 * list.maxLevel);
+  info->word0 = heap.tail()->words[0];
+  info->word2 = heap.tail()->words[2];
+  return 0;
+}
+
+}  // namespace trel

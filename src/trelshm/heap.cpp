@@ -1,0 +1,408 @@
+#include "trelshm/heap.h"
+
+#include <string.h>
+
+#include "trel/storage.h"
+#include "trelshm/free_blocks.h"
+#include "trelshm/heap_latch.h"
+
+namespace trel {
+namespace {
+
+// How many nodes a heap below a size is to have room for: the larger of size / divisor / 8, size /
+// divisor or a floor, and a share of the size's 183 bytes units.
+struct SizeRow {
+  uint64_t below;
+  uint64_t divisor, second;  // size / divisor / second
+  uint64_t floor;
+  double factor;
+};
+
+constexpr uint64_t kNodeCost = 183;  // assumed mean bytes of a list node
+constexpr uint64_t kAny = ~uint64_t{0};
+
+constexpr SizeRow kDomainRows[] = {{0x100000, 32768, 1, 25, 0.01},
+                                   {0x4000000, 10240, 8, 350, 0.005},
+                                   {0x20000000, 24576, 8, 1000, 0.00125},
+                                   {0x40000000, 524288, 1, 1750, 0.00085},
+                                   {kAny, 1048576, 1, 2250, 0.0008}};
+
+constexpr SizeRow kPoolRows[] = {
+    {0x80000, 8192, 1, 50, 0.02},         {0x100000, 1100, 8, 75, 0.0215},
+    {0x800000, 1225, 8, 125, 0.021},      {0x4000000, 16384, 1, 850, 0.0135},
+    {0x20000000, 10240, 8, 4000, 0.0025}, {0x40000000, 12288, 8, 7500, 0.002},
+    {kAny, 14336, 8, 11000, 0.00195}};
+
+constexpr uint64_t kDomainNodeCap = 10000, kPoolNodeCap = 250000;
+
+uint64_t nodeCountOf(uint64_t size, const SizeRow* row) {
+  while (size >= row->below && row->below != kAny) ++row;
+  const uint64_t divided = size / row->divisor / row->second;
+  const uint64_t a = divided > row->floor ? divided : row->floor;
+  const uint64_t b = static_cast<uint64_t>(static_cast<double>(size / kNodeCost) * row->factor);
+  return a > b ? a : b;
+}
+
+uint32_t initialiseLatch(ExclusiveLatch_t* record, uint64_t version) {
+  if (version != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
+  platVLatchInit(record->latch, 1);
+  record->version = static_cast<uint32_t>(version);
+  return 0;
+}
+
+void writeHeader(const Heap& heap, const HeapPlan& plan) {
+  HeapHeader_t* h = heap.header();
+  h->heapVersion = plan.heapVersion;
+  h->handleVersion = plan.handleVersion;
+  h->latchVersion = plan.latchVersion;
+  h->heapFlags = plan.flags;
+  h->heapOffset = heap.offset();
+  h->connectionCount = 1;
+  h->heapSize = plan.size;
+  h->freeBytes = 0;
+  h->allocatedBytes = 0;
+  h->requestedNodeCount = plan.sizes.nodeCount;
+  h->granularity = plan.granularity;
+  h->topPool = heap.kind().kind == TREL_HEAP_DOMAIN ? 0 : plan.ownerOffset;
+  h->userAreaSize = plan.userAreaSize;
+  if (plan.userAreaSize && plan.userData) memcpy(heap.userArea(), plan.userData, plan.userAreaSize);
+  for (TrelU64& word : heap.tail()->words) word = 0;
+}
+
+uint32_t writeDebug(const Heap& heap, uint64_t latchVersion) {
+  if (const uint32_t rc = initialiseLatch(&heap.tail()->debugLatch, latchVersion)) return rc;
+  return insideDebug(heap, [&]() -> uint32_t {
+    DebugRecord_t* debug = &heap.tail()->debug;
+    *debug = DebugRecord_t{};
+    debug->debugFlags = 0xb;
+    debug->debugMode = TREL_PAD_DEFAULT;
+    debug->frontPadWords = 2;
+    debug->backPadWords = 2;
+    return 0;
+  });
+}
+
+uint32_t layOut(Heap* heap, const HeapPlan& plan) {
+  writeHeader(*heap, plan);
+  if (const uint32_t rc = writeDebug(*heap, plan.latchVersion)) return rc;
+  if (heapHeaderSizeOf(plan.userAreaSize) != plan.sizes.headerSize) return heap->kind().rcHeader;
+  if (const uint32_t rc = heap->openHeader()) return rc;
+  heap->setMaxLevel(plan.sizes.maxLevel);
+  heap->setSpace(plan.sizes.space);
+  if (plan.sizes.space <= plan.sizes.listHeaderSize) return TREL_RC_SPACE_FULL;
+  heap->list()->rebuildCount = 0;
+  resetLists(*heap);
+  // The memory ends at the heap's end, but blocks at a multiple of 8.
+  InFlight first = {heap->spaceEnd(), (heap->end() - heap->spaceEnd()) & ~uint64_t{7}};
+  if (const uint32_t rc = insertFreeGuarded(heap, &first, true)) return rc;
+  heap->header()->heapState = heap->kind().state;
+  return 0;
+}
+
+}  // namespace
+
+void HeapSizes::workOut(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize) {
+  const bool domain = kind == TREL_HEAP_DOMAIN;
+  const uint64_t cap = domain ? kDomainNodeCap : kPoolNodeCap;
+  if (nodeCount == 0) nodeCount = nodeCountOf(heapSize, domain ? kDomainRows : kPoolRows);
+  if (nodeCount > cap) nodeCount = cap;
+  if (maxLevel > TREL_HEAP_MAX_LEVEL) maxLevel = TREL_HEAP_MAX_LEVEL;
+  headerSize = heapHeaderSizeOf(userAreaSize);
+  listHeaderSize = slHeaderSizeOf(maxLevel);
+  space = round8(kNodeCost * nodeCount + listHeaderSize);
+}
+
+uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const HeapPlan& plan) {
+  Heap heap(base, offset, kind);
+  // Without managed memory there is no heap, and perhaps no room for the header.
+  if (plan.userAreaSize > plan.size || plan.sizes.maxLevel > TREL_HEAP_MAX_LEVEL ||
+      plan.sizes.headerSize > plan.size || plan.sizes.space > plan.size ||
+      plan.size < plan.sizes.headerSize + plan.sizes.space + 8 ||
+      heapHeaderSizeOf(plan.userAreaSize) + slHeaderSizeOf(plan.sizes.maxLevel) > plan.size)
+    return kind.rcHeader;
+  // Memory that is used again may hold an old signature.
+  heap.header()->heapState = 0;
+  if (const uint32_t rc = initialiseLatch(&heap.header()->heapLatch, plan.latchVersion)) return rc;
+  uint32_t ownerDied = 0;
+  if (const uint32_t rc = enterLatch(&heap.header()->heapLatch, &ownerDied)) return rc;
+  const uint32_t rc = layOut(&heap, plan);
+  return firstOf(rc, leaveHeap(heap));
+}
+
+uint32_t connectHeap(Heap* heap) {
+  if (const uint32_t rc = checkHeap(*heap)) return rc;
+  if (const uint32_t rc = heap->openHeader()) return rc;
+  return insideHeap(heap, [&]() -> uint32_t {
+    HeapHeader_t* h = heap->header();
+    if (h->heapFlags & TREL_HEAP_MARKED) return heap->kind().rcMarked;
+    h->connectionCount += 1;
+    return 0;
+  });
+}
+
+uint32_t disconnectHeap(Heap* heap) {
+  if (const uint32_t rc = checkHeap(*heap)) return rc;
+  if (const uint32_t rc = heap->openHeader()) return rc;
+  return insideHeap(heap, [&]() -> uint32_t {
+    HeapHeader_t* h = heap->header();
+    if (h->connectionCount != 0) h->connectionCount -= 1;
+    return 0;
+  });
+}
+
+namespace {
+
+// The beginning of every exported operation on the inside of a heap: base, kind, offset.
+template <class Work>
+uint32_t onHeap(uint32_t function, void* base, uint32_t heapKind, uint64_t heapOffset,
+                bool testOffset, Work&& work) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
+    const HeapKind* kind = heapKindOf(heapKind);
+    if (!kind) return flow.fail(TREL_RC_HEAP_KIND, &heapKind, sizeof heapKind);
+    Heap heap(base, heapOffset, *kind);
+    if (testOffset && heap.header()->heapOffset != heapOffset) return flow.fail(kind->rcOffset);
+    return work(flow, &heap);
+  });
+}
+
+// The same for the skip lists; heapLatch is the caller's.
+template <class Work>
+uint32_t onLists(uint32_t function, void* base, uint32_t heapKind, uint64_t heapOffset,
+                 bool testOffset, Work&& work) {
+  return onHeap(function, base, heapKind, heapOffset, testOffset,
+                [&](const Flow& flow, Heap* heap) -> uint32_t {
+                  if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
+                  if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
+                  return work(heap);
+                });
+}
+
+// Two of the operations are not told the kind; the signature tells it.
+uint32_t kindBySignature(const void* base, uint64_t heapOffset) {
+  return base && Heap(base, heapOffset, kPoolKind).header()->heapState == TREL_POOL_STATE
+             ? TREL_HEAP_POOL
+             : TREL_HEAP_DOMAIN;
+}
+
+// The pointers to the block in flight, which the space operations take.
+template <class Work>
+uint32_t onInFlight(uint32_t function, void* base, uint64_t* blockOffset, uint64_t* blockSize,
+                    Work&& work) {
+  if (base && blockOffset && blockSize) {
+    InFlight block = {*blockOffset, *blockSize};
+    const uint32_t rc = work(&block);
+    *blockOffset = block.offset;
+    *blockSize = block.size;
+    return rc;
+  }
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
+    return blockOffset ? flow.logged(TREL_RC_BLOCK_SIZE_NULL, blockSize)
+                       : flow.logged(TREL_RC_BLOCK_OFFSET_NULL, blockOffset);
+  });
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+void trelGetHHeaderSize(uint64_t userAreaSize, uint64_t* size) {
+  if (size) *size = heapHeaderSizeOf(userAreaSize);
+}
+
+void trelGetSLHeaderSize(uint64_t maxLevel, uint64_t* size) {
+  if (size) *size = slHeaderSizeOf(maxLevel);
+}
+
+void trelGetUserAppAreaSize(const void* base, uint64_t heapOffset, uint64_t* size) {
+  if (size) *size = base ? uint64_t{Heap(base, heapOffset, kPoolKind).header()->userAreaSize} : 0;
+}
+
+uint32_t trelGetHHeaderInfo(uint64_t size, uint32_t heapKind, uint64_t* nodeCount,
+                            uint64_t* maxLevel, uint64_t userAreaSize, uint64_t* heapHeaderSize,
+                            uint64_t* slHeaderSize, uint64_t* slSpaceSize) {
+  return traced(FID_trelGetHHeaderInfo, [&](const Flow& flow) -> uint32_t {
+    if (!heapKindOf(heapKind)) return flow.fail(TREL_RC_HEAP_KIND, &heapKind, sizeof heapKind);
+    if (!nodeCount || !maxLevel || !heapHeaderSize || !slHeaderSize || !slSpaceSize)
+      return flow.fail(TREL_RC_BLOCK_SIZE_NULL);
+    HeapSizes sizes{*nodeCount, *maxLevel, 0, 0, 0};
+    sizes.workOut(size, heapKind, userAreaSize);
+    *nodeCount = sizes.nodeCount;
+    *maxLevel = sizes.maxLevel;
+    *heapHeaderSize = sizes.headerSize;
+    *slHeaderSize = sizes.listHeaderSize;
+    *slSpaceSize = sizes.space;
+    return 0;
+  });
+}
+
+uint32_t trelInitializeExsLatch(ExclusiveLatch_t* record, uint64_t latchVersion) {
+  return traced(FID_trelInitializeExsLatch, [&](const Flow& flow) -> uint32_t {
+    return record ? initialiseLatch(record, latchVersion) : flow.fail(TREL_RC_LATCH_RECORD_NULL);
+  });
+}
+
+uint32_t trelEnterELCriticalSection(ExclusiveLatch_t* record) {
+  return traced(FID_trelEnterELCriticalSection, [&](const Flow& flow) -> uint32_t {
+    uint32_t ownerDied = 0;
+    return record ? enterLatch(record, &ownerDied) : flow.fail(TREL_RC_LATCH_RECORD_NULL);
+  });
+}
+
+uint32_t trelExitELCriticalSection(ExclusiveLatch_t* record) {
+  return traced(FID_trelExitELCriticalSection, [&](const Flow& flow) -> uint32_t {
+    return record ? leaveLatch(record) : flow.fail(TREL_RC_LATCH_RECORD_NULL);
+  });
+}
+
+uint32_t trelCreateInitStorageHeap(void* base, uint32_t heapKind, uint64_t size,
+                                   uint64_t heapOffset, uint64_t nodeCount, uint64_t maxLevel,
+                                   uint64_t heapHeaderSize, uint64_t slHeaderSize,
+                                   uint64_t slSpaceSize, uint64_t granularity,
+                                   uint64_t userAreaSize, const void* userData,
+                                   uint64_t latchVersion, uint64_t heapVersion,
+                                   uint64_t handleVersion, uint64_t flags, uint64_t ownerOffset) {
+  return onHeap(FID_trelCreateInitStorageHeap, base, heapKind, heapOffset, false,
+                [&](const Flow&, Heap* heap) {
+                  const HeapPlan plan = {
+                      size,        {nodeCount, maxLevel, heapHeaderSize, slHeaderSize, slSpaceSize},
+                      granularity, userAreaSize,
+                      userData,    latchVersion,
+                      heapVersion, handleVersion,
+                      flags,       ownerOffset};
+                  return createHeap(base, heapOffset, heap->kind(), plan);
+                });
+}
+
+uint32_t trelConnectToStorageHeap(void* base, uint32_t heapKind, uint64_t heapOffset) {
+  return onHeap(FID_trelConnectToStorageHeap, base, heapKind, heapOffset, false,
+                [](const Flow&, Heap* heap) { return connectHeap(heap); });
+}
+
+uint32_t trelDisconnectFromStorageHeap(void* base, uint32_t heapKind, uint64_t heapOffset) {
+  return onHeap(FID_trelDisconnectFromStorageHeap, base, heapKind, heapOffset, false,
+                [](const Flow&, Heap* heap) { return disconnectHeap(heap); });
+}
+
+uint32_t trelGetFreeBlockFromSList(void* base, uint32_t heapKind, uint64_t heapOffset,
+                                   uint64_t size, uint64_t* blockOffset, uint64_t* blockSize) {
+  return onInFlight(FID_trelGetFreeBlockFromSList, base, blockOffset, blockSize,
+                    [&](InFlight* block) {
+                      return onLists(FID_trelGetFreeBlockFromSList, base, heapKind, heapOffset,
+                                     true, [&](Heap* heap) {
+                                       TakenBlock taken;
+                                       const uint32_t rc = takeBlock(heap, size, &taken);
+                                       if (rc == 0) *block = {taken.offset, taken.size};
+                                       return rc;
+                                     });
+                    });
+}
+
+uint32_t trelReturnFreeBlockToSList(void* base, uint32_t heapKind, uint64_t heapOffset,
+                                    uint64_t blockOffset, uint64_t blockSize) {
+  return onLists(FID_trelReturnFreeBlockToSList, base, heapKind, heapOffset, true,
+                 [&](Heap* heap) { return giveBlock(heap, blockOffset, blockSize); });
+}
+
+uint32_t trelInsertFreeMemChunk(void* base, uint64_t heapOffset, uint64_t blockOffset,
+                                uint64_t blockSize) {
+  return onLists(FID_trelInsertFreeMemChunk, base, kindBySignature(base, heapOffset), heapOffset,
+                 false, [&](Heap* heap) { return insertFree(*heap, blockOffset, blockSize); });
+}
+
+uint32_t trelDeleteFreeMemBlock(void* base, uint64_t heapOffset, uint64_t nodeOffset) {
+  return onLists(FID_trelDeleteFreeMemBlock, base, kindBySignature(base, heapOffset), heapOffset,
+                 false, [&](Heap* heap) { return deleteFree(*heap, nodeOffset); });
+}
+
+uint32_t trelFindFreeBlockInSList(void* base, uint32_t heapKind, uint64_t heapOffset,
+                                  uint64_t blockOffset, uint64_t* nodeOffset, uint64_t* blockSize) {
+  return onLists(FID_trelFindFreeBlockInSList, base, heapKind, heapOffset, false,
+                 [&](Heap* heap) -> uint32_t {
+                   if (!nodeOffset) return TREL_RC_BLOCK_OFFSET_NULL;
+                   if (!blockSize) return TREL_RC_BLOCK_SIZE_NULL;
+                   uint64_t node = 0;
+                   if (const uint32_t rc = findFree(*heap, blockOffset, &node)) return rc;
+                   *nodeOffset = node;
+                   *blockSize = heap->free(node)->blockSize;
+                   return 0;
+                 });
+}
+
+uint32_t trelInsertAllocMemChunk(void* base, uint32_t heapKind, uint64_t heapOffset,
+                                 uint64_t blockOffset, uint64_t blockSize, uint64_t dataOffset,
+                                 uint64_t requestedSize, uint32_t function, uint32_t line,
+                                 uint64_t* nodeOffset) {
+  return onLists(
+      FID_trelInsertAllocMemChunk, base, heapKind, heapOffset, true, [&](Heap* heap) -> uint32_t {
+        if (!nodeOffset) return TREL_RC_BLOCK_OFFSET_NULL;
+        return insertAlloc(*heap,
+                           {blockOffset, blockSize, dataOffset, requestedSize, 0, function, line},
+                           nodeOffset);
+      });
+}
+
+uint32_t trelDeleteAllocMemBlock(void* base, uint32_t heapKind, uint64_t heapOffset,
+                                 uint64_t blockOffset, uint64_t* blockSize) {
+  return onLists(FID_trelDeleteAllocMemBlock, base, heapKind, heapOffset, true,
+                 [&](Heap* heap) -> uint32_t {
+                   if (!blockSize) return TREL_RC_BLOCK_SIZE_NULL;
+                   Path path;
+                   uint64_t node = 0;
+                   if (const uint32_t rc = findAlloc(*heap, blockOffset, &path, &node)) return rc;
+                   *blockSize = heap->alloc(node)->blockSize;
+                   return unlinkAlloc(*heap, node, path);
+                 });
+}
+
+uint32_t trelInsertFreeMemBlock(void* base, uint32_t heapKind, uint64_t heapOffset,
+                                uint64_t* blockOffset, uint64_t* blockSize) {
+  return onInFlight(FID_trelInsertFreeMemBlock, base, blockOffset, blockSize, [&](InFlight* block) {
+    return onLists(FID_trelInsertFreeMemBlock, base, heapKind, heapOffset, false,
+                   [&](Heap* heap) { return insertFreeGuarded(heap, block, false); });
+  });
+}
+
+uint32_t trelInsertAllocMemBlock(void* base, uint32_t heapKind, uint64_t heapOffset,
+                                 uint64_t* blockOffset, uint64_t* blockSize, uint64_t* dataOffset,
+                                 uint64_t requestedSize, uint32_t function, uint32_t line,
+                                 uint64_t frontPadSize, uint64_t* nodeOffset) {
+  return onInFlight(
+      FID_trelInsertAllocMemBlock, base, blockOffset, blockSize, [&](const InFlight* block) {
+        return onLists(
+            FID_trelInsertAllocMemBlock, base, heapKind, heapOffset, false,
+            [&](Heap* heap) -> uint32_t {
+              if (!dataOffset || !nodeOffset) return TREL_RC_BLOCK_OFFSET_NULL;
+              *dataOffset = block->offset + frontPadSize;
+              return insertAllocGuarded(
+                  heap, {block->offset, block->size, *dataOffset, requestedSize, 0, function, line},
+                  nodeOffset);
+            });
+      });
+}
+
+uint32_t trelDefragmentSList(void* base, uint32_t heapKind, uint64_t heapOffset,
+                             uint64_t* blockOffset, uint64_t* blockSize) {
+  return onInFlight(FID_trelDefragmentSList, base, blockOffset, blockSize, [&](InFlight* block) {
+    return onLists(FID_trelDefragmentSList, base, heapKind, heapOffset, true,
+                   [&](Heap* heap) { return defragment(heap, block); });
+  });
+}
+
+uint32_t trelChangeSlistSpace(void* base, uint32_t heapKind, uint64_t heapOffset, uint64_t newSize,
+                              uint32_t direction, uint64_t* blockOffset, uint64_t* blockSize) {
+  return onInFlight(FID_trelChangeSlistSpace, base, blockOffset, blockSize, [&](InFlight* block) {
+    return onLists(FID_trelChangeSlistSpace, base, heapKind, heapOffset, false,
+                   [&](Heap* heap) -> uint32_t {
+                     if (direction != 1 && direction != 2) return TREL_RC_SPACE_DIRECTION;
+                     return changeSpace(heap, newSize, Direction{direction}, block);
+                   });
+  });
+}
+
+uint32_t trelDefragmentSLInPlace(void* base, uint32_t heapKind, uint64_t heapOffset) {
+  return onLists(FID_trelDefragmentSLInPlace, base, heapKind, heapOffset, false,
+                 [](Heap* heap) { return rebuild(heap); });
+}

@@ -1,0 +1,31 @@
+// A storage heap from its sizes to its first free block.
+#pragma once
+
+#include "trelshm/heap_view.h"
+
+namespace trel {
+
+struct HeapSizes {
+  uint64_t nodeCount, maxLevel;  // given; a count of 0 is worked out, both are clipped
+  uint64_t headerSize, listHeaderSize, space;
+
+  void workOut(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize);
+};
+
+struct HeapPlan {
+  uint64_t size;
+  HeapSizes sizes;
+  uint64_t granularity;
+  uint64_t userAreaSize;
+  const void* userData;
+  uint64_t latchVersion, heapVersion, handleVersion;
+  uint64_t flags, ownerOffset;
+};
+
+// Lays a heap out in memory that the caller has at its disposal; enters heapLatch for it.
+uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const HeapPlan& plan);
+// Counts a connection in, unless the heap is marked for deletion; and out.
+uint32_t connectHeap(Heap* heap);
+uint32_t disconnectHeap(Heap* heap);
+
+}  // namespace trel

@@ -1,0 +1,59 @@
+// Entry to the latches of a heap.
+#pragma once
+
+#include "platsvc/latch.h"
+#include "treli/flow.h"
+#include "trelshm/heap_view.h"
+
+namespace trel {
+
+// The owner of heapLatch died, and the caller holds the latch now: makes the lists whole again from
+// the allocated list, or takes the heap out of service.
+void repairHeap(Heap* heap);
+
+inline uint32_t enterLatch(ExclusiveLatch_t* record, uint32_t* ownerDied) {
+  if (TREL_UNLIKELY(record->version != TREL_STRUCTURE_VERSION)) return TREL_RC_LATCH_VERSION;
+  return TREL_UNLIKELY(plat::latchGet(record->latch, ownerDied) != 0) ? uint32_t{TREL_RC_LATCH} : 0;
+}
+
+inline uint32_t leaveLatch(ExclusiveLatch_t* record) {
+  if (TREL_UNLIKELY(record->version != TREL_STRUCTURE_VERSION)) return TREL_RC_LATCH_VERSION;
+  return TREL_UNLIKELY(plat::latchRelease(record->latch) != 0) ? uint32_t{TREL_RC_LATCH} : 0;
+}
+
+// heapLatch, with the repair of what a dead owner left.
+inline uint32_t enterHeap(Heap* heap) {
+  uint32_t ownerDied = 0;
+  const uint32_t rc = enterLatch(&heap->header()->heapLatch, &ownerDied);
+  if (TREL_UNLIKELY(rc == 0 && ownerDied)) repairHeap(heap);
+  return rc;
+}
+
+inline uint32_t leaveHeap(const Heap& heap) { return leaveLatch(&heap.header()->heapLatch); }
+
+// Runs work() inside heapLatch. The first failure counts.
+template <class Work>
+TREL_INLINE uint32_t insideHeap(Heap* heap, Work&& work) {
+  if (const uint32_t rc = enterHeap(heap)) return rc;
+  const uint32_t rc = work();
+  return firstOf(rc, leaveHeap(*heap));
+}
+
+// debugLatch: nothing behind it can be left half done, so a dead owner does not matter.
+template <class Work>
+TREL_INLINE uint32_t insideDebug(const Heap& heap, Work&& work) {
+  ExclusiveLatch_t* latch = &heap.tail()->debugLatch;
+  uint32_t ownerDied = 0;
+  if (const uint32_t rc = enterLatch(latch, &ownerDied)) return rc;
+  const uint32_t rc = work();
+  return firstOf(rc, leaveLatch(latch));
+}
+
+// The tests that most operations on a heap begin with.
+inline uint32_t checkHeap(const Heap& heap) {
+  if (TREL_UNLIKELY(heap.header()->heapState != heap.kind().state)) return heap.kind().rcState;
+  if (TREL_UNLIKELY(heap.header()->heapOffset != heap.offset())) return heap.kind().rcOffset;
+  return 0;
+}
+
+}  // namespace trel

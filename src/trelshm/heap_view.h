@@ -1,0 +1,114 @@
+// A storage heap as this process sees it: typed access to the header, the skip-list header and the
+// node positions. All arithmetic on offsets of a heap is here.
+//
+// What lies in shared memory is not trusted. open() tests the figures that everything else is
+// worked out from, and every offset that is read from the heap passes one of the contains...()
+// before it is used to reach memory. A heap that fails them answers with the code of a wrong
+// heapState.
+#pragma once
+
+#include "treli/bytes.h"
+#include "trelshm/heap_kind.h"
+
+namespace trel {
+
+constexpr uint64_t kAllocLinks = sizeof(AllocNode_t);  // links follow the fixed fields
+constexpr uint64_t kFreeLinks = sizeof(FreeNode_t);
+
+constexpr uint64_t allocNodeSize(uint64_t level) { return kAllocLinks + 8 * (level + 1); }
+constexpr uint64_t freeNodeSize(uint64_t level) { return kFreeLinks + 32 * (level + 1); }
+constexpr uint64_t slHeaderSizeOf(uint64_t maxLevel) { return 216 + 72 * maxLevel; }
+constexpr uint64_t heapHeaderSizeOf(uint64_t userAreaSize) {
+  return TREL_HEAP_HEADER_SIZE + round8(userAreaSize);
+}
+
+class Heap {
+ public:
+  Heap(const void* base, uint64_t offset, const HeapKind& kind)
+      : base_(base), offset_(offset), kind_(&kind) {}
+
+  // Reads the sizes of the header and tests that they fit each other. They never change, so no
+  // latch is needed. To be called before anything behind the fixed fields is touched.
+  uint32_t openHeader() {
+    const HeapHeader_t* h = header();
+    size_ = h->heapSize;
+    const uint64_t userArea = h->userAreaSize;
+    if (userArea > size_ || offset_ + size_ < offset_) return kind_->rcState;
+    headerSize_ = heapHeaderSizeOf(userArea);
+    return headerSize_ + slHeaderSizeOf(1) > size_ ? kind_->rcState : 0;
+  }
+
+  // The same for the skip lists. The caller holds heapLatch.
+  uint32_t openLists() {
+    maxLevel_ = list()->maxLevel;
+    space_ = list()->slSpaceSize;
+    if (maxLevel_ == 0 || maxLevel_ > TREL_HEAP_MAX_LEVEL || space_ > size_ - headerSize_ ||
+        space_ < listHeaderSize() || list()->slNextNode < listHeaderSize() ||
+        list()->slNextNode > space_)
+      return kind_->rcState;
+    return 0;
+  }
+
+  const HeapKind& kind() const { return *kind_; }
+  const void* base() const { return base_; }
+  uint64_t offset() const { return offset_; }
+  uint64_t size() const { return size_; }
+  uint64_t end() const { return offset_ + size_; }
+  uint64_t headerSize() const { return headerSize_; }
+  uint64_t maxLevel() const { return maxLevel_; }
+  uint64_t space() const { return space_; }
+  void setSpace(uint64_t space) { list()->slSpaceSize = space_ = space; }
+  // For creation, before the lists stand.
+  void setMaxLevel(uint64_t maxLevel) { list()->maxLevel = maxLevel_ = maxLevel; }
+
+  // Rebuilds by this view. A node offset is good only as long as this stays.
+  uint64_t rebuilds() const { return rebuilds_; }
+  void countRebuild() { ++rebuilds_; }
+
+  template <class T>
+  T* at(uint64_t offset) const {
+    return trel::at<T>(base_, offset);
+  }
+  TrelU64& word(uint64_t offset) const { return *at<TrelU64>(offset); }
+
+  HeapHeader_t* header() const { return at<HeapHeader_t>(offset_); }
+  HeapHeaderTail_t* tail() const {
+    return at<HeapHeaderTail_t>(offset_ + sizeof(HeapHeader_t) + round8(header()->userAreaSize));
+  }
+  void* userArea() const { return at<void>(offset_ + sizeof(HeapHeader_t)); }
+
+  // The top node of a domain is counted from the exact user area, the list heads from the rounded.
+  TrelU64& topNodeOffset() const { return word(offset_ + 248 + header()->userAreaSize); }
+  TrelU64& topNodeTag() const { return word(offset_ + 256 + header()->userAreaSize); }
+  TrelU64& segmentListHead() const { return tail()->words[2]; }
+  TrelU64& hdmListHead() const { return tail()->words[3]; }
+
+  // The skip-list space. S is its offset.
+  uint64_t listOffset() const { return offset_ + headerSize_; }
+  SkipListHeader_t* list() const { return at<SkipListHeader_t>(listOffset()); }
+  uint64_t listHeaderSize() const { return slHeaderSizeOf(maxLevel_); }
+  uint64_t allocHead() const { return listOffset() + offsetof(SkipListHeader_t, allocHead); }
+  TrelU64& freeListLevel() const { return word(listOffset() + 112 + 8 * maxLevel_); }
+  uint64_t freeHead() const { return listOffset() + 120 + 8 * maxLevel_; }
+  uint64_t freeTail() const { return listOffset() + 168 + 40 * maxLevel_; }
+
+  // The managed memory: from here to end().
+  uint64_t spaceEnd() const { return listOffset() + space_; }
+  bool containsBlock(uint64_t offset, uint64_t size) const {
+    return offset >= spaceEnd() && offset <= end() && size <= end() - offset;
+  }
+  bool containsNode(uint64_t node, uint64_t size) const {
+    return node >= allocHead() && node <= spaceEnd() && size <= spaceEnd() - node;
+  }
+
+  AllocNode_t* alloc(uint64_t node) const { return at<AllocNode_t>(node); }
+  FreeNode_t* free(uint64_t node) const { return at<FreeNode_t>(node); }
+
+ private:
+  const void* base_;
+  uint64_t offset_;
+  const HeapKind* kind_;
+  uint64_t size_ = 0, headerSize_ = 0, maxLevel_ = 0, space_ = 0, rebuilds_ = 0;
+};
+
+}  // namespace trel

@@ -1,0 +1,240 @@
+#include "trelshm/engine.h"
+#include "trelshm/handle.h"
+#include "trelshm/heap.h"
+
+namespace trel {
+namespace {
+
+constexpr uint64_t kDefaultLevel = 10, kDefaultGranularity = 8;
+
+ShmPoolParam_t complete(const ShmPoolParam_t* given) {
+  ShmPoolParam_t p = given ? *given : ShmPoolParam_t{};
+  takeDefault(&p.heapVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.handleVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.latchVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.maxLevel, kDefaultLevel);
+  takeDefault(&p.granularity, kDefaultGranularity);
+  return p;
+}
+
+uint32_t makeHandle(ShmPoolHandle_t** handle) {
+  void* block = nullptr;
+  if (_platMemAlloc(&block, 0, sizeof(ShmPoolHandle_t), 1, __FILE__, __LINE__) != 0)
+    return TREL_RC_POOL_NO_MEMORY;
+  *handle = static_cast<ShmPoolHandle_t*>(block);
+  return 0;
+}
+
+uint32_t checkDomain(const Heap& domain) {
+  if (!isAligned8(domain.offset())) return TREL_RC_DOMAIN_OFFSET_ALIGN;
+  return checkHeap(domain);
+}
+
+Heap domainOf(const ShmPoolHandle_t* handle) {
+  return Heap(handle->base, handle->domainOffset, kDomainKind);
+}
+
+// Whether a heap header at that offset lies in the domain at all.
+bool poolLiesIn(Heap* domain, uint64_t poolOffset) {
+  return domain->openHeader() == 0 && poolOffset >= domain->offset() &&
+         poolOffset <= domain->end() && domain->end() - poolOffset >= TREL_HEAP_HEADER_SIZE;
+}
+
+// The block offset of the chunk whose data begins at the pool.
+uint32_t findChunk(const void* base, uint64_t poolOffset, uint64_t* chunkOffset) {
+  int64_t block = 0;
+  if (const uint32_t rc = blockOffsetOf(base, poolOffset, &block)) return rc;
+  if (block < 0) return TREL_RC_POOL_OFFSET;
+  if (!isAligned8(static_cast<uint64_t>(block))) return TREL_RC_CHUNK_OFFSET_ALIGN;
+  *chunkOffset = static_cast<uint64_t>(block);
+  return 0;
+}
+
+// Takes the nodes of a shared list that lie in a pool off the list. The first word of a node is the
+// offset of the next.
+void unlinkNodesInside(const Heap& domain, TrelU64* place, uint64_t poolOffset, uint64_t poolSize) {
+  uint64_t steps = domain.size() / sizeof(SegListNode_t);
+  while (*place != 0 && steps-- > 0) {
+    const uint64_t node = *place;
+    if (node < domain.offset() || node > domain.end() - sizeof(SegListNode_t)) return;
+    TrelU64* next = domain.at<TrelU64>(node);
+    if (node - poolOffset < poolSize)
+      *place = *next;
+    else
+      place = next;
+  }
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t _trelCreateShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domainHandle,
+                            uint32_t poolSize, const ShmPoolParam_t* given, uint32_t function,
+                            uint32_t line, const char* file) {
+  return traced(FID__trelCreateShmPool, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, domainHandle)) return rc;
+    const ShmPoolParam_t param = complete(given);
+    if (param.userAreaSize > poolSize) return flow.fail(TREL_RC_USER_AREA_SIZE);
+    if (const uint32_t rc = checkVersions(param)) return flow.fail(rc);
+    Heap domain = heapOf(domainHandle);
+    if (const uint32_t rc = checkDomain(domain)) return flow.fail(rc);
+    if (const uint32_t rc = checkGranularity(param.granularity, poolSize, TREL_RC_POOL_GRANULARITY,
+                                             TREL_RC_POOL_GRANULARITY_ALIGN))
+      return flow.fail(rc);
+    if (!handle) return flow.fail(TREL_RC_POOL_HANDLE_NULL);
+
+    HeapPlan plan = {0,
+                     {param.nodeCount, param.maxLevel, 0, 0, 0},
+                     param.granularity,
+                     param.userAreaSize,
+                     param.userData,
+                     param.latchVersion,
+                     param.heapVersion,
+                     param.handleVersion,
+                     param.heapFlags,
+                     domain.offset()};
+    plan.sizes.workOut(poolSize, TREL_HEAP_POOL, param.userAreaSize);
+    const uint64_t extra = plan.sizes.headerSize + plan.sizes.space;
+    plan.size = (poolSize + extra + param.granularity - 1) / param.granularity * param.granularity;
+
+    const Caller caller = {function, line, file};
+    Allocation chunk = {poolSize, 0, extra, plan.size, 0, 0};
+    if (const uint32_t rc = allocate(&domain, &chunk, caller)) return flow.fail(rc);
+    uint32_t rc = 0;
+    ShmPoolHandle_t* made = nullptr;
+    if (createHeap(domainHandle->base, chunk.dataOffset, kPoolKind, plan) != 0)
+      rc = TREL_RC_POOL_HEAP;
+    else
+      rc = makeHandle(&made);
+    if (rc) {
+      Heap(domain.base(), chunk.dataOffset, kPoolKind).header()->heapState = 0;
+      release(&domain, chunk.blockOffset, chunk.dataOffset, false, caller);
+      return flow.fail(rc);
+    }
+    *made = {domainHandle->base, domain.offset(), chunk.dataOffset, chunk.blockOffset};
+    *handle = made;
+    return 0;
+  });
+}
+
+uint32_t trelConnectToShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domainHandle,
+                              uint32_t poolOffset, const ShmPoolParam_t* given) {
+  return traced(FID_trelConnectToShmPool, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, domainHandle)) return rc;
+    const ShmPoolParam_t param = complete(given);
+    if (param.heapVersion != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HEAP_VERSION);
+    if (param.handleVersion != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HANDLE_VERSION);
+    Heap domain = heapOf(domainHandle);
+    if (const uint32_t rc = checkDomain(domain)) return flow.fail(rc);
+    if (!isAligned8(poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
+    if (!poolLiesIn(&domain, poolOffset)) return flow.fail(TREL_RC_POOL_STATE);
+    Heap pool(domainHandle->base, poolOffset, kPoolKind);
+    if (const uint32_t rc = checkHeap(pool)) return flow.fail(rc);
+    if (pool.header()->topPool != domain.offset()) return flow.fail(TREL_RC_DOMAIN_OFFSET);
+    if (pool.header()->heapSize > domain.end() - poolOffset) return flow.fail(TREL_RC_POOL_STATE);
+    if (!handle) return flow.fail(TREL_RC_POOL_HANDLE_NULL);
+
+    if (const uint32_t rc = connectHeap(&pool)) return flow.fail(rc);
+    ShmPoolHandle_t* made = nullptr;
+    uint64_t chunkOffset = 0;
+    uint32_t rc = makeHandle(&made);
+    if (rc == 0) rc = findChunk(domainHandle->base, poolOffset, &chunkOffset);
+    if (rc) {
+      disconnectHeap(&pool);
+      if (made) freeHandle(flow, &made);
+      return flow.fail(rc);
+    }
+    *made = {domainHandle->base, domain.offset(), poolOffset, chunkOffset};
+    *handle = made;
+    return 0;
+  });
+}
+
+uint32_t trelDisconnectFromShmPool(ShmPoolHandle_t** handle) {
+  return traced(FID_trelDisconnectFromShmPool, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr)) return rc;
+    const ShmPoolHandle_t* h = *handle;
+    if (!isAligned8(h->domainOffset)) return flow.fail(TREL_RC_DOMAIN_OFFSET_ALIGN);
+    if (!isAligned8(h->poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
+    Heap pool = heapOf(h);
+    if (const uint32_t rc = checkStoredVersions(pool, true)) return flow.fail(rc);
+    if (pool.header()->topPool != h->domainOffset) return flow.fail(TREL_RC_DOMAIN_OFFSET);
+    if (const uint32_t rc = disconnectHeap(&pool)) return flow.fail(rc);
+    return freeHandle(flow, handle);
+  });
+}
+
+uint32_t _trelFreeShmPool(ShmPoolHandle_t** handle, uint32_t freeMode, uint32_t function,
+                          uint32_t line, const char* file) {
+  return traced(FID__trelFreeShmPool, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr)) return rc;
+    const ShmPoolHandle_t* h = *handle;
+    if (!isAligned8(h->domainOffset)) return flow.fail(TREL_RC_DOMAIN_OFFSET_ALIGN);
+    if (!isAligned8(h->poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
+    if (!isAligned8(h->chunkOffset)) return flow.fail(TREL_RC_CHUNK_OFFSET_ALIGN);
+    Heap domain = domainOf(h);
+    if (const uint32_t rc = checkHeap(domain)) return flow.fail(rc);
+    if (const uint32_t rc = checkStoredVersions(domain, true)) return flow.fail(rc);
+    Heap pool = heapOf(h);
+    if (const uint32_t rc = checkHeap(pool)) return flow.fail(rc);
+    if (freeMode != 3 && freeMode != 4) return flow.fail(TREL_RC_POOL_FREE_MODE);
+    if (const uint32_t rc = domain.openHeader()) return flow.fail(rc);
+    if (const uint32_t rc = pool.openHeader()) return flow.fail(rc);
+
+    const uint32_t freed = insideHeap(&domain, [&]() -> uint32_t {
+      HeapHeader_t* header = pool.header();
+      if (freeMode == 3 && header->connectionCount > 1) return TREL_RC_POOL_CONNECTED;
+      // The chunk can be handed out again as soon as it is back, so the pool ends before.
+      header->heapState = 0;
+      if (const uint32_t rc =
+              release(&domain, h->chunkOffset, h->poolOffset, true, {function, line, file})) {
+        header->heapState = TREL_POOL_STATE;
+        return rc;
+      }
+      TrelU64& topPool = domain.header()->topPool;
+      const bool top = topPool == h->poolOffset;
+      if (top) topPool = 0;
+      TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
+      for (TrelU64* head : heads) {
+        if (top)
+          *head = 0;
+        else
+          unlinkNodesInside(domain, head, h->poolOffset, pool.size());
+      }
+      return 0;
+    });
+    if (freed) return flow.fail(freed);
+    return freeHandle(flow, handle);
+  });
+}
+
+uint32_t trelDestroyShmPoolHandle(ShmPoolHandle_t** handle) {
+  return destroyHandle(FID_trelDestroyShmPoolHandle, handle);
+}
+
+uint32_t trelLatchShmPool(ShmPoolHandle_t* handle) {
+  return latchHandle(FID_trelLatchShmPool, handle);
+}
+
+uint32_t trelUnlatchShmPool(ShmPoolHandle_t* handle) {
+  return unlatchHandle(FID_trelUnlatchShmPool, handle);
+}
+
+uint32_t trelSetPoolUserAppData(ShmPoolHandle_t* handle, uint64_t size, const void* data) {
+  return setUserArea(FID_trelSetPoolUserAppData, handle, size, data);
+}
+
+uint32_t trelGetPoolUserAppData(ShmPoolHandle_t* handle, uint64_t* size, void* data) {
+  return getUserArea(FID_trelGetPoolUserAppData, handle, size, data);
+}
+
+uint32_t trelGetShmPoolInfo(ShmPoolHandle_t* handle, ShmPoolInfo_t* info) {
+  return traced(FID_trelGetShmPoolInfo, [&](const Flow& flow) -> uint32_t {
+    if (const uint32_t rc = checkHandle(flow, handle)) return rc;
+    if (!info) return flow.logged(TREL_RC_POOL_INFO_NULL, info);
+    info->ownerDomainOffset = heapOf(handle).header()->topPool;
+    return readInfo(flow, heapOf(handle), info);
+  });
+}
