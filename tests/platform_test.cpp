@@ -1,0 +1,224 @@
+// Segments, atomic cells, memory, time, texts, reports and the flow trace of the platform.
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platsvc/platsvc.h"
+#include "trel/codes.h"
+
+namespace {
+
+const PLATIPCResID kId = {PLAT_STRUCTURE_TAG, 0x52000000u | static_cast<uint32_t>(getpid())};
+
+PLATIPCMemoryCreateParam paramOf(const PLATIPCResID& id, void* address = nullptr) {
+  return {PLAT_STRUCTURE_TAG, id, 10000, reinterpret_cast<uintptr_t>(address), 07640, 0};
+}
+
+void* addressOf(const PLATHIPCMemory& memory) {
+  void* address = nullptr;
+  EXPECT_EQ(memory.getAddress(&address), memory.isAttached() ? 0u : PLAT_RC_NOT_ATTACHED);
+  return address;
+}
+
+// A segment that is gone when the test ends, however it ends.
+class Segment : public testing::Test {
+ protected:
+  ~Segment() override {
+    const int id = shmget(static_cast<key_t>(kId.key), 0, 0);
+    if (id >= 0) shmctl(id, IPC_RMID, nullptr);
+  }
+  const PLATIPCMemoryCreateParam param_ = paramOf(kId);
+  PLATHIPCMemory creator_, reader_;
+};
+
+TEST_F(Segment, LivesFromCreateToDestroy) {
+  EXPECT_EQ(reader_.attach(&kId, nullptr), PLAT_RC_NO_SEGMENT);
+  ASSERT_EQ(creator_.create(&param_), 0u);
+  EXPECT_EQ(creator_.create(&param_), PLAT_RC_ALREADY_ATTACHED);
+  EXPECT_EQ(reader_.create(&param_), 0x9000004au);
+  EXPECT_FALSE(reader_.isAttached());
+  EXPECT_EQ(addressOf(reader_), nullptr);
+
+  ASSERT_EQ(reader_.attach(&kId, nullptr), 0u);
+  EXPECT_EQ(creator_.getSize(), 10000u);
+  EXPECT_EQ(reader_.getSize(), 10000u);
+  static_cast<char*>(addressOf(creator_))[9999] = 'x';
+  EXPECT_EQ(static_cast<char*>(addressOf(reader_))[9999], 'x');
+
+  shmid_ds info;
+  ASSERT_EQ(reader_.getInfo(&info), 0u);
+  EXPECT_EQ(info.shm_perm.mode & 07777, 0640);
+  const PLATIPCSecurityParam security = {PLAT_STRUCTURE_TAG, getuid(), getgid(), 07604};
+  EXPECT_EQ(reader_.authorize(&security), 0u);
+  ASSERT_EQ(creator_.getInfo(&info), 0u);
+  EXPECT_EQ(info.shm_perm.mode & 07777, 0604);
+  EXPECT_EQ(info.shm_perm.uid, getuid());
+
+  EXPECT_EQ(reader_.detach(), 0u);
+  EXPECT_EQ(reader_.detach(), PLAT_RC_NOT_ATTACHED);
+  ASSERT_EQ(reader_.attach(&kId, nullptr), 0u);
+  EXPECT_EQ(creator_.destroy(), 0u);
+  EXPECT_FALSE(creator_.isAttached());
+  EXPECT_EQ(reader_.destroy(), 0u) << "gone already";
+  EXPECT_EQ(reader_.attach(&kId, nullptr), PLAT_RC_NO_SEGMENT);
+}
+
+TEST_F(Segment, TakesAHintOnlyIfItIsFree) {
+  void* free = mmap(nullptr, 1 << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  munmap(free, 1 << 20);
+  const PLATIPCMemoryCreateParam hinted = paramOf(kId, free);
+  ASSERT_EQ(creator_.create(&hinted), 0u);
+  EXPECT_EQ(addressOf(creator_), free);
+
+  *static_cast<char*>(free) = 'y';
+  for (char* hint : {static_cast<char*>(free), static_cast<char*>(free) + 65537}) {
+    ASSERT_EQ(reader_.attach(&kId, hint), 0u);
+    EXPECT_NE(addressOf(reader_), hint) << "occupied, or unaligned";
+    EXPECT_EQ(*static_cast<char*>(addressOf(reader_)), 'y');
+    EXPECT_EQ(reader_.detach(), 0u);
+  }
+  shmdt(free);
+  EXPECT_EQ(creator_.detach(), 0u) << "no longer mapped";
+}
+
+TEST_F(Segment, RefusesWhatNamesNoSegment) {
+  const PLATIPCResID none = {PLAT_STRUCTURE_TAG, 0};
+  PLATIPCMemoryCreateParam bad = paramOf(none);
+  EXPECT_EQ(creator_.create(&bad), PLAT_RC_ARGUMENT);
+  EXPECT_EQ(creator_.create(nullptr), PLAT_RC_ARGUMENT);
+  EXPECT_EQ(creator_.attach(&none, nullptr), PLAT_RC_ARGUMENT);
+  bad = paramOf(kId);
+  bad.size = 0;
+  EXPECT_EQ(creator_.create(&bad), PLAT_RC_SEGMENT_SIZE);
+  const PLATIPCSecurityParam security = {};
+  shmid_ds info;
+  EXPECT_EQ(creator_.detach(), PLAT_RC_NOT_ATTACHED);
+  EXPECT_EQ(creator_.destroy(), PLAT_RC_NOT_ATTACHED);
+  EXPECT_EQ(creator_.getInfo(&info), PLAT_RC_NOT_ATTACHED);
+  EXPECT_EQ(creator_.authorize(&security), PLAT_RC_NOT_ATTACHED);
+}
+
+TEST(Platform, AtomicCellsWorkAtAnyAddress) {
+  alignas(8) uint8_t bytes[144];
+  for (int start = 0; start < 8; ++start) {
+    auto* cell = reinterpret_cast<PLATVAtomicSigned32*>(bytes + start);
+    int32_t value = 0;
+    PLATVAtomicSigned32::init(cell, INT32_MAX, 1);
+    EXPECT_EQ(PLATVAtomicSigned32::increment(cell, &value), 0u);
+    EXPECT_EQ(value, INT32_MIN);
+    EXPECT_EQ(PLATVAtomicSigned32::swap(cell, -5, &value), 0u);
+    EXPECT_EQ(value, INT32_MIN) << "the value before";
+    EXPECT_EQ(PLATVAtomicSigned32::add(cell, 3, &value), 0u);
+    EXPECT_EQ(value, -2) << "the new value";
+    EXPECT_EQ(PLATVAtomicSigned32::add(cell, 0, &value), 0u);
+    EXPECT_EQ(value, -2);
+    EXPECT_NE(PLATVAtomicSigned32::add(cell, 0, nullptr), 0u);
+  }
+}
+
+TEST(Platform, MemoryAndTime) {
+  void* block = nullptr;
+  ASSERT_EQ(_platMemAlloc(&block, 0, 0, 1, __FILE__, __LINE__), 0u);
+  *static_cast<char*>(block) = 1;
+  EXPECT_EQ(_platMemFree(&block, 0, 0, __FILE__, __LINE__), 0u);
+  EXPECT_EQ(block, nullptr);
+  EXPECT_NE(_platMemFree(&block, 0, 0, __FILE__, __LINE__), 0u);
+  EXPECT_NE(_platMemAlloc(nullptr, 0, 8, 1, __FILE__, __LINE__), 0u);
+
+  PLATTime now;
+  const auto tenths = [] {
+    timespec clock;
+    clock_gettime(CLOCK_REALTIME_COARSE, &clock);
+    return static_cast<uint64_t>(clock.tv_sec) * 10 +
+           static_cast<uint64_t>(clock.tv_nsec / 100000000);
+  };
+  const uint64_t before = tenths();
+  ASSERT_EQ(platTimeGetUTC(&now), 0u);
+  EXPECT_LE(static_cast<uint16_t>(now.tick - before), tenths() - before);
+  EXPECT_LE(now.seconds - static_cast<uint32_t>(before / 10), 1u);
+  EXPECT_EQ(reinterpret_cast<uint8_t*>(&now.tick) - reinterpret_cast<uint8_t*>(&now), 4);
+  EXPECT_NE(platTimeGetUTC(nullptr), 0u);
+}
+
+TEST(Platform, EveryCodeHasATextAndEveryOperationAName) {
+  std::set<std::string> texts, names;
+#define PLAT_CODE(number, name, text) texts.insert(rcdErrorGetDescription(number));
+#define TREL_CODE PLAT_CODE
+#include "platsvc/codes.def"
+#include "trel/codes.def"
+#define TREL_FUNCTION(id, name)         \
+  names.insert(rcdGetFunctionName(id)); \
+  EXPECT_STREQ(rcdGetFunctionName(FID_##name), #name);
+#include "trel/functions.def"
+  for (const char* none : {"", rcdErrorGetDescription(0), rcdErrorGetDescription(0xdead)}) {
+    EXPECT_EQ(texts.count(none), 0u) << none;
+  }
+  EXPECT_STREQ(rcdErrorGetDescription(TREL_RC_NODE_NULL), "node pointer null");
+  EXPECT_STREQ(rcdErrorGetDescription(PLAT_RC_NOT_OWNER),
+               "latch is not held by the calling thread");
+  EXPECT_EQ(names.count(rcdGetFunctionName(0)), 0u);
+}
+
+std::vector<std::string> lines;
+void keep(const char* line) { lines.push_back(line); }
+
+TEST(Platform, ReportsAreOneLineEach) {
+  lines.clear();
+  platSetReportSink(keep);
+  const uint8_t data[100] = {0x00, 0x1f, 0xa0, 0xff};
+  platLog(0, FID_trelSetNodeTag, TREL_RC_TAG_RANGE, 12, 2, 1, data, 4, 0);
+  platLog(0, FID_trelSetNodeTag, TREL_RC_TAG_RANGE, 12, 2, 1, data, 100, 0);
+  platLog(0, 0, 0, 12, 2, 1, nullptr, 4, 0);
+  platAssertFailed("pad wrong found at:", "file.c", 77);
+  platAssertFailed(nullptr, nullptr, 0);
+  platSetReportSink(nullptr);
+  ASSERT_EQ(lines.size(), 5u);
+  for (const char* part : {"trelSetNodeTag", "900000e0", "tag above", "12", "001fa0ff"}) {
+    EXPECT_NE(lines[0].find(part), std::string::npos) << part << " in " << lines[0];
+  }
+  EXPECT_LT(lines[1].size(), 300u);
+  EXPECT_NE(lines[1].find("00..."), std::string::npos) << "cut";
+  EXPECT_NE(lines[3].find("pad wrong found at: file.c:77"), std::string::npos);
+  for (const std::string& line : lines) EXPECT_EQ(line.find('\n'), std::string::npos);
+}
+
+TEST(Platform, FlowTraceNeedsASinkAndTheSwitch) {
+  EXPECT_FALSE(flowlogIsAttached());
+  _flowlogEntry(1, FID_trelInitNode);  // no sink: nothing, and no crash
+  lines.clear();
+  flowlogAttach(keep);
+  EXPECT_TRUE(flowlogIsAttached());
+  EXPECT_FALSE(flowlogIsEnabled());
+  flowlogEnable(1);
+  EXPECT_TRUE(flowlogIsEnabled());
+  const uint16_t data = 0x3412;
+  _flowlogEntry(platThreadID(), FID_trelInitNode);
+  _flowlogErrorVar(platThreadID(), FID_trelInitNode, TREL_RC_NODE_NULL, 9, &data, 2);
+  _flowlogExit(platThreadID(), FID_trelInitNode, TREL_RC_NODE_NULL);
+  flowlogEnable(0);
+  EXPECT_TRUE(flowlogIsAttached());
+  EXPECT_FALSE(flowlogIsEnabled());
+  flowlogAttach(nullptr);
+  EXPECT_FALSE(flowlogIsAttached());
+
+  const std::string who = std::to_string(gettid()) + " trelInitNode ";
+  const std::string code = "0x900000de node pointer null";
+  const std::vector<std::string> expected = {
+      who + "entry", who + "failure " + code + ", probe 9, data 1234", who + "exit " + code};
+  EXPECT_EQ(lines, expected);
+}
+
+TEST(Platform, ThreadIds) {
+  EXPECT_EQ(platThreadID(), static_cast<uint32_t>(getpid()));
+  std::thread([] { EXPECT_EQ(platThreadID(), static_cast<uint32_t>(gettid())); }).join();
+}
+
+}  // namespace
