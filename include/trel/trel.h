@@ -5,7 +5,9 @@
 #include "trel/codes.h"
 #include "trel/layout.h"
 #include "trel/node.h"
+#include "trel/property.h"
 #include "trel/records.h"
 #include "trel/storage.h"
+#include "trel/tree.h"
 
 #endif

@@ -1,0 +1,219 @@
+// Lists of properties: create, add, find, delete, walk; one row for each kind.
+#include "trel/property.h"
+#include "treli/property_access.h"
+#include "treli/rows.h"
+
+namespace trel {
+namespace {
+
+struct Wanted {
+  uint64_t maxIdSize, maxValueSize, tagTable, idTable, maxCount, useHashTable;
+};
+
+template <class K>
+uint32_t create(SNodeCB_t* node, const Entries& entries, const Wanted& wanted,
+                uint64_t inCriticalSection) {
+  if (!node) return TREL_RC_NODE_NULL;
+  if (!(node->exports & K::bit)) return Codes<K>::noExport;
+  if (entries.count > TREL_MAX_PROPERTIES) return Codes<K>::count;
+  List<K> list;
+  list.node = node;
+  if constexpr (K::hasId) {
+    if (wanted.maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_PROPERTY_ID_MAX;
+    list.maxIdSize = round8(wanted.maxIdSize);
+  }
+  if constexpr (K::hasBytes) {
+    if (wanted.maxValueSize == 0 || wanted.maxValueSize > TREL_MAX_VALUE_SIZE)
+      return TREL_RC_VALUE_MAX;
+    list.maxValueSize = round8(wanted.maxValueSize);
+  }
+  if (entries.count) {
+    if (!K::hasId && wanted.maxCount > TREL_MAX_PROPERTIES) return Codes<K>::count;
+    if (!entries.tags) return TREL_RC_TAGS_NULL;
+    if (!K::hasBytes && !entries.numbers) return TREL_RC_REGISTERS_NULL;
+    if (K::hasBytes && !entries.sizes) return TREL_RC_VALUE_SIZES_NULL;
+    if (K::hasBytes && !entries.values) return TREL_RC_VALUES_NULL;
+    if (K::hasId && !entries.idSizes) return TREL_RC_ID_SIZES_NULL;
+    if (K::hasId && !entries.ids) return TREL_RC_ID_NULL;
+  }
+  if (const uint32_t rc = openSection(&list)) return rc;
+  switch (wanted.useHashTable) {
+    case 0:
+      return createFlat(list, entries, wanted.maxCount, inCriticalSection);
+    case 1:
+      return createHashed(list, entries, wanted.maxCount, wanted.tagTable, wanted.idTable,
+                          inCriticalSection);
+    default:
+      return TREL_RC_HASH_FLAG;
+  }
+}
+
+// The tests of an operation by key, up to the table sizes.
+template <class K>
+uint32_t open(SNodeCB_t* node, const Key& key, uint64_t valueSize, List<K>* list) {
+  const uint32_t rc = checkInput(node, key, valueSize, list);
+  return rc ? rc : openList(list);
+}
+
+template <class K>
+uint32_t add(SNodeCB_t* node, const Key& key, const Value& value, uint64_t inCriticalSection) {
+  List<K> list;
+  if (const uint32_t rc = checkInput(node, key, value.size, &list)) return rc;
+  if (K::hasBytes && !value.bytes) return K::valueNull;
+  if (const uint32_t rc = openList(&list)) return rc;
+  return writing(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
+    return list.hashed() ? addHashed(list, key, value) : addFlat(list, key, value);
+  });
+}
+
+template <class K>
+uint32_t addToHashTable(SNodeCB_t* node, const Key& key, const Value& value,
+                        uint64_t inCriticalSection) {
+  List<K> list;
+  if (const uint32_t rc = checkInput(node, key, value.size, &list)) return rc;
+  if (K::hasBytes && !value.bytes) return K::valueNull;
+  if (const uint32_t rc = openList(&list)) return rc;
+  if (!list.hashed()) return TREL_RC_TABLE_SIZE;
+  return within<Access::write>(node, inCriticalSection,
+                               [&] { return addHashed(list, key, value); });
+}
+
+template <class K>
+uint32_t findInHashTable(SNodeCB_t* node, const Key& key, typename K::Record** record) {
+  List<K> list;
+  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
+  if (!record) return Codes<K>::recordNull;
+  if (const uint32_t rc = openList(&list)) return rc;
+  return list.hashed() ? findHashed(list, key, Codes<K>::absent, record)
+                       : uint32_t{TREL_RC_TABLE_SIZE};
+}
+
+template <class K>
+uint32_t removeFromHashTable(SNodeCB_t* node, const Key& key, uint64_t inCriticalSection) {
+  List<K> list;
+  if (const uint32_t rc = open(node, key, 1, &list)) return rc;
+  if (!list.hashed()) return TREL_RC_TABLE_SIZE;
+  return within<Access::write>(node, inCriticalSection, [&] { return deleteHashed(list, key); });
+}
+
+// The condition is tested inside the section for a flat list, in front of it for a hashed one.
+template <class K>
+uint32_t remove(SNodeCB_t* node, const Key& key, uint64_t inCriticalSection) {
+  List<K> list;
+  if (const uint32_t rc = open(node, key, 1, &list)) return rc;
+  if (list.hashed()) {
+    const uint32_t rc = checkCondition(node, accept::usable);
+    return rc ? rc : removeFromHashTable<K>(node, key, inCriticalSection);
+  }
+  return writing(node, inCriticalSection, accept::usable, [&] { return deleteFlat(list, key); });
+}
+
+// The start of a flat walk, and the counts for it; none for a list that was never created.
+template <class K>
+uint32_t getFirst(SNodeCB_t* node, typename K::Record** record, uint64_t* count,
+                  uint64_t* capacity) {
+  if (!node) return TREL_RC_NODE_NULL;
+  if (!count) return Codes<K>::countNull;
+  if (!capacity) return Codes<K>::capacityNull;
+  if (!record) return Codes<K>::recordNull;
+  List<K> list;
+  list.node = node;
+  if (const uint32_t rc = openSection(&list)) return rc;
+  if (const uint32_t rc = readLimits(&list)) return rc;
+  list.created = list.slot->used >= Form<K>::flatHeader;
+  const bool counts =
+      list.created && (!K::hasId || list.maxIdSize) && (!K::hasBytes || list.maxValueSize);
+  *count = counts ? occupiedRecords(list) : 0;
+  *capacity = counts ? (list.size - Form<K>::flatHeader) / list.recordBytes() : 0;
+  const uint64_t first = list.offset + Form<K>::flatHeader;
+  *record = list.recordAt(first);
+  return list.holds(first, 0) ? 0 : K::walkBounds;
+}
+
+template <class K>
+uint32_t getNext(SNodeCB_t* node, const ExportSlot_t* slot, typename K::Record** record) {
+  if (!node || !slot) return TREL_RC_NODE_NULL;
+  if (!record || !*record) return Codes<K>::recordNull;
+  List<K> list;
+  if (const uint32_t rc = readLimits(&list)) return rc;
+  list.offset = slot->offset;
+  list.size = slot->size;
+  *record = at<typename K::Record>(*record, list.recordBytes());
+  return list.holds(offsetOf(*record, node), 0) ? 0 : K::walkBounds;
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t trelCreateRPropertyList(SNodeCB_t* node, const uint64_t* tags, const int32_t* values,
+                                 uint64_t count, uint64_t maxCount, uint64_t useHashTable,
+                                 uint64_t inCriticalSection) {
+  return traced(FID_trelCreateRPropertyList, [&](const Flow&) {
+    return create<kind::R>(node, {count, tags, values, nullptr, nullptr, nullptr, nullptr},
+                           {0, 0, 0, 0, maxCount, useHashTable}, inCriticalSection);
+  });
+}
+
+uint32_t trelCreateVPropertyList(SNodeCB_t* node, const uint64_t* tags, const uint8_t* values,
+                                 const uint64_t* sizes, uint64_t maxValueSize, uint64_t count,
+                                 uint64_t maxCount, uint64_t useHashTable,
+                                 uint64_t inCriticalSection) {
+  return traced(FID_trelCreateVPropertyList, [&](const Flow&) {
+    return create<kind::V>(node, {count, tags, nullptr, nullptr, nullptr, sizes, values},
+                           {0, maxValueSize, 0, 0, maxCount, useHashTable}, inCriticalSection);
+  });
+}
+
+uint32_t trelCreateIRPropertyList(SNodeCB_t* node, const uint64_t* tags, const int32_t* values,
+                                  const uint64_t* idSizes, const uint8_t* ids, uint64_t maxIdSize,
+                                  uint64_t count, uint64_t tagTableSize, uint64_t idTableSize,
+                                  uint64_t maxCount, uint64_t useHashTable,
+                                  uint64_t inCriticalSection) {
+  return traced(FID_trelCreateIRPropertyList, [&](const Flow&) {
+    return create<kind::IR>(node, {count, tags, values, idSizes, ids, nullptr, nullptr},
+                            {maxIdSize, 0, tagTableSize, idTableSize, maxCount, useHashTable},
+                            inCriticalSection);
+  });
+}
+
+uint32_t trelCreateIVPropertyList(SNodeCB_t* node, const uint64_t* tags, const uint64_t* idSizes,
+                                  const uint8_t* ids, uint64_t maxIdSize, const uint8_t* values,
+                                  const uint64_t* sizes, uint64_t maxValueSize, uint64_t count,
+                                  uint64_t tagTableSize, uint64_t idTableSize, uint64_t maxCount,
+                                  uint64_t useHashTable, uint64_t inCriticalSection) {
+  return traced(FID_trelCreateIVPropertyList, [&](const Flow&) {
+    return create<kind::IV>(
+        node, {count, tags, nullptr, idSizes, ids, sizes, values},
+        {maxIdSize, maxValueSize, tagTableSize, idTableSize, maxCount, useHashTable},
+        inCriticalSection);
+  });
+}
+
+// clang-format off
+// KEY and VALUE are parameters, key and value what is made of them.
+#define LIST_OPERATIONS(K, KEY, key, VALUE, value)                                            \
+  OPERATION(trelAdd##K##Property, (SNodeCB_t* node, KEY, VALUE, uint64_t inCriticalSection),  \
+            add<kind::K>(node, key, value, inCriticalSection))                                \
+  OPERATION(trelAdd##K##PropertyToHashTable,                                                  \
+            (SNodeCB_t* node, KEY, VALUE, uint64_t inCriticalSection),                        \
+            addToHashTable<kind::K>(node, key, value, inCriticalSection))                     \
+  OPERATION(trelFind##K##PropertyInHashTable, (SNodeCB_t* node, KEY, K##Property_t** record), \
+            findInHashTable<kind::K>(node, key, record))                                      \
+  OPERATION(trelDelete##K##Property, (SNodeCB_t* node, KEY, uint64_t inCriticalSection),      \
+            remove<kind::K>(node, key, inCriticalSection))                                    \
+  OPERATION(trelDelete##K##PropertyFromHashTable, (SNodeCB_t* node, KEY),                     \
+            removeFromHashTable<kind::K>(node, key, 0))                                       \
+  OPERATION(trelGetFirst##K##PropertyLocation,                                                \
+            (SNodeCB_t* node, K##Property_t** record, uint64_t* count, uint64_t* capacity),   \
+            getFirst<kind::K>(node, record, count, capacity))                                 \
+  OPERATION(trelGetNext##K##PropertyLocation,                                                 \
+            (SNodeCB_t* node, const ExportSlot_t* slot, K##Property_t** record),              \
+            getNext<kind::K>(node, slot, record))
+// clang-format on
+
+LIST_OPERATIONS(R, TAG, TAG_KEY, REGISTER, REGISTER_VALUE)
+LIST_OPERATIONS(V, TAG, TAG_KEY, BYTES, BYTES_VALUE)
+LIST_OPERATIONS(IR, TAG_ID, TAG_ID_KEY, REGISTER, REGISTER_VALUE)
+LIST_OPERATIONS(IV, TAG_ID, TAG_ID_KEY, BYTES, BYTES_VALUE)

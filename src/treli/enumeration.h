@@ -1,0 +1,264 @@
+// How many properties a section holds, and which.
+#pragma once
+
+#include "treli/property_access.h"
+
+namespace trel {
+
+constexpr uint64_t lessOr0(uint64_t a, uint64_t b) { return a > b ? a - b : 0; }
+
+// A stored maximum of 0: the kind's counts report nothing.
+template <class K>
+bool reportsNothing(const List<K>& list) {
+  return (K::hasId && list.maxIdSize == 0) || (K::hasBytes && list.maxValueSize == 0);
+}
+
+// Current and maximum number, worked out from `used` and `size`. Tests no condition.
+template <class K>
+uint32_t getNumber(SNodeCB_t* node, uint64_t* current, uint64_t* maximum,
+                   uint64_t inCriticalSection) {
+  if (!node) return TREL_RC_NODE_NULL;
+  if (!current) return Codes<K>::countNull;
+  if (!maximum) return Codes<K>::capacityNull;
+  List<K> list;
+  list.node = node;
+  if (const uint32_t rc = openSection(&list)) return rc;
+  if (const uint32_t rc = readLimits(&list)) return rc;
+  if (!reportsNothing(list))
+    if (const uint32_t rc = openList(&list)) return rc;
+  if (!list.created) {
+    *current = *maximum = 0;
+    return 0;
+  }
+  return within<Access::read>(node, inCriticalSection, [&]() -> uint32_t {
+    uint64_t overhead = K::countedHeader, each = list.recordBytes();
+    if (list.hashed()) {
+      Stack stack;
+      if (const uint32_t rc = openStack(list, &stack)) return rc;
+      overhead = Form<K>::hashHeader + list.bucketBytes() + stack.bytes;
+      each = list.nodeBytes();
+    }
+    *maximum = lessOr0(list.size, overhead) / each;
+    *current = lessOr0(list.slot->used, overhead) / each;
+    return 0;
+  });
+}
+
+// Number of properties with a tag. The caller is inside the section.
+template <class K>
+uint32_t countTag(const List<K>& list, uint64_t tag, uint64_t* number) {
+  *number = 0;
+  if constexpr (K::hasId) {
+    if (list.hashed()) {
+      ChainWalk<K> walk(list, bucketOf(list, 1, Key{tag}), kLinkOfTable[1]);
+      while (walk.next()) {
+        if (walk.record->tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+        *number += walk.record->tag == tag;
+      }
+      return walk.rc ? walk.rc : *number ? 0 : Codes<K>::absent;
+    }
+  } else if (list.hashed()) {
+    typename K::Record* record = nullptr;
+    const uint32_t rc = findHashed(list, Key{tag}, Codes<K>::absent, &record);
+    *number = rc == 0;
+    return rc;
+  }
+  FlatWalk<K> walk(list, reportedRecords(list));
+  while (walk.next()) *number += walk.record->tag == tag;
+  return walk.rc ? walk.rc : *number ? 0 : Codes<K>::absent;
+}
+
+template <class K>
+uint32_t getNumberForTag(SNodeCB_t* node, uint64_t tag, uint64_t* number,
+                         uint64_t inCriticalSection) {
+  constexpr bool tagFirst = Form<K>::limits == 0;  // in R, before the test of `number`
+  if (!node) return TREL_RC_NODE_NULL;
+  if (tagFirst && tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  if (!number) return Codes<K>::countNull;
+  if (tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  List<K> list;
+  list.node = node;
+  if (const uint32_t rc = openSection(&list)) return rc;
+  if (const uint32_t rc = readLimits(&list)) return rc;
+  if (reportsNothing(list)) {
+    *number = 0;
+    return 0;
+  }
+  if (const uint32_t rc = openList(&list)) return rc;
+  return within<Access::read>(node, inCriticalSection, [&] { return countTag(list, tag, number); });
+}
+
+template <class K>
+uint32_t returnCount(SNodeCB_t* node, uint64_t tag, uint64_t* number, uint64_t inCriticalSection) {
+  if constexpr (K::hasId) {
+    if (!node) return TREL_RC_NODE_NULL;
+  } else {
+    List<K> list;
+    if (const uint32_t rc = checkInput(node, Key{tag}, 1, &list)) return rc;
+  }
+  if (!number) return TREL_RC_OUT_PROPERTY_COUNT;
+  const uint32_t rc = reading(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
+    uint64_t maximum = 0;
+    if (tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+    return tag ? getNumberForTag<K>(node, tag, number, 1) : getNumber<K>(node, number, &maximum, 1);
+  });
+  if (rc) return rc;
+  return *number > TREL_MAX_PROPERTIES ? Codes<K>::count : 0;
+}
+
+// The caller's arrays of `count` entries. idSizes and ids: IR, IV. sizes: V, IV.
+struct Listing {
+  uint64_t* tags;
+  uint64_t* idSizes;
+  uint8_t* ids;
+  uint64_t* sizes;
+  uint64_t tag;  // 0: all
+  uint64_t count;
+  uint64_t idStride;
+  uint64_t written = 0;
+};
+
+// The tests that a record passes before anything of it is listed.
+template <class K>
+TREL_INLINE uint32_t examine(const List<K>& list, const typename K::Record* record) {
+  if (record->tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  if constexpr (K::hasId) {
+    if (record->idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+  }
+  if constexpr (K::hasBytes) {
+    const bool sized = isValueSize(record->valueSize, list.maxValueSize);
+    const bool placed = list.holds(record->valueOffset, 0);
+    if (K::hasId && !sized) return TREL_RC_VALUE_SIZE;  // IV tests the size first, V the offset
+    if (!placed) return K::valueOffsetBounds;
+    if (!sized) return TREL_RC_VALUE_SIZE;
+  }
+  return 0;
+}
+
+template <class K>
+TREL_INLINE uint32_t append(const List<K>& list, const typename K::Record* record,
+                            Listing* listing) {
+  const uint64_t i = listing->written;
+  if constexpr (K::hasId) {
+    const uint64_t idSize = record->idSize;
+    if (idSize > listing->idStride) return TREL_RC_PROPERTY_ID_SIZE;
+    if (!list.holds(record->idOffset, idSize)) return TREL_RC_ID_BOUNDS;
+    copyBytes(listing->ids + i * listing->idStride, at(list.node, record->idOffset), idSize);
+    listing->idSizes[i] = idSize;
+  }
+  if constexpr (K::hasBytes) listing->sizes[i] = record->valueSize;
+  listing->tags[i] = record->tag;
+  ++listing->written;
+  return 0;
+}
+
+template <class K>
+void clearRest(Listing* listing, bool tagsAlone) {
+  const auto clear = [&](uint64_t* array) {
+    for (uint64_t i = listing->written; i < listing->count; ++i) array[i] = 0;
+  };
+  clear(listing->tags);
+  if (tagsAlone) return;
+  if (K::hasId) clear(listing->idSizes);
+  if (K::hasBytes) clear(listing->sizes);
+}
+
+// Examines the records of a walk, and appends those wanted while there is room for them.
+template <class K, class Walk>
+TREL_INLINE uint32_t listWalk(const List<K>& list, Walk& walk, Listing* listing) {
+  while (listing->written < listing->count && walk.next()) {
+    if (const uint32_t rc = examine(list, walk.record)) return rc;
+    if (listing->tag && walk.record->tag != listing->tag) continue;
+    if (const uint32_t rc = append(list, walk.record, listing)) return rc;
+  }
+  return walk.rc;
+}
+
+template <class K>
+uint32_t listFlat(const List<K>& list, Listing* listing) {
+  const uint64_t records = reportedRecords(list);
+  if (records == 0) return Codes<K>::absent;
+  FlatWalk<K> walk(list, records);
+  if (const uint32_t rc = listWalk(list, walk, listing)) return rc;
+  clearRest<K>(listing, false);
+  return 0;
+}
+
+// All properties, bucket by bucket. The memory of a chain's head is asked for some buckets ahead.
+template <class K>
+uint32_t listBuckets(const List<K>& list, Listing* listing) {
+  constexpr uint64_t ahead = 16;
+  const uint64_t buckets = list.offset + Form<K>::hashHeader;
+  const TrelU64* heads = at<TrelU64>(list.node, buckets);
+  for (uint64_t i = 0; i < list.tables[0] && listing->written < listing->count; ++i) {
+    if (i + ahead < list.tables[0])
+      __builtin_prefetch(at(list.node, heads[i + ahead] + sizeof(typename K::Links)));
+    if (heads[i] == 0) continue;
+    ChainWalk<K> walk(list, buckets + 8 * i);
+    if (const uint32_t rc = listWalk(list, walk, listing)) return rc;
+  }
+  return 0;
+}
+
+template <class K>
+uint32_t listHashed(const List<K>& list, Listing* listing) {
+  bool tagsAlone = false;
+  if constexpr (K::hasId) {
+    tagsAlone = K::hashClearsTagsAlone;
+    if (listing->tag) {
+      ChainWalk<K> walk(list, bucketOf(list, 1, Key{listing->tag}), kLinkOfTable[1]);
+      if (const uint32_t rc = listWalk(list, walk, listing)) return rc;
+    }
+  } else if (listing->tag) {  // there is one at most, and the rest of the arrays stays as it is
+    typename K::Record* record = nullptr;
+    if (const uint32_t rc = findHashed(list, Key{listing->tag}, Codes<K>::absent, &record))
+      return rc;
+    if (const uint32_t rc = examine(list, record)) return rc;
+    return append(list, record, listing);
+  }
+  if (listing->tag == 0)
+    if (const uint32_t rc = listBuckets(list, listing)) return rc;
+  if (listing->written == 0) return Codes<K>::absent;
+  clearRest<K>(listing, tagsAlone);
+  return 0;
+}
+
+// The checks in front differ in order from kind to kind.
+template <class K>
+uint32_t checkListing(SNodeCB_t* node, const Listing& listing, List<K>* list) {
+  const bool counted = listing.count != 0 && listing.count <= TREL_MAX_PROPERTIES;
+  if (!node) return TREL_RC_NODE_NULL;
+  list->node = node;
+  if constexpr (K::hasId) {
+    if (!listing.idSizes) return TREL_RC_ID_SIZES_NULL;
+    if (!listing.ids) return TREL_RC_ID_NULL;
+    if (!listing.tags) return TREL_RC_TAGS_NULL;
+    if (K::hasBytes && !listing.sizes) return TREL_RC_VALUE_SIZES_NULL;
+    if (!counted) return Codes<K>::count;
+  } else {
+    if constexpr (K::hasBytes) {
+      if (const uint32_t rc = checkInput(node, Key{listing.tag}, 1, list)) return rc;
+    }
+    if (!counted) return Codes<K>::count;
+    if (!listing.tags) return TREL_RC_TAGS_NULL;
+    if (K::hasBytes && !listing.sizes) return TREL_RC_VALUE_SIZES_NULL;
+  }
+  if (const uint32_t rc = openSection(list)) return rc;
+  if (listing.tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  if constexpr (K::hasId) {
+    if (const uint32_t rc = readLimits(list)) return rc;
+    if (listing.idStride > list->maxIdSize) return TREL_RC_ID_STRIDE;
+  }
+  return openList(list);
+}
+
+template <class K>
+uint32_t returnProperties(SNodeCB_t* node, Listing listing, uint64_t inCriticalSection) {
+  List<K> list;
+  if (const uint32_t rc = checkListing(node, listing, &list)) return rc;
+  return reading(node, inCriticalSection, accept::usable, [&] {
+    return list.hashed() ? listHashed(list, &listing) : listFlat(list, &listing);
+  });
+}
+
+}  // namespace trel
