@@ -4,9 +4,11 @@
 
 #include "trel/codes.h"
 #include "trel/layout.h"
+#include "trel/lists.h"
 #include "trel/node.h"
 #include "trel/property.h"
 #include "trel/records.h"
+#include "trel/segment.h"
 #include "trel/storage.h"
 #include "trel/tree.h"
 

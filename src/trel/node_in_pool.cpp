@@ -48,9 +48,9 @@ uint32_t trelDisclaimNode(SNodeCB_t** node, ShmPoolHandle_t* pool, uint32_t vers
     if (!pool) return flow.fail(TREL_RC_POOL_HANDLE_NULL);
     if (version != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HANDLE_VERSION);
     void* block = *node;
-    const uint32_t rc = _trelFreeShmBlock(&block, pool, FID_trelDisclaimNode, __LINE__, kModuleName);
+    const uint32_t rc =
+        _trelFreeShmBlock(&block, pool, FID_trelDisclaimNode, __LINE__, kModuleName);
     *node = static_cast<SNodeCB_t*>(block);
     return rc;
   });
 }
-

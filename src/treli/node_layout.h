@@ -3,11 +3,10 @@
 
 #include <string.h>
 
+#include "treli/process_memory.h"
 #include "treli/section.h"
 
 namespace trel {
-
-constexpr char kModuleName[] = "trel";  // names the library in the records of allocations
 
 inline uint32_t checkCreation(SNodeCB_t** node, const uint64_t* sizes, const uint64_t* nodeSize,
                               const uint64_t* nodeOffset) {

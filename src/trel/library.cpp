@@ -1,0 +1,112 @@
+// The library's state in a process: variables, initialisation, cleanup.
+#include "platsvc/ipc.h"
+#include "trel/segment.h"
+#include "treli/attach_latch.h"
+#include "treli/attachment.h"
+#include "treli/byte_latch.h"
+#include "treli/process_memory.h"
+
+uint32_t trelAPIIsInitialized = TREL_API_UNINITIALISED;
+uint32_t trelAPIInitRefCount = 0;
+uint8_t trelAPIInitLatch = 0;
+uint8_t trelSegAttachLatch = 0;
+SegAttachNode_t** pSegAttachList = nullptr;
+GASegInfo_t trelGASegInfo = {0, {{0, 0, 0, 0, {PLAT_STRUCTURE_TAG, 0}, 0, 0}, nullptr, nullptr}};
+uint32_t trelGARefCount = 0;
+PMSegListNode_t trelSegLLHeader = {nullptr, {0, 0, 0, 0, {PLAT_STRUCTURE_TAG, 0}, 0, 0}};
+PMHdmListNode_t trelHDMLLHeader = {nullptr, {{0}, {0}}};
+
+namespace trel {
+namespace {
+
+class InitLatch {
+ public:
+  InitLatch() { takeByteLatch(&trelAPIInitLatch); }
+  ~InitLatch() { giveByteLatch(&trelAPIInitLatch); }
+  InitLatch(const InitLatch&) = delete;
+  InitLatch& operator=(const InitLatch&) = delete;
+};
+
+uint32_t initialiseFirst(uint32_t handleVersion) {
+  trelSegAttachLatch = 0;
+  const AttachLatch latch;
+  if (handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  if (obtain(&pSegAttachList)) return TREL_RC_LIST_NO_MEMORY;
+  *pSegAttachList = nullptr;
+  trelSegLLHeader.next = nullptr;
+  trelHDMLLHeader.next = nullptr;
+  trelSegLLHeader.identity.handleVersion = handleVersion;
+  trelSegLLHeader.identity.latchVersion = TREL_STRUCTURE_VERSION;
+  trelAPIIsInitialized = TREL_API_INITIALISED;
+  trelAPIInitRefCount = 1;
+  return 0;
+}
+
+// Frees both handles without disconnecting: the segment stays mapped.
+uint32_t forgetHandles(ShmSegInfo_t* segInfo) {
+  if (const uint32_t rc = release(&segInfo->shmPoolHandle)) return rc;
+  if (ShmDomainHandle_t* domain = segInfo->shmDomainHandle) {
+    delete domain->ipcMemory;
+    domain->ipcMemory = nullptr;
+  }
+  return release(&segInfo->shmDomainHandle);
+}
+
+uint32_t forgetAttachments() {
+  if (trelGASegInfo.state == TREL_GA_SLOT_IN_USE) {
+    trelGASegInfo.state = TREL_GA_SLOT_EMPTY;
+    ShmSegInfo_t* segInfo = &trelGASegInfo.segInfo;
+    if (segInfo->identity.handleVersion == TREL_STRUCTURE_VERSION)
+      if (const uint32_t rc = forgetHandles(segInfo)) return rc;
+  }
+  SegAttachNode_t* next = *pSegAttachList;
+  *pSegAttachList = nullptr;
+  while (SegAttachNode_t* node = next) {
+    next = node->next;
+    if (node->segInfo->identity.handleVersion != TREL_STRUCTURE_VERSION) continue;
+    uint32_t rc = forgetHandles(node->segInfo);
+    if (rc == 0) rc = release(&node->segInfo);
+    if (rc == 0) rc = release(&node);
+    if (rc) return rc;
+  }
+  return release(&pSegAttachList);
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t TRELOneTimeOnlyInitialization(uint32_t handleVersion, uint32_t latchVersion) {
+  return traced(FID_TRELOneTimeOnlyInitialization, [&](const Flow& flow) -> uint32_t {
+    const InitLatch initLatch;
+    if (trelAPIInitRefCount != 0) {
+      const AttachLatch latch;
+      if (!isInitialised()) return flow.fail(TREL_RC_NOT_INITIALISED);
+      ++trelAPIInitRefCount;
+      return 0;
+    }
+    trelGASegInfo.state = TREL_GA_SLOT_EMPTY;
+    if (latchVersion != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_LATCH_VERSION);
+    return initialiseFirst(handleVersion);
+  });
+}
+
+uint32_t TRELCleanup(uint32_t cleanupMode) {
+  return traced(FID_TRELCleanup, [&](const Flow& flow) -> uint32_t {
+    const InitLatch initLatch;
+    if (!isInitialised()) return flow.fail(TREL_RC_NOT_INITIALISED);
+    const AttachLatch latch;
+    if (cleanupMode != 1 && cleanupMode != 2) return flow.fail(TREL_RC_CLEANUP_MODE);
+    if (cleanupMode == 1 && trelAPIInitRefCount > 1) {
+      --trelAPIInitRefCount;
+      return 0;
+    }
+    if (const uint32_t rc = forgetAttachments()) return flow.fail(rc);
+    trelAPIInitRefCount = 0;
+    trelAPIIsInitialized = TREL_API_UNINITIALISED;
+    return 0;
+  });
+}
+
+const char* trelPrintrc(uint32_t code) { return rcdErrorGetDescription(code); }

@@ -1,0 +1,215 @@
+// The beginning and the end of a status segment.
+#include "platsvc/ipc.h"
+#include "trel/segment.h"
+#include "trel/storage.h"
+#include "treli/attach_latch.h"
+#include "treli/attachment.h"
+#include "treli/process_memory.h"
+
+namespace trel {
+namespace {
+
+constexpr uint64_t kMostPads = 216;  // what a chunk can cost in any debug mode
+constexpr uint64_t kUsualPads = 32;  // in the mode of a new domain
+constexpr uint32_t kFreeForced = 4;  // free mode of a pool
+
+// The defaults by which a heap is sized, taken from a parameter record that may be null.
+template <class Param>
+struct HeapSizing {
+  uint32_t kind;
+  uint64_t nodeCount = 0, maxLevel, userAreaSize = 0;
+
+  HeapSizing(uint32_t heapKind, uint64_t defaultLevel, const Param* param)
+      : kind(heapKind), maxLevel(defaultLevel) {
+    if (!param) return;
+    nodeCount = param->nodeCount;
+    if (param->maxLevel) maxLevel = param->maxLevel;
+    userAreaSize = param->userAreaSize;
+  }
+
+  // The bytes that a heap sized by `size` needs for itself.
+  uint32_t overhead(uint64_t size, uint64_t* bytes) const {
+    uint64_t count = nodeCount, level = maxLevel, header = 0, listHeader = 0, listSpace = 0;
+    if (const uint32_t rc = trelGetHHeaderInfo(size, kind, &count, &level, round8(userAreaSize),
+                                               &header, &listHeader, &listSpace))
+      return rc;
+    *bytes = header + listSpace;
+    return 0;
+  }
+};
+
+struct Creation {
+  uint32_t size;
+  const PLATIPCResID* key;
+  uintptr_t address;
+  uint32_t poolSize;
+  const ShmDomainParam_t* domainParam;
+  const ShmPoolParam_t* poolParam;
+
+  uint32_t check(const SegmentForm& form) const;
+  uint32_t create(NewHold* hold) const;
+
+ private:
+  uint32_t payload(uint32_t* bytes) const;
+  uint32_t largestPayload(const HeapSizing<ShmPoolParam_t>& sizing, uint64_t managed,
+                          uint64_t atMost, uint64_t* bytes) const;
+};
+
+uint32_t Creation::check(const SegmentForm& form) const {
+  if (size == 0) return TREL_RC_SEGMENT_SIZE_ZERO;
+  if (domainParam && !isAligned8(domainParam->heapOffset)) return TREL_RC_HEAP_OFFSET_ALIGN;
+  if (domainParam && domainParam->userAreaSize > size) return TREL_RC_USER_AREA_SIZE;
+  if (form.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  if (form.latchVersion != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
+  return form.heapVersion != TREL_STRUCTURE_VERSION ? uint32_t{TREL_RC_HEAP_VERSION} : 0;
+}
+
+// A pool's own needs grow in steps with its payload, and the next step may begin just above the
+// size by which they were estimated. So the payload goes down until the pool's chunk fits.
+uint32_t Creation::largestPayload(const HeapSizing<ShmPoolParam_t>& sizing, uint64_t managed,
+                                  uint64_t atMost, uint64_t* bytes) const {
+  const uint64_t unit = poolParam && poolParam->granularity ? poolParam->granularity : 8;
+  for (uint64_t wanted = atMost;;) {
+    uint64_t own = 0;
+    if (const uint32_t rc = sizing.overhead(wanted, &own)) return rc;
+    const uint64_t chunk = (wanted + own + unit - 1) / unit * unit + kUsualPads;
+    if (chunk <= managed) {
+      *bytes = wanted;
+      return 0;
+    }
+    const uint64_t excess = round8(chunk - managed);
+    if (excess >= wanted) return TREL_RC_SEGMENT_SMALL;
+    wanted -= excess;
+  }
+}
+
+// The payload of the pool, as poolSize asks for it.
+uint32_t Creation::payload(uint32_t* bytes) const {
+  uint64_t own = 0;
+  const HeapSizing<ShmDomainParam_t> domain(TREL_HEAP_DOMAIN, 7, domainParam);
+  if (const uint32_t rc = domain.overhead(size, &own)) return rc;
+  const uint64_t managed = size > own ? size - own : 0;
+
+  if (poolParam && poolParam->userAreaSize > size) return TREL_RC_USER_AREA_SIZE;
+  const HeapSizing<ShmPoolParam_t> pool(TREL_HEAP_POOL, 10, poolParam);
+  if (const uint32_t rc = pool.overhead(managed, &own)) return rc;
+  const uint64_t margin = own + kMostPads;
+  if (managed < margin) return TREL_RC_SEGMENT_SMALL;
+  const uint64_t sure = managed - margin;
+
+  uint64_t wanted = 0;
+  if (poolSize == 0) {
+    if (const uint32_t rc = largestPayload(pool, managed, sure, &wanted)) return rc;
+  } else if (poolSize <= sure) {
+    wanted = poolSize + margin;
+  } else if (poolSize <= managed) {
+    wanted = poolSize > margin ? poolSize - margin : 0;
+  } else {
+    return TREL_RC_DOMAIN_ABOVE_HEAP;
+  }
+  if (wanted == 0) return TREL_RC_SEGMENT_SMALL;
+  *bytes = static_cast<uint32_t>(wanted);
+  return 0;
+}
+
+// Makes domain and pool, and publishes the hold.
+uint32_t Creation::create(NewHold* hold) const {
+  ShmSegInfo_t* segInfo = hold->segInfo();
+  if (const uint32_t rc =
+          trelCreateShmDomain(key, address, size, domainParam, &segInfo->shmDomainHandle))
+    return rc;
+  uint32_t bytes = 0;
+  uint32_t rc = payload(&bytes);
+  if (rc == 0)
+    rc = _trelCreateShmPool(&segInfo->shmPoolHandle, segInfo->shmDomainHandle, bytes, poolParam,
+                            FID_trelGetProtectedStatusSegment, __LINE__, kModuleName);
+  if (rc == 0) rc = hold->publish();
+  if (rc == 0) return 0;
+  undoPoolCreation(&segInfo->shmPoolHandle);
+  undoDomainCreation(&segInfo->shmDomainHandle);
+  return rc;
+}
+
+// Handles that are gone already are passed over, so that a failed call can be repeated.
+uint32_t freeSegment(ShmSegInfo_t* segInfo, uint32_t poolFreeMode, uint32_t freeMode) {
+  const bool forced = freeMode == 2;
+  if (freeMode != 1 && !forced) return TREL_RC_DOMAIN_FREE_MODE;
+  if (segInfo->shmPoolHandle) {
+    uint32_t rc = _trelFreeShmPool(&segInfo->shmPoolHandle, forced ? kFreeForced : poolFreeMode,
+                                   FID_trelDeleteStatusSegment, __LINE__, kModuleName);
+    if (forced && isGone(rc)) rc = release(&segInfo->shmPoolHandle);
+    if (rc) return rc;
+  }
+  if (!segInfo->shmDomainHandle) return 0;
+  const uint32_t rc = trelFreeShmDomain(&segInfo->shmDomainHandle, freeMode);
+  return forced && isGone(rc) ? destroyMemory(&segInfo->shmDomainHandle) : rc;
+}
+
+}  // namespace
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t trelGetProtectedStatusSegment(ShmSegInfo_t** seg, uint32_t size, const PLATIPCResID* key,
+                                       uintptr_t address, uint32_t poolSize,
+                                       const ShmDomainParam_t* domainParam,
+                                       const ShmPoolParam_t* poolParam) {
+  return traced(FID_trelGetProtectedStatusSegment, [&](const Flow& flow) -> uint32_t {
+    if (!seg) return flow.fail(TREL_RC_SEGMENT_NULL);
+    const Creation creation{size, key, address, poolSize, domainParam, poolParam};
+    const SegmentForm form = readForm(domainParam, 1);
+    if (const uint32_t rc = creation.check(form)) return flow.fail(rc);
+    const AttachLatch latch;
+    if (!isInitialised()) return flow.fail(TREL_RC_NOT_INITIALISED);
+    if (form.accessMode == kByAddress) {
+      if (trelGASegInfo.state == TREL_GA_SLOT_IN_USE) return flow.fail(TREL_RC_SEGMENT_EXISTS);
+    } else if (form.accessMode != 1) {
+      return flow.fail(TREL_RC_ACCESS_MODE);
+    } else if (!key) {
+      return flow.fail(TREL_RC_SEGMENT_NULL);
+    }
+    NewHold hold;
+    if (const uint32_t rc = hold.begin(form, key)) return flow.fail(rc);
+    if (const uint32_t rc = creation.create(&hold)) {
+      hold.drop();
+      return flow.fail(rc);
+    }
+    *seg = hold.segInfo();
+    return 0;
+  });
+}
+
+uint32_t trelAuthorizeStatusSegment(ShmSegInfo_t* seg, const SegSecurity_t* security) {
+  return traced(FID_trelAuthorizeStatusSegment, [&](const Flow& flow) -> uint32_t {
+    if (!seg) return flow.fail(TREL_RC_SEGMENT_NULL);
+    if (!security) return flow.fail(TREL_RC_SECURITY_NULL);
+    if (seg->identity.handleVersion != TREL_STRUCTURE_VERSION)
+      return flow.fail(TREL_RC_HANDLE_VERSION);
+    if (!seg->shmDomainHandle) return flow.logged(TREL_RC_DOMAIN_HANDLE_NULL, nullptr);
+    PLATHIPCMemory* memory = seg->shmDomainHandle->ipcMemory;
+    if (!memory) return 0;
+    const PLATIPCSecurityParam param = {PLAT_STRUCTURE_TAG, security->ownerId, security->groupId,
+                                        security->accessBits};
+    return memory->authorize(&param) ? flow.fail(TREL_RC_AUTHORIZE) : 0;
+  });
+}
+
+uint32_t trelDeleteStatusSegment(ShmSegInfo_t** segInfo, uint32_t poolFreeMode, uint32_t freeMode,
+                                 uint32_t countMode) {
+  return traced(FID_trelDeleteStatusSegment, [&](const Flow& flow) -> uint32_t {
+    if (!segInfo || !*segInfo) return flow.fail(TREL_RC_SEGMENT_NULL);
+    const AttachLatch latch;
+    if (!isInitialised()) return flow.fail(TREL_RC_NOT_INITIALISED);
+    Hold hold;
+    if (const uint32_t rc = holdOf((*segInfo)->identity, &hold)) return flow.fail(rc);
+    if (countMode != 1 && countMode != 2) return flow.fail(TREL_RC_COUNT_MODE);
+    if (countMode == 1 && *hold.count > 1) {
+      --*hold.count;
+      return 0;
+    }
+    const SegIdentity_t identity = hold.segInfo->identity;
+    if (const uint32_t rc = freeSegment(hold.segInfo, poolFreeMode, freeMode)) return flow.fail(rc);
+    *segInfo = nullptr;
+    return endHold(identity);
+  });
+}

@@ -1,0 +1,18 @@
+#include "treli/attach_latch.h"
+
+#include "trel/segment.h"
+#include "treli/byte_latch.h"
+
+namespace trel {
+
+static __thread uint32_t depth __attribute__((tls_model("initial-exec")));
+
+AttachLatch::AttachLatch() {
+  if (depth++ == 0) takeByteLatch(&trelSegAttachLatch);
+}
+
+AttachLatch::~AttachLatch() {
+  if (--depth == 0) giveByteLatch(&trelSegAttachLatch);
+}
+
+}  // namespace trel

@@ -1,0 +1,173 @@
+#include "treli/attachment.h"
+
+#include <initializer_list>
+
+#include "platsvc/ipc.h"
+#include "trel/lists.h"
+#include "trel/storage.h"
+#include "treli/process_memory.h"
+#include "trelshm/handle.h"
+
+namespace trel {
+
+uint32_t holdOfKey(uint32_t key, Hold* hold) {
+  const PLATIPCResID id = {PLAT_STRUCTURE_TAG, key};
+  SegAttachNode_t* node = nullptr;
+  if (const uint32_t rc = trelFindAttachInfoNodeInLList(&id, &node)) return rc;
+  if (!node) return TREL_RC_NOT_ATTACHED;
+  *hold = {node->segInfo, &node->refCount};
+  return 0;
+}
+
+uint32_t holdOfSlot(Hold* hold) {
+  if (trelGASegInfo.state != TREL_GA_SLOT_IN_USE) return TREL_RC_SLOT_EMPTY;
+  *hold = {&trelGASegInfo.segInfo, &trelGARefCount};
+  return 0;
+}
+
+uint32_t holdOf(const SegIdentity_t& identity, Hold* hold) {
+  switch (identity.accessMode) {
+    case 1:
+    case 2:
+      return holdOfKey(identity.segmentKey.key, hold);
+    case kByAddress:
+      return holdOfSlot(hold);
+    default:
+      return TREL_RC_ACCESS_MODE;
+  }
+}
+
+bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size) {
+  const uint64_t first = domain->heapOffset, heapSize = heapOf(domain).header()->heapSize;
+  if (offset < first || heapSize < size || offset - first > heapSize - size) return false;
+  // The stored size has been tested at attach, but may have been overwritten since.
+  return !domain->ipcMemory || offset + size <= domain->ipcMemory->getSize();
+}
+
+const ShmDomainHandle_t* domainAround(const void* address, uint64_t size) {
+  const auto isIn = [&](const ShmDomainHandle_t* domain) {
+    return domain && address >= domain->base &&
+           liesInDomain(domain, offsetOf(address, domain->base), size);
+  };
+  const ShmDomainHandle_t* inSlot = trelGASegInfo.segInfo.shmDomainHandle;
+  if (trelGASegInfo.state == TREL_GA_SLOT_IN_USE && isIn(inSlot)) return inSlot;
+  if (!isInitialised()) return nullptr;
+  for (const SegAttachNode_t* node = *pSegAttachList; node; node = node->next)
+    if (isIn(node->segInfo->shmDomainHandle)) return node->segInfo->shmDomainHandle;
+  return nullptr;
+}
+
+SegmentForm readForm(const ShmDomainParam_t* param, uint32_t defaultMode) {
+  SegmentForm form = {0, 0, 0, 0};
+  if (param)
+    form = {param->heapVersion, param->handleVersion, param->latchVersion, param->accessMode};
+  for (uint64_t* version : {&form.heapVersion, &form.handleVersion, &form.latchVersion})
+    if (*version == 0) *version = TREL_STRUCTURE_VERSION;
+  if (form.accessMode == 0) form.accessMode = defaultMode;
+  return form;
+}
+
+uint32_t NewHold::begin(const SegmentForm& form, const PLATIPCResID* key) {
+  if (form.accessMode == kByAddress) {
+    segInfo_ = &trelGASegInfo.segInfo;
+  } else {
+    if (obtain(&node_) || obtain(&segInfo_)) {
+      drop();
+      return TREL_RC_ATTACH_NO_MEMORY;
+    }
+    *node_ = {nullptr, segInfo_, 0};
+    *segInfo_ = {};
+    segInfo_->identity.segmentKey = {key->structureTag, key->key};
+  }
+  SegIdentity_t& identity = segInfo_->identity;
+  identity.handleVersion = static_cast<uint32_t>(form.handleVersion);
+  identity.heapVersion = static_cast<uint32_t>(form.heapVersion);
+  identity.latchVersion = static_cast<uint32_t>(form.latchVersion);
+  identity.accessMode = form.accessMode;
+  identity.connected = 1;
+  segInfo_->shmDomainHandle = nullptr;
+  segInfo_->shmPoolHandle = nullptr;
+  return 0;
+}
+
+uint32_t NewHold::publish() {
+  if (!node_) {
+    trelGARefCount = 1;
+    trelGASegInfo.state = TREL_GA_SLOT_IN_USE;
+    return 0;
+  }
+  node_->refCount = 1;
+  return trelInsertAttachInfoNodeIntoLList(segInfo_, &node_);
+}
+
+void NewHold::drop() {
+  if (segInfo_) {
+    release(&segInfo_->shmPoolHandle);
+    release(&segInfo_->shmDomainHandle);
+    if (node_) release(&segInfo_);
+  }
+  release(&node_);
+}
+
+uint32_t endHold(const SegIdentity_t& identity) {
+  if (identity.accessMode == kByAddress) {
+    trelGARefCount = 0;
+    trelGASegInfo.state = TREL_GA_SLOT_EMPTY;
+    return 0;
+  }
+  const PLATIPCResID key = {identity.segmentKey.structureTag, identity.segmentKey.key};
+  return trelDeleteAttachInfoNodeInLList(&key);
+}
+
+namespace {
+
+// Ends the memory of a domain that cannot be left in good order, and frees the handle.
+uint32_t letGo(ShmDomainHandle_t** domain, uint32_t (PLATHIPCMemory::*leave)(), uint32_t failure) {
+  if (PLATHIPCMemory* memory = (*domain)->ipcMemory) {
+    if (memory->isAttached() && (memory->*leave)() != 0) return failure;
+    delete memory;
+    (*domain)->ipcMemory = nullptr;
+  }
+  return release(domain);
+}
+
+uint32_t unmap(ShmDomainHandle_t** domain) {
+  return letGo(domain, &PLATHIPCMemory::detach, TREL_RC_SEGMENT_DETACH);
+}
+
+}  // namespace
+
+uint32_t destroyMemory(ShmDomainHandle_t** domain) {
+  return letGo(domain, &PLATHIPCMemory::destroy, TREL_RC_SEGMENT_DESTROY);
+}
+
+uint32_t leaveSegment(ShmSegInfo_t* segInfo, bool forced) {
+  if (segInfo->shmPoolHandle) {
+    uint32_t rc = trelDisconnectFromShmPool(&segInfo->shmPoolHandle);
+    if (forced && isGone(rc)) rc = release(&segInfo->shmPoolHandle);
+    if (rc) return rc;
+  }
+  if (!segInfo->shmDomainHandle) return 0;
+  const uint32_t rc = trelDisconnectFromShmDomain(&segInfo->shmDomainHandle);
+  return forced && isGone(rc) ? unmap(&segInfo->shmDomainHandle) : rc;
+}
+
+void undoPoolConnection(ShmPoolHandle_t** pool) {
+  if (*pool && trelDisconnectFromShmPool(pool) != 0) release(pool);
+}
+
+void undoDomainConnection(ShmDomainHandle_t** domain) {
+  if (*domain && trelDisconnectFromShmDomain(domain) != 0 && *domain) unmap(domain);
+}
+
+void undoPoolCreation(ShmPoolHandle_t** pool) {
+  if (*pool &&
+      _trelFreeShmPool(pool, 4, FID_trelGetProtectedStatusSegment, __LINE__, kModuleName) != 0)
+    release(pool);
+}
+
+void undoDomainCreation(ShmDomainHandle_t** domain) {
+  if (*domain && trelFreeShmDomain(domain, 2) != 0 && *domain) destroyMemory(domain);
+}
+
+}  // namespace trel

@@ -1,0 +1,113 @@
+#include "treli/reach.h"
+
+#include "treli/attach_latch.h"
+#include "treli/section.h"
+#include "trelll/list.h"
+
+namespace trel {
+
+bool isNodeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
+  if (!liesInDomain(domain, nodeOffset, sizeof(SNodeCB_t))) return false;
+  const uint64_t size = at<SNodeCB_t>(domain->base, nodeOffset)->nodeSize;
+  return size >= sizeof(SNodeCB_t) && liesInDomain(domain, nodeOffset, size);
+}
+
+uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity) {
+  const SNodeInfo_t copy = *record;
+  const bool isStored = copy.selfOffset != 0;
+  const void* base = isStored ? at<const void>(record, uint64_t{0} - copy.selfOffset)
+                              : at<const void>(nullptr, copy.segBase);
+  if (!base) return TREL_RC_BASE_NULL;
+  const auto* home = isStored ? domainAround(record, sizeof *record) : domainAround(base, 1);
+  if (home && (home->base != base || !liesInDomain(home, copy.segInfoOffset, sizeof *identity)))
+    return TREL_RC_BLOCK_OUTSIDE_POOL;
+  *identity = *at<const SegIdentity_t>(base, copy.segInfoOffset);
+  return 0;
+}
+
+uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* identity,
+                    const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
+  const AttachLatch latch;
+  if (const uint32_t rc = identityOf(record, identity)) return rc;
+  Hold hold;
+  if (const uint32_t rc = identity->accessMode == kByAddress
+                              ? holdOfSlot(&hold)
+                              : holdOfKey(identity->segmentKey.key, &hold))
+    return rc;
+  if (identity->handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  const ShmDomainHandle_t* domain = hold.segInfo->shmDomainHandle;
+  const uint64_t offset = record->nodeOffset;
+  if (!domain || !liesInDomain(domain, offset, sizeof(SNodeCB_t))) return TREL_RC_TOP_NODE_BOUNDS;
+  reached->node = at<SNodeCB_t>(domain->base, offset);
+  if (options & kStayInSegment) {
+    if (!current) return TREL_RC_SEGMENT_NULL;
+    int32_t order = 0;
+    if (compareKeys(current->identity.segmentKey.key, hold.segInfo->identity.segmentKey.key,
+                    current->identity.handleVersion, &order))
+      return TREL_RC_COMPARE_KEY;
+    *otherSegment = order != 0;
+  }
+  reached->segInfo = hold.segInfo;
+  return 0;
+}
+
+void leaveReached(Reached* reached) {
+  if (!reached->attachedHere) return;
+  trelDetachStatusSegment(&reached->segInfo, 1);
+  *reached = {};
+}
+
+namespace {
+
+uint32_t attachByIdentity(const SegIdentity_t& identity, ShmSegInfo_t** segInfo) {
+  ShmDomainParam_t domainParam = {};
+  domainParam.heapVersion = identity.heapVersion;
+  domainParam.handleVersion = identity.handleVersion;
+  domainParam.latchVersion = identity.latchVersion;
+  domainParam.accessMode = identity.accessMode;
+  domainParam.permissions = 432;
+  ShmPoolParam_t poolParam = {};
+  poolParam.heapVersion = identity.heapVersion;
+  poolParam.handleVersion = identity.handleVersion;
+  poolParam.latchVersion = identity.latchVersion;
+  const PLATIPCResID key = {identity.segmentKey.structureTag, identity.segmentKey.key};
+  return trelAttachStatusSegment(segInfo, &key, 0, 0, 0, &domainParam, &poolParam);
+}
+
+uint32_t checkReached(const SNodeInfo_t* record, const Reached& reached, uint32_t otherSegment) {
+  const ShmDomainHandle_t* domain = reached.segInfo->shmDomainHandle;
+  if (!isNodeInDomain(domain, offsetOf(reached.node, domain->base))) return TREL_RC_TOP_NODE_BOUNDS;
+  if (otherSegment == 0 && record->nodeTag != reached.node->tag) return TREL_RC_RECORD_TAG_DIFFERS;
+  return reading(reached.node, 0, accept::active, [] { return 0u; });
+}
+
+}  // namespace
+
+uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* current,
+                   uint32_t* otherSegment, uint32_t options) {
+  SegIdentity_t identity;
+  uint32_t rc = locateNode(record, reached, &identity, current, otherSegment, options);
+  if (rc == TREL_RC_NOT_ATTACHED) {
+    if (options & kStayInSegment) {
+      if (!current) return TREL_RC_SEGMENT_NULL;
+      int32_t order = 0;
+      if (compareKeys(current->identity.segmentKey.key, identity.segmentKey.key,
+                      current->identity.handleVersion, &order))
+        return TREL_RC_COMPARE_KEY;
+      if (order != 0) {
+        *reached = {nullptr, current, false};
+        *otherSegment = 1;
+        return 0;
+      }
+    }
+    ShmSegInfo_t* attached = nullptr;
+    if ((rc = attachByIdentity(identity, &attached))) return rc;
+    *reached = {nullptr, attached, true};
+    rc = locateNode(record, reached, &identity, current, otherSegment, options);
+  }
+  if (rc == 0) rc = checkReached(record, *reached, *otherSegment);
+  if (rc && !isRefusedCondition(rc)) leaveReached(reached);
+  return rc;
+}
+
+}  // namespace trel

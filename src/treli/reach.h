@@ -1,0 +1,52 @@
+// From a record to the node that it names, across segments.
+#pragma once
+
+#include "treli/attachment.h"
+
+namespace trel {
+
+constexpr uint32_t kStayInSegment = 64;  // bit of the options of walks
+
+// Whether the node can be touched: its header and all that it says to own lie in the domain.
+bool isNodeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset);
+
+// The identity that the record names. The caller holds the AttachLatch.
+uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity);
+
+// The refusals of a node that was reached all the same: it is not active.
+constexpr bool isRefusedCondition(uint32_t code) {
+  return code == TREL_RC_CREATED || code == TREL_RC_INITIALISED || code == TREL_RC_ABANDONED ||
+         code == TREL_RC_DISASSOCIATED;
+}
+
+// What a record led to. A field keeps what it held until it is known.
+struct Reached {
+  SNodeCB_t* node = nullptr;
+  ShmSegInfo_t* segInfo = nullptr;
+  bool attachedHere = false;  // the segment was not held before
+};
+
+// Finds the node, without attaching. With kStayInSegment *otherSegment tells whether it lies in
+// another segment than `current`; without it the last three may be left out.
+uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* identity,
+                    const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options);
+
+// Finds the node, attaching its segment if it is not held. Success means an active node of the
+// record's tag. Where the code is a refused condition, the node was reached, and stays so: whoever
+// asked detaches with leaveReached() if he keeps nothing. After any other failure nothing is left
+// attached by this call, and the node and segment are null if it had attached.
+//
+// With kStayInSegment, *otherSegment 1 and a segment that is not held, nothing is attached: success
+// with the segment `current` and no node. The tag is tested only where *otherSegment is 0.
+uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* current,
+                   uint32_t* otherSegment, uint32_t options);
+
+inline uint32_t reachNode(const SNodeInfo_t* record, Reached* reached) {
+  uint32_t otherSegment = 0;
+  return reachNode(record, reached, nullptr, &otherSegment, 0);
+}
+
+// Undoes the attach of this reach, if there was one.
+void leaveReached(Reached* reached);
+
+}  // namespace trel

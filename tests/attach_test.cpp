@@ -1,0 +1,642 @@
+// Library state, status segments, attach and detach, the road from records to nodes.
+#include <sys/mman.h>
+
+#include <cstring>
+#include <vector>
+
+#include "segment_fixture.h"
+
+namespace {
+
+constexpr uint32_t kVersion = TREL_STRUCTURE_VERSION;
+
+struct Tree {
+  ShmSegInfo_t* info = nullptr;
+  SNodeCB_t* node = nullptr;
+  TopNodeInfo_t top{};
+
+  uint32_t connect(const PLATIPCResID* key) {
+    return trelConnectToATree(&info, &node, &top, key, 0, nullptr, nullptr);
+  }
+  uint32_t attach(const PLATIPCResID* key, const ShmDomainParam_t* param = nullptr,
+                  uintptr_t address = 0) {
+    return trelAttachToTopNode(&info, &node, &top, key, address, param, nullptr);
+  }
+};
+
+TEST(LibraryState, CountsInitialisations) {
+  EXPECT_EQ(TREL_RC_NOT_INITIALISED, TRELCleanup(1));
+  EXPECT_EQ(TREL_RC_LATCH_VERSION, TRELOneTimeOnlyInitialization(1, 1));
+  EXPECT_EQ(TREL_RC_HANDLE_VERSION, TRELOneTimeOnlyInitialization(1, kVersion));
+  EXPECT_EQ(TREL_API_UNINITIALISED, trelAPIIsInitialized);
+  EXPECT_EQ(TREL_GA_SLOT_EMPTY, trelGASegInfo.state);
+  SegAttachNode_t* node = nullptr;
+  EXPECT_EQ(TREL_RC_NOT_INITIALISED, trelFindAttachInfoNodeInLList(nullptr, &node));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
+  EXPECT_EQ(TREL_RC_CLEANUP_MODE, TRELCleanup(0));
+  EXPECT_EQ(0u, TRELCleanup(1));
+  EXPECT_EQ(2u, trelAPIInitRefCount);
+  EXPECT_EQ(0u, TRELCleanup(2));
+  EXPECT_EQ(TREL_RC_NOT_INITIALISED, TRELCleanup(1));
+  EXPECT_EQ(0, trelAPIInitLatch | trelSegAttachLatch);
+  EXPECT_EQ(PLAT_STRUCTURE_TAG, trelGASegInfo.segInfo.identity.segmentKey.structureTag);
+}
+
+TEST(LibraryState, CleanupForgetsWhatIsAttached) {
+  Key key;
+  ShmSegInfo_t* info = nullptr;
+  ASSERT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
+  ASSERT_EQ(0u, trelGetProtectedStatusSegment(&info, 0x20000, key, 0, 0, nullptr, nullptr));
+  void* const base = info->shmDomainHandle->base;
+  EXPECT_EQ(0u, TRELCleanup(1));
+  EXPECT_EQ(0, shmdt(base)) << "it was still mapped";
+  ASSERT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
+  EXPECT_EQ(nullptr, *pSegAttachList);
+  EXPECT_EQ(0u, TRELCleanup(1));
+}
+
+using Attach = Library;
+
+TEST_F(Attach, PublisherAndReaderInTwoProcesses) {
+  Segment segment;
+  EXPECT_EQ(TREL_RC_NO_TREE, Tree().attach(segment.key));
+  EXPECT_EQ(0, inOtherProcess([&] {
+              EXPECT_EQ(TREL_RC_NO_TREE, Tree().attach(segment.key));
+              EXPECT_EQ(TREL_RC_CONNECT, Tree().connect(segment.key));
+            }));
+  SNodeCB_t* top = segment.makeNode(77, "top");
+  segment.publish(top);
+  int toReader[2], toPublisher[2];
+  ASSERT_EQ(0, pipe(toReader) | pipe(toPublisher));
+  const auto tell = [](int* pipe) { EXPECT_EQ(1, write(pipe[1], "", 1)); };
+  const auto wait = [](int* pipe) {
+    char c;
+    EXPECT_EQ(1, read(pipe[0], &c, 1));
+  };
+  const pid_t reader = fork();
+  if (reader == 0) {
+    beginAnew();
+    Tree tree;
+    EXPECT_EQ(0u, tree.connect(segment.key));
+    EXPECT_NE(segment.domain()->base, tree.info->shmDomainHandle->base);
+    EXPECT_EQ(77u, tree.top.tag);
+    uint8_t* id = nullptr;
+    uint64_t idSize = 0;
+    EXPECT_EQ(0u, trelGetNodeID(tree.node, &id, &idSize, 0));
+    EXPECT_EQ("top", std::string(reinterpret_cast<char*>(id), idSize));
+    WatchRecord_t watch{};
+    watch.updateMode = TREL_UPDATE_BY_COUNTER;
+    PLATVAtomicSigned32::init(&watch.seenCounter, 0, 1);
+    EXPECT_EQ(TREL_RC_NO_UPDATE, trelIsStillBeingUpdated(tree.node, &watch));
+    tell(toPublisher);
+    wait(toReader);
+    EXPECT_EQ(0u, trelIsStillBeingUpdated(tree.node, &watch));
+    EXPECT_EQ(TREL_RC_NO_UPDATE, trelIsStillBeingUpdated(tree.node, &watch));
+    EXPECT_EQ(0u, trelDetachFromTopNode(&tree.info, 1));
+    EXPECT_EQ(nullptr, tree.info);
+    fflush(nullptr);
+    _exit(HasFailure());
+  }
+  wait(toPublisher);
+  EXPECT_EQ(2u, segment.heap()->connectionCount);
+  EXPECT_EQ(0u, trelUpdateNodeStatus(top));
+  tell(toReader);
+  int status = 0;
+  EXPECT_EQ(reader, waitpid(reader, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_EQ(1u, segment.heap()->connectionCount);
+  for (int end : {toReader[0], toReader[1], toPublisher[0], toPublisher[1]}) close(end);
+}
+
+TEST_F(Attach, CountsPerProcess) {
+  Segment segment;
+  SNodeCB_t* top = segment.makeNode(5);
+  segment.publish(top);
+  Tree tree;
+  for (uint32_t count = 2; count <= 5; ++count) {
+    EXPECT_EQ(0u, tree.connect(segment.key));
+    EXPECT_EQ(segment.info, tree.info);
+    EXPECT_EQ(top, tree.node);
+    EXPECT_EQ(count, segment.attachCount());
+  }
+  EXPECT_EQ(1u, segment.heap()->connectionCount);
+  EXPECT_EQ(0u, trelAbandonNode(&top));
+  Tree refused;
+  EXPECT_EQ(TREL_RC_ABANDONED, refused.attach(segment.key));
+  EXPECT_EQ(TREL_RC_CONNECT, refused.connect(segment.key));
+  EXPECT_EQ(nullptr, refused.info);
+  EXPECT_EQ(5u, segment.attachCount());
+  EXPECT_EQ(TREL_RC_DETACH_MODE, trelDetachStatusSegment(&tree.info, 3));
+  EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+  EXPECT_EQ(segment.info, tree.info);
+  EXPECT_EQ(0u, trelDeleteStatusSegment(&tree.info, 4, 2, 1)) << "only counts down";
+  EXPECT_EQ(3u, segment.attachCount());
+  EXPECT_EQ(TREL_RC_COUNT_OPERATION, trelUpdateShmAttachRefCount(segment.info, 3));
+  EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, 1));
+  EXPECT_EQ(4u, segment.attachCount());
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, 2));
+  EXPECT_EQ(1u, segment.attachCount());
+  EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, 1));
+  ShmSegInfo_t* info = segment.info;
+  EXPECT_EQ(0u, trelDetachStatusSegment(&info, 2));
+  EXPECT_EQ(nullptr, info);
+  EXPECT_EQ(nullptr, *pSegAttachList);
+  EXPECT_TRUE(segment.key.exists());
+  SegIdentity_t identity{kVersion, kVersion, kVersion, 2, {0, segment.key.id().key}, 1, 0};
+  ShmSegInfo_t stranger{identity, nullptr, nullptr};
+  info = &stranger;
+  EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelDetachStatusSegment(&info, 1));
+  EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelDeleteStatusSegment(&info, 4, 2, 2));
+  stranger.identity.accessMode = 4;
+  EXPECT_EQ(TREL_RC_ACCESS_MODE, trelUpdateShmAttachRefCount(info, 1));
+  EXPECT_EQ(TREL_RC_ACCESS_MODE, trelDetachStatusSegment(&info, 1));
+  stranger.identity.accessMode = 3;
+  EXPECT_EQ(TREL_RC_SLOT_EMPTY, trelDetachStatusSegment(&info, 1));
+  segment.info = nullptr;  // the key removes it
+}
+
+TEST_F(Attach, MarkedSegmentRefusesEvenItsHolder) {
+  Segment segment;
+  segment.publish(segment.makeNode(5));
+  EXPECT_EQ(0u, trelMarkStatusSegmentForDeletion(segment.info));
+  EXPECT_EQ(TREL_RC_DOMAIN_MARKED, Tree().attach(segment.key));
+  EXPECT_EQ(1u, segment.attachCount());
+  EXPECT_EQ(0,
+            inOtherProcess([&] { EXPECT_EQ(TREL_RC_DOMAIN_MARKED, Tree().attach(segment.key)); }));
+  EXPECT_EQ(1u, segment.heap()->connectionCount);
+}
+
+TEST_F(Attach, MemoryOfTheCallerUsesTheSlot) {
+  constexpr uint32_t kSize = 0x20000;
+  void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, memory);
+  const auto address = reinterpret_cast<uintptr_t>(memory);
+  ShmDomainParam_t param{};
+  param.accessMode = 3;
+  Tree tree;
+  EXPECT_EQ(TREL_RC_DOMAIN_STATE, tree.attach(nullptr, &param, address));
+  EXPECT_EQ(TREL_GA_SLOT_EMPTY, trelGASegInfo.state);
+  Segment segment(kSize, &param, address);
+  ShmSegInfo_t* info = segment.info;
+  ASSERT_EQ(&trelGASegInfo.segInfo, info);
+  EXPECT_EQ(TREL_RC_SEGMENT_EXISTS,
+            trelGetProtectedStatusSegment(&info, kSize, nullptr, address, 0, &param, nullptr));
+  const SegSecurity_t security = {0, 0, 0600};
+  EXPECT_EQ(0u, trelAuthorizeStatusSegment(info, &security));
+  SNodeCB_t* node = segment.makeNode(9);
+  segment.publish(node);
+  EXPECT_EQ(0, inOtherProcess([&] {  // the memory is this process's too, at the same address
+              Tree other;
+              EXPECT_EQ(0u, other.attach(nullptr, &param, address));
+              EXPECT_EQ(9u, other.top.tag);
+              EXPECT_EQ(2u, segment.heap()->connectionCount);
+              const SNodeInfo_t record = segment.recordOf(node, segment);
+              SNodeCB_t* found = nullptr;
+              EXPECT_EQ(0u, trelAttachToNode(&record, &found));
+              EXPECT_EQ(node, found);
+              EXPECT_EQ(0u, trelDetachFromNode(&record, 1));
+              EXPECT_EQ(TREL_RC_SLOT_EMPTY, trelDetachFromNode(&record, 1));
+              EXPECT_EQ(TREL_RC_SLOT_EMPTY, trelAttachToNode(&record, &found));
+            }));
+  EXPECT_EQ(0u, tree.attach(nullptr, &param, 8)) << "the address of a further attach is ignored";
+  EXPECT_EQ(2u, trelGARefCount);
+  EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+  EXPECT_EQ(0u, trelDeleteStatusSegment(&segment.info, 4, 2, 1));
+  EXPECT_EQ(TREL_GA_SLOT_EMPTY, trelGASegInfo.state);
+  munmap(memory, kSize);
+}
+
+TEST_F(Attach, RefusesWhatIsNoStatusSegment) {
+  Key key;
+  const PLATIPCResID zero = {PLAT_STRUCTURE_TAG, 0};
+  Tree tree;
+  EXPECT_EQ(TREL_RC_SEGMENT_NULL, tree.attach(nullptr));
+  EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, tree.attach(key));
+  EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, tree.attach(&zero));
+  ShmDomainParam_t param{};
+  param.accessMode = 4;
+  EXPECT_EQ(TREL_RC_ACCESS_MODE, tree.attach(key, &param));
+  param.accessMode = 2;
+  param.handleVersion = 1;
+  EXPECT_EQ(TREL_RC_HANDLE_VERSION, tree.attach(key, &param));
+  for (size_t size : {size_t{100}, size_t{4096}, size_t{65536}}) {
+    const int id = shmget(static_cast<key_t>(key.id().key), size, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_GE(id, 0);
+    EXPECT_EQ(TREL_RC_DOMAIN_STATE, tree.attach(key)) << size;
+    shmid_ds state;
+    EXPECT_EQ(0, shmctl(id, IPC_STAT, &state));
+    EXPECT_EQ(0u, state.shm_nattch);
+    shmctl(id, IPC_RMID, nullptr);
+  }
+  EXPECT_EQ(nullptr, *pSegAttachList);
+  if (geteuid() != 0) return;
+  Segment segment;
+  segment.publish(segment.makeNode(5));
+  EXPECT_EQ(0, inOtherProcess([&] {
+              EXPECT_EQ(0, setgid(65534) | setuid(65534));
+              EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, Tree().attach(segment.key));
+            }));
+  const SegSecurity_t forAll = {65534, 65534, 0600};
+  EXPECT_EQ(0u, trelAuthorizeStatusSegment(segment.info, &forAll));
+  EXPECT_EQ(0, inOtherProcess([&] {
+              EXPECT_EQ(0, setgid(65534) | setuid(65534));
+              EXPECT_EQ(0u, Tree().attach(segment.key));
+            }));
+}
+
+// Each word of a header in turn holds nonsense: a reader gets a code, or what it gets is sound.
+TEST_F(Attach, DamagedHeadersDoNoHarm) {
+  Segment segment;
+  SNodeCB_t* top = segment.makeNode(5);
+  segment.publish(top);
+  HeapHeader_t* heap = segment.heap();
+  auto* words = reinterpret_cast<TrelU64*>(heap + 1);
+  TrelU64* const fields[] = {&heap->heapSize,   &heap->userAreaSize, &heap->topPool, &words[0],
+                             &heap->heapOffset, &heap->heapState,    &top->nodeSize};
+  int refused = 0;
+  const auto probe = [&] {
+    Tree tree;
+    if (tree.attach(segment.key) != 0) return ++refused;
+    EXPECT_EQ(5u, tree.node->tag);
+    EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+    return 0;
+  };
+  for (TrelU64* field : fields) {
+    const uint64_t sound = *field;
+    for (uint64_t nonsense : {uint64_t{0}, uint64_t{8}, uint64_t{0xffff8}, uint64_t{0x100000},
+                              uint64_t{0x7fffffff0}, ~uint64_t{7}, ~uint64_t{0}}) {
+      *field = nonsense;
+      probe();
+      EXPECT_EQ(0, inOtherProcess(probe));
+    }
+    *field = sound;
+  }
+  EXPECT_GT(refused, 25);
+  EXPECT_EQ(0, probe());
+  EXPECT_EQ(1u, segment.attachCount());
+  EXPECT_EQ(1u, heap->connectionCount);
+  words[0] = 0x100000 - sizeof(SNodeCB_t) + 8;
+  EXPECT_EQ(TREL_RC_TOP_NODE_BOUNDS, Tree().attach(segment.key));
+  words[0] = top->nodeOffset;
+  words[1] = 6;
+  EXPECT_EQ(TREL_RC_TOP_TAG_DIFFERS, Tree().attach(segment.key));
+  words[1] = TREL_MAX_TAG + 1;
+  EXPECT_EQ(TREL_RC_TAG_RANGE, Tree().attach(segment.key));
+  EXPECT_EQ(1u, segment.attachCount());
+}
+
+TEST_F(Attach, TopNodeFieldsMoveWithTheUserArea) {
+  ShmDomainParam_t param{};
+  param.userAreaSize = 12;
+  Segment segment(0x100000, &param);
+  SNodeCB_t* top = segment.makeNode(5);
+  segment.publish(top);
+  segment.recordOf(top, segment);
+  const auto* header = reinterpret_cast<const uint8_t*>(segment.heap());
+  const auto word = [&](int at) { return *reinterpret_cast<const TrelU64*>(header + at); };
+  EXPECT_EQ(top->nodeOffset, word(260));
+  EXPECT_EQ(5u, word(268));
+  EXPECT_NE(0u, word(280));
+  EXPECT_EQ(0u, word(288));
+  ShmDomainHandle_t* domain = segment.domain();
+  uint64_t tag = 1, offset = 1;
+  uint32_t pool = 1;
+  EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(domain, 0, 0x100000, 0x100000));
+  EXPECT_EQ(0u, trelGetTopNodeInfoFromDomainHeader(domain, &tag, &offset, &pool));
+  EXPECT_EQ(0u, tag);
+  EXPECT_EQ(0x100000u, offset);
+  EXPECT_EQ(TREL_RC_TOP_NODE_BOUNDS,
+            trelPutTopNodeInfoIntoDomainHeader(domain, 0, 0x100001, 0x100001));
+  EXPECT_EQ(TREL_RC_TOP_POOL_BOUNDS,
+            trelPutTopNodeInfoIntoDomainHeader(domain, 0, 0x100000, 0x100001));
+  EXPECT_EQ(TREL_RC_TAG_RANGE,
+            trelPutTopNodeInfoIntoDomainHeader(domain, TREL_MAX_TAG + 1, ~uint64_t{0}, 0));
+  EXPECT_EQ(TREL_RC_OUT_TOP_POOL,
+            trelGetTopNodeInfoFromDomainHeader(domain, &tag, &offset, nullptr));
+}
+
+TEST_F(Attach, SegmentDeletedByAnotherProcess) {
+  Key key;
+  for (const bool twice : {false, true}) {
+    int made[2], deleted[2];
+    ASSERT_EQ(0, pipe(made) | pipe(deleted));
+    const pid_t owner = fork();
+    char c = 0;
+    if (owner == 0) {
+      ShmSegInfo_t* info = nullptr;
+      trelGetProtectedStatusSegment(&info, 0x100000, key, 0, 0, nullptr, nullptr);
+      SNodeCB_t* node = nullptr;
+      uint64_t size = 0, offset = 0;
+      const uint64_t sizes[64] = {};
+      trelCreateNode(info, &node, 0, sizes, &size, &offset);
+      trelInitNode(&node, offset, 0, nullptr, nullptr, nullptr, 0, nullptr, nullptr, nullptr);
+      trelPutTopNodeInfoIntoDomainHeader(info->shmDomainHandle, 0, offset,
+                                         static_cast<uint32_t>(info->shmPoolHandle->poolOffset));
+      EXPECT_EQ(1, write(made[1], "", 1));
+      EXPECT_EQ(1, read(deleted[0], &c, 1));
+      _exit(trelDeleteStatusSegment(&info, 3, 1, 2) == TREL_RC_POOL_CONNECTED
+                ? trelDeleteStatusSegment(&info, 4, 2, 2) != 0
+                : 1);
+    }
+    EXPECT_EQ(1, read(made[0], &c, 1));
+    Tree tree;
+    EXPECT_EQ(0u, tree.attach(key));
+    if (twice) {
+      EXPECT_EQ(0u, tree.attach(key));
+    }
+    EXPECT_EQ(1, write(deleted[1], "", 1));
+    int status = 0;
+    EXPECT_EQ(owner, waitpid(owner, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_FALSE(key.exists());
+    EXPECT_EQ(twice, trelDetachStatusSegment(&tree.info, 1) == 0) << "only the last one leaves";
+    ASSERT_NE(nullptr, tree.info);
+    EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 2));
+    EXPECT_EQ(nullptr, tree.info);
+    EXPECT_EQ(nullptr, *pSegAttachList);
+    for (int end : {made[0], made[1], deleted[0], deleted[1]}) close(end);
+  }
+}
+
+TEST_F(Attach, KilledReaderLeavesNoLatchBehind) {
+  Segment segment;
+  SNodeCB_t* top = segment.makeNode(5);
+  segment.publish(top);
+  const int status = inOtherProcess([&] {
+    Tree tree;
+    EXPECT_EQ(0u, tree.connect(segment.key));
+    EXPECT_EQ(0u, trelLatchShmDomain(tree.info->shmDomainHandle));
+    EXPECT_EQ(0u, trelEnterCriticalSectionBeforeWrite(tree.node, &tree.node->nodeLatchArea));
+    if (!HasFailure()) kill(getpid(), SIGKILL);
+  });
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  alarm(10);
+  Tree tree;
+  EXPECT_EQ(0u, tree.connect(segment.key));
+  EXPECT_EQ(0u, trelUpdateNodeStatus(top));
+  EXPECT_EQ(0u, trelLatchShmDomain(segment.domain()));
+  EXPECT_EQ(0u, trelUnlatchShmDomain(segment.domain()));
+  segment.publish(segment.makeNode(6));
+  alarm(0);
+}
+
+struct TwoSegments : Library {
+  Segment home, away;
+  SNodeCB_t* near = home.makeNode(1);
+  SNodeCB_t* far = away.makeNode(2);
+  SNodeInfo_t nearRecord = home.recordOf(near, home);
+  SNodeInfo_t farRecord = home.recordOf(far, away);
+  SNodeCB_t* node = nullptr;
+  ShmSegInfo_t* info = nullptr;
+  uint32_t other = 7;
+
+  TwoSegments() {
+    home.publish(near);
+    away.publish(far);
+  }
+  // Lets go of the second segment in this process; its own handles are gone then.
+  void leaveAway() { EXPECT_EQ(0u, trelDetachStatusSegment(&away.info, 2)); }
+  // The segment as other processes have it: it is attached again to be deleted.
+  ~TwoSegments() override {
+    if (away.info) return;
+    EXPECT_EQ(0u, trelAttachToNode(&farRecord, &node));
+    SegAttachNode_t* held = nullptr;
+    EXPECT_EQ(0u, trelFindAttachInfoNodeInLList(away.key, &held));
+    if (held) away.info = held->segInfo;
+  }
+};
+
+TEST_F(TwoSegments, AttachToNodeAttachesOnce) {
+  EXPECT_EQ(0u, trelAttachToNode(&nearRecord, &node));
+  EXPECT_EQ(near, node);
+  EXPECT_EQ(1u, home.attachCount());
+  EXPECT_EQ(0u, trelAttachToNodeAndGetSegInfo(&farRecord, &node, &info, home.info, &other, 64));
+  EXPECT_EQ(far, node);
+  EXPECT_EQ(away.info, info);
+  EXPECT_EQ(1u, other);
+  EXPECT_EQ(0u,
+            trelGetShmSegInfoPtrUsingSNodeInfo(&nearRecord, &node, &info, home.info, &other, 64));
+  EXPECT_EQ(0u, other);
+  EXPECT_EQ(TREL_RC_SEGMENT_NULL,
+            trelGetShmSegInfoPtrUsingSNodeInfo(&nearRecord, &node, &info, nullptr, &other, 64));
+  leaveAway();
+  EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelGetControlBlockPtrFromSNodeInfo(&farRecord, &node));
+  EXPECT_EQ(near, node) << "left alone";
+  EXPECT_EQ(0u, trelAttachToNodeAndGetSegInfo(&farRecord, &node, &info, home.info, &other, 64));
+  EXPECT_EQ(nullptr, node);
+  EXPECT_EQ(home.info, info);
+  EXPECT_EQ(1u, other);
+  EXPECT_EQ(nullptr, (*pSegAttachList)->next) << "nothing was attached";
+  EXPECT_EQ(0u, trelDetachFromNode(&farRecord, 1)) << "not attached is a success";
+  other = 0;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(0u, trelAttachToNodeAndGetSegInfo(&farRecord, &node, &info, nullptr, &other, 0));
+    ASSERT_NE(nullptr, node);
+    EXPECT_EQ(2u, node->tag);
+  }
+  uint32_t count = 0;
+  EXPECT_EQ(0u, trelGetShmAttachRefCount(info, &count));
+  EXPECT_EQ(1u, count);
+  EXPECT_EQ(TREL_RC_DETACH_FROM_NODE, trelDetachFromNode(&farRecord, 3));
+  EXPECT_EQ(0u, trelDetachFromNode(&farRecord, 1));
+  EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelGetControlBlockPtrFromSNodeInfo(&farRecord, &node));
+}
+
+TEST_F(TwoSegments, RefusedNodesStayOnlyWhereHeld) {
+  const struct {
+    uint32_t condition, code;
+  } refusals[] = {{TREL_CONDITION_CREATED, TREL_RC_CREATED},
+                  {TREL_CONDITION_INITIALISED, TREL_RC_INITIALISED},
+                  {TREL_CONDITION_ABANDONED, TREL_RC_ABANDONED},
+                  {TREL_CONDITION_DISASSOCIATED, TREL_RC_DISASSOCIATED}};
+  other = 0;
+  for (const auto& refusal : refusals) {
+    far->condition = near->condition = refusal.condition;
+    EXPECT_EQ(refusal.code, trelAttachToNode(&nearRecord, &node));
+    EXPECT_EQ(near, node);
+    EXPECT_EQ(0, inOtherProcess([&] {
+                Tree tree;
+                node->condition = TREL_CONDITION_ACTIVE;
+                EXPECT_EQ(0u, tree.attach(home.key));
+                SNodeInfo_t record = farRecord;
+                record.segBase = reinterpret_cast<uintptr_t>(tree.info->shmDomainHandle->base);
+                EXPECT_EQ(refusal.code,
+                          trelAttachToNodeAndGetSegInfo(&record, &node, &info, nullptr, &other, 0));
+                EXPECT_EQ(nullptr, node);
+                EXPECT_EQ(nullptr, info);
+                node = tree.node;
+                EXPECT_EQ(refusal.code, trelAttachToNode(&record, &node));
+                EXPECT_EQ(nullptr, node);
+                EXPECT_EQ(nullptr, (*pSegAttachList)->next);
+                EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+              }));
+    EXPECT_EQ(1u, away.heap()->connectionCount);
+  }
+  far->condition = near->condition = TREL_CONDITION_ACTIVE;
+  nearRecord.nodeTag = 2;
+  EXPECT_EQ(TREL_RC_RECORD_TAG_DIFFERS, trelAttachToNode(&nearRecord, &node));
+  EXPECT_EQ(1u, home.attachCount());
+}
+
+// A stored record with nonsense in each field, and one in process memory.
+TEST_F(TwoSegments, DamagedRecordsGiveCodes) {
+  SNodeInfo_t* stored = nullptr;
+  void* block = nullptr;
+  ASSERT_EQ(0u, _trelAllocateShmBlock(&block, home.pool(), sizeof *stored, 0, 0, 0, "test"));
+  stored = static_cast<SNodeInfo_t*>(block);
+  *stored = nearRecord;
+  stored->selfOffset = home.offsetOf(stored);
+  stored->segBase = 1;  // not read
+  EXPECT_EQ(0u, trelAttachToNode(stored, &node));
+  const std::vector<uint64_t> nonsense = {1,           8,           0xfffff,      0x100000,
+                                          0x7fffffff0, 0xfffffff0u, ~uint64_t{0}, ~uint64_t{55}};
+  for (TrelU64* field : {&stored->nodeOffset, &stored->selfOffset, &stored->segInfoOffset,
+                         &nearRecord.nodeOffset, &nearRecord.segInfoOffset}) {
+    const uint64_t sound = *field;
+    const bool isStored = field >= &stored->nodeOffset && field <= &stored->segBase;
+    for (uint64_t value : nonsense) {
+      *field = value;
+      EXPECT_NE(0u, trelAttachToNode(isStored ? stored : &nearRecord, &node)) << value;
+    }
+    *field = sound;
+  }
+  EXPECT_EQ(0u, trelAttachToNode(stored, &node));
+  EXPECT_EQ(0u, trelAttachToNode(&nearRecord, &node));
+  nearRecord.segBase = 0;
+  EXPECT_EQ(TREL_RC_BASE_NULL, trelAttachToNode(&nearRecord, &node));
+  EXPECT_EQ(TREL_RC_BASE_NULL, trelDetachFromNode(&nearRecord, 1));
+  EXPECT_EQ(0u, _trelFreeShmBlock(&block, home.pool(), 0, 0, "test"));
+}
+
+using Creation = Library;
+
+TEST_F(Creation, PoolSizesAndTheirLimits) {
+  constexpr uint32_t kSize = 0x100000;
+  uint64_t count = 0, level = 7, header = 0, listHeader = 0, space = 0;
+  trelGetHHeaderInfo(kSize, TREL_HEAP_DOMAIN, &count, &level, 0, &header, &listHeader, &space);
+  const auto managed = static_cast<uint32_t>(kSize - header - space);
+  count = 0, level = 10;
+  trelGetHHeaderInfo(managed, TREL_HEAP_POOL, &count, &level, 0, &header, &listHeader, &space);
+  const auto margin = static_cast<uint32_t>(header + space + 216);
+  const uint32_t sure = managed - margin;
+  const struct {
+    uint32_t poolSize, code, atLeast;
+  } cases[] = {{0, 0, sure},
+               {1, 0, 1 + margin},
+               {sure, TREL_RC_DOMAIN_ABOVE_FREE, 0},
+               {sure + 1, 0, sure + 1 - margin},
+               {managed, 0, sure},
+               {managed + 1, TREL_RC_DOMAIN_ABOVE_HEAP, 0}};
+  for (const auto& c : cases) {
+    Key key;
+    ShmSegInfo_t* info = nullptr;
+    EXPECT_EQ(c.code,
+              trelGetProtectedStatusSegment(&info, kSize, key, 0, c.poolSize, nullptr, nullptr))
+        << c.poolSize;
+    EXPECT_EQ(c.code == 0, key.exists());
+    if (!info) continue;
+    ShmPoolInfo_t pool;
+    EXPECT_EQ(0u, trelGetShmPoolInfo(info->shmPoolHandle, &pool));
+    EXPECT_GE(pool.freeBytes, c.atLeast);
+    EXPECT_LT(pool.freeBytes, c.atLeast + 8);
+    EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 3, 1, 1));
+    EXPECT_EQ(nullptr, info);
+  }
+  EXPECT_EQ(nullptr, *pSegAttachList);
+}
+
+// The largest pool fits at every size, also just above the steps by which pools are sized.
+TEST_F(Creation, LargestPoolFitsAtEverySize) {
+  int made = 0;
+  for (uint32_t size = 1; size < 0x1400000; size += size / 37 + 61) {
+    Key key;
+    ShmSegInfo_t* info = nullptr;
+    const uint32_t rc = trelGetProtectedStatusSegment(&info, size, key, 0, 0, nullptr, nullptr);
+    EXPECT_EQ(rc == 0, key.exists());
+    if (rc == 0) {
+      ++made;
+      EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 4, 2, 2));
+    } else {
+      EXPECT_LT(size, 0x8000u) << std::hex << rc;
+    }
+  }
+  EXPECT_GT(made, 100);
+}
+
+TEST_F(Creation, RefusesInOrder) {
+  Key key;
+  ShmSegInfo_t* info = nullptr;
+  ShmDomainParam_t param{};
+  ShmPoolParam_t poolParam{};
+  const auto make = [&](uint32_t size, const PLATIPCResID* id) {
+    return trelGetProtectedStatusSegment(&info, size, id, 0, 0, &param, &poolParam);
+  };
+  param.heapOffset = 4;
+  param.userAreaSize = 0x20001;
+  param.heapVersion = param.latchVersion = param.handleVersion = 1;
+  param.accessMode = 2;
+  EXPECT_EQ(TREL_RC_SEGMENT_SIZE_ZERO, make(0, nullptr));
+  EXPECT_EQ(TREL_RC_HEAP_OFFSET_ALIGN, make(0x20000, nullptr));
+  param.heapOffset = 0;
+  EXPECT_EQ(TREL_RC_USER_AREA_SIZE, make(0x20000, nullptr));
+  param.userAreaSize = 0;
+  EXPECT_EQ(TREL_RC_HANDLE_VERSION, make(0x20000, nullptr));
+  param.handleVersion = 0;
+  EXPECT_EQ(TREL_RC_LATCH_VERSION, make(0x20000, nullptr));
+  param.latchVersion = 0;
+  EXPECT_EQ(TREL_RC_HEAP_VERSION, make(0x20000, nullptr));
+  param.heapVersion = 0;
+  EXPECT_EQ(TREL_RC_ACCESS_MODE, make(0x20000, nullptr));
+  param.accessMode = 0;
+  EXPECT_EQ(TREL_RC_SEGMENT_NULL, make(0x20000, nullptr));
+  poolParam.userAreaSize = 0x20001;
+  EXPECT_EQ(TREL_RC_USER_AREA_SIZE, make(0x20000, key));
+  EXPECT_FALSE(key.exists());
+  poolParam.userAreaSize = 0;
+  param.permissions = 0600;
+  EXPECT_EQ(0u, make(0x20000, key));
+  ShmSegInfo_t* const made = info;
+  EXPECT_EQ(TREL_RC_SEGMENT_EXISTS, make(0x20000, key));
+  info = made;
+  EXPECT_EQ(TREL_RC_SECURITY_NULL, trelAuthorizeStatusSegment(info, nullptr));
+  const SegSecurity_t security = {getuid(), getgid(), 0640};
+  EXPECT_EQ(0u, trelAuthorizeStatusSegment(info, &security));
+  shmid_ds state;
+  EXPECT_EQ(0u, info->shmDomainHandle->ipcMemory->getInfo(&state));
+  EXPECT_EQ(0640, state.shm_perm.mode & 0777);
+  info->identity.handleVersion = 1;
+  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelAuthorizeStatusSegment(info, &security));
+  info->identity.handleVersion = kVersion;
+  EXPECT_EQ(TREL_RC_COUNT_MODE, trelDeleteStatusSegment(&info, 4, 2, 3));
+  EXPECT_EQ(TREL_RC_DOMAIN_FREE_MODE, trelDeleteStatusSegment(&info, 4, 3, 2));
+  EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 3, 1, 1));
+  EXPECT_FALSE(key.exists());
+}
+
+TEST_F(Creation, NodesComeFromThePoolAndGoBack) {
+  Segment segment;
+  ShmPoolInfo_t before, after;
+  EXPECT_EQ(0u, trelGetShmPoolInfo(segment.pool(), &before));
+  uint64_t sizes[64] = {}, size = 0, offset = 0;
+  SNodeCB_t* node = nullptr;
+  EXPECT_EQ(TREL_RC_NODE_SEGMENT_NULL, trelCreateNode(nullptr, &node, 0, sizes, &size, &offset));
+  sizes[0] = before.freeBytes;
+  EXPECT_EQ(TREL_RC_NODE_ABOVE_POOL, trelCreateNode(segment.info, &node, 0, sizes, &size, &offset));
+  EXPECT_EQ(0u, size);
+  sizes[0] -= TREL_NODE_HEADER_SIZE;  // passes the first look, but leaves no room for the pads
+  EXPECT_EQ(TREL_RC_NODE_ALLOCATION, trelCreateNode(segment.info, &node, 0, sizes, &size, &offset));
+  EXPECT_EQ(before.freeBytes, size);
+  segment.info->identity.latchVersion = 1;
+  sizes[0] = 0;
+  EXPECT_EQ(TREL_RC_LATCH_VERSION, trelCreateNode(segment.info, &node, 0, sizes, &size, &offset));
+  segment.info->identity.latchVersion = kVersion;
+  node = segment.makeNode(1);
+  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelDisclaimNode(&node, segment.pool(), 1));
+  EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, trelDisclaimNode(&node, nullptr, kVersion));
+  EXPECT_EQ(0u, trelDisclaimNode(&node, segment.pool(), kVersion));
+  EXPECT_EQ(nullptr, node);
+  EXPECT_EQ(0u, trelGetShmPoolInfo(segment.pool(), &after));
+  EXPECT_EQ(before.freeBytes, after.freeBytes);
+}
+
+}  // namespace

@@ -1,0 +1,158 @@
+// Status segments for tests. Whatever way a test ends, its segments are removed.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+
+#include "platsvc/platsvc.h"
+#include "trel/trel.h"
+
+// A key that no other running test has. The segment of that key is removed at the end, and also
+// when the process dies of a signal that can be caught.
+class Key {
+ public:
+  Key() : id_{PLAT_STRUCTURE_TAG, 0x40000000u | static_cast<uint32_t>(getpid()) << 6 | next()} {
+    static const bool catching = catchSignals();
+    (void)catching;
+    remove(id_.key);
+  }
+  ~Key() {
+    if (getpid() == owner()) remove(id_.key);
+  }
+  Key(const Key&) = delete;
+  Key& operator=(const Key&) = delete;
+
+  operator const PLATIPCResID*() const { return &id_; }
+  const PLATIPCResID& id() const { return id_; }
+  bool exists() const { return shmget(static_cast<key_t>(id_.key), 0, 0) >= 0; }
+
+ private:
+  static constexpr uint32_t kKeys = 64;
+
+  static pid_t owner() {
+    static const pid_t pid = getpid();
+    return pid;
+  }
+  static uint32_t next() {
+    owner();
+    static uint32_t count = 0;
+    return count++ % kKeys;
+  }
+  static void remove(uint32_t key) {
+    const int id = shmget(static_cast<key_t>(key), 0, 0);
+    if (id >= 0) shmctl(id, IPC_RMID, nullptr);
+  }
+  static bool catchSignals() {
+    for (int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGTERM, SIGINT, SIGALRM})
+      ::signal(signal, [](int received) {
+        const uint32_t keys = 0x40000000u | static_cast<uint32_t>(getpid()) << 6;
+        for (uint32_t i = 0; i < kKeys; ++i) remove(keys | i);
+        ::signal(received, SIG_DFL);
+        raise(received);
+      });
+    return true;
+  }
+
+  PLATIPCResID id_;
+};
+
+// One use of the library.
+class Library : public testing::Test {
+ protected:
+  Library() {
+    EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
+  }
+  ~Library() override { EXPECT_EQ(0u, TRELCleanup(2)); }
+};
+
+// The start of the library's life in a forked child. The parent's attachments are none of this
+// life, but their records and mappings stay good for the test's own use.
+inline void beginAnew() {
+  trelAPIInitRefCount = 0;
+  trelGARefCount = 0;
+  TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION);
+}
+
+// Runs work in another process: 0, or how it failed.
+template <class Work>
+int inOtherProcess(Work&& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    beginAnew();
+    work();
+    fflush(nullptr);
+    _exit(testing::Test::HasFailure());
+  }
+  int status = 0;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  return status;
+}
+
+// A status segment of this process, deleted at the end.
+struct Segment {
+  Key key;
+  ShmSegInfo_t* info = nullptr;
+
+  explicit Segment(uint32_t size = 0x100000, const ShmDomainParam_t* param = nullptr,
+                   uintptr_t address = 0) {
+    EXPECT_EQ(0u, trelGetProtectedStatusSegment(&info, size, key, address, 0, param, nullptr));
+  }
+  ~Segment() {
+    if (info) {
+      EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 4, 2, 2));
+    }
+  }
+
+  ShmDomainHandle_t* domain() const { return info->shmDomainHandle; }
+  ShmPoolHandle_t* pool() const { return info->shmPoolHandle; }
+  HeapHeader_t* heap() const {
+    return reinterpret_cast<HeapHeader_t*>(static_cast<uint8_t*>(domain()->base) +
+                                           domain()->heapOffset);
+  }
+  uint64_t offsetOf(const void* address) const {
+    return static_cast<uint64_t>(static_cast<const uint8_t*>(address) -
+                                 static_cast<const uint8_t*>(domain()->base));
+  }
+  uint32_t attachCount() const {
+    uint32_t count = 0;
+    EXPECT_EQ(0u, trelGetShmAttachRefCount(info, &count));
+    return count;
+  }
+
+  // An active node with an identifier.
+  SNodeCB_t* makeNode(uint64_t tag, const std::string& id = "node") const {
+    SNodeCB_t* node = nullptr;
+    uint64_t size = 0, offset = 0;
+    std::array<uint64_t, 64> sizes{};
+    sizes[0] = 16 + 64;
+    EXPECT_EQ(0u, trelCreateNode(info, &node, TREL_EXPORT_ID, sizes.data(), &size, &offset));
+    EXPECT_EQ(offsetOf(node), offset);
+    EXPECT_EQ(0u,
+              trelInitNode(&node, offset, id.size(), reinterpret_cast<const uint8_t*>(id.data()),
+                           nullptr, nullptr, 64, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0u, trelSetNodeTag(node, tag, 0));
+    EXPECT_EQ(0u, trelActivateNode(&node));
+    return node;
+  }
+  void publish(const SNodeCB_t* node) const {
+    EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(domain(), node->tag, node->nodeOffset,
+                                                     static_cast<uint32_t>(pool()->poolOffset)));
+  }
+  // A record in process memory that names a node of the segment `of` in terms of this one.
+  SNodeInfo_t recordOf(const SNodeCB_t* node, const Segment& of) const {
+    SegIdentity_t* entry = nullptr;
+    EXPECT_EQ(0u, trelFindAttachSegInfoNodeInLList(pool(), &of.info->identity, &entry));
+    if (!entry) {
+      EXPECT_EQ(0u, trelInsertAttachSegInfoNodeIntoLList(pool(), &of.info->identity, &entry));
+    }
+    const uint64_t base = reinterpret_cast<uintptr_t>(domain()->base);
+    return {node->nodeOffset, node->tag, 0, 0, offsetOf(entry), 0, base};
+  }
+};
