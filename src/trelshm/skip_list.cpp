@@ -28,8 +28,8 @@ uint64_t chooseLevel(uint64_t inUse, uint64_t maxLevel) {
 uint64_t reserveOf(const Heap& heap) { return 40 * heap.maxLevel() + 96; }
 
 // Decides the level and finds the place. Nothing is written.
-uint32_t place(const Heap& heap, Placement placement, uint64_t inUse, uint64_t (*sizeOf)(uint64_t),
-               uint64_t* level) {
+template <uint64_t (*sizeOf)(uint64_t)>
+TREL_INLINE uint32_t place(const Heap& heap, Placement placement, uint64_t inUse, uint64_t* level) {
   const bool ordinary = placement.rule == Placement::Rule::ordinary;
   *level = ordinary ? chooseLevel(inUse, heap.maxLevel()) : placement.level;
   const uint64_t size = sizeOf(*level) + (ordinary ? reserveOf(heap) : 0);
@@ -234,7 +234,7 @@ uint32_t insertFree(const Heap& heap, uint64_t blockOffset, uint64_t blockSize, 
   const uint64_t inUse = heap.freeListLevel();
   if (const uint32_t rc = search<byOffset>(heap, blockOffset, &before[byOffset], &found)) return rc;
   if (const uint32_t rc = search<bySize>(heap, blockSize, &before[bySize], &found)) return rc;
-  if (const uint32_t rc = place(heap, placement, inUse, freeNodeSize, &level)) return rc;
+  if (const uint32_t rc = place<freeNodeSize>(heap, placement, inUse, &level)) return rc;
 
   // Everything that can be wrong is found before the first store.
   for (uint64_t i = 0; i <= level; ++i)
@@ -335,7 +335,7 @@ uint32_t insertAlloc(const Heap& heap, const AllocNode_t& record, uint64_t* node
   uint64_t found = 0, level = 0;
   const uint64_t inUse = heap.list()->allocListLevel;
   if (const uint32_t rc = searchAlloc(heap, record.blockOffset, &path, &found)) return rc;
-  if (const uint32_t rc = place(heap, placement, inUse, allocNodeSize, &level)) return rc;
+  if (const uint32_t rc = place<allocNodeSize>(heap, placement, inUse, &level)) return rc;
   for (uint64_t i = inUse + 1; i <= level; ++i) path.node[i] = heap.allocHead();
   *node = linkAlloc(heap, record, level, path);
   return 0;
@@ -345,7 +345,7 @@ uint32_t appendAlloc(const Heap& heap, const AllocNode_t& record, Path* path, ui
                      Placement placement) {
   uint64_t level = 0;
   if (const uint32_t rc =
-          place(heap, placement, heap.list()->allocListLevel, allocNodeSize, &level))
+          place<allocNodeSize>(heap, placement, heap.list()->allocListLevel, &level))
     return rc;
   *node = linkAlloc(heap, record, level, *path);
   for (uint64_t i = 0; i <= level; ++i) path->node[i] = *node;

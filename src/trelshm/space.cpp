@@ -20,6 +20,11 @@ uint64_t baseSpace(const Heap& heap) {
   return round8(183 * heap.header()->requestedNodeCount + heap.listHeaderSize());
 }
 
+// The least space in which all live nodes and one more find room.
+uint64_t leastSpace(const Heap& heap) {
+  return heap.list()->slUsedBytes + maxNode(heap) + 40 * heap.maxLevel() + 96;
+}
+
 // A block of process memory for count records.
 template <class T>
 class Records {
@@ -58,6 +63,7 @@ class LiveNodes {
   uint32_t gatherAllocated(const Heap& heap);
   uint32_t gatherFree(const Heap& heap);
   bool enter(const Heap& heap, Placement::Rule rule);
+  void writePadOffsets(const Heap& heap);
 
   Records<AllocNode_t> allocated_;
   Records<FreeBlock> free_;
@@ -139,8 +145,21 @@ void LiveNodes::commit(Heap* heap, uint64_t space) {
   // Levels drawn afresh can need more room than there is; the old ones are known to fit.
   if (!enter(*heap, Placement::Rule::ordinary)) enter(*heap, Placement::Rule::given);
   heap->list()->rebuildCount = count;
-  uint64_t node = heap->allocHead();
-  while (nextAlloc(*heap, node, &node) == 0 && node != 0) writeNodeOffset(*heap, node);
+  writePadOffsets(*heap);
+}
+
+// The pads lie all over the managed memory, so they are fetched some nodes ahead.
+void LiveNodes::writePadOffsets(const Heap& heap) {
+  constexpr uint64_t kAhead = 16;
+  uint64_t node = heap.allocHead();
+  for (uint64_t i = 0; nextAlloc(heap, node, &node) == 0 && node != 0; ++i) {
+    if (i + kAhead < allocatedCount_) {
+      const AllocNode_t& ahead = allocated_[i + kAhead];
+      __builtin_prefetch(frontTail(heap, ahead.dataOffset), 1);
+      __builtin_prefetch(backTail(heap, ahead.blockOffset + ahead.blockSize), 1);
+    }
+    writeNodeOffset(heap, node);
+  }
 }
 
 // With no free node the counter of free bytes may stand for the block in flight.
@@ -203,8 +222,7 @@ uint32_t changeSpace(Heap* heap, uint64_t newSize, Direction direction, InFlight
   const uint64_t delta = grow ? newSize - oldSize : oldSize - newSize;
 
   // A shrunk space must still have room for every node, and for the next.
-  if (!grow && newSize < heap->list()->slUsedBytes + maxNode(*heap) + 40 * heap->maxLevel() + 96)
-    return rebuild(heap);
+  if (!grow && newSize < leastSpace(*heap)) return rebuild(heap);
 
   uint64_t node = 0;
   const uint32_t found = findFree(*heap, spaceEnd, &node);
@@ -257,6 +275,11 @@ uint32_t defragment(Heap* heap, InFlight* block) {
   newSize = round8(newSize);
   // A space that is below its base, of a damaged or hand-made heap, stays as it is.
   if (newSize < base) newSize = least(base, space);
+  // Rebuilds that come again and again bring little, and there is nothing to shrink: more space
+  // does.
+  if (before > 3 && newSize < leastSpace(*heap) &&
+      changeSpace(heap, round8(space + base), Direction::grow, block) == 0)
+    return 0;
   return changeSpace(heap, newSize, Direction::shrink, block);
 }
 
