@@ -8,6 +8,7 @@
 #include "trel/node.h"
 #include "trel/property.h"
 #include "trel/records.h"
+#include "trel/report.h"
 #include "trel/segment.h"
 #include "trel/storage.h"
 #include "trel/tree.h"
