@@ -94,6 +94,9 @@ uint32_t allocate(Heap* heap, Allocation* wanted, const Caller& caller) {
   if (const uint32_t rc = heap->openHeader()) return rc;
   if (wanted->size > heap->size()) return kind.rcAboveHeap;
   if (wanted->size < kind.minimum) return kind.rcSizeSmall;
+  // What will be filled must lie inside the block.
+  if (wanted->requested > wanted->size || wanted->extra > wanted->size - wanted->requested)
+    return kind.rcSizeSmall;
   Debug debug;
   if (const uint32_t rc = debug.read(*heap)) return rc;
   wanted->size += debug.mode->frontSize(debug.frontWords) + debug.mode->backSize(debug.backWords);

@@ -89,7 +89,8 @@ uint32_t layOut(Heap* heap, const HeapPlan& plan) {
   if (const uint32_t rc = heap->openHeader()) return rc;
   heap->setMaxLevel(plan.sizes.maxLevel);
   heap->setSpace(plan.sizes.space);
-  if (plan.sizes.space <= plan.sizes.listHeaderSize) return TREL_RC_SPACE_FULL;
+  if (plan.sizes.space <= plan.sizes.listHeaderSize || plan.sizes.space <= heap->listHeaderSize())
+    return TREL_RC_SPACE_FULL;
   heap->list()->rebuildCount = 0;
   resetLists(*heap);
   // The memory ends at the heap's end, but blocks at a multiple of 8.
@@ -115,9 +116,9 @@ void HeapSizes::workOut(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize)
 uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const HeapPlan& plan) {
   Heap heap(base, offset, kind);
   // Without managed memory there is no heap, and perhaps no room for the header.
-  if (plan.userAreaSize > plan.size || plan.sizes.maxLevel > TREL_HEAP_MAX_LEVEL ||
-      plan.sizes.headerSize > plan.size || plan.sizes.space > plan.size ||
-      plan.size < plan.sizes.headerSize + plan.sizes.space + 8 ||
+  if (plan.userAreaSize > plan.size || plan.sizes.maxLevel == 0 ||
+      plan.sizes.maxLevel > TREL_HEAP_MAX_LEVEL || plan.sizes.headerSize > plan.size ||
+      plan.sizes.space > plan.size || plan.size < plan.sizes.headerSize + plan.sizes.space + 8 ||
       heapHeaderSizeOf(plan.userAreaSize) + slHeaderSizeOf(plan.sizes.maxLevel) > plan.size)
     return kind.rcHeader;
   // Memory that is used again may hold an old signature.

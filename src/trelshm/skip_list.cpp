@@ -180,6 +180,7 @@ TREL_INLINE uint32_t searchAlloc(const Heap& heap, uint64_t key, Path* path, uin
     path->node[level] = here;
     if (level == 0) break;
   }
+  path->levels = heap.list()->allocListLevel + 1;
   *found = next;
   return 0;
 }
@@ -382,6 +383,7 @@ uint32_t unlinkAlloc(const Heap& heap, uint64_t node, const Path& path) {
 void relinkAlloc(const Heap& heap, uint64_t node, const Path& path) {
   SkipListHeader_t* list = heap.list();
   const uint64_t level = heap.alloc(node)->level;
+  if (level >= path.levels) return;  // nodes of a damaged heap can lie over each other
   for (uint64_t i = level + 1; i-- > 0;)
     heap.word(slotOfNode(path.node[i], i)) = slotOfNode(node, i);
   heap.header()->allocatedBytes += heap.alloc(node)->blockSize;

@@ -19,9 +19,10 @@ struct Placement {
   uint64_t level = 0;
 };
 
-// Nodes passed on the way to a key, by level.
+// Nodes passed on the way to a key, by level, as far as levels are in use.
 struct Path {
   uint64_t node[TREL_HEAP_MAX_LEVEL];
+  uint64_t levels;
 };
 
 // Puts the empty heads and tail, counters and levels in place. maxLevel and slSpaceSize stand.
