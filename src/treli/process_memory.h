@@ -7,10 +7,14 @@ namespace trel {
 
 constexpr char kModuleName[] = "trel";  // names the library in the records of allocations
 
+// One record, or an array of them.
 template <class T>
-uint32_t obtain(T** record, uint32_t line = __builtin_LINE()) {
+uint32_t obtain(T** record, uint64_t count = 1, uint32_t line = __builtin_LINE()) {
   void* block = nullptr;
-  const uint32_t rc = _platMemAlloc(&block, 0, sizeof(T), 1, kModuleName, line);
+  const uint64_t size = count * sizeof(T);
+  const uint32_t rc = size > UINT32_MAX ? 1
+                                        : _platMemAlloc(&block, 0, static_cast<uint32_t>(size), 1,
+                                                        kModuleName, line);
   *record = static_cast<T*>(block);
   return rc;
 }

@@ -1,6 +1,7 @@
 #include "treli/section.h"
 
 #include "trel/node.h"
+#include "treli/dependent_list.h"
 
 namespace trel {
 
@@ -18,9 +19,11 @@ uint32_t refusalOf(uint32_t condition) {
 }
 
 // A reader changes nothing, so its death needs no repair. A writer may have died between any two
-// stores: readers are told that the structure may have changed.
+// stores: its list of dependents is counted anew, and readers are told that the structure may have
+// changed.
 void onNodeOwnerDied(SNodeCB_t* node, LatchArea_t* area) {
   if (__atomic_load_n(PLATVAtomicSigned32::word(&area->writeFlag), __ATOMIC_ACQUIRE) == 0) return;
+  recountDependents(node);
   countReconfiguration(node);
   markWritten(area);
 }

@@ -1,0 +1,299 @@
+// Walks over whole trees, children before their parent: status operations and sums.
+#include "treli/tree_walk.h"
+
+#include "trel/node.h"
+#include "trel/segment.h"
+#include "treli/dependent_list.h"
+#include "treli/levels.h"
+
+namespace trel {
+namespace {
+
+// A node whose children are being walked.
+struct WalkLevel {
+  SNodeCB_t* node;
+  ShmSegInfo_t* segment;      // the node's
+  ShmSegInfo_t* walkSegment;  // the one that TREL_WALK_ONE_SEGMENT means
+  DependentWalk walk;
+  uint64_t depth;
+  uint32_t options;
+};
+using WalkLevels = Levels<WalkLevel>;
+
+// Puts a node on the path, with its children to be walked if they lie within the limit.
+uint32_t begin(WalkLevels* levels, WalkLevel level, uint64_t limit) {
+  if (!level.node) return TREL_RC_NODE_NULL;
+  if ((level.node->exports & TREL_EXPORT_DEPENDENT) && (limit == 0 || level.depth < limit)) {
+    DependentList list;
+    if (const uint32_t rc = locateDependents(level.node, &list)) return rc;
+    level.walk = DependentWalk(list);
+  }
+  return levels->push(level);
+}
+
+// child(level, entry) for each entry below the first level, and leave(level) for each node when its
+// children are done. child may begin() a further level.
+template <class Child, class Leave>
+uint32_t walk(WalkLevels* levels, Child&& child, Leave&& leave) {
+  while (!levels->empty()) {
+    SNodeInfo_t* entry = nullptr;
+    if (const uint32_t rc = levels->top().walk.next(&entry)) return rc;
+    if (entry) {
+      if (const uint32_t rc = child(levels->top(), entry)) return rc;
+      continue;
+    }
+    if (const uint32_t rc = leave(levels->top())) return rc;
+    levels->pop();
+  }
+  return 0;
+}
+
+// Reaches the node behind an entry, whatever its condition; *refusal gets the code of a condition
+// other than active. *inside: the walk may go there.
+uint32_t reachWalked(const WalkLevel& level, const SNodeInfo_t* entry, Reached* child, bool* inside,
+                     uint32_t* refusal) {
+  uint32_t otherSegment = 0;
+  *refusal = reachNode(entry, child, level.walkSegment, &otherSegment, level.options);
+  *inside = otherSegment == 0;
+  return isRefusedCondition(*refusal) ? 0 : *refusal;
+}
+
+class StatusWalk {
+ public:
+  StatusWalk(uint32_t operation, uint64_t limit) : operation_(operation), limit_(limit) {}
+
+  uint32_t run(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment, uint64_t depth,
+               uint32_t options) {
+    if (const uint32_t rc =
+            begin(&levels_, {*node, segment, walkSegment, {}, depth, options}, limit_))
+      return rc;
+    return walk(
+        &levels_, [&](const WalkLevel& level, SNodeInfo_t* entry) { return treat(level, entry); },
+        [&](WalkLevel& level) {
+          const uint32_t rc = apply(&level);
+          if (levels_.count() == 1) *node = level.node;
+          return rc;
+        });
+  }
+
+ private:
+  static bool selects(uint32_t options, uint32_t condition) {
+    return options & (TREL_WALK_ALL | 1u << condition);
+  }
+
+  uint32_t treat(const WalkLevel& level, SNodeInfo_t* entry) {
+    Reached child;
+    bool inside = false;
+    uint32_t refusal = 0;
+    if (const uint32_t rc = reachWalked(level, entry, &child, &inside, &refusal)) return rc;
+    if (!inside) return 0;
+    if (operation_ == TREL_STATUS_DISCLAIM) {
+      if (refusal == TREL_RC_ABANDONED) return remove(level, entry, child, TREL_WALK_ALL);
+      uint32_t condition = 0;
+      if (const uint32_t rc = trelGetNodeCondition(child.node, &condition)) return rc;
+      if (selects(level.options, condition)) return remove(level, entry, child, 0);
+      if (isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
+    } else if (refusal == TREL_RC_ABANDONED) {
+      leaveReached(&child);
+      return 0;
+    }
+    return begin(&levels_,
+                 {child.node, child.segInfo, level.walkSegment, {}, level.depth + 1, level.options},
+                 limit_);
+  }
+
+  // Takes the child off the list, then begins with it as the top of a tree of its own.
+  uint32_t remove(const WalkLevel& level, SNodeInfo_t* entry, const Reached& child,
+                  uint32_t added) {
+    if (limit_ > kMaxDepth || isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
+    const uint32_t options = (level.options | added) & ~TREL_WALK_REMOVE_TOP;
+    if (const uint32_t rc = reading(level.node, 0, accept::any, [] { return 0u; })) return rc;
+    if (const uint32_t rc = unlinkChild(level.node, entry, child.node)) return rc;
+    if (const uint32_t rc = reading(child.node, 0, accept::any, [] { return 0u; })) return rc;
+    return begin(&levels_, {child.node, child.segInfo, child.segInfo, {}, 1, options}, limit_);
+  }
+
+  // In a cycle a node would be given back while its own children are walked.
+  bool isOnPath(const SNodeCB_t* node) {
+    for (uint32_t i = 0; i < levels_.count(); ++i)
+      if (levels_[i].node == node) return true;
+    return false;
+  }
+
+  uint32_t apply(WalkLevel* level) const {
+    uint32_t condition = 0;
+    if (const uint32_t rc = trelGetNodeCondition(level->node, &condition)) return rc;
+    if (operation_ < TREL_STATUS_ACTIVATE || operation_ > TREL_STATUS_UPDATE)
+      return TREL_RC_STATUS_OPERATION;
+    if (operation_ == TREL_STATUS_UPDATE) {
+      const bool selected = level->options & (1u << TREL_CONDITION_ACTIVE | 1u << condition);
+      return selected ? trelUpdateNodeStatus(level->node) : 0;
+    }
+    if (!selects(level->options, condition)) return 0;
+    switch (operation_) {
+      case TREL_STATUS_ACTIVATE:
+        return trelActivateNode(&level->node);
+      case TREL_STATUS_ABANDON:
+        return trelAbandonNode(&level->node);
+      case TREL_STATUS_DISASSOCIATE:
+        return trelDisassociateNode(&level->node);
+      default:
+        if (!level->segment) return TREL_RC_SEGMENT_NULL;
+        return trelDisclaimNode(&level->node, level->segment->shmPoolHandle,
+                                level->segment->identity.handleVersion);
+    }
+  }
+
+  uint32_t operation_;
+  uint64_t limit_;
+  WalkLevels levels_;
+};
+
+// The entry of a node in its parent's list, found before the node goes.
+struct ParentEntry {
+  SNodeCB_t* parent = nullptr;
+  SNodeInfo_t* entry = nullptr;
+  uint64_t nodeOffset = 0;
+
+  uint32_t find(SNodeCB_t* node);
+  uint32_t remove() const;
+};
+
+uint32_t ParentEntry::find(SNodeCB_t* node) {
+  SNodeInfo_t* record = nullptr;
+  if (const uint32_t rc = trelGetParentNodeLocation(node, &record)) return rc;
+  SoughtName name = {node->tag, nullptr, 0, true};
+  uint8_t* id = nullptr;
+  if (const uint32_t rc = trelGetNodeID(node, &id, &name.idSize, 0)) return rc;
+  name.id = id;
+  if (const uint32_t rc = nodeBehind(record, &parent)) return rc;
+  return writing(parent, 0, accept::any, [&]() -> uint32_t {
+    DependentList list;
+    if (locateDependents(parent, &list) || list.live == 0) return TREL_RC_DEPENDENT_ABSENT;
+    FoundDependent found;
+    if (const uint32_t rc = findDependent(list, name, &found)) return rc;
+    if (!found.entry) return TREL_RC_DEPENDENT_ABSENT;
+    entry = found.entry;
+    nodeOffset = entry->nodeOffset;
+    return 0;
+  });
+}
+
+uint32_t ParentEntry::remove() const {
+  return writing(parent, 0, accept::any, [&]() -> uint32_t {
+    DependentList list;
+    if (const uint32_t rc = locateDependents(parent, &list)) return rc;
+    if (list.live == 0) return TREL_RC_DEPENDENTS_EMPTY;
+    if (entry->nodeTag == 0 || entry->nodeOffset != nodeOffset) return TREL_RC_DEPENDENT_ABSENT;
+    return removeDependent(list, entry);
+  });
+}
+
+// Adds one node to the sums.
+uint32_t count(SNodeCB_t* node, uint64_t tag, TreeInfo_t* info) {
+  uint32_t condition = 0;
+  if (const uint32_t rc = trelGetNodeCondition(node, &condition)) return rc;
+  struct Sums {
+    uint64_t TreeInfo_t::*bytes;
+    uint32_t TreeInfo_t::*nodes;
+  };
+  static constexpr Sums kByCondition[] = {
+      {&TreeInfo_t::createdBytes, &TreeInfo_t::createdNodes},
+      {&TreeInfo_t::initialisedBytes, &TreeInfo_t::initialisedNodes},
+      {&TreeInfo_t::activeBytes, &TreeInfo_t::activeNodes},
+      {&TreeInfo_t::abandonedBytes, &TreeInfo_t::abandonedNodes},
+      {&TreeInfo_t::disassociatedBytes, &TreeInfo_t::disassociatedNodes}};
+  const Sums& sums = kByCondition[condition - 1];
+  const uint64_t size = node->nodeSize;
+  info->totalBytes += size;
+  info->*sums.bytes += size;
+  ++info->totalNodes;
+  ++(info->*sums.nodes);
+  if (tag != 0 && node->tag == tag) ++info->taggedNodes;
+  return 0;
+}
+
+uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment,
+                   uint32_t options, uint64_t tag, uint64_t depth, uint64_t limit,
+                   TreeInfo_t* info) {
+  WalkLevels levels;
+  if (const uint32_t rc = begin(&levels, {node, segment, walkSegment, {}, depth, options}, limit))
+    return rc;
+  return walk(
+      &levels,
+      [&](const WalkLevel& level, SNodeInfo_t* entry) -> uint32_t {
+        Reached child;
+        bool inside = false;
+        uint32_t refusal = 0;
+        if (const uint32_t rc = reachWalked(level, entry, &child, &inside, &refusal)) return rc;
+        if (!inside) return 0;
+        return begin(&levels,
+                     {child.node, child.segInfo, walkSegment, {}, level.depth + 1, options}, limit);
+      },
+      [&](const WalkLevel& level) { return count(level.node, tag, info); });
+}
+
+}  // namespace
+
+uint32_t setStatusOfTree(SNodeCB_t* node, ShmSegInfo_t* segment, uint64_t depthLimit,
+                         uint32_t operation, uint32_t options) {
+  if (!node) return TREL_RC_NODE_NULL;
+  if (!segment) return TREL_RC_SEGMENT_NULL;
+  const uint32_t mask = operation == TREL_STATUS_DISCLAIM ? accept::any : accept::living;
+  if (const uint32_t rc = reading(node, 0, mask, [] { return 0u; })) return rc;
+  if (depthLimit > kMaxDepth) return TREL_RC_DEPTH_LIMIT;
+  const bool removeTop = operation == TREL_STATUS_DISCLAIM && (options & TREL_WALK_REMOVE_TOP) &&
+                         (node->exports & TREL_EXPORT_PARENT);
+  ParentEntry parent;
+  if (removeTop) {
+    if (const uint32_t rc = parent.find(node)) return rc;
+  }
+  StatusWalk status(operation, depthLimit);
+  if (const uint32_t rc = status.run(&node, segment, segment, 1, options)) return rc;
+  return removeTop && !node ? parent.remove() : 0;
+}
+
+}  // namespace trel
+
+using namespace trel;
+
+uint32_t trelSetStatusForEachNodeInATree(SNodeCB_t* node, ShmSegInfo_t* segment,
+                                         uint64_t depthLimit, uint32_t statusOperation,
+                                         uint32_t options) {
+  return traced(FID_trelSetStatusForEachNodeInATree, [&](const Flow&) {
+    return setStatusOfTree(node, segment, depthLimit, statusOperation, options);
+  });
+}
+
+uint32_t trelSetNodeStatusRecursively(SNodeCB_t** node, ShmSegInfo_t* segment,
+                                      ShmSegInfo_t* walkSegment, uint32_t, uint32_t statusOperation,
+                                      uint32_t options, uint64_t depth, uint64_t depthLimit) {
+  return traced(FID_trelSetNodeStatusRecursively, [&](const Flow& flow) -> uint32_t {
+    if (!node || !*node) return flow.fail(TREL_RC_NODE_NULL);
+    StatusWalk status(statusOperation, depthLimit);
+    return status.run(node, segment, walkSegment, depth, options);
+  });
+}
+
+uint32_t trelGetTreeInfo(SNodeCB_t* node, ShmSegInfo_t* segment, uint32_t options, uint64_t tag,
+                         uint64_t depthLimit, TreeInfo_t* info) {
+  return traced(FID_trelGetTreeInfo, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    if (!segment) return flow.fail(TREL_RC_SEGMENT_NULL);
+    if (!info) return flow.fail(TREL_RC_TREE_INFO_NULL);
+    if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
+    *info = {};
+    return addUpTree(node, segment, segment, options, tag, 1, depthLimit, info);
+  });
+}
+
+uint32_t trelGetTreeInfoRecursively(SNodeCB_t* node, ShmSegInfo_t* segment,
+                                    ShmSegInfo_t* walkSegment, uint32_t, uint32_t options,
+                                    uint64_t tag, uint64_t depth, uint64_t depthLimit,
+                                    TreeInfo_t* info) {
+  return traced(FID_trelGetTreeInfoRecursively, [&](const Flow& flow) -> uint32_t {
+    if (!node) return flow.fail(TREL_RC_NODE_NULL);
+    if (!info) return flow.fail(TREL_RC_TREE_INFO_NULL);
+    return addUpTree(node, segment, walkSegment, options, tag, depth, depthLimit, info);
+  });
+}

@@ -1,0 +1,123 @@
+#include "treli/dependent_list.h"
+
+namespace trel {
+namespace {
+
+constexpr int kPatience = 1000;  // looks at a writer, some ten microseconds
+
+void publishStores() { __atomic_thread_fence(__ATOMIC_RELEASE); }
+
+void countEntries(ExportSlot_t* slot, uint64_t used) {
+  publishStores();
+  slot->used = used;
+}
+
+}  // namespace
+
+bool mayHaveChanged(SNodeCB_t* node, int32_t stamp) {
+  __atomic_thread_fence(__ATOMIC_ACQUIRE);
+  const int32_t* writing = PLATVAtomicSigned32::word(&node->nodeLatchArea.writeFlag);
+  for (int looks = 0; __atomic_load_n(writing, __ATOMIC_ACQUIRE) != 0; ++looks) {
+    if (looks == kPatience) return true;
+    __builtin_ia32_pause();
+  }
+  return stampOf(node) != stamp;
+}
+
+uint32_t findDependent(const DependentList& list, const SoughtName& name, FoundDependent* found) {
+  found->walk = DependentWalk(list);
+  for (;;) {
+    if (const uint32_t rc = found->walk.next(&found->entry, &found->vacant)) return rc;
+    if (!found->entry) return 0;
+    bool same = false;
+    if (const uint32_t rc = hasName(found->entry, list.maxIdSize, name, &same)) return rc;
+    if (same) return 0;
+  }
+}
+
+void clearDependents(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize) {
+  slot->used = 0;  // reads as a list without entries while its places change
+  publishStores();
+  const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
+  for (uint64_t place = kDependentHeader; place + stride <= slot->size; place += stride)
+    inSection<SNodeInfo_t>(node, slot, place)->nodeTag = 0;
+  *inSection<TrelU64>(node, slot) = maxIdSize;
+  countEntries(slot, kDependentHeader);
+}
+
+// An entry that moves to another place of its segment changes by the one store of its nodeOffset,
+// and stays live. Any other is vacant while it is filled.
+void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, const uint8_t* id,
+                    uint64_t idSize) {
+  record->idSize = idSize;
+  SNodeInfo_t stored = *record;
+  const uint64_t tag = stored.nodeTag;
+  stored.selfOffset = node->nodeOffset + offsetOf(place, node);
+  if (place->nodeTag != tag || place->segInfoOffset != stored.segInfoOffset) {
+    place->nodeTag = stored.nodeTag = 0;
+    publishStores();
+  }
+  *place = stored;
+  if (idSize) memmove(place + 1, id, idSize);
+  publishStores();
+  place->nodeTag = tag;
+}
+
+uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace) {
+  DependentList list;
+  if (locateDependents(node, &list)) return TREL_RC_DEPENDENT_ABSENT;
+  if (list.live > TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
+  FoundDependent found;
+  if (const uint32_t rc = findDependent(list, name, &found)) return rc;
+  if (found.entry) {
+    if (!replace) return TREL_RC_DEPENDENT_PRESENT;
+    storeDependent(node, found.entry, record, name.id, name.idSize);
+    return countReconfiguration(node);
+  }
+  if (list.maxIdSize == 0) return TREL_RC_DEPENDENTS_FULL;
+  if (list.live == TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
+  const uint64_t used = list.slot->used + list.stride();
+  if (!found.vacant) {
+    if (used > list.slot->size) return TREL_RC_DEPENDENTS_FULL;
+    if (!found.walk.fits()) return TREL_RC_DEPENDENT_BOUNDS;
+  }
+  storeDependent(node, found.vacant ? found.vacant : found.walk.place(), record, name.id,
+                 name.idSize);
+  countEntries(list.slot, used);
+  return countReconfiguration(node);
+}
+
+uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry) {
+  entry->nodeTag = 0;
+  entry->idSize = 0;
+  countEntries(list.slot, list.slot->used - list.stride());
+  const uint32_t rc = countReconfiguration(list.node);
+  if (list.slot->used == kDependentHeader) exportDependents(list.node, false);
+  return rc;
+}
+
+// One operation is off by one entry at most. More means that the places were not made vacant by
+// clearDependents(), and then they say nothing.
+void recountDependents(SNodeCB_t* node) {
+  DependentList list;
+  if (locateDependents(node, &list) || list.maxIdSize == 0) return;
+  uint32_t tags = 0;
+  for (uint64_t i = 0, places = list.capacity(); i < places; ++i)
+    tags +=
+        inSection<SNodeInfo_t>(node, list.slot, kDependentHeader + i * list.stride())->nodeTag != 0;
+  if (tags == list.live + 1 || tags + 1 == list.live)
+    countEntries(list.slot, kDependentHeader + uint64_t{tags} * list.stride());
+}
+
+void exportDependents(SNodeCB_t* node, bool on) {
+  constexpr uint32_t kBit = bitNumber(TREL_EXPORT_DEPENDENT);
+  auto* byte = reinterpret_cast<uint8_t*>(&node->exports) + kBit / 8;
+  constexpr uint8_t mask = 1u << kBit % 8;
+  if (on) {
+    __atomic_fetch_or(byte, mask, __ATOMIC_ACQ_REL);
+  } else {
+    __atomic_fetch_and(byte, static_cast<uint8_t>(~mask), __ATOMIC_ACQ_REL);
+  }
+}
+
+}  // namespace trel

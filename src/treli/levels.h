@@ -1,0 +1,55 @@
+// The path from the top of a walk down to where it stands, in place of a call stack: a tree may be
+// as deep as it likes without using up the caller's thread.
+#pragma once
+
+#include <string.h>
+
+#include "trel/codes.h"
+#include "treli/process_memory.h"
+
+namespace trel {
+
+constexpr uint32_t kMaxDepth = 32768;
+
+template <class Level>
+class Levels {
+ public:
+  Levels() = default;
+  ~Levels() {
+    if (levels_ != first_) release(&levels_);
+  }
+  Levels(const Levels&) = delete;
+  Levels& operator=(const Levels&) = delete;
+
+  bool empty() const { return count_ == 0; }
+  uint32_t count() const { return count_; }
+  Level& operator[](uint32_t i) { return levels_[i]; }
+  Level& top() { return levels_[count_ - 1]; }
+  void pop() { --count_; }
+
+  // May move the levels. Refuses what no tree has: cycles end here.
+  uint32_t push(const Level& level) {
+    if (count_ == capacity_) {
+      if (const uint32_t rc = grow()) return rc;
+    }
+    levels_[count_++] = level;
+    return 0;
+  }
+
+ private:
+  __attribute__((noinline)) uint32_t grow() {
+    Level* larger = nullptr;
+    if (count_ == kMaxDepth || obtain(&larger, 2 * capacity_) != 0) return TREL_RC_DEPTH_LIMIT;
+    memcpy(static_cast<void*>(larger), levels_, count_ * sizeof(Level));
+    if (levels_ != first_) release(&levels_);
+    levels_ = larger;
+    capacity_ *= 2;
+    return 0;
+  }
+
+  uint32_t count_ = 0, capacity_ = 16;  // a power of 2, up to kMaxDepth
+  Level first_[16];
+  Level* levels_ = first_;
+};
+
+}  // namespace trel
