@@ -1,0 +1,984 @@
+// Trees: names, lists of dependents, searches, walks, deletion, wishes; against a model, over
+// damaged memory, and with a publisher that changes its tree under its readers.
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "segment_fixture.h"
+#include "tree_walker.h"
+
+namespace {
+
+const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
+
+constexpr uint64_t kIdRoom = 16;
+
+// A node with identifier, parent, list of dependents and wishes; initialised or active.
+SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& id, uint64_t places,
+                    bool activate = true) {
+  std::array<uint64_t, 64> sizes{};
+  sizes[0] = 16 + kIdRoom;
+  sizes[3] = 64 + kIdRoom;
+  sizes[10] = 8 + places * (56 + kIdRoom) + 3;
+  sizes[11] = 240;
+  SNodeCB_t* node = nullptr;
+  uint64_t size = 0, offset = 0;
+  SNodeInfo_t none{};
+  EXPECT_EQ(0u, trelCreateNode(in.info, &node,
+                               TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_CHANGE_LIST,
+                               sizes.data(), &size, &offset));
+  EXPECT_EQ(0u, trelInitNode(&node, offset, id.size(), bytes(id), &none, nullptr, kIdRoom, nullptr,
+                             nullptr, nullptr));
+  EXPECT_EQ(0u, trelSetNodeTag(node, tag, 0));
+  if (activate) {
+    EXPECT_EQ(0u, trelActivateNode(&node));
+  }
+  if (places) {
+    EXPECT_EQ(0u, trelCreateDependentNodeList(node, nullptr, nullptr, nullptr, kIdRoom, 0, 0));
+  }
+  return node;
+}
+
+std::string idOf(SNodeCB_t* node) {
+  const auto* section = reinterpret_cast<const IdSection_t*>(reinterpret_cast<uint8_t*>(node) +
+                                                             node->exportTable[0].offset);
+  return std::string(reinterpret_cast<const char*>(section + 1), section->idSize);
+}
+
+// A record of a node, to be stored in another node of `where`.
+SNodeInfo_t recordOf(const Segment& where, SNodeCB_t* node, const Segment& of) {
+  SNodeInfo_t record;
+  EXPECT_EQ(0u, trelAddStatusNodeInfo(&record, where.info, of.info, node->nodeOffset, node->tag,
+                                      idOf(node).size(), nullptr, nullptr));
+  return record;
+}
+
+// Makes the child a dependent of the parent, and tells the child.
+uint32_t adopt(const Segment& home, SNodeCB_t* parent, const Segment& of, SNodeCB_t* child) {
+  SNodeInfo_t down = recordOf(home, child, of);
+  const std::string id = idOf(child), parentId = idOf(parent);
+  if (const uint32_t rc = trelAddDependentNode(parent, &down, bytes(id), id.size(), 0, 0))
+    return rc;
+  SNodeInfo_t up = recordOf(of, parent, home);
+  const uint32_t condition = child->condition;
+  child->condition = TREL_CONDITION_ACTIVE;
+  EXPECT_EQ(0u, trelAddParentNode(child, &up, parentId.size(), bytes(parentId)));
+  child->condition = condition;
+  return 0;
+}
+
+uint64_t reconfigurations(SNodeCB_t* node) {
+  uint64_t count = 0;
+  EXPECT_EQ(0u, trelGetNodeReconfigCounter(node, &count));
+  return count;
+}
+
+// ---- Names --------------------------------------------------------------------------------------
+
+TEST(Names, PackedIdentifiersAndPaths) {
+  const uint32_t memory = TREL_STRUCTURE_VERSION;
+  const char* strings[] = {"ab", "", "c"};
+  uint8_t* ids = nullptr;
+  uint64_t* sizes = nullptr;
+  const auto create = [&](const char** of, uint64_t max, uint64_t count, uint32_t bit) {
+    return trelCreateID(&ids, &sizes, of, max, count, bit, &memory);
+  };
+  ASSERT_EQ(0u, create(strings, 2, 3, TREL_EXPORT_DEPENDENT));
+  EXPECT_EQ((std::vector<uint64_t>{2, 0, 1}), std::vector<uint64_t>(sizes, sizes + 3));
+  EXPECT_EQ(0, memcmp(ids, "abc", 3));
+  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelDeleteID(&ids, &sizes, strings));
+  EXPECT_EQ(0u, trelDeleteID(&ids, &sizes, &memory));
+  EXPECT_EQ(nullptr, ids);
+  const char* holed[] = {"a", nullptr};
+  EXPECT_EQ(TREL_RC_EXPORT_BIT, create(strings, 9999, 0, TREL_EXPORT_R));
+  EXPECT_EQ(TREL_RC_ID_COUNT, create(strings, 9999, 0x8001, TREL_EXPORT_ID));
+  EXPECT_EQ(TREL_RC_NODE_ID_MAX, create(strings, 4097, 3, TREL_EXPORT_ID));
+  EXPECT_EQ(TREL_RC_PROPERTY_ID_MAX, create(strings, 4097, 3, TREL_EXPORT_IR));
+  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, create(strings, 1, 3, TREL_EXPORT_ID));
+  EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, create(strings, 1, 3, TREL_EXPORT_IV));
+  EXPECT_EQ(TREL_RC_STRING_NULL, create(holed, 1, 2, TREL_EXPORT_ID));
+  ASSERT_EQ(0u, create(strings + 1, 0, 1, TREL_EXPORT_ID));
+  EXPECT_EQ(0u, trelDeleteID(&ids, &sizes, &memory));
+
+  const uint64_t tags[] = {7, 0x100000002, 9};
+  TraverseInfo_t* path = nullptr;
+  ASSERT_EQ(0u, trelCreateTraverseInfoArray(&path, tags, strings, 2, 3, &memory));
+  EXPECT_EQ(2u, path[1].traverseTag);
+  EXPECT_EQ(0u, path[1].traverseIdSize);
+  EXPECT_NE(nullptr, path[1].traverseId);
+  EXPECT_EQ('c', path[2].traverseId[0]);
+  EXPECT_EQ(0u, trelDeleteTraverseInfoArray(&path, 3, &memory));
+  EXPECT_EQ(TREL_RC_TRAVERSE_COUNT,
+            trelCreateTraverseInfoArray(&path, tags, strings, 2, 0x100001, &memory));
+  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, trelCreateTraverseInfoArray(&path, tags, strings, 1, 3, &memory));
+  EXPECT_EQ(TREL_RC_STRING_NULL, trelCreateTraverseInfoArray(&path, tags, holed, 1, 2, &memory));
+
+  uint8_t four[] = {1, 2, 3, 4};
+  trelReverseByteSequence(four, 4);
+  EXPECT_EQ(0, memcmp(four, "\4\3\2\1", 4));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0u, trelPrintID(bytes("a \x7f\x1f~\xff"), 6));
+  EXPECT_EQ("a ..~.", testing::internal::GetCapturedStdout());
+}
+
+// ---- Lists of dependents ------------------------------------------------------------------------
+
+class Dependents : public Library {
+ protected:
+  // The names of the list, in order.
+  std::string names() {
+    SNodeInfo_t records[8];
+    uint8_t ids[8 * kIdRoom] = {};
+    uint64_t returned = 0, live = 0;
+    const uint32_t rc =
+        trelReturnDependentNodes(parent, records, ids, &returned, &live, 8, kIdRoom, 0);
+    if (rc == TREL_RC_DEPENDENTS_EMPTY) return "";
+    EXPECT_EQ(0u, rc);
+    EXPECT_EQ(live, returned);
+    std::string all;
+    for (uint64_t i = 0; i < returned; ++i) {
+      EXPECT_EQ(0u, records[i].selfOffset);
+      all.append(reinterpret_cast<char*>(ids + i * kIdRoom), records[i].idSize);
+    }
+    return all;
+  }
+  uint32_t add(uint64_t tag, const std::string& id, uint64_t mode = 0) {
+    SNodeInfo_t record = recordOf(segment, child, segment);
+    record.nodeTag = tag;
+    record.selfOffset = 77;
+    const uint32_t rc =
+        trelAddDependentNode(parent, &record, id.empty() ? nullptr : bytes(id), id.size(), mode, 0);
+    EXPECT_EQ(77u, record.selfOffset);
+    return rc;
+  }
+  uint32_t remove(uint64_t tag, const std::string& id) {
+    SNodeInfo_t record{};
+    record.nodeTag = tag;
+    record.idSize = id.size();
+    return trelDeleteDependentNode(parent, &record, bytes(id), 0);
+  }
+  uint64_t used() { return parent->exportTable[10].used; }
+
+  Segment segment;
+  SNodeCB_t* parent = makeNode(segment, 1, "p", 3);
+  SNodeCB_t* child = makeNode(segment, 2, "c", 0);
+  static constexpr uint64_t kStride = 56 + kIdRoom;
+};
+
+TEST_F(Dependents, KeepTheirOrderAndReuseVacantPlaces) {
+  EXPECT_EQ(8u, used());
+  for (const char* id : {"A", "B", "C"}) EXPECT_EQ(0u, add(5, id));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, add(5, "D"));
+  EXPECT_EQ(0u, remove(5, "B"));
+  EXPECT_EQ(0u, add(5, "D"));
+  EXPECT_EQ("ADC", names());
+  const uint64_t before = reconfigurations(parent);
+  EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT, add(5, "C"));
+  EXPECT_EQ(0u, add(5, "C", TREL_ADD_REPLACE));
+  EXPECT_EQ(before + 1, reconfigurations(parent));
+  EXPECT_EQ(8 + 3 * kStride, used());
+  EXPECT_EQ(0u, remove(5, "A"));
+  EXPECT_EQ(0u, remove(5, "D"));
+  EXPECT_EQ("C", names());
+  EXPECT_EQ(TREL_RC_DEPENDENT_ABSENT, remove(5, "A"));
+  SNodeInfo_t* entry = nullptr;
+  EXPECT_EQ(0u, trelFindDependentNode(&entry, parent, 5, 0, nullptr, 0));
+  EXPECT_EQ('C', reinterpret_cast<char*>(entry + 1)[0]);
+  EXPECT_EQ(segment.offsetOf(entry), entry->selfOffset);
+  EXPECT_EQ(0u, remove(5, "C"));
+  EXPECT_EQ(0u, parent->exports & TREL_EXPORT_DEPENDENT);
+  EXPECT_EQ(TREL_RC_DEPENDENT_ABSENT, trelFindDependentNode(&entry, parent, 5, 0, nullptr, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_EMPTY, remove(5, "C"));
+  EXPECT_EQ(0u, add(6, ""));
+  EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT, add(6, ""));
+  EXPECT_EQ(0u, add(6, "x"));  // a name with identifier differs from one without
+  EXPECT_EQ(TREL_RC_TAG_RANGE, add(0, "x"));
+  EXPECT_EQ(TREL_RC_TAG_RANGE, add(0x100001, "x"));
+  EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, add(6, std::string(17, 'x')));
+  uint64_t live = 0, capacity = 0;
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(parent, &live, &capacity, 0));
+  EXPECT_EQ(2u, live);
+  EXPECT_EQ(3u, capacity);
+}
+
+TEST_F(Dependents, CreatedFromRecords) {
+  const SNodeInfo_t one = recordOf(segment, child, segment);
+  SNodeInfo_t records[] = {one, one};
+  uint64_t sizes[] = {1, 2};
+  const auto create = [&](uint64_t max, uint64_t count) {
+    return trelCreateDependentNodeList(parent, records, sizes, bytes("abc"), max, count, 0);
+  };
+  EXPECT_EQ(TREL_RC_DEPENDENT_COUNT, create(4097, 32769));
+  EXPECT_EQ(TREL_RC_NODE_ID_MAX, create(4097, 2));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, create(kIdRoom * 8, 2));
+  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, create(0, 2));
+  const uint64_t before = reconfigurations(parent);
+  EXPECT_EQ(0u, create(kIdRoom - 3, 2));
+  EXPECT_EQ(before + 1, reconfigurations(parent));
+  EXPECT_EQ("abc", names());
+  EXPECT_EQ(2u, records[1].idSize);
+  EXPECT_EQ(one.segBase, records[1].segBase);
+  sizes[1] = 1;
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, records, sizes, bytes("ab"), kIdRoom, 2, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT,
+            trelCreateDependentNodeList(parent, records, sizes, bytes("aa"), kIdRoom, 2, 0));
+  EXPECT_EQ("ab", names());
+  SNodeInfo_t* entry = nullptr;
+  records[0].nodeTag = records[1].nodeTag = 0;  // entries that read as vacant
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, records, sizes, bytes("aa"), kIdRoom, 2, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENT_BOUNDS, trelFindDependentNode(&entry, parent, 2, 0, nullptr, 0));
+  // Without room for identifiers a list never shows an entry.
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, nullptr, nullptr, nullptr, 0, 0, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, add(5, ""));
+  uint64_t live = 9, capacity = 9, max = 9;
+  EXPECT_EQ(0u, trelGetDependentNodesLocation(parent, &entry, &live, &capacity));
+  EXPECT_EQ(0u, live + capacity);
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, nullptr, nullptr, nullptr, 100, 0, 0));
+  EXPECT_EQ(0u, trelGetMaxIDSizeForDependentNode(parent, TREL_EXPORT_DEPENDENT, &max));
+  EXPECT_EQ(104u, max);
+  // A node whose section was never made one.
+  SNodeCB_t* bare = makeNode(segment, 9, "bare", 0);
+  EXPECT_EQ(TREL_RC_DEPENDENT_SECTION_SMALL,
+            trelCreateDependentNodeList(bare, nullptr, nullptr, nullptr, 8, 0, 0));
+  EXPECT_EQ(0u, bare->exports & TREL_EXPORT_DEPENDENT);
+  SNodeInfo_t record = one;
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, trelAddDependentNode(bare, &record, nullptr, 0, 0, 0));
+}
+
+TEST_F(Dependents, WishesForNewLimits) {
+  uint32_t wishes[58] = {};
+  const auto* section = reinterpret_cast<const ChangeListSection_t*>(
+      reinterpret_cast<uint8_t*>(parent) + parent->exportTable[11].offset);
+  wishes[4] = 32768;
+  wishes[57] = 3;
+  parent->exportTable[11].used = 0;  // never written: old bytes do not count
+  memset(reinterpret_cast<uint8_t*>(parent) + parent->exportTable[11].offset, 0xff, 240);
+  EXPECT_EQ(0u, trelExportListOfChangedProperties(parent, 0, wishes));
+  EXPECT_EQ(parent->exports, section->exports);
+  const uint32_t codes[] = {TREL_RC_COUNT_R, TREL_RC_COUNT_V, TREL_RC_COUNT_IR, TREL_RC_COUNT_IV,
+                            TREL_RC_DEPENDENT_COUNT};
+  for (int word : {4, 3, 2, 1, 0}) {
+    wishes[word] = 32769;
+    EXPECT_EQ(codes[word], trelExportListOfChangedProperties(parent, 0, wishes));
+  }
+  uint32_t second[58] = {6};
+  EXPECT_EQ(0u, trelExportListOfChangedProperties(parent, 0, second));
+  EXPECT_EQ(6u, section->words[0]);
+  EXPECT_EQ(0u, section->words[1]);
+  EXPECT_EQ(32768u, section->words[4]);
+  EXPECT_EQ(3u, section->words[57]);
+  parent->exportTable[11].size = 239;
+  EXPECT_EQ(TREL_RC_SLOT_USED, trelExportListOfChangedProperties(parent, 0, second));
+  parent->exportTable[11].used = 8;
+  EXPECT_EQ(TREL_RC_NO_CHANGE_LIST, trelExportListOfChangedProperties(parent, 0, second));
+}
+
+// A writer that is killed anywhere leaves a list that the next one finds in order.
+TEST_F(Dependents, SurviveTheDeathOfAWriter) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 60; ++round) {
+    const pid_t writer = fork();
+    if (writer == 0) {
+      for (;;)
+        for (const char* id : {"A", "B", "C"}) {
+          add(5, id);
+          remove(5, id == std::string("C") ? "A" : "C");
+        }
+    }
+    usleep(500 + random() % 2000);
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    uint64_t live = 0, capacity = 0;
+    ASSERT_EQ(0u, trelReturnNumberOfDependentNodes(parent, &live, &capacity, 0));
+    uint64_t tags = 0;
+    for (uint64_t i = 0; i < capacity; ++i)
+      tags += reinterpret_cast<SNodeInfo_t*>(reinterpret_cast<uint8_t*>(parent) +
+                                             parent->exportTable[10].offset + 8 + i * kStride)
+                  ->nodeTag != 0;
+    ASSERT_EQ(tags, live) << "round " << round;
+    ASSERT_EQ(live, names().size());
+  }
+}
+
+// ---- Against a model ----------------------------------------------------------------------------
+
+struct Model {
+  SNodeCB_t* node;
+  const Segment* home;
+  uint64_t tag;
+  std::string id;
+  Model* parent;
+  uint64_t capacity;
+  std::vector<Model*> places;  // as in the list, vacant ones null, none at the end
+  bool recreated = false;
+
+  std::vector<Model*> children() const {
+    std::vector<Model*> all;
+    for (Model* m : places)
+      if (m) all.push_back(m);
+    return all;
+  }
+  uint32_t condition() const { return node->condition; }
+  bool isNamed(uint64_t t, const std::string& i) const {
+    return tag == t && (i.empty() || id == i);
+  }
+};
+
+// What a search does with a node: 0 uses it, -1 passes over it, else the code that ends it.
+int64_t searched(const Model* m) {
+  if (m->condition() == TREL_CONDITION_ACTIVE) return 0;
+  if (m->condition() != TREL_CONDITION_DISASSOCIATED) return -1;
+  return m->recreated ? int64_t{TREL_RC_BEING_RECREATED} : 0;
+}
+
+class Forest : public Library {
+ protected:
+  Forest() {
+    for (int i = 0; i < 3; ++i) segments_.push_back(std::make_unique<Segment>(0x80000));
+    top_ = make(nullptr, 1, "top", 6);
+  }
+
+  Model* make(Model* parent, uint64_t tag, const std::string& id, uint64_t capacity) {
+    const Segment& home = parent && pick(4) ? *parent->home : *segments_[pick(3)];
+    auto m = std::make_unique<Model>();
+    *m = {makeNode(home, tag, id, capacity), &home, tag, id, parent, capacity, {}};
+    all_.push_back(std::move(m));
+    return all_.back().get();
+  }
+  void forget(Model* m) {
+    for (Model* child : m->children()) forget(child);
+    all_.erase(std::find_if(all_.begin(), all_.end(), [&](auto& p) { return p.get() == m; }));
+  }
+  static void vacate(Model* m) {
+    auto& places = m->parent->places;
+    *std::find(places.begin(), places.end(), m) = nullptr;
+    while (!places.empty() && !places.back()) places.pop_back();
+  }
+
+  uint64_t pick(uint64_t below) { return random_() % below; }
+  Model* any() { return all_[pick(all_.size())].get(); }
+  std::string anyId() { return std::string(pick(3) * 5, static_cast<char>('a' + pick(3))); }
+  uint64_t anyTag() { return 1 + pick(5); }
+
+  void addChild() {
+    Model* parent = any();
+    const uint64_t tag = anyTag();
+    const std::string id = anyId();
+    const std::vector<Model*> present = parent->children();
+    // Given without an identifier, a name is taken as soon as its tag is.
+    const bool taken =
+        std::any_of(present.begin(), present.end(), [&](Model* m) { return m->isNamed(tag, id); });
+    Model* child = make(parent, tag, id, pick(3) ? 1 + pick(5) : 0);
+    uint32_t expected = 0;
+    if (parent->capacity == 0 && !id.empty())
+      expected = TREL_RC_PROPERTY_ID_SIZE;
+    else if (parent->condition() == TREL_CONDITION_ABANDONED)
+      expected = TREL_RC_ABANDONED;
+    else if (taken)
+      expected = TREL_RC_DEPENDENT_PRESENT;
+    else if (present.size() == parent->capacity)
+      expected = TREL_RC_DEPENDENTS_FULL;
+    const uint32_t rc = adopt(*parent->home, parent->node, *child->home, child->node);
+    ASSERT_EQ(expected, rc);
+    if (rc) {
+      EXPECT_EQ(0u, trelDisclaimNode(&child->node, child->home->pool(), TREL_STRUCTURE_VERSION));
+      all_.pop_back();
+      return;
+    }
+    auto& places = parent->places;
+    const auto hole = std::find(places.begin(), places.end(), nullptr);
+    if (hole == places.end()) {
+      places.push_back(child);
+    } else {
+      *hole = child;
+    }
+  }
+
+  // By options 1 the whole subtree goes, whatever condition its nodes are in.
+  void deleteSubtree() {
+    Model* m = any();
+    if (m == top_) return;
+    uint64_t size = 0;
+    std::function<void(Model*)> measure = [&](Model* of) {
+      ++size;
+      for (Model* child : of->children()) measure(child);
+    };
+    measure(m);
+    if (size > all_.size() / 8) return;  // keep the tree alive
+    SNodeInfo_t record = recordOf(*m->parent->home, m->node, *m->home);
+    const bool isNameless = m->condition() == TREL_CONDITION_INITIALISED && pick(2);
+    if (isNameless) m->node->exportTable[0].used = 16;
+    ASSERT_EQ(0u, trelDeleteDependentNodeAndSubtree(m->parent->node, &record, m->home->info, 0, 1));
+    vacate(m);
+    forget(m);
+  }
+
+  void changeCondition() {
+    Model* m = any();
+    if (m == top_) return;
+    switch (pick(9)) {
+      case 0:
+        EXPECT_EQ(0u, trelAbandonNode(&m->node));
+        break;
+      case 1:
+        EXPECT_EQ(0u, trelDisassociateNode(&m->node));
+        m->recreated = pick(6) == 0;
+        m->node->optionWord0 = m->recreated;
+        break;
+      case 2:
+        m->node->condition = TREL_CONDITION_INITIALISED;
+        break;
+      default:
+        EXPECT_EQ(0u, trelActivateNode(&m->node));
+    }
+  }
+
+  // Plain searches of the model: 0 and the hit, or a code.
+  uint32_t soft(Model* below, uint64_t tag, const std::string& id, uint64_t depth, uint64_t limit,
+                Model** hit) {
+    if (limit && depth >= limit) return TREL_RC_NOT_FOUND;
+    for (Model* m : below->children()) {
+      const int64_t use = searched(m);
+      if (use > 0) return static_cast<uint32_t>(use);
+      if (use < 0) continue;
+      if (m->isNamed(tag, id)) {
+        *hit = m;
+        return 0;
+      }
+      const uint32_t rc = soft(m, tag, id, depth + 1, limit, hit);
+      if (rc != TREL_RC_NOT_FOUND) return rc;
+    }
+    return TREL_RC_NOT_FOUND;
+  }
+  uint32_t byTag(Model* below, uint64_t tag, uint64_t depth, uint64_t limit,
+                 std::vector<Model*>* hits) {
+    if (limit && depth >= limit) return 0;
+    for (Model* m : below->children()) {
+      const int64_t use = searched(m);
+      if (use > 0) return static_cast<uint32_t>(use);
+      if (use < 0) continue;
+      if (m->tag == tag) hits->push_back(m);
+      if (const uint32_t rc = byTag(m, tag, depth + 1, limit, hits)) return rc;
+    }
+    return 0;
+  }
+  using Path = std::vector<std::pair<uint64_t, std::string>>;
+  uint32_t hard(Model* from, const Path& path, Model** hit) {
+    for (const auto& [tag, id] : path) {
+      Model* next = nullptr;
+      for (Model* m : from->children()) {
+        const int64_t use = searched(m);
+        if (use > 0) return static_cast<uint32_t>(use);
+        if (use < 0) continue;
+        // An emptied list may be on or off; a list that is on limits what is sought.
+        if ((m->node->exports & TREL_EXPORT_DEPENDENT) && m->capacity == 0 &&
+            (m->id.size() || id.size()))
+          return TREL_RC_NODE_ID_SIZE;
+        if (m->isNamed(tag, id)) {
+          next = m;
+          break;
+        }
+      }
+      if (!next) return TREL_RC_NOT_FOUND;
+      from = next;
+    }
+    *hit = from;
+    return path.empty() ? uint32_t{TREL_RC_NOT_FOUND} : 0;
+  }
+
+  void checkEntry(const SNodeInfo_t* entry, const Model* hit) {
+    ASSERT_NE(nullptr, entry);
+    EXPECT_EQ(hit->node->nodeOffset, entry->nodeOffset);
+    EXPECT_EQ(hit->tag, entry->nodeTag);
+    EXPECT_EQ(hit->id, std::string(reinterpret_cast<const char*>(entry + 1), entry->idSize));
+    SNodeCB_t* node = nullptr;
+    EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfo(entry, &node));
+    EXPECT_EQ(hit->node, node);
+  }
+
+  void compareSearches() {
+    Model* from = pick(2) ? top_ : any();
+    const Model* sought = any();
+    const uint64_t tag = pick(2) ? sought->tag : anyTag(), limit = pick(5);
+    const std::string id = pick(2) ? sought->id : anyId();
+    const bool isAbandoned = from->condition() == TREL_CONDITION_ABANDONED;
+    SNodeInfo_t* entry = nullptr;
+    Model* hit = nullptr;
+    uint32_t expected = soft(from, tag, id, 0, limit, &hit);
+    ASSERT_EQ(expected, trelFindNodeSoft(&entry, from->node, tag, id.size(), bytes(id), limit));
+    if (expected == 0) checkEntry(entry, hit);
+
+    std::vector<Model*> hits;
+    expected = isAbandoned ? uint32_t{TREL_RC_ABANDONED} : byTag(from, tag, 0, limit, &hits);
+    if (expected == 0 && hits.empty()) expected = TREL_RC_NOT_FOUND;
+    SNodeInfo_t* found[3];
+    uint64_t returned = 0, total = 0;
+    ASSERT_EQ(expected, trelFindNodesByTag(from->node, tag, limit, 3, found, &returned, &total));
+    if (expected == 0) {
+      ASSERT_EQ(hits.size(), total);
+      ASSERT_EQ(std::min<uint64_t>(3, total), returned);
+      for (uint64_t i = 0; i < returned; ++i) checkEntry(found[i], hits[i]);
+    }
+
+    // The names of a real path, with a change here and there.
+    Path path;
+    Model* to = any();
+    for (Model* m = to; m && m != from; m = m->parent) path.insert(path.begin(), {m->tag, m->id});
+    if (!path.empty() && pick(4) == 0) path[pick(path.size())] = {anyTag(), anyId()};
+    std::vector<TraverseInfo_t> names;
+    for (auto& [t, i] : path)
+      names.push_back({static_cast<uint32_t>(t), static_cast<uint32_t>(i.size()),
+                       reinterpret_cast<uint8_t*>(&i[0])});
+    names.resize(names.size() + 1);
+    hit = nullptr;
+    expected = isAbandoned ? uint32_t{TREL_RC_ABANDONED} : hard(from, path, &hit);
+    ASSERT_EQ(expected,
+              trelFindNodeHard(&entry, from->node, path.size(), names.data(), path.size() + 1));
+    if (expected == 0) checkEntry(entry, hit);
+  }
+
+  void compareInfo() {
+    Model* from = pick(2) ? top_ : any();
+    const uint64_t tag = anyTag(), limit = pick(4);
+    TreeInfo_t expected{}, info;
+    std::function<void(Model*, uint64_t)> addUp = [&](Model* m, uint64_t depth) {
+      struct {
+        uint64_t* bytes;
+        uint32_t* nodes;
+      } sums[] = {{},
+                  {&expected.createdBytes, &expected.createdNodes},
+                  {&expected.initialisedBytes, &expected.initialisedNodes},
+                  {&expected.activeBytes, &expected.activeNodes},
+                  {&expected.abandonedBytes, &expected.abandonedNodes},
+                  {&expected.disassociatedBytes, &expected.disassociatedNodes}};
+      *sums[m->condition()].bytes += m->node->nodeSize;
+      ++*sums[m->condition()].nodes;
+      expected.totalBytes += m->node->nodeSize;
+      ++expected.totalNodes;
+      expected.taggedNodes += m->tag == tag;
+      if (limit == 0 || depth < limit)
+        for (Model* child : m->children()) addUp(child, depth + 1);
+    };
+    addUp(from, 1);
+    ASSERT_EQ(0u, trelGetTreeInfo(from->node, from->home->info, 0, tag, limit, &info));
+    EXPECT_EQ(0, memcmp(&expected, &info, offsetof(TreeInfo_t, taggedNodes) + 4));
+  }
+
+  void compareLists() {
+    for (auto& m : all_) {
+      SNodeInfo_t records[8];
+      uint8_t ids[8 * kIdRoom];
+      uint64_t returned = 0, live = 0;
+      const std::vector<Model*> children = m->children();
+      const uint32_t rc =
+          trelReturnDependentNodes(m->node, records, ids, &returned, &live, 8,
+                                   m->capacity && m->places.size() ? kIdRoom : 0, 0);
+      if (children.empty()) {
+        ASSERT_EQ(TREL_RC_DEPENDENTS_EMPTY, rc);
+        continue;
+      }
+      ASSERT_EQ(0u, rc);
+      ASSERT_EQ(children.size(), live);
+      for (uint64_t i = 0; i < returned; ++i) {
+        EXPECT_EQ(children[i]->tag, records[i].nodeTag);
+        SNodeCB_t* node = nullptr;
+        EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfo(&records[i], &node));
+        EXPECT_EQ(children[i]->node, node);
+      }
+    }
+    std::vector<ShmSegInfo_t*> infos;
+    for (auto& s : segments_) infos.push_back(s->info);
+    EXPECT_EQ(all_.size(), TreeWalker(infos).walk(top_->node));
+  }
+
+  std::mt19937 random_{testing::UnitTest::GetInstance()->random_seed() + 4711u};
+  std::vector<std::unique_ptr<Segment>> segments_;
+  std::vector<std::unique_ptr<Model>> all_;
+  Model* top_;
+};
+
+TEST_F(Forest, DoesWhatItsModelDoes) {
+  SCOPED_TRACE(testing::UnitTest::GetInstance()->random_seed());
+  for (int step = 0; step < 20000 && !HasFailure(); ++step) {
+    SCOPED_TRACE(step);
+    const uint64_t what = pick(16);
+    if (what < 5 && all_.size() < 90) {
+      addChild();
+    } else if (what < 7) {
+      deleteSubtree();
+    } else if (what < 9) {
+      changeCondition();
+    } else if (what < 14) {
+      compareSearches();
+    } else {
+      compareInfo();
+    }
+    if (step % 100 == 99) compareLists();
+  }
+  EXPECT_EQ(0u, trelDeleteDependentNodeAndSubtree(top_->node, nullptr, top_->home->info, 0, 1));
+  for (auto& s : segments_) {
+    ShmPoolInfo_t info;
+    EXPECT_EQ(0u, trelGetShmPoolInfo(s->pool(), &info));
+    EXPECT_LT(info.allocNodeCount, 6u) << "only entries of the shared lists are left";
+  }
+}
+
+// ---- Across segments ----------------------------------------------------------------------------
+
+class Reach : public Library {
+ protected:
+  // top -> near (same segment) and far (the other one) -> leaf (the other one)
+  Reach() {
+    EXPECT_EQ(0u, adopt(home, top, home, near));
+    EXPECT_EQ(0u, adopt(home, top, other, far));
+    EXPECT_EQ(0u, adopt(other, far, other, leaf));
+    home.publish(top);
+    other.publish(far);
+  }
+  static uint32_t soft(SNodeCB_t* from, uint64_t tag, SNodeInfo_t** entry) {
+    return trelFindNodeSoft(entry, from, tag, 0, nullptr, 0);
+  }
+  // In a process that holds the first segment alone.
+  void inReader(const std::function<void(SNodeCB_t*, ShmSegInfo_t*)>& work) {
+    const int status = inOtherProcess([&] {
+      ShmSegInfo_t* info = nullptr;
+      SNodeCB_t* node = nullptr;
+      TopNodeInfo_t found;
+      EXPECT_EQ(0u, trelConnectToATree(&info, &node, &found, home.key, 0, nullptr, nullptr));
+      if (node) work(node, info);
+      uint32_t count = 0;
+      EXPECT_EQ(0u, trelGetShmAttachRefCount(info, &count));
+      EXPECT_EQ(1u, count);
+      EXPECT_EQ(0u, trelDetachStatusSegment(&info, 1));
+    });
+    EXPECT_EQ(0, status);
+  }
+  // Attaches of the other segment in this process.
+  uint32_t otherCount() const {
+    SegAttachNode_t* node = nullptr;
+    EXPECT_EQ(0u, trelFindAttachInfoNodeInLList(other.key, &node));
+    return node ? node->refCount : 0;
+  }
+
+  Segment home, other;
+  SNodeCB_t* top = makeNode(home, 1, "top", 4);
+  SNodeCB_t* near = makeNode(home, 2, "near", 2);
+  SNodeCB_t* far = makeNode(other, 3, "far", 4);
+  SNodeCB_t* leaf = makeNode(other, 4, "leaf", 0);
+};
+
+TEST_F(Reach, AttachesWhatItUsesAndNoMore) {
+  SNodeInfo_t* entry = nullptr;
+  for (uint32_t condition :
+       {TREL_CONDITION_CREATED, TREL_CONDITION_INITIALISED, TREL_CONDITION_ABANDONED}) {
+    far->condition = condition;
+    inReader([&](SNodeCB_t* node, ShmSegInfo_t* info) {
+      SNodeInfo_t* found = nullptr;
+      EXPECT_EQ(0u, soft(node, 2, &found));
+      EXPECT_EQ(TREL_RC_NOT_FOUND, soft(node, 4, &found));
+      EXPECT_EQ(0u, otherCount()) << "a node that was passed over is left";
+      EXPECT_EQ(0u, trelSetStatusForEachNodeInATree(node, info, 0, TREL_STATUS_ACTIVATE, 32));
+      EXPECT_EQ(condition != TREL_CONDITION_ABANDONED, otherCount());
+    });
+  }
+  trelDisassociateNode(&far);
+  far->optionWord0 = TREL_OPTION_RECREATION;
+  inReader([&](SNodeCB_t* node, ShmSegInfo_t*) {
+    SNodeInfo_t* found = nullptr;
+    EXPECT_EQ(TREL_RC_BEING_RECREATED, soft(node, 4, &found));
+    EXPECT_EQ(0u, otherCount());
+  });
+  far->optionWord0 = 0;
+  inReader([&](SNodeCB_t* node, ShmSegInfo_t* info) {
+    TreeInfo_t sum;
+    EXPECT_EQ(0u, trelGetTreeInfo(node, info, TREL_WALK_ONE_SEGMENT, 0, 0, &sum));
+    EXPECT_EQ(2u, sum.totalNodes);
+    EXPECT_EQ(0u, otherCount());
+    EXPECT_EQ(0u, trelGetTreeInfo(node, info, 0, 4, 0, &sum));
+    EXPECT_EQ(4u, sum.totalNodes);
+    EXPECT_EQ(1u, sum.taggedNodes);
+    EXPECT_EQ(1u, otherCount());
+    SNodeInfo_t* found = nullptr;
+    EXPECT_EQ(0u, soft(node, 4, &found));
+    SNodeCB_t* reached = nullptr;
+    EXPECT_EQ(0u, trelAttachToNode(found, &reached));
+    EXPECT_EQ(4u, reached->tag);
+    EXPECT_EQ(1u, otherCount());
+  });
+  // A segment that is gone for new attaches: a code, and no trace of the attempt.
+  EXPECT_EQ(0u, trelMarkStatusSegmentForDeletion(other.info));
+  inReader([&](SNodeCB_t* node, ShmSegInfo_t* info) {
+    SNodeInfo_t* found = nullptr;
+    TreeInfo_t sum;
+    EXPECT_EQ(TREL_RC_DOMAIN_MARKED, soft(node, 4, &found));
+    EXPECT_EQ(TREL_RC_DOMAIN_MARKED, trelGetTreeInfo(node, info, 0, 0, 0, &sum));
+    EXPECT_EQ(0u, otherCount());
+  });
+  EXPECT_EQ(0u, soft(top, 4, &entry));
+}
+
+TEST_F(Reach, StatusWalks) {
+  const auto status = [&](uint32_t operation, uint32_t options, uint64_t limit = 0) {
+    return trelSetStatusForEachNodeInATree(top, home.info, limit, operation, options);
+  };
+  EXPECT_EQ(TREL_RC_STATUS_OPERATION, status(8, 1));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, status(3, 1, 32769));
+  EXPECT_EQ(0u, status(TREL_STATUS_DISASSOCIATE, TREL_WALK_ALL, 2));
+  EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, far->condition);
+  EXPECT_EQ(TREL_CONDITION_ACTIVE, leaf->condition);
+  far->condition = TREL_CONDITION_INITIALISED;
+  EXPECT_EQ(0u, status(TREL_STATUS_ACTIVATE, 1u << TREL_CONDITION_INITIALISED));
+  EXPECT_EQ(TREL_CONDITION_ACTIVE, far->condition);
+  EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, near->condition);
+  EXPECT_EQ(0u, status(TREL_STATUS_ACTIVATE, TREL_WALK_ALL | TREL_WALK_ONE_SEGMENT));
+  EXPECT_EQ(TREL_CONDITION_ACTIVE, near->condition);
+  EXPECT_EQ(0u, status(TREL_STATUS_UPDATE, TREL_WALK_ALL));
+  int32_t beats = 9;
+  EXPECT_EQ(0u, PLATVAtomicSigned32::add(&leaf->updateCounter, 0, &beats));
+  EXPECT_EQ(0, beats);
+  EXPECT_EQ(0u, status(TREL_STATUS_UPDATE, 8));
+  EXPECT_EQ(0u, PLATVAtomicSigned32::add(&leaf->updateCounter, 0, &beats));
+  EXPECT_EQ(1, beats);
+  // Nodes that are abandoned go, whatever the options select; those of other segments stay.
+  EXPECT_EQ(0u, trelAbandonNode(&near));
+  EXPECT_EQ(0u, trelAbandonNode(&far));
+  EXPECT_EQ(0u, status(TREL_STATUS_DISCLAIM, 2 | TREL_WALK_ONE_SEGMENT));
+  uint64_t live = 0, capacity = 0;
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(top, &live, &capacity, 0));
+  EXPECT_EQ(1u, live);
+  EXPECT_EQ(0u, status(TREL_STATUS_DISCLAIM, 2));
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(top, &live, &capacity, 0));
+  EXPECT_EQ(0u, live);
+}
+
+TEST_F(Reach, TheTopCanBeTakenOffItsParentsList) {
+  // A sibling of the same tag, with an identifier and in front, is not taken for it.
+  SNodeCB_t* twin = makeNode(other, 5, "twin", 0);
+  SNodeCB_t* nameless = makeNode(other, 5, "", 2);
+  ASSERT_EQ(0u, adopt(other, far, other, nameless));
+  ASSERT_EQ(0u, adopt(other, far, other, twin));
+  SNodeInfo_t record = recordOf(other, leaf, other);
+  ASSERT_EQ(0u, trelDeleteDependentNode(far, &record, bytes("leaf"), 0));
+  SNodeInfo_t first = recordOf(other, twin, other), second = recordOf(other, nameless, other);
+  ASSERT_EQ(0u, trelCreateDependentNodeList(far, nullptr, nullptr, nullptr, kIdRoom, 0, 0));
+  ASSERT_EQ(0u, trelAddDependentNode(far, &second, nullptr, 0, 0, 0));
+  ASSERT_EQ(0u, trelAddDependentNode(far, &first, bytes("twin"), 4, 0, 0));
+  EXPECT_EQ(0u, trelSetStatusForEachNodeInATree(nameless, other.info, 0, TREL_STATUS_DISCLAIM,
+                                                TREL_WALK_ALL | TREL_WALK_REMOVE_TOP));
+  SNodeInfo_t* entry = nullptr;
+  EXPECT_EQ(0u, trelFindDependentNode(&entry, far, 5, 0, nullptr, 0));
+  EXPECT_EQ(twin->nodeOffset, entry->nodeOffset);
+  // The subtree of a child that its record in process memory names.
+  SNodeInfo_t down = recordOf(home, far, other);
+  down.idSize = 2;
+  EXPECT_EQ(TREL_RC_COMPARE_ID_SIZE,
+            trelDeleteDependentNodeAndSubtree(top, &down, other.info, 0, TREL_WALK_ALL));
+  down.idSize = 3;
+  EXPECT_EQ(0u, trelDeleteDependentNodeAndSubtree(top, &down, other.info, 0, TREL_WALK_ALL));
+  EXPECT_EQ(TREL_RC_NOT_FOUND, soft(top, 3, &entry));
+}
+
+// ---- Deep, cyclic and damaged trees -------------------------------------------------------------
+
+TEST_F(Reach, CyclesEndInACode) {
+  SNodeInfo_t back = recordOf(other, top, home);
+  ASSERT_EQ(0u, trelAddDependentNode(far, &back, bytes("top"), 3, 0, 0));
+  SNodeInfo_t* entry = nullptr;
+  SNodeInfo_t* found[2];
+  uint64_t returned = 0, total = 0;
+  TreeInfo_t sum;
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(top, 77, &entry));
+  EXPECT_EQ(TREL_RC_NOT_FOUND, trelFindNodeSoft(&entry, top, 77, 0, nullptr, 32768));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelFindNodesByTag(top, 77, 0, 2, found, &returned, &total));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelGetTreeInfo(top, home.info, 0, 0, 0, &sum));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT,
+            trelSetStatusForEachNodeInATree(top, home.info, 0, TREL_STATUS_UPDATE, 8));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT,
+            trelSetStatusForEachNodeInATree(top, home.info, 0, TREL_STATUS_DISCLAIM, 1));
+}
+
+TEST_F(Reach, ThirtyThousandLevels) {
+  Segment deep(32770u * 3800);
+  SNodeCB_t* first = makeNode(deep, 1, "", 1);
+  SNodeCB_t* last = first;
+  for (int level = 1; level < 32768; ++level) {
+    SNodeCB_t* next = makeNode(deep, 1 + level, "", 1);
+    SNodeInfo_t record = recordOf(deep, next, deep);
+    ASSERT_EQ(0u, trelAddDependentNode(last, &record, nullptr, 0, 0, 0));
+    last = next;
+  }
+  SNodeInfo_t* entry = nullptr;
+  TreeInfo_t sum;
+  EXPECT_EQ(0u, soft(first, 32768, &entry));
+  EXPECT_EQ(last->nodeOffset, entry->nodeOffset);
+  EXPECT_EQ(TREL_RC_NOT_FOUND, trelFindNodeSoft(&entry, first, 32768, 0, nullptr, 32766));
+  // On a thread with next to no stack.
+  std::thread([&] {
+    EXPECT_EQ(0u, trelGetTreeInfo(first, deep.info, 0, 0, 0, &sum));
+    EXPECT_EQ(32768u, sum.totalNodes);
+  }).join();
+  EXPECT_EQ(0u, trelDeleteDependentNodeAndSubtree(first, nullptr, deep.info, 0, 1));
+}
+
+// Random damage to all that is read on the way: every operation ends in a code, and what it may not
+// touch it does not touch.
+TEST_F(Reach, DamagedTreesGiveCodes) {
+  std::mt19937 random(testing::UnitTest::GetInstance()->random_seed() + 99u);
+  SCOPED_TRACE(testing::UnitTest::GetInstance()->random_seed());
+  const auto base = static_cast<uint8_t*>(home.domain()->base);
+  const auto otherBase = static_cast<uint8_t*>(other.domain()->base);
+  const std::vector<uint8_t> saved(base, base + 0x100000),
+      savedOther(otherBase, otherBase + 0x100000);
+  std::vector<uint8_t*> words;
+  const auto take = [&](void* from, size_t size) {
+    for (size_t i = 0; i + 8 <= size; i += 8) words.push_back(static_cast<uint8_t*>(from) + i);
+  };
+  for (SNodeCB_t* node : {top, near, far}) {
+    take(node, offsetof(SNodeCB_t, reconfigCounter));
+    take(&node->concurrencyModel, 4 + 12 * 24);
+    take(reinterpret_cast<uint8_t*>(node) + node->exportTable[10].offset, 8 + 2 * (56 + kIdRoom));
+    take(reinterpret_cast<uint8_t*>(node) + node->exportTable[0].offset, 16);
+    take(reinterpret_cast<uint8_t*>(node) + node->exportTable[3].offset, 64);
+  }
+  for (SNodeCB_t* child : {near, far}) {
+    SNodeInfo_t* entry = nullptr;
+    ASSERT_EQ(0u, trelFindDependentNode(&entry, top, child->tag, 0, nullptr, 0));
+    take(base + entry->segInfoOffset, 32);
+  }
+  int refused = 0;
+  for (int round = 0; round < 3000; ++round) {
+    for (int n = 1 + random() % 2; n; --n) {
+      auto* word = reinterpret_cast<TrelU64*>(words[random() % words.size()]);
+      const uint64_t values[] = {
+          0,     1,        *word + 8, *word - 1, *word ^ (1ull << random() % 64),
+          ~0ull, random(), 0x100000,  8,         4097};
+      *word = values[random() % 10];
+    }
+    SNodeInfo_t* entry = nullptr;
+    SNodeInfo_t* found[4];
+    SNodeInfo_t records[8];
+    uint8_t ids[8 * 4096];
+    uint64_t returned = 0, total = 0;
+    TreeInfo_t sum;
+    uint8_t path0[] = "far", path1[] = "leaf";
+    const TraverseInfo_t path[] = {{3, 3, path0}, {4, 4, path1}};
+    SNodeInfo_t added = {near->nodeOffset, 9, 1, 0, 0, 0, 0}, removed = {0, 9, 1, 0, 0, 0, 0};
+    const uint32_t results[] = {
+        trelFindNodeSoft(&entry, top, 4, 4, path1, 0),
+        trelFindNodeHard(&entry, top, 2, path, 8),
+        trelFindNodesByTag(top, 4, 0, 4, found, &returned, &total),
+        trelGetTreeInfo(top, home.info, 0, 4, 0, &sum),
+        trelSetStatusForEachNodeInATree(top, home.info, 0, TREL_STATUS_UPDATE, 8),
+        trelReturnDependentNodes(top, records, ids, &returned, &total, 8, 0, 0),
+        trelAddDependentNode(top, &added, bytes("x"), 1, TREL_ADD_REPLACE, 0),
+        trelDeleteDependentNode(top, &removed, bytes("x"), 0),
+        trelExportListOfChangedProperties(top, 0, std::vector<uint32_t>(58, 1).data())};
+    for (uint32_t rc : results) refused += rc != 0;
+    memcpy(base, saved.data(), saved.size());
+    memcpy(otherBase, savedOther.data(), savedOther.size());
+  }
+  EXPECT_GT(refused, 3000);
+  SNodeInfo_t* entry = nullptr;
+  EXPECT_EQ(0u, soft(top, 4, &entry));
+  EXPECT_EQ(1u, otherCount());
+  EXPECT_EQ(1u, home.attachCount());
+}
+
+// ---- A tree that changes under its readers ------------------------------------------------------
+
+// A publisher adds and deletes children of two nodes, and moves one that is always there from place
+// to place. Readers must always find what is always there, or get a code that says why not; they
+// may or may not find the others.
+TEST_F(Reach, ReadersSeeNoTreeThatNeverWas) {
+  std::vector<SNodeCB_t*> fixed;
+  for (int i = 0; i < 2; ++i) {
+    SNodeCB_t* branch = makeNode(home, 10 + i, "branch", 12);
+    ASSERT_EQ(0u, adopt(home, top, home, branch));
+    fixed.push_back(branch);
+    for (const char* id : {"first", "last"}) {
+      SNodeCB_t* node = makeNode(home, 20, std::string(id) + std::to_string(i), 0);
+      ASSERT_EQ(0u, adopt(home, branch, home, node));
+    }
+  }
+  auto* stop = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const auto inChild = [](const std::function<void()>& work) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      work();
+      fflush(nullptr);
+      _exit(testing::Test::HasFailure());
+    }
+    return pid;
+  };
+  const pid_t publisher = inChild([&] {
+    std::mt19937 random(5);
+    std::map<std::pair<int, int>, SNodeCB_t*> present;
+    while (!*stop) {
+      const int branch = random() % 2, which = random() % 8;
+      SNodeCB_t*& node = present[{branch, which}];
+      const std::string id = "t" + std::to_string(which);
+      if (!node) {
+        node = makeNode(home, 20, id, 0);
+        ASSERT_EQ(0u, adopt(home, fixed[branch], home, node));
+      } else {
+        SNodeInfo_t record = recordOf(home, node, home);
+        ASSERT_EQ(0u, trelDeleteDependentNode(fixed[branch], &record, bytes(id), 0));
+        ASSERT_EQ(0u, trelDisclaimNode(&node, home.pool(), TREL_STRUCTURE_VERSION));
+      }
+      // first0 or first1 goes to another place of its list, in one hold of the latch.
+      LatchArea_t* area = &fixed[branch]->nodeLatchArea;
+      const std::string moved = "first" + std::to_string(branch);
+      SNodeInfo_t* entry = nullptr;
+      ASSERT_EQ(0u, trelEnterCriticalSectionBeforeWrite(fixed[branch], area));
+      ASSERT_EQ(0u, trelFindDependentNode(&entry, fixed[branch], 20, 6, bytes(moved), 1));
+      SNodeInfo_t record = *entry;
+      ASSERT_EQ(0u, trelDeleteDependentNode(fixed[branch], &record, bytes(moved), 1));
+      ASSERT_EQ(0u, trelAddDependentNode(fixed[branch], &record, bytes(moved), 6, 0, 1));
+      ASSERT_EQ(0u, trelExitCriticalSectionAfterWrite(fixed[branch], area));
+    }
+  });
+  std::vector<pid_t> readers;
+  for (int r = 0; r < 2; ++r)
+    readers.push_back(inChild([&, r] {
+      std::mt19937 random(r);
+      uint64_t found = 0, refused = 0;
+      while (!*stop) {
+        const int branch = random() % 2;
+        const std::string id = (random() % 2 ? "first" : "last") + std::to_string(branch);
+        SNodeInfo_t* entry = nullptr;
+        uint32_t rc = trelFindNodeSoft(&entry, top, 20, id.size(), bytes(id), 0);
+        ASSERT_NE(TREL_RC_NOT_FOUND, rc) << id << " is always there";
+        ++(rc ? refused : found);
+        const std::string gone = "t9";
+        rc = trelFindNodeSoft(&entry, top, 20, 2, bytes(gone), 0);
+        ASSERT_NE(0u, rc) << gone << " is never there";
+        std::vector<SNodeInfo_t*> hits(64);
+        uint64_t returned = 0, total = 0;
+        rc = trelFindNodesByTag(top, 20, 0, 64, hits.data(), &returned, &total);
+        if (rc == 0) {
+          ASSERT_GE(total, 4u);
+          ASSERT_LE(total, 20u);
+        }
+      }
+      EXPECT_GT(found, 100 * refused);
+      printf("reader %d: %llu found, %llu refused\n", r, static_cast<unsigned long long>(found),
+             static_cast<unsigned long long>(refused));
+    }));
+  usleep(3000000);
+  *stop = 1;
+  readers.push_back(publisher);
+  for (pid_t pid : readers) {
+    int status = -1;
+    EXPECT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_EQ(0, status);
+  }
+  munmap(static_cast<void*>(stop), 4096);
+}
+
+}  // namespace
