@@ -1,7 +1,7 @@
 // Library state, status segments, attach and detach, the road from records to nodes.
 #include <sys/mman.h>
 
-#include <cstring>
+#include <thread>
 #include <vector>
 
 #include "segment_fixture.h"
@@ -66,46 +66,50 @@ TEST_F(Attach, PublisherAndReaderInTwoProcesses) {
             }));
   SNodeCB_t* top = segment.makeNode(77, "top");
   segment.publish(top);
-  int toReader[2], toPublisher[2];
-  ASSERT_EQ(0, pipe(toReader) | pipe(toPublisher));
-  const auto tell = [](int* pipe) { EXPECT_EQ(1, write(pipe[1], "", 1)); };
-  const auto wait = [](int* pipe) {
-    char c;
-    EXPECT_EQ(1, read(pipe[0], &c, 1));
-  };
-  const pid_t reader = fork();
-  if (reader == 0) {
-    beginAnew();
+  Child reader([&] {
     Tree tree;
-    EXPECT_EQ(0u, tree.connect(segment.key));
+    ASSERT_EQ(0u, tree.connect(segment.key));
     EXPECT_NE(segment.domain()->base, tree.info->shmDomainHandle->base);
     EXPECT_EQ(77u, tree.top.tag);
     uint8_t* id = nullptr;
     uint64_t idSize = 0;
     EXPECT_EQ(0u, trelGetNodeID(tree.node, &id, &idSize, 0));
     EXPECT_EQ("top", std::string(reinterpret_cast<char*>(id), idSize));
+    EXPECT_EQ(2u, segment.heap()->connectionCount);
     WatchRecord_t watch{};
     watch.updateMode = TREL_UPDATE_BY_COUNTER;
-    PLATVAtomicSigned32::init(&watch.seenCounter, 0, 1);
-    EXPECT_EQ(TREL_RC_NO_UPDATE, trelIsStillBeingUpdated(tree.node, &watch));
-    tell(toPublisher);
-    wait(toReader);
-    EXPECT_EQ(0u, trelIsStillBeingUpdated(tree.node, &watch));
-    EXPECT_EQ(TREL_RC_NO_UPDATE, trelIsStillBeingUpdated(tree.node, &watch));
+    for (int beats = 0; beats < 3;) {
+      const uint32_t rc = trelIsStillBeingUpdated(tree.node, &watch);
+      beats += rc == 0;
+      ASSERT_TRUE(rc == 0 || rc == TREL_RC_NO_UPDATE);
+    }
     EXPECT_EQ(0u, trelDetachFromTopNode(&tree.info, 1));
     EXPECT_EQ(nullptr, tree.info);
-    fflush(nullptr);
-    _exit(HasFailure());
+  });
+  while (reader.isRunning()) {
+    EXPECT_EQ(0u, trelUpdateNodeStatus(top));
+    usleep(1000);
   }
-  wait(toPublisher);
-  EXPECT_EQ(2u, segment.heap()->connectionCount);
-  EXPECT_EQ(0u, trelUpdateNodeStatus(top));
-  tell(toReader);
-  int status = 0;
-  EXPECT_EQ(reader, waitpid(reader, &status, 0));
-  EXPECT_EQ(0, status);
+  EXPECT_EQ(0, reader.wait());
   EXPECT_EQ(1u, segment.heap()->connectionCount);
-  for (int end : {toReader[0], toReader[1], toPublisher[0], toPublisher[1]}) close(end);
+}
+
+TEST_F(Attach, ThreadsShareOneAttachment) {
+  Segment segment;
+  segment.publish(segment.makeNode(5));
+  ShmSegInfo_t* const own = segment.info;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&] {
+      for (int round = 0; round < 200; ++round) {
+        Tree tree;
+        EXPECT_EQ(0u, tree.connect(segment.key));
+        EXPECT_EQ(own, tree.info);
+        EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(1u, segment.attachCount());
 }
 
 TEST_F(Attach, CountsPerProcess) {
@@ -311,50 +315,62 @@ TEST_F(Attach, TopNodeFieldsMoveWithTheUserArea) {
             trelPutTopNodeInfoIntoDomainHeader(domain, 0, 0x100000, 0x100001));
   EXPECT_EQ(TREL_RC_TAG_RANGE,
             trelPutTopNodeInfoIntoDomainHeader(domain, TREL_MAX_TAG + 1, ~uint64_t{0}, 0));
+  SNodeCB_t* node = nullptr;
+  EXPECT_EQ(0u, trelGetTopNodeCBPtrFromShmSegInfo(segment.info, &node));
+  EXPECT_EQ(0x100000u, segment.offsetOf(node)) << "an address alone: nothing is touched";
+  platSetReportSink([](const char*) {});
   EXPECT_EQ(TREL_RC_OUT_TOP_POOL,
             trelGetTopNodeInfoFromDomainHeader(domain, &tag, &offset, nullptr));
+  platSetReportSink(nullptr);
+}
+
+TEST_F(Attach, ParentRecordsInPlace) {
+  Segment segment;
+  SNodeCB_t* node = nullptr;
+  uint64_t sizes[64] = {}, size = 0, offset = 0, idSize = 0;
+  sizes[3] = 64 + 8;
+  ASSERT_EQ(0u, trelCreateNode(segment.info, &node, TREL_EXPORT_PARENT, sizes, &size, &offset));
+  SNodeInfo_t parent = {0x1000, 3, 5, 0, 8, 16, 0}, *stored = nullptr;
+  uint8_t* id = nullptr;
+  EXPECT_EQ(
+      0u, trelInitNode(&node, offset, 0, nullptr, &parent, reinterpret_cast<const uint8_t*>("mama"),
+                       8, nullptr, nullptr, nullptr));
+  EXPECT_EQ(0u, trelGetParentNodeLocation(node, &stored));
+  EXPECT_EQ(segment.offsetOf(stored), stored->selfOffset);
+  EXPECT_EQ(0x1000u, stored->nodeOffset);
+  EXPECT_EQ(0u, trelGetParentNodeIdentifier(node, &idSize, &id));
+  EXPECT_EQ(5u, idSize);
+  EXPECT_STREQ("mama", reinterpret_cast<char*>(id));
+  stored->idSize = 9;
+  EXPECT_EQ(TREL_RC_ID_BOUNDS, trelGetParentNodeIdentifier(node, &idSize, &id));
+  node->exportTable[3].size = node->exportTable[3].used = 63;
+  EXPECT_EQ(TREL_RC_SLOT_USED, trelGetParentNodeLocation(node, &stored));
+  node->exportTable[3].offset = 0;
+  EXPECT_EQ(TREL_RC_SLOT_OFFSET, trelGetParentNodeLocation(node, &stored));
+  const SNodeInfo_t inPM = {reinterpret_cast<uintptr_t>(node), 0, 0, 0, 0, 0, 0};
+  SNodeCB_t* found = nullptr;
+  EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfoInPM(&inPM, &found));
+  EXPECT_EQ(node, found);
 }
 
 TEST_F(Attach, SegmentDeletedByAnotherProcess) {
-  Key key;
-  for (const bool twice : {false, true}) {
-    int made[2], deleted[2];
-    ASSERT_EQ(0, pipe(made) | pipe(deleted));
-    const pid_t owner = fork();
-    char c = 0;
-    if (owner == 0) {
-      ShmSegInfo_t* info = nullptr;
-      trelGetProtectedStatusSegment(&info, 0x100000, key, 0, 0, nullptr, nullptr);
-      SNodeCB_t* node = nullptr;
-      uint64_t size = 0, offset = 0;
-      const uint64_t sizes[64] = {};
-      trelCreateNode(info, &node, 0, sizes, &size, &offset);
-      trelInitNode(&node, offset, 0, nullptr, nullptr, nullptr, 0, nullptr, nullptr, nullptr);
-      trelPutTopNodeInfoIntoDomainHeader(info->shmDomainHandle, 0, offset,
-                                         static_cast<uint32_t>(info->shmPoolHandle->poolOffset));
-      EXPECT_EQ(1, write(made[1], "", 1));
-      EXPECT_EQ(1, read(deleted[0], &c, 1));
-      _exit(trelDeleteStatusSegment(&info, 3, 1, 2) == TREL_RC_POOL_CONNECTED
-                ? trelDeleteStatusSegment(&info, 4, 2, 2) != 0
-                : 1);
-    }
-    EXPECT_EQ(1, read(made[0], &c, 1));
-    Tree tree;
-    EXPECT_EQ(0u, tree.attach(key));
-    if (twice) {
-      EXPECT_EQ(0u, tree.attach(key));
-    }
-    EXPECT_EQ(1, write(deleted[1], "", 1));
-    int status = 0;
-    EXPECT_EQ(owner, waitpid(owner, &status, 0));
-    EXPECT_EQ(0, status);
-    EXPECT_FALSE(key.exists());
-    EXPECT_EQ(twice, trelDetachStatusSegment(&tree.info, 1) == 0) << "only the last one leaves";
-    ASSERT_NE(nullptr, tree.info);
-    EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 2));
-    EXPECT_EQ(nullptr, tree.info);
+  for (const bool byDetach : {true, false}) {
+    Segment segment;
+    segment.publish(segment.makeNode(5));
+    EXPECT_EQ(0, inOtherProcess([&] {
+                Tree tree;
+                EXPECT_EQ(0u, tree.attach(segment.key));
+                EXPECT_EQ(TREL_RC_POOL_CONNECTED, trelDeleteStatusSegment(&tree.info, 3, 1, 2));
+                EXPECT_EQ(0u, trelDeleteStatusSegment(&tree.info, 4, 2, 2));
+                EXPECT_EQ(nullptr, tree.info);
+              }));
+    EXPECT_FALSE(segment.key.exists());
+    EXPECT_NE(0u, trelDetachStatusSegment(&segment.info, 1));
+    ASSERT_NE(nullptr, segment.info);
+    EXPECT_EQ(0u, byDetach ? trelDetachStatusSegment(&segment.info, 2)
+                           : trelDeleteStatusSegment(&segment.info, 4, 2, 2));
+    EXPECT_EQ(nullptr, segment.info);
     EXPECT_EQ(nullptr, *pSegAttachList);
-    for (int end : {made[0], made[1], deleted[0], deleted[1]}) close(end);
   }
 }
 
@@ -488,8 +504,8 @@ TEST_F(TwoSegments, DamagedRecordsGiveCodes) {
   stored->selfOffset = home.offsetOf(stored);
   stored->segBase = 1;  // not read
   EXPECT_EQ(0u, trelAttachToNode(stored, &node));
-  const std::vector<uint64_t> nonsense = {1,           8,           0xfffff,      0x100000,
-                                          0x7fffffff0, 0xfffffff0u, ~uint64_t{0}, ~uint64_t{55}};
+  const std::vector<uint64_t> nonsense = {
+      0, 1, 8, 0xfffff, 0x100000, 0x7fffffff0, 0xfffffff0u, ~uint64_t{0}, ~uint64_t{55}};
   for (TrelU64* field : {&stored->nodeOffset, &stored->selfOffset, &stored->segInfoOffset,
                          &nearRecord.nodeOffset, &nearRecord.segInfoOffset}) {
     const uint64_t sound = *field;

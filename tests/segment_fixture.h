@@ -80,19 +80,36 @@ inline void beginAnew() {
   TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION);
 }
 
-// Runs work in another process: 0, or how it failed.
-template <class Work>
-int inOtherProcess(Work&& work) {
-  const pid_t child = fork();
-  if (child == 0) {
+// Another process, that runs work.
+class Child {
+ public:
+  template <class Work>
+  explicit Child(Work&& work) : pid_(fork()) {
+    if (pid_ != 0) return;
     beginAnew();
     work();
     fflush(nullptr);
     _exit(testing::Test::HasFailure());
   }
-  int status = 0;
-  EXPECT_EQ(child, waitpid(child, &status, 0));
-  return status;
+  bool isRunning() {
+    ended_ = ended_ || waitpid(pid_, &status_, WNOHANG) != 0;
+    return !ended_;
+  }
+  // 0, or how it failed.
+  int wait() {
+    while (isRunning()) usleep(100);
+    return status_;
+  }
+
+ private:
+  pid_t pid_;
+  int status_ = 0;
+  bool ended_ = false;
+};
+
+template <class Work>
+int inOtherProcess(Work&& work) {
+  return Child(work).wait();
 }
 
 // A status segment of this process, deleted at the end.

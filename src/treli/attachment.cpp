@@ -44,17 +44,31 @@ bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t siz
   return !domain->ipcMemory || offset + size <= domain->ipcMemory->getSize();
 }
 
-const ShmDomainHandle_t* domainAround(const void* address, uint64_t size) {
-  const auto isIn = [&](const ShmDomainHandle_t* domain) {
-    return domain && address >= domain->base &&
-           liesInDomain(domain, offsetOf(address, domain->base), size);
-  };
+namespace {
+
+// The first attached domain that fits.
+template <class Fits>
+const ShmDomainHandle_t* findDomain(Fits&& fits) {
   const ShmDomainHandle_t* inSlot = trelGASegInfo.segInfo.shmDomainHandle;
-  if (trelGASegInfo.state == TREL_GA_SLOT_IN_USE && isIn(inSlot)) return inSlot;
+  if (trelGASegInfo.state == TREL_GA_SLOT_IN_USE && inSlot && fits(inSlot)) return inSlot;
   if (!isInitialised()) return nullptr;
-  for (const SegAttachNode_t* node = *pSegAttachList; node; node = node->next)
-    if (isIn(node->segInfo->shmDomainHandle)) return node->segInfo->shmDomainHandle;
+  for (const SegAttachNode_t* node = *pSegAttachList; node; node = node->next) {
+    const ShmDomainHandle_t* domain = node->segInfo->shmDomainHandle;
+    if (domain && fits(domain)) return domain;
+  }
   return nullptr;
+}
+
+}  // namespace
+
+const ShmDomainHandle_t* domainAround(const void* address, uint64_t size) {
+  return findDomain([&](const ShmDomainHandle_t* domain) {
+    return address >= domain->base && liesInDomain(domain, offsetOf(address, domain->base), size);
+  });
+}
+
+const ShmDomainHandle_t* domainAt(const void* base) {
+  return findDomain([&](const ShmDomainHandle_t* domain) { return domain->base == base; });
 }
 
 SegmentForm readForm(const ShmDomainParam_t* param, uint32_t defaultMode) {

@@ -22,8 +22,10 @@ uint32_t holdOfSlot(Hold* hold);
 // By access mode: the slot, or the key.
 uint32_t holdOf(const SegIdentity_t& identity, Hold* hold);
 
-// The attached domain in which `size` bytes at an address lie; null if they lie in none.
+// The attached domain in which `size` bytes at an address lie, and that with its base at an
+// address; null if there is none.
 const ShmDomainHandle_t* domainAround(const void* address, uint64_t size);
+const ShmDomainHandle_t* domainAt(const void* base);
 
 // Whether `size` bytes at an offset from the base lie in the domain and in what is mapped of it.
 bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size);

@@ -14,11 +14,12 @@ bool isNodeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
 
 uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity) {
   const SNodeInfo_t copy = *record;
-  const bool isStored = copy.selfOffset != 0;
-  const void* base = isStored ? at<const void>(record, uint64_t{0} - copy.selfOffset)
-                              : at<const void>(nullptr, copy.segBase);
+  const void* base = copy.selfOffset ? at<const void>(record, uint64_t{0} - copy.selfOffset)
+                                     : at<const void>(nullptr, copy.segBase);
   if (!base) return TREL_RC_BASE_NULL;
-  const auto* home = isStored ? domainAround(record, sizeof *record) : domainAround(base, 1);
+  // What is stored in a segment can be damaged, but its base is known.
+  const ShmDomainHandle_t* home = domainAround(record, sizeof *record);
+  if (!home) home = domainAt(base);
   if (home && (home->base != base || !liesInDomain(home, copy.segInfoOffset, sizeof *identity)))
     return TREL_RC_BLOCK_OUTSIDE_POOL;
   *identity = *at<const SegIdentity_t>(base, copy.segInfoOffset);
