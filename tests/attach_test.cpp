@@ -336,8 +336,8 @@ TEST_F(Attach, ParentRecordsInPlace) {
       0u, trelInitNode(&node, offset, 0, nullptr, &parent, reinterpret_cast<const uint8_t*>("mama"),
                        8, nullptr, nullptr, nullptr));
   EXPECT_EQ(0u, trelGetParentNodeLocation(node, &stored));
-  EXPECT_EQ(segment.offsetOf(stored), stored->selfOffset);
-  EXPECT_EQ(0x1000u, stored->nodeOffset);
+  EXPECT_EQ(segment.offsetOf(stored), uint64_t{stored->selfOffset});
+  EXPECT_EQ(0x1000u, uint64_t{stored->nodeOffset});
   EXPECT_EQ(0u, trelGetParentNodeIdentifier(node, &idSize, &id));
   EXPECT_EQ(5u, idSize);
   EXPECT_STREQ("mama", reinterpret_cast<char*>(id));

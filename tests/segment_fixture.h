@@ -14,6 +14,12 @@
 #include "platsvc/platsvc.h"
 #include "trel/trel.h"
 
+// A finding of a sanitizer ends the process by a signal that can be caught.
+extern "C" {
+__attribute__((used)) inline const char* __asan_default_options() { return "abort_on_error=1"; }
+__attribute__((used)) inline const char* __ubsan_default_options() { return "abort_on_error=1"; }
+}
+
 // A key that no other running test has. The segment of that key is removed at the end, and also
 // when the process dies of a signal that can be caught.
 class Key {
