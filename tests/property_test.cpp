@@ -49,13 +49,26 @@ struct Node {
     _platMemFree(&block, 0, 0, __FILE__, __LINE__);
   }
   ExportSlot_t* slot(uint32_t bit) { return &cb->exportTable[__builtin_ctz(bit) - 1]; }
+  uint64_t used(uint32_t bit) { return slot(bit)->used; }
   uint8_t* at(uint64_t position) { return reinterpret_cast<uint8_t*>(cb) + position; }
   // Slots and sections.
-  std::string image() { return {reinterpret_cast<char*>(at(1372)), size - 1372}; }
+  std::string image() {
+    return {reinterpret_cast<char*>(at(1372)), static_cast<size_t>(size - 1372)};
+  }
   int32_t changes() {
     uint64_t counter = 0;
     EXPECT_EQ(0u, trelGetNodeReconfigCounter(cb, &counter));
     return static_cast<int32_t>(counter);
+  }
+};
+
+// The address of a record pointer of any kind.
+struct Out {
+  void** record;
+  Out(void** r) : record(r) {}
+  template <class Record>
+  operator Record**() const {
+    return reinterpret_cast<Record**>(record);
   }
 };
 
@@ -95,19 +108,15 @@ struct Api {
                                         0);
     }
   }
-// r, v, ir, iv: the argument lists of the kinds
-#define EACH(name, suffix, r, v, ir, iv) \
-  switch (bit) {                         \
-    case TREL_EXPORT_R:                  \
-      return trel##name##R##suffix r;    \
-    case TREL_EXPORT_V:                  \
-      return trel##name##V##suffix v;    \
-    case TREL_EXPORT_IR:                 \
-      return trel##name##IR##suffix ir;  \
-    default:                             \
-      return trel##name##IV##suffix iv;  \
-  }
-#define TAG_OR_ID(name, suffix, ...)                                     \
+// By kind: r, v, ir, iv are argument lists.
+#define EACH(name, suffix, r, v, ir, iv)               \
+  (bit == TREL_EXPORT_R    ? trel##name##R##suffix r   \
+   : bit == TREL_EXPORT_V  ? trel##name##V##suffix v   \
+   : bit == TREL_EXPORT_IR ? trel##name##IR##suffix ir \
+                           : trel##name##IV##suffix iv)
+#define ALIKE(name, suffix, ...) \
+  EACH(name, suffix, (__VA_ARGS__), (__VA_ARGS__), (__VA_ARGS__), (__VA_ARGS__))
+#define BY_NAME(name, suffix, ...)                                       \
   EACH(name, suffix, (cb, n.tag, __VA_ARGS__), (cb, n.tag, __VA_ARGS__), \
        (cb, n.tag, n.id.size(), bytes(n.id), __VA_ARGS__),               \
        (cb, n.tag, n.id.size(), bytes(n.id), __VA_ARGS__))
@@ -115,47 +124,40 @@ struct Api {
   EACH(name, suffix, (cb, n.tag, number(v), in), (cb, n.tag, v.size(), bytes(v), in), \
        (cb, n.tag, n.id.size(), bytes(n.id), number(v), in),                          \
        (cb, n.tag, n.id.size(), bytes(n.id), v.size(), bytes(v), in))
+  using Text = std::string;
 
-  uint32_t add(const Name& n, const std::string& v,
-               uint64_t in = 0){BY_VALUE(Add, Property)} uint32_t
-      addHashed(const Name& n, const std::string& v,
-                uint64_t in = 0){BY_VALUE(Add, PropertyToHashTable)} uint32_t
-      set(const Name& n, const std::string& v,
-          uint64_t in = 0){BY_VALUE(SetValueFor, Property)} uint32_t
-      remove(const Name& n, uint64_t in = 0){TAG_OR_ID(Delete, Property, in)} uint32_t
-      removeHashed(const Name& n){EACH(Delete, PropertyFromHashTable, (cb, n.tag), (cb, n.tag),
-                                       (cb, n.tag, n.id.size(), bytes(n.id)),
-                                       (cb, n.tag, n.id.size(), bytes(n.id)))} uint32_t
-      getRc(const Name& n, uint64_t* rc){TAG_OR_ID(GetRCFor, Property, rc, 0)} uint32_t
-      setRc(const Name& n, uint64_t rc){TAG_OR_ID(SetRCFor, Property, rc, 0)} uint32_t
-      countOf(uint64_t tag, uint64_t* number){EACH(Return, PropertyCount, (cb, tag, number, 0),
-                                                   (cb, tag, number, 0), (cb, tag, number, 0),
-                                                   (cb, tag, number, 0))} uint32_t
-      countOfTag(uint64_t tag, uint64_t* number){
-          EACH(Get, PropertiesNoForGivenTag, (cb, tag, number, 0), (cb, tag, number, 0),
-               (cb, tag, number, 0), (cb, tag, number, 0))} uint32_t
-      numberOf(uint64_t* current, uint64_t* maximum){
-          EACH(GetNumberOf, Properties, (cb, current, maximum, 0), (cb, current, maximum, 0),
-               (cb, current, maximum, 0), (cb, current, maximum, 0))}
-  // The record's address, as whatever kind of record it is.
-  uint32_t address(const Name& n, void** record){
-      EACH(GetAddressFor, Property, (cb, n.tag, reinterpret_cast<RProperty_t**>(record)),
-           (cb, n.tag, reinterpret_cast<VProperty_t**>(record)),
-           (cb, n.tag, n.id.size(), bytes(n.id), reinterpret_cast<IRProperty_t**>(record)),
-           (cb, n.tag, n.id.size(), bytes(n.id),
-            reinterpret_cast<IVProperty_t**>(record)))} uint32_t find(const Name& n, void** record){
-      EACH(Find, PropertyInHashTable, (cb, n.tag, reinterpret_cast<RProperty_t**>(record)),
-           (cb, n.tag, reinterpret_cast<VProperty_t**>(record)),
-           (cb, n.tag, n.id.size(), bytes(n.id), reinterpret_cast<IRProperty_t**>(record)),
-           (cb, n.tag, n.id.size(), bytes(n.id),
-            reinterpret_cast<IVProperty_t**>(record)))} uint32_t
-      first(void** record, uint64_t* count, uint64_t* capacity){
-          EACH(GetFirst, PropertyLocation,
-               (cb, reinterpret_cast<RProperty_t**>(record), count, capacity),
-               (cb, reinterpret_cast<VProperty_t**>(record), count, capacity),
-               (cb, reinterpret_cast<IRProperty_t**>(record), count, capacity),
-               (cb, reinterpret_cast<IVProperty_t**>(record), count, capacity))} uint32_t
-      getNumber(const Name& n, int32_t* value) {
+  uint32_t add(const Name& n, const Text& v, uint64_t in = 0) { return BY_VALUE(Add, Property); }
+  uint32_t addHashed(const Name& n, const Text& v, uint64_t in = 0) {
+    return BY_VALUE(Add, PropertyToHashTable);
+  }
+  uint32_t set(const Name& n, const Text& v, uint64_t in = 0) {
+    return BY_VALUE(SetValueFor, Property);
+  }
+  uint32_t remove(const Name& n, uint64_t in = 0) { return BY_NAME(Delete, Property, in); }
+  uint32_t removeHashed(const Name& n) {
+    return EACH(Delete, PropertyFromHashTable, (cb, n.tag), (cb, n.tag),
+                (cb, n.tag, n.id.size(), bytes(n.id)), (cb, n.tag, n.id.size(), bytes(n.id)));
+  }
+  uint32_t getRc(const Name& n, uint64_t* rc) { return BY_NAME(GetRCFor, Property, rc, 0); }
+  uint32_t setRc(const Name& n, uint64_t rc) { return BY_NAME(SetRCFor, Property, rc, 0); }
+  uint32_t countOf(uint64_t tag, uint64_t* count) {
+    return ALIKE(Return, PropertyCount, cb, tag, count, 0);
+  }
+  uint32_t countOfTag(uint64_t tag, uint64_t* count) {
+    return ALIKE(Get, PropertiesNoForGivenTag, cb, tag, count, 0);
+  }
+  uint32_t numberOf(uint64_t* current, uint64_t* maximum) {
+    return ALIKE(GetNumberOf, Properties, cb, current, maximum, 0);
+  }
+  uint32_t address(const Name& n, Out record) { return BY_NAME(GetAddressFor, Property, record); }
+  uint32_t find(const Name& n, Out record) { return BY_NAME(Find, PropertyInHashTable, record); }
+  uint32_t first(Out record, uint64_t* count, uint64_t* capacity) {
+    return ALIKE(GetFirst, PropertyLocation, cb, record, count, capacity);
+  }
+  uint32_t next(const ExportSlot_t* slot, Out record) {
+    return ALIKE(GetNext, PropertyLocation, cb, slot, record);
+  }
+  uint32_t getNumber(const Name& n, int32_t* value) {
     return hasId(bit) ? trelGetValueForIRProperty(cb, n.tag, n.id.size(), bytes(n.id), value, 0)
                       : trelGetValueForRProperty(cb, n.tag, value, 0);
   }
@@ -456,6 +458,21 @@ class Model {
       ASSERT_EQ(ofTag ? 0 : code(TREL_RC_ABSENT_R), api.countOfTag(tag, &number));
       ASSERT_EQ(ofTag, number);
     }
+    if (!shape.hashed) {
+      void* record = nullptr;
+      uint64_t count = 0, capacity = 0;
+      ASSERT_EQ(0u, api.first(&record, &count, &capacity));
+      ASSERT_EQ(model.size(), count);
+      ASSERT_EQ(shape.maxCount + shape.extra / before.recordBytes, capacity);
+      for (uint64_t seen = 0; seen < count;) {
+        uint64_t here;
+        memcpy(&here, record, 8);
+        if (here) {
+          ASSERT_EQ(before.inOrder[seen++].tag, here);
+        }
+        ASSERT_EQ(0u, api.next(node.slot(shape.bit), &record));
+      }
+    }
     std::vector<Name> names;
     std::vector<uint64_t> sizes;
     const uint64_t stride = shape.roundedD();
@@ -509,18 +526,17 @@ TEST(Properties, BehaveAsAMap) {
 
 TEST(Properties, ChainsAreSortedAndPlacesUsedAgain) {
   Node node(TREL_EXPORT_R, {{TREL_EXPORT_R, 8 + 8 + 16 + 3 * 152 + 16}});
-  ExportSlot_t* slot = node.slot(TREL_EXPORT_R);
   ASSERT_EQ(0u, trelCreateRPropertyList(node.cb, nullptr, nullptr, 0, 0, 1, 0));  // H is 1
   for (uint64_t tag : {5, 3, 4}) ASSERT_EQ(0u, trelAddRProperty(node.cb, tag, 50, 0));
   Section section(node.cb, TREL_EXPORT_R);
   EXPECT_EQ("", section.error);
   EXPECT_EQ((std::vector<Name>{{3, ""}, {4, ""}, {5, ""}}), section.inOrder);
   EXPECT_EQ(TREL_RC_NO_LIST_NODE, trelAddRProperty(node.cb, 6, 0, 0));
-  const uint64_t used = slot->used, nextFree = section.nextFree;
+  const uint64_t used = node.used(TREL_EXPORT_R), nextFree = section.nextFree;
   ASSERT_EQ(0u, trelDeleteRProperty(node.cb, 4, 0));
-  EXPECT_EQ(used + 8 - 152, slot->used);
+  EXPECT_EQ(used + 8 - 152, node.used(TREL_EXPORT_R));
   ASSERT_EQ(0u, trelAddRProperty(node.cb, 0, 7, 0));  // a tag like any other here
-  EXPECT_EQ(used, slot->used);
+  EXPECT_EQ(used, node.used(TREL_EXPORT_R));
   EXPECT_EQ(nextFree, Section(node.cb, TREL_EXPORT_R).nextFree);
   int32_t value = 0;
   EXPECT_EQ(0u, trelGetValueForRProperty(node.cb, 0, &value, 0));
@@ -534,13 +550,13 @@ TEST(Properties, FlatListsKeepBlankRecordsAndReuseTheFirst) {
   const int32_t values[] = {-9, -8};
   const uint64_t idSizes[] = {2, 1};
   ASSERT_EQ(0u, trelCreateRPropertyList(node.cb, tags, values, 2, 5, 0, 0));
-  EXPECT_EQ(8u + 288, node.slot(TREL_EXPORT_R)->used);
+  EXPECT_EQ(8u + 288, node.used(TREL_EXPORT_R));
   for (uint64_t k = 2; k < 5; ++k)
     EXPECT_EQ(0u,
               Section(node.cb, TREL_EXPORT_R).word(node.slot(TREL_EXPORT_R)->offset + 8 + 144 * k));
   ASSERT_EQ(0u, trelCreateIRPropertyList(node.cb, tags, values, idSizes, bytes("abc"), 8, 2, 0, 0,
                                          5, 0, 0));
-  EXPECT_EQ(16u + 2 * 556, node.slot(TREL_EXPORT_IR)->used);
+  EXPECT_EQ(16u + 2 * 556, node.used(TREL_EXPORT_IR));
   RProperty_t *first = nullptr, *again = nullptr;
   ASSERT_EQ(0u, trelGetAddressForRProperty(node.cb, 9, &first));
   ASSERT_EQ(0u, trelDeleteRProperty(node.cb, 9, 0));
@@ -658,7 +674,7 @@ TEST(BaseProperties, HoldOneProperty) {
   EXPECT_EQ(TREL_RC_KEY_ABSENT_BASE_V, trelGetRCForBaseVProperty(node.cb, 0, &rc, 0));
   EXPECT_EQ(TREL_RC_FLAT_FIT_BASE_V, trelCreateBaseVProperty(node.cb, 3, bytes("abc"), 3, 25, 0));
   ASSERT_EQ(0u, trelCreateBaseVProperty(node.cb, 3, bytes("abc"), 3, 20, 0));
-  EXPECT_EQ(452u, node.slot(TREL_EXPORT_BASE_V)->used);
+  EXPECT_EQ(452u, node.used(TREL_EXPORT_BASE_V));
   ASSERT_EQ(0u, trelCreateBaseRProperty(node.cb, 5, -5, 0));
   ASSERT_EQ(0u, trelCreateBaseRProperty(node.cb, 6, -6, 0));  // over the first
   EXPECT_EQ(3, node.changes());
@@ -666,7 +682,7 @@ TEST(BaseProperties, HoldOneProperty) {
   EXPECT_EQ(0u, trelGetValueForBaseRProperty(node.cb, 6, &value, 0));
   EXPECT_EQ(-6, value);
   ASSERT_EQ(0u, trelDeleteBaseRProperty(node.cb, 6, 0));
-  EXPECT_EQ(0u, node.slot(TREL_EXPORT_BASE_R)->used);
+  EXPECT_EQ(0u, node.used(TREL_EXPORT_BASE_R));
   EXPECT_EQ(0u, trelReturnBaseRProperty(node.cb, &tag, 0));
   EXPECT_EQ(0u, tag);
   EXPECT_EQ(TREL_RC_KEY_ABSENT_BASE_R, trelSetValueForBaseRProperty(node.cb, 0, 1, 0));
@@ -692,7 +708,7 @@ TEST(BaseProperties, HoldOneProperty) {
   EXPECT_EQ(TREL_RC_VALUE_SIZE,
             trelGetValueAndRCForBaseVProperty(node.cb, record, &size, &held, buffer, &rc, 0));
   EXPECT_EQ(0u, trelDeleteBaseVProperty(node.cb, 3, 0));
-  EXPECT_EQ(0u, node.slot(TREL_EXPORT_BASE_V)->used);
+  EXPECT_EQ(0u, node.used(TREL_EXPORT_BASE_V));
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -750,7 +766,7 @@ TEST(PropertyCodes, ComeInOrder) {
   EXPECT_EQ(TREL_RC_COUNT_ABOVE_TABLE, trelCreateRPropertyList(cb, tags, values, 4, 3, 1, 0));
   EXPECT_EQ(TREL_RC_HASH_FIT_R, trelCreateRPropertyList(cb, tags, values, 3, 7, 1, 0));
   EXPECT_EQ(TREL_RC_HASH_FIT_R, trelCreateRPropertyList(cb, nullptr, nullptr, 0, big, 1, 0));
-  EXPECT_EQ(0u, node.slot(TREL_EXPORT_R)->used);
+  EXPECT_EQ(0u, node.used(TREL_EXPORT_R));
   EXPECT_EQ(TREL_RC_VALUE_MAX,
             trelCreateVPropertyList(cb, nullptr, nullptr, nullptr, 0, 1, big, 2, 0));
   EXPECT_EQ(TREL_RC_COUNT_V,

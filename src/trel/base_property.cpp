@@ -18,7 +18,7 @@ uint32_t createBase(const List<K>& list, const Key& key, const Value& value,
   return writing(list.node, inCriticalSection, accept::settled, [&]() -> uint32_t {
     const uint64_t start = list.offset + Form<K>::flatHeader;
     if (const uint32_t rc = fill(list, list.recordAt(start), key, value)) return rc;
-    if (K::hasBytes) *inSection<TrelU64>(list.node, list.slot) = list.maxValueSize;
+    if (K::hasBytes) *wordAt(list.node, list.offset) = list.maxValueSize;
     commit(&list.slot->used, bytesInUse(list));
     return countReconfiguration(list.node);
   });

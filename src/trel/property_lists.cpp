@@ -135,6 +135,7 @@ uint32_t getNext(SNodeCB_t* node, const ExportSlot_t* slot, typename K::Record**
   if (!node || !slot) return TREL_RC_NODE_NULL;
   if (!record || !*record) return Codes<K>::recordNull;
   List<K> list;
+  list.node = node;
   if (const uint32_t rc = readLimits(&list)) return rc;
   list.offset = slot->offset;
   list.size = slot->size;

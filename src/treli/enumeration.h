@@ -189,7 +189,7 @@ template <class K>
 uint32_t listBuckets(const List<K>& list, Listing* listing) {
   constexpr uint64_t ahead = 16;
   const uint64_t buckets = list.offset + Form<K>::hashHeader;
-  const TrelU64* heads = at<TrelU64>(list.node, buckets);
+  const TrelU64* heads = wordAt(list.node, buckets);
   for (uint64_t i = 0; i < list.tables[0] && listing->written < listing->count; ++i) {
     if (i + ahead < list.tables[0])
       __builtin_prefetch(at(list.node, heads[i + ahead] + sizeof(typename K::Links)));

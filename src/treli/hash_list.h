@@ -38,10 +38,10 @@ struct ChainWalk {
   uint32_t rc = 0;
 
   TREL_INLINE ChainWalk(const List<K>& l, uint64_t firstCell, uint64_t linkPosition = 0)
-      : list(l), link(linkPosition), cell(at<TrelU64>(l.node, firstCell)), room(l.size) {}
+      : list(l), link(linkPosition), cell(wordAt(l.node, firstCell)), room(l.size) {}
 
   TREL_INLINE bool next() {
-    if (record) cell = at<TrelU64>(record, link - sizeof(typename K::Links));
+    if (record) cell = wordAt(record, link - sizeof(typename K::Links));
     const uint64_t leadsTo = *cell;
     if (leadsTo == 0) return false;
     const uint64_t start = leadsTo - link;
@@ -100,7 +100,7 @@ uint32_t openStack(const List<K>& list, Stack* stack) {
 template <class K>
 uint32_t findPlace(const List<K>& list, const Stack& stack, uint64_t* place) {
   if (stack.freed) {
-    *place = *at<TrelU64>(list.node, list.offset + list.size - stack.bytes);
+    *place = *wordAt(list.node, list.offset + list.size - stack.bytes);
   } else {
     const uint64_t used = list.slot->used;
     if (used > list.size || list.size - used < list.nodeBytes()) return TREL_RC_NO_LIST_NODE;
@@ -131,7 +131,7 @@ uint32_t checkPush(const List<K>& list, const Stack& stack) {
 
 template <class K>
 void push(const List<K>& list, const Stack& stack, uint64_t freed) {
-  *at<TrelU64>(list.node, list.offset + list.size - stack.bytes - 8) = freed;
+  *wordAt(list.node, list.offset + list.size - stack.bytes - 8) = freed;
   commit(&stack.anchor->freedNodeCount, stack.freed + 1);
   list.slot->used += 8;
 }
@@ -151,7 +151,7 @@ constexpr uint64_t kLinkOfTable[3] = {0, offsetof(IdHashLinks_t, nextTagCell),
 // Reads the head of a chain for linkFirst, before anything is written.
 template <class K>
 bool readHead(const List<K>& list, uint64_t bucket, uint64_t* head) {
-  *head = *at<TrelU64>(list.node, bucket);
+  *head = *wordAt(list.node, bucket);
   return *head == 0 || list.holds(*head, sizeof(ChainCell));
 }
 
@@ -159,7 +159,7 @@ template <class K>
 void linkFirst(const List<K>& list, uint64_t bucket, uint64_t head, uint64_t cell) {
   *at<ChainCell>(list.node, cell) = {head, bucket};
   if (head) at<ChainCell>(list.node, head)->prev = cell;
-  commit(at<TrelU64>(list.node, bucket), cell);
+  commit(wordAt(list.node, bucket), cell);
 }
 
 // Reads the links of a cell for unlink.
@@ -167,13 +167,13 @@ template <class K>
 bool readCell(const List<K>& list, uint64_t cell, ChainCell* links) {
   *links = *at<ChainCell>(list.node, cell);
   return (links->next == 0 || list.holds(links->next, sizeof *links)) &&
-         list.holds(links->prev, 8) && *at<TrelU64>(list.node, links->prev) == cell;
+         list.holds(links->prev, 8) && *wordAt(list.node, links->prev) == cell;
 }
 
 template <class K>
 void unlink(const List<K>& list, const ChainCell& links) {
   if (links.next) at<ChainCell>(list.node, links.next)->prev = links.prev;
-  commit(at<TrelU64>(list.node, links.prev), links.next);
+  commit(wordAt(list.node, links.prev), links.next);
 }
 
 // All that can fail comes before a place is taken; until then the section is as it was.
@@ -204,7 +204,7 @@ uint32_t addHashed(const List<K>& list, const Key& key, const Value& value) {
   list.slot->used += list.nodeBytes();
   for (uint32_t i = 1; i < Form<K>::tables; ++i)
     linkFirst(list, buckets[i], heads[i], place + kLinkOfTable[i]);
-  *at<TrelU64>(list.node, place) = *walk.cell;
+  *wordAt(list.node, place) = *walk.cell;
   commit(walk.cell, place);
   return countReconfiguration(list.node);
 }
@@ -226,7 +226,7 @@ uint32_t deleteHashed(const List<K>& list, const Key& key) {
 
   push(list, stack, place);
   for (uint32_t i = 1; i < Form<K>::tables; ++i) unlink(list, links[i]);
-  commit(walk.cell, *at<TrelU64>(list.node, place));
+  commit(walk.cell, *wordAt(list.node, place));
   list.slot->used -= list.nodeBytes();
   return countReconfiguration(list.node);
 }

@@ -28,6 +28,9 @@ inline void copyBytes(void* to, const void* from, uint64_t bytes) {
   if (bytes) memcpy(to, from, static_cast<size_t>(bytes));
 }
 
+// at() would lose the attributes of the type.
+inline TrelU64* wordAt(const void* base, uint64_t offset) { return at<uint64_t>(base, offset); }
+
 // A store that takes effect behind all those before it, also for who looks after a kill.
 inline void commit(TrelU64* cell, uint64_t value) {
   __atomic_signal_fence(__ATOMIC_RELEASE);
