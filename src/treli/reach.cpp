@@ -26,6 +26,22 @@ uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity) {
   return 0;
 }
 
+namespace {
+
+// Whether the segment of that identity is another than the caller's.
+uint32_t compareSegments(const ShmSegInfo_t* current, const SegIdentity_t& identity,
+                         bool* isOther) {
+  if (!current) return TREL_RC_SEGMENT_NULL;
+  int32_t order = 0;
+  if (compareKeys(current->identity.segmentKey.key, identity.segmentKey.key,
+                  current->identity.handleVersion, &order))
+    return TREL_RC_COMPARE_KEY;
+  *isOther = order != 0;
+  return 0;
+}
+
+}  // namespace
+
 uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* identity,
                     const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
   const AttachLatch latch;
@@ -41,12 +57,9 @@ uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* 
   if (!domain || !liesInDomain(domain, offset, sizeof(SNodeCB_t))) return TREL_RC_TOP_NODE_BOUNDS;
   reached->node = at<SNodeCB_t>(domain->base, offset);
   if (options & kStayInSegment) {
-    if (!current) return TREL_RC_SEGMENT_NULL;
-    int32_t order = 0;
-    if (compareKeys(current->identity.segmentKey.key, hold.segInfo->identity.segmentKey.key,
-                    current->identity.handleVersion, &order))
-      return TREL_RC_COMPARE_KEY;
-    *otherSegment = order != 0;
+    bool isOther = false;
+    if (const uint32_t rc = compareSegments(current, hold.segInfo->identity, &isOther)) return rc;
+    *otherSegment = isOther;
   }
   reached->segInfo = hold.segInfo;
   return 0;
@@ -90,12 +103,9 @@ uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* cu
   uint32_t rc = locateNode(record, reached, &identity, current, otherSegment, options);
   if (rc == TREL_RC_NOT_ATTACHED) {
     if (options & kStayInSegment) {
-      if (!current) return TREL_RC_SEGMENT_NULL;
-      int32_t order = 0;
-      if (compareKeys(current->identity.segmentKey.key, identity.segmentKey.key,
-                      current->identity.handleVersion, &order))
-        return TREL_RC_COMPARE_KEY;
-      if (order != 0) {
+      bool isOther = false;
+      if ((rc = compareSegments(current, identity, &isOther))) return rc;
+      if (isOther) {
         *reached = {nullptr, current, false};
         *otherSegment = 1;
         return 0;
