@@ -120,10 +120,6 @@ TREL_INLINE uint32_t search(const Heap& heap, uint64_t key, FreePath* path, uint
   return 0;
 }
 
-TREL_INLINE FreePlace known(const Heap& heap, uint64_t node) {
-  return {node, heap.free(node)->level + 1};
-}
-
 // Links a filled node between its neighbours at one level of one order.
 TREL_INLINE void link(const Heap& heap, FreePlace p, FreePlace before, FreePlace after, Order order,
                       uint64_t level) {
@@ -287,11 +283,12 @@ uint32_t deleteFree(const Heap& heap, uint64_t node) {
 }
 
 void relinkFree(const Heap& heap, uint64_t node) {
-  const FreePlace p = known(heap, node);
+  FreePlace p, before, after;
+  if (!reach(heap, node, 0, &p)) return;  // nodes of a damaged heap can lie over each other
   for (uint64_t i = p.levels; i-- > 0;)
     for (const Order order : kOrders)
-      link(heap, p, known(heap, backward(heap, p, order, i)),
-           known(heap, forward(heap, p, order, i)), order, i);
+      if (neighbours(heap, p, order, i, &before, &after) == 0)
+        link(heap, p, before, after, order, i);
   SkipListHeader_t* list = heap.list();
   list->slUsedBytes += freeNodeSize(p.levels - 1);
   list->freeNodeCount += 1;
