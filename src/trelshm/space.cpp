@@ -20,9 +20,20 @@ uint64_t baseSpace(const Heap& heap) {
   return round8(183 * heap.header()->requestedNodeCount + heap.listHeaderSize());
 }
 
+// The space that lets every block come back, with some more blocks than there are. Blocks that do
+// not touch need a node each when they are free; the worst is every second one, a free and an
+// allocated node for each two. Level 0 nodes can be had by a flat rebuild.
+uint64_t roomForReturns(const Heap& heap, uint64_t more) {
+  const SkipListHeader_t* list = heap.list();
+  const uint64_t nodes = list->allocNodeCount + list->freeNodeCount + more + 1;
+  return heap.listHeaderSize() + nodes * (allocNodeSize(0) + freeNodeSize(0)) / 2;
+}
+
 // The least space in which all live nodes and one more find room.
 uint64_t leastSpace(const Heap& heap) {
-  return heap.list()->slUsedBytes + maxNode(heap) + 40 * heap.maxLevel() + 96;
+  const uint64_t next = heap.list()->slUsedBytes + maxNode(heap) + 40 * heap.maxLevel() + 96;
+  const uint64_t returns = roomForReturns(heap, 1);
+  return next > returns ? next : returns;
 }
 
 // A block of process memory for count records.
@@ -57,6 +68,8 @@ class LiveNodes {
   FreeBlock* freeAt(uint64_t offset);
   // Whether all nodes fit a space of that size with the levels that they have.
   bool fit(const Heap& heap, uint64_t space) const;
+  // From here on all nodes have level 0.
+  void flatten();
   void commit(Heap* heap, uint64_t space);
 
  private:
@@ -120,6 +133,11 @@ bool LiveNodes::fit(const Heap& heap, uint64_t space) const {
   return heap.listHeaderSize() + bytes_ <= space;
 }
 
+void LiveNodes::flatten() {
+  for (uint64_t i = 0; i < allocatedCount_; ++i) allocated_[i].level = 0;
+  for (uint64_t i = 0; i < freeCount_; ++i) free_[i].level = 0;
+}
+
 bool LiveNodes::enter(const Heap& heap, Placement::Rule rule) {
   heap.header()->allocatedBytes = 0;
   heap.header()->freeBytes = 0;
@@ -131,8 +149,8 @@ bool LiveNodes::enter(const Heap& heap, Placement::Rule rule) {
     if (appendAlloc(heap, allocated_[i], &path, &node, {rule, allocated_[i].level})) return false;
   }
   if (freeCount_ == 0)
-    heap.header()->freeBytes =
-        heap.size() - heap.space() - heap.headerSize() - heap.header()->allocatedBytes;
+    heap.header()->freeBytes = ((heap.size() - heap.space() - heap.headerSize()) & ~uint64_t{7}) -
+                               heap.header()->allocatedBytes;
   for (uint64_t i = 0; i < freeCount_; ++i)
     if (insertFree(heap, free_[i].offset, free_[i].size, {rule, free_[i].level})) return false;
   return true;
@@ -162,6 +180,17 @@ void LiveNodes::writePadOffsets(const Heap& heap) {
   }
 }
 
+uint32_t rebuild(Heap* heap, bool flat) {
+  if (heap->header()->handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  if (heap->space() <= heap->listHeaderSize()) return TREL_RC_SPACE_FULL;
+  LiveNodes nodes;
+  if (const uint32_t rc = nodes.gather(*heap)) return rc;
+  if (!nodes.fit(*heap, heap->space())) return heap->kind().rcState;
+  if (flat) nodes.flatten();
+  nodes.commit(heap, heap->space());
+  return 0;
+}
+
 // With no free node the counter of free bytes may stand for the block in flight.
 void settleFreeBytes(const Heap& heap) {
   if (heap.list()->freeNodeCount == 0) heap.header()->freeBytes = 0;
@@ -173,7 +202,7 @@ uint32_t makeRoom(Heap* heap, InFlight* block) {
   const uint64_t reserve = 8 * maxNode(*heap), space = heap->space();
   if (TREL_LIKELY(space > list->slNextNode + reserve)) return 0;
   if (list->rebuildCount < 3 && list->slUsedBytes + least(reserve, space * 2 / 100) < space)
-    return rebuild(heap);
+    return rebuild(heap, false);
   return defragment(heap, block);
 }
 
@@ -181,7 +210,7 @@ uint32_t makeRoom(Heap* heap, InFlight* block) {
 void forceRoom(Heap* heap, InFlight* block) {
   if (changeSpace(heap, heap->space() + baseSpace(*heap), Direction::grow, block) != 0 &&
       heap->list()->slNextNode != heap->list()->slUsedBytes)
-    rebuild(heap);
+    rebuild(heap, false);
 }
 
 // insert(rule) places the node. When guard and insertion both fail, the guard's code tells more.
@@ -197,21 +226,15 @@ TREL_INLINE uint32_t guarded(Heap* heap, InFlight* block, bool tight, Insert&& i
     forceRoom(heap, block);
     rc = attempt(Placement::Rule::ordinary);
     if (rc == TREL_RC_SPACE_FULL && tight) rc = attempt(Placement::Rule::tight);
+    if (rc == TREL_RC_SPACE_FULL && tight && rebuild(heap, true) == 0)
+      rc = attempt(Placement::Rule::tight);
   }
   return rc ? firstOf(guard, rc) : 0;
 }
 
 }  // namespace
 
-uint32_t rebuild(Heap* heap) {
-  if (heap->header()->handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
-  if (heap->space() <= heap->listHeaderSize()) return TREL_RC_SPACE_FULL;
-  LiveNodes nodes;
-  if (const uint32_t rc = nodes.gather(*heap)) return rc;
-  if (!nodes.fit(*heap, heap->space())) return heap->kind().rcState;
-  nodes.commit(heap, heap->space());
-  return 0;
-}
+uint32_t rebuild(Heap* heap) { return rebuild(heap, false); }
 
 uint32_t changeSpace(Heap* heap, uint64_t newSize, Direction direction, InFlight* block) {
   const bool grow = direction == Direction::grow;
@@ -291,6 +314,10 @@ uint32_t insertFreeGuarded(Heap* heap, InFlight* block, bool tight, uint64_t* no
 
 uint32_t insertAllocGuarded(Heap* heap, const AllocNode_t& record, uint64_t* node) {
   InFlight none = {0, 0};
+  if (TREL_UNLIKELY(heap->space() < roomForReturns(*heap, 1))) {
+    const uint32_t rc = changeSpace(heap, heap->space() + baseSpace(*heap), Direction::grow, &none);
+    if (heap->space() < roomForReturns(*heap, 1)) return rc ? rc : uint32_t{TREL_RC_SPACE_FULL};
+  }
   return guarded(heap, &none, false, [&](Placement::Rule rule) {
     return insertAlloc(*heap, record, node, {rule, 0});
   });
