@@ -216,7 +216,10 @@ TEST(Pool, ConnectFreeAndTheTopPool) {
   EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN,
             trelConnectToShmPool(&same, heap.domain, offset + 4, nullptr));
   EXPECT_EQ(TREL_RC_POOL_STATE, trelConnectToShmPool(&same, heap.domain, offset + 8, nullptr));
-  EXPECT_EQ(TREL_RC_POOL_STATE, trelConnectToShmPool(&same, heap.domain, 0xfffffff8, nullptr));
+  EXPECT_EQ(TREL_RC_POOL_STATE, trelConnectToShmPool(&same, heap.domain, 0, nullptr));
+  EXPECT_EQ(TREL_RC_POOL_STATE, trelConnectToShmPool(&same, heap.domain, 0x7fff8, nullptr));
+  EXPECT_EQ(TREL_RC_DOMAIN_OFFSET, trelConnectToShmPool(&same, heap.domain, 0x80000, nullptr));
+  EXPECT_EQ(TREL_RC_DOMAIN_OFFSET, trelConnectToShmPool(&same, heap.domain, 0xfffffff8, nullptr));
   ShmPoolParam_t wrong{};
   wrong.handleVersion = 5;
   EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelConnectToShmPool(&same, heap.domain, offset, &wrong));
@@ -272,6 +275,65 @@ TEST(Pool, ConnectFreeAndTheTopPool) {
   EXPECT_EQ(TREL_RC_DOMAIN_ABOVE_FREE,
             _trelCreateShmPool(&second, heap.domain, 0x7c000, nullptr, 1, 1, ""));
   EXPECT_EQ("", heap.fault());
+}
+
+TEST(Pool, OfAnotherDomainInTheSameMemory) {
+  std::vector<uint64_t> memory(0x40000 / 8);
+  ShmDomainHandle_t* domains[2] = {};
+  ShmPoolHandle_t *pool = nullptr, *same = nullptr;
+  for (uint32_t i = 0; i < 2; ++i) {
+    ShmDomainParam_t param{};
+    param.accessMode = 3;
+    param.heapOffset = i * 0x20000;
+    ASSERT_EQ(0u, trelCreateShmDomain(nullptr, reinterpret_cast<uintptr_t>(memory.data()), 0x20000,
+                                      &param, &domains[i]));
+  }
+  for (uint32_t i = 0; i < 2; ++i) {
+    ASSERT_EQ(0u, _trelCreateShmPool(&pool, domains[i], 0x1000, nullptr, 1, 1, ""));
+    const uint32_t offset = static_cast<uint32_t>(pool->poolOffset);
+    EXPECT_EQ(TREL_RC_DOMAIN_OFFSET, trelConnectToShmPool(&same, domains[1 - i], offset, nullptr));
+    EXPECT_EQ(0u, _trelFreeShmPool(&pool, 3, 1, 1, ""));
+  }
+  for (ShmDomainHandle_t*& domain : domains) EXPECT_EQ(0u, trelFreeShmDomain(&domain, 1));
+}
+
+// The node space grows into the block that is being freed, and that part is no more to be filled.
+TEST(Pool, FillOfAFreedBlockStopsAtTheNodeSpace) {
+  ShmPoolParam_t param{};
+  param.nodeCount = 20;
+  Heap heap(0x80000, 0x40000, {}, param);
+  int grown = 0;
+  for (int i = 0; i < 300; ++i) {
+    void *kept = nullptr, *lowest = nullptr;
+    ASSERT_EQ(0u, heap.allocate(&kept, 8));
+    const uint32_t size = static_cast<uint32_t>(heap.info().freeBytes - 32);
+    ASSERT_EQ(0u, heap.allocate(&lowest, size));
+    memset(lowest, 0x11, size);
+    const uint64_t before = heap.info().slSpaceSize;
+    const uint8_t* const data = static_cast<const uint8_t*>(lowest);
+    ASSERT_EQ(0u, heap.release(&lowest));
+    const uint64_t taken = heap.info().slSpaceSize - before;
+    if (taken == 0) continue;
+    ++grown;
+    EXPECT_EQ(0x11, data[taken - 32]);
+    EXPECT_EQ(0xff, data[taken - 8]);
+    ASSERT_EQ("", heap.fault());
+  }
+  EXPECT_LT(0, grown);
+}
+
+TEST(Hostile, SlackBeyondTheBlockIsNotRead) {
+  const Reports reports;
+  Heap heap(0x20000, 0x8000);
+  void *block = nullptr, *behind = nullptr;
+  ASSERT_EQ(0u, heap.allocate(&behind, 1000));
+  ASSERT_EQ(0u, heap.allocate(&block, 1000));
+  const PadTail_t* front = static_cast<const PadTail_t*>(block) - 1;
+  AllocNode_t* node = reinterpret_cast<AllocNode_t*>(heap.memory + front->nodeOffset);
+  node->dataOffset = node->blockOffset + node->blockSize;
+  node->requestedSize = 0;
+  EXPECT_EQ(0u, heap.check(block));
+  EXPECT_EQ(0u, reports.count("aligned size"));
 }
 
 // Damages a busy heap in every place but its latches, and goes on using it: codes, and no more.

@@ -101,8 +101,10 @@ uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Cal
   // The slack of a chunk lies inside its pool, so only a pool's blocks can be tested for theirs.
   const int64_t slack =
       static_cast<int64_t>(node.blockSize - extraSizeOf(heap, D) - node.requestedSize - padSize);
-  if (heap.kind().kind == TREL_HEAP_POOL && slack > 0 && padsLieInside(node)) {
-    const uint8_t* byte = heap.at<uint8_t>(node.dataOffset + node.requestedSize);
+  const uint64_t dataEnd = node.dataOffset + node.requestedSize;
+  if (heap.kind().kind == TREL_HEAP_POOL && slack > 0 && padsLieInside(node) &&
+      static_cast<uint64_t>(slack) <= E - dataEnd) {
+    const uint8_t* byte = heap.at<uint8_t>(dataEnd);
     for (int64_t i = 0; i < slack; ++i)
       findings.expect(byte[i] == 0xcc, "Back memory pad aligned size corruption found at");
   }

@@ -77,10 +77,14 @@ uint32_t releaseInside(Heap* heap, uint64_t blockOffset, uint64_t dataOffset,
       writeNodeOffset(*heap, node);
     return rc;
   }
+  // The node space may have grown into the block: what it took is no longer the block's.
+  const uint64_t start = dataOffset > heap->spaceEnd() ? dataOffset : heap->spaceEnd();
+  const uint64_t end = dataOffset + record.requestedSize;
   const uint32_t flags = heap->tail()->debug.debugFlags;
-  if ((flags & kFillFreed) && heap->kind().kind == TREL_HEAP_POOL)
-    memset(heap->at<void>(dataOffset), 0xff, record.requestedSize);
-  frontTail(*heap, dataOffset)->mode = TREL_PAD_FREED;
+  if ((flags & kFillFreed) && heap->kind().kind == TREL_HEAP_POOL && start < end)
+    memset(heap->at<void>(start), 0xff, end - start);
+  if (dataOffset >= heap->spaceEnd() + sizeof(PadTail_t))
+    frontTail(*heap, dataOffset)->mode = TREL_PAD_FREED;
   return 0;
 }
 

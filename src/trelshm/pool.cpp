@@ -34,10 +34,14 @@ Heap domainOf(const ShmPoolHandle_t* handle) {
   return Heap(handle->base, handle->domainOffset, kDomainKind);
 }
 
-// Whether a heap header at that offset lies in the domain at all.
-bool poolLiesIn(Heap* domain, uint64_t poolOffset) {
-  return domain->openHeader() == 0 && poolOffset >= domain->offset() &&
-         poolOffset <= domain->end() && domain->end() - poolOffset >= TREL_HEAP_HEADER_SIZE;
+// Whether a pool at that offset can be looked at. What lies outside belongs to another domain, if
+// to any.
+uint32_t checkPoolOffset(Heap* domain, uint64_t poolOffset) {
+  if (const uint32_t rc = domain->openHeader()) return rc;
+  if (poolOffset < domain->offset() || poolOffset >= domain->end()) return TREL_RC_DOMAIN_OFFSET;
+  const bool fits =
+      poolOffset >= domain->listOffset() && domain->end() - poolOffset >= TREL_HEAP_HEADER_SIZE;
+  return fits ? 0 : uint32_t{TREL_RC_POOL_STATE};
 }
 
 // The block offset of the chunk whose data begins at the pool.
@@ -129,7 +133,7 @@ uint32_t trelConnectToShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domai
     Heap domain = heapOf(domainHandle);
     if (const uint32_t rc = checkDomain(domain)) return flow.fail(rc);
     if (!isAligned8(poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
-    if (!poolLiesIn(&domain, poolOffset)) return flow.fail(TREL_RC_POOL_STATE);
+    if (const uint32_t rc = checkPoolOffset(&domain, poolOffset)) return flow.fail(rc);
     Heap pool(domainHandle->base, poolOffset, kPoolKind);
     if (const uint32_t rc = checkHeap(pool)) return flow.fail(rc);
     if (pool.header()->topPool != domain.offset()) return flow.fail(TREL_RC_DOMAIN_OFFSET);
@@ -186,22 +190,22 @@ uint32_t _trelFreeShmPool(ShmPoolHandle_t** handle, uint32_t freeMode, uint32_t 
     const uint32_t freed = insideHeap(&domain, [&]() -> uint32_t {
       HeapHeader_t* header = pool.header();
       if (freeMode == 3 && header->connectionCount > 1) return TREL_RC_POOL_CONNECTED;
-      // The chunk can be handed out again as soon as it is back, so the pool ends before.
+      TrelU64& topPool = domain.header()->topPool;
+      const bool top = topPool == h->poolOffset;
+      TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
+      // The chunk can be handed out again, and be overwritten, as soon as it is back, so the pool
+      // ends before.
       header->heapState = 0;
+      if (!top)
+        for (TrelU64* head : heads) unlinkNodesInside(domain, head, h->poolOffset, pool.size());
       if (const uint32_t rc =
               release(&domain, h->chunkOffset, h->poolOffset, true, {function, line, file})) {
         header->heapState = TREL_POOL_STATE;
         return rc;
       }
-      TrelU64& topPool = domain.header()->topPool;
-      const bool top = topPool == h->poolOffset;
-      if (top) topPool = 0;
-      TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
-      for (TrelU64* head : heads) {
-        if (top)
-          *head = 0;
-        else
-          unlinkNodesInside(domain, head, h->poolOffset, pool.size());
+      if (top) {
+        topPool = 0;
+        for (TrelU64* head : heads) *head = 0;
       }
       return 0;
     });
