@@ -48,10 +48,10 @@ uint32_t _trelAllocateShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t s
     if (header->heapState != TREL_POOL_STATE) return flow.fail(TREL_RC_POOL_STATE);
     const uint64_t granularity = header->granularity;
     if (!isAligned8(granularity)) return flow.fail(TREL_RC_POOL_GRANULARITY_ALIGN);
-    if (granularity < 8) return flow.fail(TREL_RC_POOL_GRANULARITY);
+    if (granularity < 8 && size > granularity) return flow.fail(TREL_RC_POOL_GRANULARITY);
     // Nearly all pools count in eights, and there a division would be the dearest instruction.
     const uint64_t rounded =
-        granularity == 8 ? round8(size) : (size + granularity - 1) / granularity * granularity;
+        granularity <= 8 ? round8(size) : (size + granularity - 1) / granularity * granularity;
     Allocation wanted = {size, options, 0, rounded, 0, 0};
     if (const uint32_t rc = allocate(&pool, &wanted, {function, line, file})) return flow.fail(rc);
     if (!liesInPool(pool, static_cast<int64_t>(wanted.blockOffset)))

@@ -120,10 +120,9 @@ uint32_t onUserArea(uint32_t function, const Handle* handle, const void* data, W
     if (const uint32_t rc = checkHandle(flow, handle)) return rc;
     if (!data) return flow.logged(HandleTraits<Handle>::rcData, data);
     const Heap heap = heapOf(handle);
-    return work(flow, heap, heap.header()->userAreaSize,
-                heap.header()->userAreaSize <= heap.header()->heapSize
-                    ? 0
-                    : HandleTraits<Handle>::rcUserArea);
+    const uint64_t stored = heap.header()->userAreaSize;  // read once: others can write it
+    return work(flow, heap, stored,
+                stored <= heap.header()->heapSize ? 0 : HandleTraits<Handle>::rcUserArea);
   });
 }
 
@@ -179,8 +178,10 @@ uint32_t readInfo(const Flow& flow, Heap heap, Info* info) {
   info->allocListLevel = list.allocListLevel;
   // Its place follows from the number of levels; the lists may be changing just now.
   info->freeListLevel = 0;
-  if (list.maxLevel <= TREL_HEAP_MAX_LEVEL)
-    info->freeListLevel = heap.word(heap.listOffset() + 112 + 8 * list.maxLevel);
+  const uint64_t maxLevel = list.maxLevel;
+  if (maxLevel <= TREL_HEAP_MAX_LEVEL &&
+      heap.headerSize() + slHeaderSizeOf(maxLevel) <= heap.size())
+    info->freeListLevel = heap.word(heap.listOffset() + 112 + 8 * maxLevel);
   info->word0 = heap.tail()->words[0];
   info->word2 = heap.tail()->words[2];
   return 0;

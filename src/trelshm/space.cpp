@@ -17,7 +17,9 @@ uint64_t nodeCap(const Heap& heap) { return 25 * maxNode(heap); }
 
 // The space that the heap got at creation; it grows and shrinks in steps of this.
 uint64_t baseSpace(const Heap& heap) {
-  return round8(183 * heap.header()->requestedNodeCount + heap.listHeaderSize());
+  constexpr uint64_t kMost = uint64_t{1} << 32;  // a damaged count must not overflow
+  return round8(183 * least<uint64_t>(heap.header()->requestedNodeCount, kMost) +
+                heap.listHeaderSize());
 }
 
 // The space that lets every block come back, with some more blocks than there are. Blocks that do
@@ -47,8 +49,9 @@ class Records {
     if (block_) _platMemFree(&block_, 0, 0, __FILE__, __LINE__);
   }
   bool allocate(uint64_t count) {
-    return count == 0 || _platMemAlloc(&block_, 0, static_cast<uint32_t>(count * sizeof(T)), 1,
-                                       __FILE__, __LINE__) == 0;
+    return count == 0 || (count <= UINT32_MAX / sizeof(T) &&
+                          _platMemAlloc(&block_, 0, static_cast<uint32_t>(count * sizeof(T)), 1,
+                                        __FILE__, __LINE__) == 0);
   }
   T& operator[](uint64_t i) { return static_cast<T*>(block_)[i]; }
 
@@ -257,7 +260,9 @@ uint32_t changeSpace(Heap* heap, uint64_t newSize, Direction direction, InFlight
     if (list->rebuildCount < 4 && list->slUsedBytes + gain < oldSize) return rebuild(heap);
     return TREL_RC_SPACE_FIXED;
   }
-  if (found != 0 && (!inFlight || (grow && block->size <= delta))) return TREL_RC_SPACE_FIXED;
+  if (found != 0 && (!inFlight || (grow && block->size <= delta) ||
+                     !heap->containsBlock(block->offset, block->size)))
+    return TREL_RC_SPACE_FIXED;
 
   LiveNodes nodes;
   if (const uint32_t rc = nodes.gather(*heap)) return rc;
