@@ -41,7 +41,7 @@ uint64_t capped(const Heap& heap, uint64_t count, uint64_t smallestNode) {
 uint32_t printEntry(const Heap& heap, const AllocNode_t& node, const char* file) {
   const char* function = rcdGetFunctionName(node.callerFunction);
   if (!function) function = "";
-  const uint32_t mode = *heap.at<TrelU32>(node.dataOffset - sizeof(TrelU32));
+  const uint32_t mode = frontTail(heap, node.dataOffset)->mode;
   const bool named = mode == TREL_PAD_FILE || mode == TREL_PAD_FILE_GUARD;
   if (!named && mode != TREL_PAD_FREED && !padModeOf(mode)) return TREL_RC_PAD_MODE;
   printf("Address: %p, Size: %llx, ", heap.at<void>(node.dataOffset), Wide{node.requestedSize});
