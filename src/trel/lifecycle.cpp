@@ -36,6 +36,11 @@ uint32_t beat(SNodeCB_t* node) {
   int32_t counter = 0;
   switch (node->updateMode) {
     case TREL_UPDATE_BY_COUNTER:
+      // Under the latch nobody else counts, and a locked instruction would be half of the work.
+      if (node->concurrencyModel == 1) {
+        countLatched(&node->updateCounter);
+        return 0;
+      }
       return PLATVAtomicSigned32::increment(&node->updateCounter, &counter)
                  ? uint32_t{TREL_RC_ATOMIC}
                  : 0;

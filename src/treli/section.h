@@ -36,15 +36,18 @@ inline uint32_t readModel(const SNodeCB_t* node, uint32_t* model) {
 // The owner of a node's latch died, and the caller holds the latch now: puts the node in order.
 void onNodeOwnerDied(SNodeCB_t* node, LatchArea_t* area);
 
+// Adds 1 to a cell that changes only under a latch that the caller holds.
+inline void countLatched(PLATVAtomicSigned32* cell) {
+  int32_t* word = PLATVAtomicSigned32::word(cell);
+  const uint32_t count = static_cast<uint32_t>(__atomic_load_n(word, __ATOMIC_RELAXED));
+  __atomic_store_n(word, static_cast<int32_t>(count + 1), __ATOMIC_RELAXED);
+}
+
 // The two stores need no locked instruction, since they happen under the latch; in this order a
 // death of the writer shows, whatever it had stored by then.
 inline void markWriting(LatchArea_t* area) {
   __atomic_store_n(PLATVAtomicSigned32::word(&area->writeFlag), 1, __ATOMIC_RELAXED);
-  int32_t* counter = PLATVAtomicSigned32::word(&area->writeCounter);
-  __atomic_store_n(
-      counter,
-      static_cast<int32_t>(static_cast<uint32_t>(__atomic_load_n(counter, __ATOMIC_RELAXED)) + 1),
-      __ATOMIC_RELAXED);
+  countLatched(&area->writeCounter);
   __atomic_thread_fence(__ATOMIC_RELEASE);
 }
 
