@@ -1,5 +1,5 @@
 // The linker sends the platform's calls of malloc and of shared memory here (--wrap). Its slow
-// paths of latches are compiled under other names, behind the two below; and a thread that has
+// paths of latches are compiled under other names, behind those below; and a thread that has
 // armed is made to forget who it is, so that the inline paths give way to them every time.
 
 #include "faulty.h"
@@ -54,8 +54,15 @@ __attribute__((visibility("default"))) uint32_t faultyCount() {
   return __atomic_load_n(&calls, __ATOMIC_RELAXED);
 }
 
+uint32_t platVLatchInitReal(void* cell, uint32_t one);
 uint32_t platLatchGetSlowReal(void* cell, uint32_t* ownerDied);
 uint32_t platLatchReleaseSlowReal(void* cell);
+
+uint32_t platVLatchInit(void* cell, uint32_t one) {
+  const uint32_t code = platVLatchInitReal(cell, one);
+  hideIdentityWhileArmed();  // it has been looked up for the cell
+  return code;
+}
 
 uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied) {
   const uint32_t code =
