@@ -13,7 +13,22 @@ bool reportsNothing(const List<K>& list) {
   return (K::hasId && list.maxIdSize == 0) || (K::hasBytes && list.maxValueSize == 0);
 }
 
-// Current and maximum number, worked out from `used` and `size`. Tests no condition.
+// Current and maximum number, worked out from `used` and `size`. The caller is inside the section.
+template <class K>
+uint32_t countRecords(const List<K>& list, uint64_t* current, uint64_t* maximum) {
+  uint64_t overhead = K::countedHeader, each = list.recordBytes();
+  if (list.hashed()) {
+    Stack stack;
+    if (const uint32_t rc = openStack(list, &stack)) return rc;
+    overhead = Form<K>::hashHeader + list.bucketBytes() + stack.bytes;
+    each = list.nodeBytes();
+  }
+  *maximum = lessOr0(list.size, overhead) / each;
+  *current = lessOr0(list.slot->used, overhead) / each;
+  return 0;
+}
+
+// The same for users, who see nothing of a list with a maximum of 0. Tests no condition.
 template <class K>
 uint32_t getNumber(SNodeCB_t* node, uint64_t* current, uint64_t* maximum,
                    uint64_t inCriticalSection) {
@@ -30,18 +45,8 @@ uint32_t getNumber(SNodeCB_t* node, uint64_t* current, uint64_t* maximum,
     *current = *maximum = 0;
     return 0;
   }
-  return within<Access::read>(node, inCriticalSection, [&]() -> uint32_t {
-    uint64_t overhead = K::countedHeader, each = list.recordBytes();
-    if (list.hashed()) {
-      Stack stack;
-      if (const uint32_t rc = openStack(list, &stack)) return rc;
-      overhead = Form<K>::hashHeader + list.bucketBytes() + stack.bytes;
-      each = list.nodeBytes();
-    }
-    *maximum = lessOr0(list.size, overhead) / each;
-    *current = lessOr0(list.slot->used, overhead) / each;
-    return 0;
-  });
+  return within<Access::read>(node, inCriticalSection,
+                              [&] { return countRecords(list, current, maximum); });
 }
 
 // Number of properties with a tag. The caller is inside the section.

@@ -65,6 +65,11 @@ uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* 
   return 0;
 }
 
+static __thread uint32_t attachNothing __attribute__((tls_model("initial-exec")));
+
+AttachNothing::AttachNothing() { ++attachNothing; }
+AttachNothing::~AttachNothing() { --attachNothing; }
+
 void leaveReached(Reached* reached) {
   if (!reached->attachedHere) return;
   trelDetachStatusSegment(&reached->segInfo, 1);
@@ -111,6 +116,7 @@ uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* cu
         return 0;
       }
     }
+    if (attachNothing) return rc;
     ShmSegInfo_t* attached = nullptr;
     if ((rc = attachByIdentity(identity, &attached))) return rc;
     *reached = {nullptr, attached, true};

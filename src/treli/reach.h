@@ -46,6 +46,16 @@ inline uint32_t reachNode(const SNodeInfo_t* record, Reached* reached) {
   return reachNode(record, reached, nullptr, &otherSegment, 0);
 }
 
+// While an object lives, this thread's reachNode() attaches nothing: a segment that is not held gives
+// TREL_RC_NOT_ATTACHED.
+class AttachNothing {
+ public:
+  AttachNothing();
+  ~AttachNothing();
+  AttachNothing(const AttachNothing&) = delete;
+  AttachNothing& operator=(const AttachNothing&) = delete;
+};
+
 // Undoes the attach of this reach, if there was one.
 void leaveReached(Reached* reached);
 
