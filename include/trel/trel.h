@@ -3,6 +3,7 @@
 #define TREL_H
 
 #include "trel/codes.h"
+#include "trel/copy.h"
 #include "trel/layout.h"
 #include "trel/lists.h"
 #include "trel/node.h"

@@ -1,0 +1,54 @@
+// The copy of one node.
+#pragma once
+
+#include "trel/records.h"
+#include "treli/flow.h"
+
+namespace trel {
+
+// Fields of the copy's parent record.
+struct ParentPlace {
+  uint64_t nodeOffset, segInfoOffset, hdmInfoOffset, segBase;
+};
+
+// trelCopyNode's arguments, by their names there.
+struct NodeCopy {
+  ShmSegInfo_t* srcSegInfo;
+  ShmSegInfo_t* dstSegInfo;  // null for a copy in process memory
+  SNodeCB_t* src;
+  ParentPlace parent;
+  const HdmModuleRecord_t* hdmModule;
+  const uint64_t* nodeTag;
+  const uint64_t* idSize;
+  const uint64_t* maxIdSize;
+  const uint8_t* id;
+  SNodeInfo_t* info;
+  uint8_t* idOut;  // may be id
+  uint64_t* idSizeOut;
+  uint64_t* maxIdSizeOut;
+  uint32_t copyDirection, copyLimits;
+};
+
+// The tests of trelCopyNode's arguments.
+uint32_t checkCopy(const NodeCopy& wanted, uint32_t copyDependents);
+
+// *dst is set as soon as there is a block, and the failures behind that leave it. The node latches
+// are left before the lists of the destination are used.
+uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** dst,
+                  uint64_t* nodeSize);
+
+// Enters an identity or a module on the shared lists of a segment, unless it is there. *offset: of
+// the list's own record, from the segment's base. A module of null counts as one with an empty
+// path. Takes the heapLatch of the segment's domain.
+uint32_t enterIdentity(ShmSegInfo_t* segInfo, const SegIdentity_t& identity, uint64_t* offset);
+uint32_t enterModule(ShmSegInfo_t* segInfo, const HdmModuleRecord_t* module, uint64_t* offset);
+
+// Adds an entry to a node's list of dependents, or overwrites that of exactly this name: without an
+// identifier an entry that has one is not the same. idSize counts, the record's own is overwritten.
+uint32_t linkDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id, uint64_t idSize,
+                       uint64_t inCriticalSection);
+
+// What lies at an offset that a record names, null if it is not in the segment.
+const void* inSegment(const ShmSegInfo_t* segInfo, uint64_t offset, uint64_t size);
+
+}  // namespace trel
