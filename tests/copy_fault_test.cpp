@@ -1,0 +1,167 @@
+// Tree copies whose n-th call of the platform fails, for every n: the code says truly what has
+// become of the source, of the copy and of the temporary segment, and a whole tree is always left.
+#include "copy_fixture.h"
+#include "faulty.h"
+
+namespace {
+
+using namespace copies;
+
+// Two nodes below a top, properties, a module.
+SNodeCB_t* smallTree(const Segment& segment) {
+  const HdmModuleRecord_t served = module("/served");
+  NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT | TREL_EXPORT_R,
+                {{TREL_EXPORT_R, {2}}},
+                8,
+                2};
+  const Made top = makeNode(segment, spec, 1, "top", nullptr);
+  const Made child = makeNode(segment, spec, 2, "child", &top, &served);
+  const Made last = makeNode(segment, spec, 3, "last", &child);
+  for (const Made& made : {top, child, last}) {
+    EXPECT_EQ(0u, createList(made.node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+    EXPECT_EQ(0u, trelAddRProperty(made.node, 7, 70, 0));
+  }
+  return top.node;
+}
+
+// A tree in process memory, taken to a segment in order to be looked at, and freed.
+Bytes pictureOfRescued(SNodeCB_t* top, Segment& segment) {
+  const uint64_t none = 0, maxIdSize = kIdRoom;
+  SNodeCB_t* rescued = nullptr;
+  SNodeInfo_t info = {};
+  uint64_t idSizeOut, maxIdSizeOut, bytes = 0;
+  uint32_t marker = 0;
+  EXPECT_EQ(0u, trelCopyTreeRecursively(top, &rescued, nullptr, segment.info, segment.info, 0, 1,
+                                        TREL_COPY_PM_TO_SHM, TREL_COPY_LIMITS_KEEP, 0, 0, 0, 0,
+                                        nullptr, &none, &none, &maxIdSize, nullptr, &info, nullptr,
+                                        &idSizeOut, &maxIdSizeOut, &marker, &bytes, 1, 0));
+  std::vector<SNodeCB_t*> nodes{top};
+  for (size_t i = 0; i < nodes.size(); ++i) {
+    SNodeInfo_t record = {};
+    uint8_t id[kIdRoom];
+    uint64_t returned = 0, live = 0;
+    trelReturnDependentNodes(nodes[i], &record, id, &returned, &live, 1, kIdRoom, 0);
+    nodes.resize(nodes.size() + returned);
+    if (returned) trelGetControlBlockPtrFromSNodeInfoInPM(&record, &nodes.back());
+  }
+  for (void* node : nodes) _platMemFree(&node, 0, 0, __FILE__, __LINE__);
+  trelDeleteHDMPMLList();
+  return pictureOfTree(rescued, true).text;
+}
+
+// Conditions aside, which a failed abandoning may have changed.
+Bytes withoutConditions(Bytes text) {
+  for (size_t at = 0; (at = text.find("condition ", at)) != Bytes::npos; at += 10)
+    text[at + 10] = '*';
+  return text;
+}
+
+struct Attempt {
+  Segment source{0x20000};
+  Key key;
+  SNodeCB_t* const top = smallTree(source);
+  const Bytes before = pictureOfTree(top).text;
+  SNodeCB_t* newTop = nullptr;
+  ShmSegInfo_t* dst = nullptr;
+  uint64_t bytes = 0;
+
+  Attempt() { source.publish(top); }
+  ~Attempt() { source.info = nullptr; }  // the library's cleanup and the keys see to the rest
+
+  uint32_t run(uint32_t method, uint32_t size = 0x20000) {
+    return trelCopyTreeIntoSingleShmSegment(top, &newTop, &source.info, &dst, size, key, 0, 0,
+                                            nullptr, nullptr, 1, method, 1, 0, &bytes);
+  }
+  bool sourceIsWhole() {
+    return source.info && source.key.exists() && pictureOfTree(top).text == before;
+  }
+  // Where a reader finds the tree that the method left behind.
+  void expectTreeUnder(const Key& where) {
+    ShmSegInfo_t* seg = nullptr;
+    SNodeCB_t* node = nullptr;
+    TopNodeInfo_t found;
+    ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found, where, 0, nullptr, nullptr));
+    EXPECT_EQ(before, pictureOfTree(node, true).text);
+  }
+};
+
+// The outcome in a few words, after it has been checked.
+Bytes judge(Attempt& a, uint32_t method, uint32_t rc) {
+  const bool viaSegment = method == TREL_TREE_COPY_VIA_SEGMENT;
+  const Key& home = viaSegment ? a.source.key : a.key;
+  EXPECT_EQ(0u, trelSegAttachLatch);
+  if (rc == 0 || rc == TREL_RC_TREE_COPY_CLEANUP) {
+    EXPECT_NE(nullptr, a.dst);
+    EXPECT_EQ(nullptr, a.source.info);
+    EXPECT_EQ(a.before, pictureOfTree(a.newTop, true).text);
+    a.expectTreeUnder(home);
+    const bool cleaned = viaSegment ? !a.key.exists() : !a.source.key.exists();
+    EXPECT_TRUE(cleaned || rc);
+    return rc == 0 ? "done" : cleaned ? "stands" : "stands beside the old";
+  }
+  EXPECT_EQ(nullptr, a.dst);
+  if (rc == TREL_RC_TREE_NOT_COPIED) {
+    EXPECT_TRUE(a.sourceIsWhole());
+    EXPECT_FALSE(a.key.exists());
+    EXPECT_EQ(nullptr, a.newTop);
+    a.newTop = nullptr;
+    EXPECT_EQ(0u, a.run(method)) << "again";
+    return "not copied";
+  }
+  if (a.newTop) {
+    EXPECT_EQ(TREL_TREE_COPY_VIA_PM, method);
+    EXPECT_EQ(nullptr, a.source.info);
+    EXPECT_FALSE(a.key.exists());
+    Segment segment;
+    EXPECT_EQ(a.before, pictureOfRescued(a.newTop, segment));
+    return "in process memory";
+  }
+  if (viaSegment && a.key.exists()) {
+    a.expectTreeUnder(a.key);
+    return "under the temporary key";
+  }
+  EXPECT_FALSE(a.key.exists());
+  EXPECT_TRUE(a.source.info && a.source.key.exists());
+  EXPECT_EQ(withoutConditions(a.before), withoutConditions(pictureOfTree(a.top).text));
+  return a.sourceIsWhole() ? "source whole" : "source abandoned";
+}
+
+std::set<Bytes> outcomesOf(uint32_t method, uint32_t kinds) {
+  std::set<Bytes> outcomes;
+  for (uint32_t n = 1;; ++n) {
+    SCOPED_TRACE("method " + std::to_string(method) + " call " + std::to_string(n));
+    alarm(60);
+    EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
+    bool failed;
+    {
+      Attempt attempt;
+      faultyArm(kinds, n);
+      const uint32_t rc = attempt.run(method);
+      failed = faultyDisarm();
+      outcomes.insert(judge(attempt, method, rc));
+    }
+    EXPECT_EQ(0u, TRELCleanup(2));
+    if (!failed || testing::Test::HasFailure()) return outcomes;
+  }
+}
+
+using Outcomes = std::set<Bytes>;
+
+TEST(TreeCopyFaults, Direct) {
+  EXPECT_EQ((Outcomes{"done", "not copied", "source whole", "stands", "stands beside the old"}),
+            outcomesOf(TREL_TREE_COPY_DIRECT, kFaultyAll));
+}
+
+TEST(TreeCopyFaults, ViaProcessMemory) {
+  EXPECT_EQ(
+      (Outcomes{"done", "not copied", "source whole", "source abandoned", "in process memory"}),
+      outcomesOf(TREL_TREE_COPY_VIA_PM, kFaultyAll));
+}
+
+TEST(TreeCopyFaults, ViaSegment) {
+  EXPECT_EQ((Outcomes{"done", "not copied", "source whole", "source abandoned", "stands",
+                      "stands beside the old", "under the temporary key"}),
+            outcomesOf(TREL_TREE_COPY_VIA_SEGMENT, kFaultyAll));
+}
+
+}  // namespace

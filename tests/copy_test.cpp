@@ -1,0 +1,666 @@
+// Copies of nodes and trees against pictures of their sources; sizes, limits, recreation.
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <numeric>
+#include <thread>
+
+#include "copy_fixture.h"
+#include "tree_walker.h"
+
+namespace {
+
+using namespace copies;
+
+constexpr uint32_t kRoom = 0x400000;
+constexpr uint32_t kMethods[] = {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_PM,
+                                 TREL_TREE_COPY_VIA_SEGMENT};
+
+// ---- Sizing ----------------------------------------------------------------------------------
+
+uint32_t sizeR(uint64_t exports, uint64_t maximum, uint64_t hashed, uint64_t sizes[64],
+               uint64_t* total) {
+  return trelCreateMaxSpaceArray(exports, maximum, hashed, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0,
+                                 0, 0, sizes, total);
+}
+
+TEST(Sizing, ExamplesAndRefusals) {
+  uint64_t sizes[64], total = 0;
+  EXPECT_EQ(TREL_RC_OUT_SPACE_ARRAY, sizeR(0, 0, 0, nullptr, nullptr));
+  EXPECT_EQ(TREL_RC_OUT_SPACE_TOTAL, sizeR(0, 0, 0, sizes, nullptr));
+  EXPECT_EQ(0u, sizeR(0, 99999, 2, sizes, &total));
+  EXPECT_EQ(2908u, total);
+  EXPECT_EQ(uint64_t{0}, std::accumulate(sizes, sizes + 64, uint64_t{0}));
+  EXPECT_EQ(0u, sizeR(TREL_EXPORT_R | TREL_EXPORT_BASE_V, 10, 1, sizes, &total));
+  EXPECT_EQ(1864u, sizes[6]);
+  EXPECT_EQ(440u, sizes[5]);  // a maximum of 8, in multiples of 8
+  EXPECT_EQ(2908u + 1864 + 440, total);
+  EXPECT_EQ(TREL_RC_HASH_FLAG, sizeR(TREL_EXPORT_R | TREL_EXPORT_ID, 10, 2, sizes, &total));
+  EXPECT_EQ(2908u + 16, total);
+  EXPECT_EQ(TREL_RC_COUNT_R, sizeR(TREL_EXPORT_R, 32769, 2, sizes, &total));
+  // The limits of IV, in the order in which they are looked at.
+  const struct {
+    uint64_t max, id, value, tagTable, idTable, hash;
+    uint32_t code;
+  } rows[] = {{32769, 4097, 0, 0x100001, 0x100001, 2, TREL_RC_COUNT_IV},
+              {1, 4097, 0, 0x100001, 0x100001, 2, TREL_RC_PROPERTY_ID_MAX},
+              {1, 4096, 0, 0x100001, 0x100001, 2, TREL_RC_SIZING_VALUE_MAX},
+              {1, 4096, 0x3000001, 0x100001, 0x100001, 2, TREL_RC_SIZING_VALUE_MAX},
+              {1, 4096, 0x3000000, 0x100001, 0x100001, 2, TREL_RC_TAG_TABLE},
+              {1, 4096, 1, 0x100000, 0x100001, 2, TREL_RC_ID_TABLE},
+              {1, 4096, 1, 0x100000, 0x100000, 2, TREL_RC_HASH_FLAG},
+              {1, 4096, 1, 100003, 100004, 1, TREL_RC_TABLE_SIZE},
+              {1, 4096, 1, 100003, 100003, 1, 0}};
+  for (const auto& row : rows)
+    EXPECT_EQ(row.code, trelCreateMaxSpaceArray(TREL_EXPORT_IV, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                row.max, row.tagTable, row.idTable, row.id,
+                                                row.value, row.hash, 0, 0, sizes, &total));
+}
+
+// ---- Nodes -----------------------------------------------------------------------------------
+
+class Copy : public Library {
+ protected:
+  void SetUp() override { alarm(200); }
+  void TearDown() override { alarm(0); }
+
+  // Copies a node, in direction 1 to process memory. What the record said: tag 5, "id".
+  uint32_t copyNode(SNodeCB_t* source, uint32_t direction, uint32_t limits = TREL_COPY_LIMITS_KEEP,
+                    uint64_t maxIdSize = kIdRoom) {
+    const HdmModuleRecord_t served = module("/served");
+    const uint64_t tag = 5, idSize = 2;
+    uint64_t idSizeOut = 0, maxIdSizeOut = 0;
+    uint8_t idOut[4] = {};
+    copied = nullptr;
+    info = {};
+    const uint32_t rc = trelCopyNode(
+        direction == TREL_COPY_PM_TO_SHM ? nullptr : source_.info,
+        direction == TREL_COPY_SHM_TO_PM ? nullptr : target.info, source, &copied, 91, 92, 93, 94,
+        &served, &tag, &idSize, &maxIdSize, bytesOf("id"), &info, idOut, &idSizeOut, &maxIdSizeOut,
+        &nodeSize, direction, limits, TREL_COPY_DEPENDENTS_EMPTY);
+    if (rc == 0) {
+      EXPECT_EQ(nodeSize, copied->nodeSize);
+      EXPECT_EQ("id", Bytes(reinterpret_cast<char*>(idOut), idSizeOut));
+      EXPECT_EQ(maxIdSize, maxIdSizeOut);
+      EXPECT_EQ(5u, info.nodeTag);
+      EXPECT_EQ(copied->nodeOffset, info.nodeOffset);
+      const uint64_t base = direction == TREL_COPY_SHM_TO_PM ? 0 : info.segBase;
+      const auto* entered = reinterpret_cast<HdmModuleRecord_t*>(base + info.hdmInfoOffset);
+      EXPECT_STREQ("/served", entered->modulePath);
+    }
+    return rc;
+  }
+
+  Segment source_{kRoom}, target{kRoom};
+  SNodeCB_t* copied = nullptr;
+  SNodeInfo_t info = {};
+  uint64_t nodeSize = 0;
+};
+
+TEST_F(Copy, NodeInEveryDirection) {
+  for (unsigned seed = 1; seed <= 150; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Random random(seed);
+    NodeSpec spec = anySpec(random);
+    Made made = makeNode(source_, spec, 9, "me", nullptr);
+    fillProperties(made.node, spec, random);
+    if (seed % 5 == 0) trelSetConcurrencyModel(made.node, seed % 6);
+    for (auto* counter : {&made.node->updateCounter, &made.node->spareCounter2})
+      *PLATVAtomicSigned32::word(counter) = static_cast<int32_t>(random());
+    const Bytes picture = pictureOf(made.node);
+    uint64_t adds =
+        (spec.exports & TREL_EXPORT_BASE_R ? 1 : 0) + (spec.exports & TREL_EXPORT_BASE_V ? 1 : 0);
+    for (uint32_t bit : kLists)
+      if (spec.exports & bit) adds += walker::Section(made.node, bit).properties.size();
+
+    ASSERT_EQ(0u, copyNode(made.node, TREL_COPY_SHM_TO_PM));
+    SNodeCB_t* inMemory = copied;
+    EXPECT_EQ(picture, pictureOf(inMemory, true));
+    ASSERT_EQ(0u, copyNode(inMemory, TREL_COPY_PM_TO_SHM));
+    EXPECT_EQ(picture, pictureOf(copied, true));
+    EXPECT_EQ(0u, trelDisclaimNode(&copied, target.pool(), TREL_STRUCTURE_VERSION));
+    ASSERT_EQ(0u, copyNode(made.node, TREL_COPY_SHM_TO_SHM));
+    EXPECT_EQ(picture, pictureOf(copied, true));
+    uint64_t changes = 0;
+    EXPECT_EQ(0u, trelGetNodeReconfigCounter(copied, &changes));
+    EXPECT_EQ(adds, changes);
+    EXPECT_EQ(0, *PLATVAtomicSigned32::word(&copied->nodeLatchArea.writeFlag));
+    const auto* up = reinterpret_cast<ParentSection_t*>(reinterpret_cast<uint8_t*>(copied) +
+                                                        copied->exportTable[3].offset);
+    EXPECT_EQ(target.offsetOf(&up->parent), up->parent.selfOffset);
+    EXPECT_EQ(91u + 92 + 93 + 94, up->parent.nodeOffset + up->parent.segInfoOffset +
+                                      up->parent.hdmInfoOffset + up->parent.segBase);
+    EXPECT_EQ(picture, pictureOf(made.node));
+    EXPECT_EQ(0u, trelDisclaimNode(&copied, target.pool(), TREL_STRUCTURE_VERSION));
+    EXPECT_EQ(0u, trelDisclaimNode(&made.node, source_.pool(), TREL_STRUCTURE_VERSION));
+    void* block = inMemory;
+    _platMemFree(&block, 0, 0, __FILE__, __LINE__);
+  }
+  trelDeleteHDMPMLList();
+}
+
+// A hashed list reports as its maximum what would fit without the stack, so each copy is larger,
+// until the kind's limit ends it.
+TEST_F(Copy, CopyOfACopyUntilTheLimit) {
+  Segment large(0x6000000), other(0x6000000);
+  NodeSpec spec;
+  spec.exports = TREL_EXPORT_R;
+  spec.lists[TREL_EXPORT_R] = {1000, 1};
+  SNodeCB_t* node = makeNode(large, spec, 9, "", nullptr).node;
+  EXPECT_EQ(0u, createList(node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+  for (uint64_t tag = 1; tag <= 3; ++tag) EXPECT_EQ(0u, trelAddRProperty(node, tag, 1, 0));
+  const uint64_t none = 0;
+  uint64_t idSizeOut, maxIdSizeOut, size;
+  uint32_t rc = 0;
+  int copiesMade = 0;
+  for (; rc == 0 && copiesMade < 1000; ++copiesMade) {
+    const walker::Section list(node, TREL_EXPORT_R);
+    EXPECT_EQ(3u, list.properties.size());
+    if (copiesMade < 2) {
+      EXPECT_EQ(copiesMade ? 1061u : 1009u, list.tables[0]);
+    }
+    Segment& to = copiesMade % 2 ? large : other;
+    SNodeCB_t* next = nullptr;
+    rc = trelCopyNode(large.info, to.info, node, &next, 0, 0, 0, 0, nullptr, &none, &none, &none,
+                      nullptr, &info, nullptr, &idSizeOut, &maxIdSizeOut, &size,
+                      TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_KEEP, TREL_COPY_DEPENDENTS_EMPTY);
+    EXPECT_EQ(0u, trelDisclaimNode(&node, (copiesMade % 2 ? other : large).pool(),
+                                   TREL_STRUCTURE_VERSION));
+    node = next;
+  }
+  EXPECT_EQ(TREL_RC_COUNT_R, rc);
+  EXPECT_GT(copiesMade, 20);
+}
+
+uint64_t maximumOfR(SNodeCB_t* node) {
+  uint64_t current = 0, maximum = 0;
+  EXPECT_EQ(0u, trelGetNumberOfRProperties(node, &current, &maximum, 0));
+  return maximum;
+}
+
+TEST_F(Copy, LimitsFromTheChangeList) {
+  NodeSpec spec;
+  spec.exports = TREL_EXPORT_ID | TREL_EXPORT_CHANGE_LIST | TREL_EXPORT_R | TREL_EXPORT_DEPENDENT;
+  spec.lists[TREL_EXPORT_R] = {20};
+  spec.dependents = 4;
+  SNodeCB_t* node = makeNode(source_, spec, 9, "n", nullptr).node;
+  EXPECT_EQ(0u, createList(node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+  const auto copyWith = [&](uint32_t wish) {
+    const uint32_t words[58] = {wish};
+    EXPECT_EQ(0u, trelExportListOfChangedProperties(node, 0, words));
+    EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST));
+    return maximumOfR(copied);
+  };
+  EXPECT_EQ(0u, copyWith(0));  // no wish so far, and nothing to hold
+  for (uint64_t tag = 1; tag <= 10; ++tag) EXPECT_EQ(0u, trelAddRProperty(node, tag, 1, 0));
+  EXPECT_EQ(20u, copyWith(0));
+  EXPECT_EQ(20u, copyWith(5));
+  EXPECT_EQ(40u, copyWith(40));
+  EXPECT_EQ(10u, copyWith(10));
+  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM));
+  EXPECT_EQ(20u, maximumOfR(copied));
+  uint64_t live = 9, room = 9;
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(copied, &live, &room, 0));
+  EXPECT_EQ(4u, room);
+
+  auto* changes = reinterpret_cast<ChangeListSection_t*>(reinterpret_cast<uint8_t*>(node) +
+                                                         node->exportTable[11].offset);
+  changes->exports = (spec.exports & ~uint64_t{TREL_EXPORT_R}) | TREL_EXPORT_V;
+  EXPECT_EQ(TREL_RC_COPY_NO_SECTION,
+            copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST));
+  EXPECT_NE(nullptr, copied);
+  changes->exports = spec.exports & ~uint64_t{TREL_EXPORT_R};
+  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST));
+  EXPECT_EQ(0u, copied->exports & TREL_EXPORT_R);
+  EXPECT_EQ(TREL_RC_COPY_LIMITS, copyNode(node, TREL_COPY_SHM_TO_SHM, 3));
+  EXPECT_EQ(TREL_RC_COPY_DIRECTION, copyNode(node, 4));
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(node, &live, &room, 0));  // is not left latched
+}
+
+// Sections that were never filled, parents with longer names, lists of another maximum, small
+// hashed lists of IR, values of Base V above those of V.
+TEST_F(Copy, NodesThatTheFormulasDoNotFit) {
+  SNodeCB_t* node = nullptr;
+  std::array<uint64_t, 64> sizes{};
+  uint64_t size = 0, offset = 0;
+  for (int slot = 0; slot < 12; ++slot) sizes[slot] = 1200 + 8 * slot;
+  EXPECT_EQ(0u, trelCreateNode(source_.info, &node, 0x1ffe, sizes.data(), &size, &offset));
+  memset(reinterpret_cast<uint8_t*>(node) + 2908, 0xa5, size - 2908);  // as freed memory may be
+  node->nodeOffset = offset;
+  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM));
+  for (int slot = 0; slot < 12; ++slot) {
+    EXPECT_EQ(sizes[slot], copied->exportTable[slot].size);
+    EXPECT_EQ(0u, copied->exportTable[slot].used);
+  }
+  EXPECT_EQ(TREL_CONDITION_CREATED, copied->condition);
+
+  NodeSpec spec;
+  spec.exports = TREL_EXPORT_PARENT | TREL_EXPORT_BASE_V | TREL_EXPORT_V | TREL_EXPORT_IR |
+                 TREL_EXPORT_DEPENDENT;
+  spec.lists[TREL_EXPORT_V] = {3, 0, 0, 10};
+  spec.lists[TREL_EXPORT_IR] = {1, 1};
+  spec.baseValueMax = 100;
+  spec.dependents = 5;
+  spec.more[8] = 16;
+  const Made top = makeNode(source_, NodeSpec{TREL_EXPORT_ID | TREL_EXPORT_DEPENDENT, {}, 8, 3}, 1,
+                            "a long name of a top", nullptr);
+  node = makeNode(source_, spec, 9, "", &top).node;
+  for (uint32_t bit : {TREL_EXPORT_V, TREL_EXPORT_IR})
+    EXPECT_EQ(0u, createList(node, bit, spec.lists[bit]));
+  EXPECT_EQ(0u, trelAddIRProperty(node, 3, 0, bytesOf(""), 44, 0));
+  EXPECT_EQ(0u, trelCreateBaseVProperty(node, 3, bytesOf(Bytes(100, 'b')), 100, 100, 0));
+  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_KEEP, 100));
+  uint64_t live = 0, room = 0, maxIdSize = 0;
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(copied, &live, &room, 0));
+  EXPECT_EQ(5u, room);
+  EXPECT_EQ(0u, trelGetMaxIDSizeForDependentNode(copied, TREL_EXPORT_DEPENDENT, &maxIdSize));
+  EXPECT_EQ(104u, maxIdSize);
+  const auto but = [](Bytes picture) { return picture.substr(0, picture.find("\n2048: ")); };
+  EXPECT_EQ(but(pictureOf(node)), but(pictureOf(copied, true)));
+
+  // Not yet active, and with properties.
+  node->condition = TREL_CONDITION_INITIALISED;
+  EXPECT_EQ(TREL_RC_INITIALISED, copyNode(node, TREL_COPY_SHM_TO_SHM));
+}
+
+// ---- Trees -----------------------------------------------------------------------------------
+
+// A source of up to three segments; the tree's top lies in the first.
+struct Source {
+  std::vector<std::unique_ptr<Segment>> segments;
+  SNodeCB_t* top = nullptr;
+
+  Source(unsigned count, unsigned nodes, Random& random) {
+    std::vector<const Segment*> places;
+    while (segments.size() < count) {
+      segments.push_back(std::make_unique<Segment>(kRoom));
+      places.push_back(segments.back().get());
+    }
+    top = makeTree(places, nodes, random).node;
+    segments[0]->publish(top);
+  }
+  Segment& first() { return *segments[0]; }
+};
+
+// Tells each node that has a change list to be larger in the next copy.
+void wishForMore(SNodeCB_t* node) {
+  const uint32_t words[58] = {40, 40, 40, 40, 40};
+  if (node->exports & TREL_EXPORT_CHANGE_LIST) {
+    EXPECT_EQ(0u, trelExportListOfChangedProperties(node, 0, words));
+  }
+  std::vector<SNodeInfo_t> records(16);
+  std::vector<uint8_t> ids(16 * kIdRoom);
+  uint64_t returned = 0, live = 0;
+  trelReturnDependentNodes(node, records.data(), ids.data(), &returned, &live, 16, kIdRoom, 0);
+  for (uint64_t i = 0; i < returned; ++i) {
+    SNodeCB_t* child = nullptr;
+    trelAttachToNode(&records[i], &child);
+    ASSERT_NE(nullptr, child);
+    wishForMore(child);
+  }
+}
+
+struct Result {
+  Key key;  // given to the method
+  SNodeCB_t* top = nullptr;
+  ShmSegInfo_t* info = nullptr;
+  uint64_t bytes = 0;
+
+  uint32_t copy(Source& source, uint32_t method, uint32_t flags = TREL_TREE_COPY_ALL,
+                uint32_t limits = TREL_COPY_LIMITS_KEEP, uint64_t maxDepth = 0,
+                uint32_t size = 4 * kRoom) {
+    return trelCopyTreeIntoSingleShmSegment(source.top, &top, &source.first().info, &info, size,
+                                            key, 0, 0, nullptr, nullptr, flags, method, limits,
+                                            maxDepth, &bytes);
+  }
+  ~Result() {
+    if (info) {
+      EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 4, 2, 2));
+    }
+  }
+};
+
+TEST_F(Copy, TreesByEveryMethod) {
+  for (unsigned seed = 1; seed <= 18; ++seed) {  // there are 64 keys
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Random random(seed);
+    const uint32_t method = kMethods[seed % 3];
+    const uint32_t limits = seed % 2 ? TREL_COPY_LIMITS_KEEP : TREL_COPY_LIMITS_CHANGE_LIST;
+    Source source(1 + seed % 3, 1 + seed * 4, random);
+    const Key& oldKey = source.first().key;
+    const TreePicture before = pictureOfTree(source.top);
+    if (limits == TREL_COPY_LIMITS_CHANGE_LIST) wishForMore(source.top);
+    const TreePicture wished = pictureOfTree(source.top);
+    Result result;
+    ASSERT_EQ(0u, result.copy(source, method, TREL_TREE_COPY_ALL, limits));
+    EXPECT_EQ(nullptr, source.first().info);
+    const TreePicture after = pictureOfTree(result.top, true);
+    EXPECT_EQ(wished.text, after.text);
+    EXPECT_EQ(before.nodes, after.nodes);
+    EXPECT_EQ(after.bytes, result.bytes);
+    EXPECT_EQ(after.nodes, TreeWalker({result.info}).walk(result.top));
+    EXPECT_EQ(method == TREL_TREE_COPY_VIA_SEGMENT, oldKey.exists());
+    EXPECT_EQ(method != TREL_TREE_COPY_VIA_SEGMENT, result.key.exists());
+    const Key& key = method == TREL_TREE_COPY_VIA_SEGMENT ? oldKey : result.key;
+    EXPECT_EQ(0, inOtherProcess([&] {
+                ShmSegInfo_t* seg = nullptr;
+                SNodeCB_t* node = nullptr;
+                TopNodeInfo_t found;
+                *pSegAttachList = nullptr;
+                ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found, key, 0, nullptr, nullptr));
+                EXPECT_EQ(wished.text, pictureOfTree(node, true).text);
+              }));
+  }
+}
+
+TEST_F(Copy, WhatIsLeftOut) {
+  for (uint32_t method : kMethods) {
+    SCOPED_TRACE(method);
+    Random random(method);
+    Segment other(kRoom);
+    Source source(1, 1, random);
+    NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT, {}, 8, 3};
+    const Made top{source.top, &source.first()};
+    Made first = makeNode(source.first(), spec, 11, "first", &top);
+    Made second = makeNode(source.first(), spec, 12, "second", &top);
+    Made third = makeNode(other, spec, 13, "third", &top);
+    Made below = makeNode(source.first(), spec, 21, "below", &first);
+    makeNode(source.first(), spec, 22, "last", &second);
+    EXPECT_EQ(0u, trelDisassociateNode(&below.node));
+    EXPECT_EQ(0u, trelAbandonNode(&second.node));
+    Result result;
+    ASSERT_EQ(0u, result.copy(source, method, 8 | TREL_TREE_COPY_STAY_IN_SEGMENT));
+    const Bytes text = pictureOfTree(result.top, true).text;
+    EXPECT_NE(Bytes::npos, text.find("-> 11 first"));
+    for (const char* name : {"second", "third", "below", "last"})
+      EXPECT_EQ(Bytes::npos, text.find(name)) << name;
+    EXPECT_EQ(2u, TreeWalker({result.info}).walk(result.top));
+    EXPECT_EQ(TREL_CONDITION_ABANDONED, third.node->condition);
+    // first lost its dependent by the walk's own judgement, and with it the list.
+    EXPECT_NE(Bytes::npos,
+              text.find("exports " + std::to_string(TREL_EXPORT_ID | TREL_EXPORT_PARENT)));
+  }
+}
+
+TEST_F(Copy, DepthAndRefusedArguments) {
+  Random random(5);
+  Source source(2, 12, random);
+  const TreePicture before = pictureOfTree(source.top);
+  const auto untouched = [&] { EXPECT_EQ(before.text, pictureOfTree(source.top).text); };
+  Result result;
+  result.info = target.info;
+  EXPECT_EQ(TREL_RC_COPY_DIRECTION, result.copy(source, 4));
+  EXPECT_EQ(target.info, result.info);
+  EXPECT_EQ(TREL_RC_SEGMENT_NULL,
+            trelCopyTreeIntoSingleShmSegment(source.top, &result.top, &source.first().info,
+                                             &result.info, kRoom, nullptr, 0, 0, nullptr, nullptr,
+                                             1, TREL_TREE_COPY_VIA_SEGMENT, 1, 0, &result.bytes));
+  EXPECT_EQ(target.info, result.info);
+  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, 1, 1, 1, 32769));
+  EXPECT_EQ(nullptr, result.info);
+  for (uint32_t method : kMethods) {
+    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, method, 16)) << "an unselected top";
+    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, method, 1, 3)) << "unknown limits";
+    EXPECT_FALSE(result.key.exists());
+    untouched();
+  }
+  Segment taken;
+  for (uint32_t method : {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_SEGMENT})
+    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED,
+              trelCopyTreeIntoSingleShmSegment(source.top, &result.top, &source.first().info,
+                                               &result.info, kRoom, taken.key, 0, 0, nullptr,
+                                               nullptr, 1, method, 1, 0, &result.bytes));
+  for (uint32_t method : {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_SEGMENT})
+    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, method, 1, 1, 0, 0x8000)) << "too small";
+  EXPECT_EQ(nullptr, result.info);
+  EXPECT_FALSE(result.key.exists());
+  untouched();
+
+  ASSERT_EQ(0u, result.copy(source, TREL_TREE_COPY_VIA_PM, 1, 1, 1));
+  EXPECT_EQ(1u, TreeWalker({result.info}).walk(result.top));
+  EXPECT_EQ(result.top->nodeSize, result.bytes);
+}
+
+// A failure behind the point of no return: the tree is still to be had.
+TEST_F(Copy, TheOnlyCopyStays) {
+  Random random(8);
+  Source source(3, 10, random);
+  const TreePicture before = pictureOfTree(source.top);
+  Result result;
+  const uint32_t rc = result.copy(source, TREL_TREE_COPY_VIA_PM, 1, 1, 0, 0x8000);
+  EXPECT_TRUE(rc == TREL_RC_NODE_ABOVE_POOL || rc == TREL_RC_NODE_ALLOCATION) << std::hex << rc;
+  EXPECT_EQ(nullptr, result.info);
+  EXPECT_EQ(nullptr, source.first().info);
+  EXPECT_FALSE(result.key.exists());
+  ASSERT_NE(nullptr, result.top);
+  // The way out of it that the header tells.
+  const uint64_t none = 0, maxIdSize = kIdRoom;
+  SNodeCB_t* rescued = nullptr;
+  SNodeInfo_t record = {};
+  uint64_t idSizeOut, maxIdSizeOut, bytes = 0;
+  uint32_t marker = 0;
+  ASSERT_EQ(0u, trelCopyTreeRecursively(result.top, &rescued, nullptr, target.info, target.info, 0,
+                                        1, TREL_COPY_PM_TO_SHM, TREL_COPY_LIMITS_KEEP, 0, 0, 0, 0,
+                                        nullptr, &none, &none, &maxIdSize, nullptr, &record,
+                                        nullptr, &idSizeOut, &maxIdSizeOut, &marker, &bytes, 1, 0));
+  const TreePicture after = pictureOfTree(rescued, true);
+  EXPECT_EQ(before.text, after.text);
+  EXPECT_EQ(after.bytes, bytes);
+  EXPECT_EQ(0u, marker);
+  const std::function<void(SNodeCB_t*)> release = [&](SNodeCB_t* node) {
+    std::vector<SNodeInfo_t> records(16);
+    std::vector<uint8_t> ids(16 * kIdRoom);
+    uint64_t returned = 0, live = 0;
+    trelReturnDependentNodes(node, records.data(), ids.data(), &returned, &live, 16, kIdRoom, 0);
+    for (uint64_t i = 0; i < returned; ++i) {
+      SNodeCB_t* child = nullptr;
+      EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfoInPM(&records[i], &child));
+      release(child);
+    }
+    void* block = node;
+    EXPECT_EQ(0u, _platMemFree(&block, 0, 0, __FILE__, __LINE__));
+  };
+  release(result.top);
+  EXPECT_EQ(0u, trelDeleteHDMPMLList());
+}
+
+// ---- Recreation ------------------------------------------------------------------------------
+
+struct Family {
+  Made top, node;
+  std::vector<Made> children;
+
+  Family(const Segment& segment, const Segment& elsewhere, uint64_t room) {
+    NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT | TREL_EXPORT_R |
+                      TREL_EXPORT_CHANGE_LIST,
+                  {{TREL_EXPORT_R, {4}}},
+                  8,
+                  room};
+    const HdmModuleRecord_t served = module("/served");
+    top = makeNode(segment, spec, 1, "top", nullptr);
+    node = makeNode(segment, spec, 2, "", &top, &served);
+    makeNode(segment, spec, 2, "sibling of the tag", &top);
+    for (uint64_t i = 0; i < room; ++i)
+      children.push_back(makeNode(i % 2 ? elsewhere : segment, spec, 10 + i,
+                                  i ? "child" + std::to_string(i) : "", &node, &served));
+    EXPECT_EQ(0u, createList(node.node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+    EXPECT_EQ(0u, trelAddRProperty(node.node, 4, 44, 0));
+  }
+};
+
+// The node that a search finds below the top, and the codes of searches.
+uint32_t search(SNodeCB_t* top, uint64_t tag, const Bytes& id, SNodeCB_t** node) {
+  SNodeInfo_t* found = nullptr;
+  const uint32_t rc = trelFindNodeSoft(&found, top, tag, id.size(), bytesOf(id), 0);
+  return rc ? rc : trelAttachToNode(found, node);
+}
+
+TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
+  for (const bool moves : {false, true}) {
+    Family family(source_, target, 3);
+    SNodeCB_t *old = family.node.node, *made = nullptr;
+    Segment third;
+    const Segment& to = moves ? third : source_;
+    uint64_t size = 0, live = 0, room = 0;
+    EXPECT_EQ(TREL_RC_DEPENDENT_COUNT,
+              trelRecreateNodeWithMoreDepNodes(&old, &made, source_.info, to.info, 32769, &size));
+    EXPECT_EQ(TREL_CONDITION_ACTIVE, old->condition);
+    EXPECT_EQ(0u, trelRecreateNodeWithMoreDepNodes(&old, &made, source_.info, to.info,
+                                                   moves ? 1 : 50, &size));
+    EXPECT_EQ(size, made->nodeSize);
+    EXPECT_EQ(TREL_CONDITION_ACTIVE, made->condition);
+    EXPECT_EQ(0u, made->optionWord0 & 1);
+    EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, old->condition);
+    EXPECT_EQ(1u, old->optionWord0 & 1);
+    EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(made, &live, &room, 0));
+    EXPECT_EQ(3u, live);
+    EXPECT_EQ(moves ? 3u : 50u, room);
+    EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(family.top.node, &live, &room, 0));
+    EXPECT_EQ(2u, live) << "the sibling of the same tag keeps its entry";
+    for (const Made& child : family.children) {
+      SNodeCB_t* found = nullptr;
+      const uint64_t tag = child.node->tag;
+      EXPECT_EQ(0u, search(family.top.node, tag,
+                           tag == 10 ? "" : "child" + std::to_string(tag - 10), &found));
+      EXPECT_EQ(child.node, found);
+      auto* up = reinterpret_cast<SNodeInfo_t*>(reinterpret_cast<uint8_t*>(child.node) +
+                                                child.node->exportTable[3].offset + 8);
+      const SNodeInfo_t named = [&] {  // what the header asks of the caller
+        SNodeInfo_t record = {};
+        EXPECT_EQ(0u, trelAddStatusNodeInfo(&record, child.segment->info, to.info, made->nodeOffset,
+                                            made->tag, 0, nullptr, nullptr));
+        return record;
+      }();
+      up->nodeOffset = named.nodeOffset, up->segInfoOffset = named.segInfoOffset;
+      up->hdmInfoOffset = named.hdmInfoOffset;
+    }
+    EXPECT_EQ(6u, TreeWalker({source_.info, target.info, third.info}).walk(family.top.node));
+  }
+}
+
+TEST_F(Copy, SearchesDuringRecreation) {
+  Family family(source_, target, 2);
+  std::atomic<bool> done{false};
+  std::atomic<uint64_t> answers{0}, retries{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 2; ++i)
+    readers.emplace_back([&] {
+      while (!done) {
+        SNodeCB_t* found = nullptr;
+        const uint32_t rc = search(family.top.node, 11, "child1", &found);
+        if (rc == 0) {
+          EXPECT_EQ(family.children[1].node, found);
+          ++answers;
+        } else {
+          EXPECT_EQ(TREL_RC_BEING_RECREATED, rc);
+          ++retries;
+        }
+      }
+    });
+  SNodeCB_t* node = family.node.node;
+  for (uint64_t round = 0; round < 300; ++round) {
+    SNodeCB_t* made = nullptr;
+    uint64_t size = 0;
+    ASSERT_EQ(0u, trelRecreateNodeWithMoreDepNodes(&node, &made, source_.info, source_.info,
+                                                   round % 7 + 1, &size));
+    node = made;
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  done = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_GT(answers, 0u);
+}
+
+// ---- Others at work --------------------------------------------------------------------------
+
+// Two processes copy trees that reach into each other's segments, while a third writes, attaches
+// and detaches. Nobody may wait for ever, and a copied node is one state of its source.
+TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
+  NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT | TREL_EXPORT_R,
+                {{TREL_EXPORT_R, {30, 1}}},
+                8,
+                30};
+  for (int round = 0; round < 12; ++round) {
+    Segment a, b;
+    Key newA, newB;
+    const Segment* sides[] = {&a, &b};
+    std::vector<SNodeCB_t*> nodes;
+    Made tops[2];
+    for (int side = 0; side < 2; ++side) {
+      tops[side] = makeNode(*sides[side], spec, 1, "top", nullptr);
+      for (uint64_t i = 0; i < 20; ++i) {
+        nodes.push_back(makeNode(*sides[(side + i) % 2], spec, 10 + i, "n", &tops[side]).node);
+        EXPECT_EQ(0u, createList(nodes.back(), TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+        for (uint64_t tag : {1, 2}) EXPECT_EQ(0u, trelAddRProperty(nodes.back(), tag, 0, 0));
+      }
+      sides[side]->publish(tops[side].node);
+    }
+    const auto run = [](auto work) {
+      const pid_t child = fork();
+      if (child == 0) {
+        *pSegAttachList = nullptr;
+        beginAnew();
+        alarm(60);
+        work();
+        _exit(testing::Test::HasFailure());
+      }
+      return child;
+    };
+    const auto copier = [&](const Key& from, const Key& to, uint32_t method) {
+      ShmSegInfo_t *seg = nullptr, *dst = nullptr;
+      SNodeCB_t *top = nullptr, *newTop = nullptr;
+      TopNodeInfo_t found;
+      uint64_t bytes = 0;
+      if (trelConnectToATree(&seg, &top, &found, from, 0, nullptr, nullptr)) return;
+      const uint32_t rc = trelCopyTreeIntoSingleShmSegment(
+          top, &newTop, &seg, &dst, 0x100000, to, 0, 0, nullptr, nullptr, 1, method, 1, 0, &bytes);
+      if (rc) return;  // the other was faster, and has abandoned or deleted what this one needs
+      SNodeInfo_t* entry = nullptr;
+      uint64_t live = 0, room = 0;
+      EXPECT_EQ(0u, trelGetDependentNodesLocation(newTop, &entry, &live, &room));
+      for (uint64_t i = 0; i < live; ++i) {
+        SNodeCB_t* node = nullptr;
+        int32_t one = 0, two = 1;
+        ASSERT_EQ(0u, trelAttachToNode(entry, &node));
+        EXPECT_EQ(0u, trelGetValueForRProperty(node, 1, &one, 0));
+        EXPECT_EQ(0u, trelGetValueForRProperty(node, 2, &two, 0));
+        EXPECT_EQ(one, two);
+        if (i + 1 < live) {
+          EXPECT_EQ(0u, trelGetNextDependentNodeLocation(newTop, &newTop->exportTable[10], &entry));
+        }
+      }
+      EXPECT_EQ(0u, trelDeleteStatusSegment(&dst, 4, 2, 2));
+    };
+    const pid_t children[] = {
+        run([&] { copier(a.key, newA, kMethods[round % 3]); }),
+        run([&] { copier(b.key, newB, kMethods[round / 3 % 3]); }), run([&] {
+          for (int i = 0; i < 300; ++i) {
+            ShmSegInfo_t* seg = nullptr;
+            SNodeCB_t* top = nullptr;
+            TopNodeInfo_t found;
+            if (trelConnectToATree(&seg, &top, &found, i % 2 ? a.key : b.key, 0, nullptr, nullptr))
+              continue;
+            trelDetachStatusSegment(&seg, 2);
+          }
+        })};
+    // This process still maps the old segments, whatever becomes of them.
+    for (int32_t value = 1; value < 400; ++value) {
+      SNodeCB_t* node = nodes[value % nodes.size()];
+      if (trelEnterCriticalSectionBeforeWrite(node, &node->nodeLatchArea)) continue;
+      if (trelSetValueForRProperty(node, 1, value, 1) == 0) {
+        EXPECT_EQ(0u, trelSetValueForRProperty(node, 2, value, 1));
+      }
+      EXPECT_EQ(0u, trelExitCriticalSectionAfterWrite(node, &node->nodeLatchArea));
+    }
+    for (pid_t child : children) {
+      int status = 0;
+      EXPECT_EQ(child, waitpid(child, &status, 0));
+      EXPECT_EQ(0, status);
+    }
+    for (const Segment* side : sides)
+      trelDetachStatusSegment(const_cast<ShmSegInfo_t**>(&side->info), 2);
+  }
+}
+
+}  // namespace
