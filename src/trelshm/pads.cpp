@@ -19,11 +19,11 @@ class PadWriter {
   PadWriter(const Heap& heap, uint64_t offset) : heap_(heap), offset_(offset) {}
 
   void guards(uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) put<TrelU64>(TREL_PAD_GUARD_WORD);
+    for (uint32_t i = 0; i < count; ++i) put(uint64_t{TREL_PAD_GUARD_WORD});
   }
   template <class T>
   void put(const T& item) {
-    *heap_.at<T>(offset_) = item;
+    memcpy(heap_.at<void>(offset_), &item, sizeof(T));  // anywhere, in a damaged heap
     offset_ += sizeof(T);
   }
   void fileName(const char* name) {
