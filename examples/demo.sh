@@ -1,15 +1,20 @@
 #!/usr/bin/env bash
-# The demo: a publisher and a reader for some seconds, then the publisher is killed.
+# The demo: two publishers and a reader. The second publisher is killed, the tree is made compact
+# under the reader's eyes, then the first publisher is killed, too.
 set -euo pipefail
 bin=$1
-key=$((0x54000000 + $$))
-publisher=""
-reader=""
+key=$((0x54000000 + $$ % 0x10000))
+network_key=$((key + 0x10000))
+children=()
 
+hex() { printf '0x%08x' "$1"; }
+say() { printf '\n== %s\n\n' "$*"; }
 finish() {
-  [ -z "$publisher" ] || kill -KILL "$publisher" 2>/dev/null || true
-  [ -z "$reader" ] || kill -KILL "$reader" 2>/dev/null || true
-  ipcrm -M "$(printf '0x%x' "$key")" 2>/dev/null || true
+  local child segment
+  for child in "${children[@]}"; do kill -KILL "$child" 2>/dev/null || true; done
+  for segment in "$key" "$network_key" $((key + 0x20000)); do
+    ipcrm -M "$(hex "$segment")" 2>/dev/null || true
+  done
 }
 trap finish EXIT
 
@@ -17,19 +22,33 @@ plain=()
 [ -t 1 ] || plain=(--plain)
 
 "$bin/trel_publisher" "$key" &
-publisher=$!
+machine=$!
+children+=("$machine")
 "$bin/trel_reader" "$key" "${plain[@]}" --remove &
 reader=$!
-sleep 5
+children+=("$reader")
+sleep 1
+"$bin/trel_publisher" "$key" --network &
+network=$!
+children+=("$network")
+sleep 3
 
-# Killed, not stopped: it cannot clean up behind itself. The reader sees its heart stop, and
-# removes the segment.
-kill -KILL "$publisher"
-wait "$publisher" 2>/dev/null || true
+say "kill -KILL the network's publisher: its part of the tree falls silent, the rest goes on"
+kill -KILL "$network"
+wait "$network" 2>/dev/null || true
+sleep 3
+
+say "the tree is copied into one fresh segment under the same key, the reader follows"
+kill -USR1 "$machine"
+sleep 3
+
+say "kill -KILL the publisher: it cannot clean up behind itself"
+kill -KILL "$machine"
+wait "$machine" 2>/dev/null || true
 wait "$reader"
-reader=""
-if ipcs -m | grep -qi "$(printf '0x%08x' "$key")"; then
-  echo "the segment is still there"
+children=()
+if ipcs -m | grep -qiE "$(hex "$key")|$(hex "$network_key")"; then
+  echo "a segment is still there"
   exit 1
 fi
-echo "the publisher was killed, the reader noticed, the segment is removed"
+echo "the reader noticed, and removed the segment"

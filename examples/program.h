@@ -18,9 +18,10 @@ inline void stopOnSignals() {
 
 struct Options {
   uint32_t key = 0;
-  double seconds = 0;   // 0: until stopped
-  bool plain = false;   // no colours, no refresh in place
-  bool remove = false;  // remove the segment in the end
+  double seconds = 0;    // 0: until stopped
+  bool plain = false;    // no colours, no refresh in place
+  bool remove = false;   // remove the segment in the end
+  bool network = false;  // publish the network's part
 
   bool parse(int argc, char** argv, const char* usage) {
     for (int i = 1; i < argc; ++i) {
@@ -28,6 +29,8 @@ struct Options {
         plain = true;
       else if (!std::strcmp(argv[i], "--remove"))
         remove = true;
+      else if (!std::strcmp(argv[i], "--network"))
+        network = true;
       else if (!std::strcmp(argv[i], "--seconds") && i + 1 < argc)
         seconds = std::atof(argv[++i]);
       else if (key == 0)

@@ -16,8 +16,9 @@ std::string cut(const std::string& text, size_t size) { return text.substr(0, si
 
 // Section sizes for lists in hash form that have room for twice what the group holds now.
 struct Room {
-  explicit Room(const Group& group)
-      : registers(2 * group.registers.size() + 8),
+  Room(const Group& group, uint64_t dependentCount)
+      : dependents(dependentCount),
+        registers(2 * group.registers.size() + 8),
         instances(2 * group.instances.size() + 8),
         mounts(2 * group.mounts.size() + 4),
         texts(registers + 16 + group.texts.size() + 8) {}
@@ -25,12 +26,14 @@ struct Room {
   std::array<uint64_t, 64> sizes() const {
     std::array<uint64_t, 64> s{};
     s[0] = 16 + kIdSpace;
+    s[3] = 64 + kIdSpace;
     s[4] = 144;
     s[5] = 428 + kTextSpace;
     s[6] = 8 + 16 + prime(registers) * (8 + 152) + 8 * registers;
     s[7] = 16 + 16 + prime(texts) * (8 + 428 + kTextSpace) + 8 * texts;
     s[8] = list(32, instances, 588 + kIdSpace);
     s[9] = list(40, mounts, 476 + kIdSpace + kTextSpace);
+    s[10] = 8 + dependents * (56 + kIdSpace);
     return s;
   }
 
@@ -43,7 +46,7 @@ struct Room {
     return header + 8 * 3 * prime(count) + 16 + prime(count) * node + 8 * count;
   }
 
-  uint64_t registers, instances, mounts, texts;
+  uint64_t dependents, registers, instances, mounts, texts;
 };
 
 }  // namespace
@@ -53,17 +56,27 @@ bool failed(const char* what, uint32_t code) {
   return code != 0;
 }
 
-uint32_t StatusNode::create(ShmSegInfo_t* segment, const Group& group, uint64_t tag) {
-  const Room room(group);
+uint32_t StatusNode::create(ShmSegInfo_t* segment, const Group& group, uint64_t tag,
+                            StatusNode* parent, uint64_t dependents) {
+  segment_ = segment;
+  parent_ = parent;
+  name_ = cut(group.name, kIdSpace);
+  tag_ = tag;
+  const Room room(group, dependents);
   const auto sizes = room.sizes();
-  uint64_t size = 0;
-  uint32_t rc = trelCreateNode(segment, &cb_,
-                               TREL_EXPORT_ID | TREL_EXPORT_BASE_R | TREL_EXPORT_BASE_V |
-                                   TREL_EXPORT_R | TREL_EXPORT_V | TREL_EXPORT_IR | TREL_EXPORT_IV,
-                               sizes.data(), &size, &offset_);
+  uint64_t size = 0, exports = TREL_EXPORT_ID | TREL_EXPORT_BASE_R | TREL_EXPORT_BASE_V |
+                               TREL_EXPORT_R | TREL_EXPORT_V | TREL_EXPORT_IR | TREL_EXPORT_IV;
+  if (parent) exports |= TREL_EXPORT_PARENT;
+  if (dependents) exports |= TREL_EXPORT_DEPENDENT;
+  uint32_t rc = trelCreateNode(segment, &cb_, exports, sizes.data(), &size, &offset_);
   if (rc) return rc;
-  rc = trelInitNode(&cb_, offset_, group.name.size(), bytes(group.name), nullptr, nullptr, kIdSpace,
-                    nullptr, nullptr, nullptr);
+  SNodeInfo_t up = {};
+  if (parent)
+    rc = trelAddStatusNodeInfo(&up, segment, parent->segment_, parent->offset_, parent->tag_,
+                               parent->name_.size(), nullptr, nullptr);
+  if (!rc)
+    rc = trelInitNode(&cb_, offset_, name_.size(), bytes(name_), &up,
+                      parent ? bytes(parent->name_) : nullptr, kIdSpace, nullptr, nullptr, nullptr);
   const std::string title = cut("figures of this machine: " + group.name, kTextSpace);
   if (!rc) rc = trelSetNodeTag(cb_, tag, 0);
   if (!rc) rc = trelCreateBaseRProperty(cb_, kBaseTag, 0, 0);
@@ -77,8 +90,45 @@ uint32_t StatusNode::create(ShmSegInfo_t* segment, const Group& group, uint64_t 
   if (!rc)
     rc = trelCreateIVPropertyList(cb_, nullptr, nullptr, nullptr, kIdSpace, nullptr, nullptr,
                                   kTextSpace, 0, room.mounts, room.mounts, room.mounts, 1, 0);
+  if (!rc && dependents)
+    rc = trelCreateDependentNodeList(cb_, nullptr, nullptr, nullptr, kIdSpace, 0, 0);
   if (!rc) rc = trelActivateNode(&cb_);
-  return rc ? rc : update(group);
+  if (!rc) rc = update(group);
+  return rc || !parent ? rc : enterUnderParent();
+}
+
+// A name that a publisher before this one left behind is taken over.
+uint32_t StatusNode::enterUnderParent() {
+  SNodeInfo_t record;
+  const uint32_t rc = trelAddStatusNodeInfo(&record, parent_->segment_, segment_, offset_, tag_,
+                                            name_.size(), nullptr, nullptr);
+  return rc ? rc
+            : trelAddDependentNode(parent_->cb_, &record, bytes(name_), name_.size(),
+                                   TREL_ADD_REPLACE, 0);
+}
+
+uint32_t StatusNode::remove() {
+  SNodeInfo_t record = {};
+  record.nodeTag = tag_;
+  record.idSize = name_.size();
+  const uint32_t rc = trelDeleteDependentNode(parent_->cb_, &record, bytes(name_), 0);
+  return rc ? rc : trelDisclaimNode(&cb_, segment_->shmPoolHandle, TREL_STRUCTURE_VERSION);
+}
+
+void StatusNode::moveTo(SNodeCB_t* copy, ShmSegInfo_t* segment, StatusNode* parent) {
+  cb_ = copy;
+  offset_ = copy->nodeOffset;
+  segment_ = segment;
+  parent_ = parent;
+}
+
+void StatusNode::adopt(SNodeCB_t* node, ShmSegInfo_t* segment) {
+  uint8_t* id = nullptr;
+  uint64_t size = 0;
+  moveTo(node, segment, nullptr);
+  tag_ = node->tag;
+  if (trelGetNodeID(node, &id, &size, 0) == 0)
+    name_.assign(reinterpret_cast<char*>(id), static_cast<size_t>(size));
 }
 
 uint32_t StatusNode::update(const Group& group) {

@@ -21,16 +21,30 @@ constexpr uint64_t kBaseTag = 1;
 constexpr uint64_t kIdSpace = 64;     // bytes of the longest identifier
 constexpr uint64_t kTextSpace = 128;  // bytes of the longest text
 
+// Tags of the nodes in the tree.
+constexpr uint64_t kMachineTag = 1, kGroupTag = 10, kProcessTag = 20;
+
 class StatusNode {
  public:
-  // Makes a node in the segment, fills and activates it. 0 or a return code.
-  uint32_t create(ShmSegInfo_t* segment, const Group& group, uint64_t tag);
+  // Makes a node in the segment, fills and activates it, and enters it under its parent, which may
+  // lie in another segment; without a parent it is a top node. 0 or a return code.
+  uint32_t create(ShmSegInfo_t* segment, const Group& group, uint64_t tag,
+                  StatusNode* parent = nullptr, uint64_t dependents = 0);
+  // Leaves the parent's list, and gives the block back.
+  uint32_t remove();
+  // The node has been copied: goes on with the copy.
+  void moveTo(SNodeCB_t* copy, ShmSegInfo_t* segment, StatusNode* parent);
+  // A node that somebody else made, to be a parent here.
+  void adopt(SNodeCB_t* node, ShmSegInfo_t* segment);
+
   // Brings the node to the group's present figures, as one change that no reader sees halfway, and
   // beats its heart.
   uint32_t update(const Group& group);
 
   SNodeCB_t* cb() const { return cb_; }
   uint64_t offset() const { return offset_; }
+  const std::string& name() const { return name_; }
+  uint64_t tag() const { return tag_; }
 
  private:
   uint32_t addLabel(uint64_t tag, const std::string& label, const std::string& value);
@@ -39,6 +53,12 @@ class StatusNode {
   uint32_t publishInstances(const Group& group);
   uint32_t publishTexts(const Group& group);
 
+  uint32_t enterUnderParent();
+
+  ShmSegInfo_t* segment_ = nullptr;
+  StatusNode* parent_ = nullptr;
+  std::string name_;
+  uint64_t tag_ = 0;
   SNodeCB_t* cb_ = nullptr;
   uint64_t offset_ = 0;
   std::map<std::string, uint64_t> tags_;                        // of registers, by label
