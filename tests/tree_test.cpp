@@ -142,7 +142,7 @@ class Dependents : public Library {
     EXPECT_EQ(live, returned);
     std::string all;
     for (uint64_t i = 0; i < returned; ++i) {
-      EXPECT_EQ(0u, records[i].selfOffset);
+      EXPECT_EQ(0u, +records[i].selfOffset);
       all.append(reinterpret_cast<char*>(ids + i * kIdRoom), records[i].idSize);
     }
     return all;
@@ -189,9 +189,9 @@ TEST_F(Dependents, KeepTheirOrderAndReuseVacantPlaces) {
   SNodeInfo_t* entry = nullptr;
   EXPECT_EQ(0u, trelFindDependentNode(&entry, parent, 5, 0, nullptr, 0));
   EXPECT_EQ('C', reinterpret_cast<char*>(entry + 1)[0]);
-  EXPECT_EQ(segment.offsetOf(entry), entry->selfOffset);
+  EXPECT_EQ(segment.offsetOf(entry), +entry->selfOffset);
   EXPECT_EQ(0u, remove(5, "C"));
-  EXPECT_EQ(0u, parent->exports & TREL_EXPORT_DEPENDENT);
+  EXPECT_EQ(0u, +parent->exports & TREL_EXPORT_DEPENDENT);
   EXPECT_EQ(TREL_RC_DEPENDENT_ABSENT, trelFindDependentNode(&entry, parent, 5, 0, nullptr, 0));
   EXPECT_EQ(TREL_RC_DEPENDENTS_EMPTY, remove(5, "C"));
   EXPECT_EQ(0u, add(6, ""));
@@ -221,8 +221,8 @@ TEST_F(Dependents, CreatedFromRecords) {
   EXPECT_EQ(0u, create(kIdRoom - 3, 2));
   EXPECT_EQ(before + 1, reconfigurations(parent));
   EXPECT_EQ("abc", names());
-  EXPECT_EQ(2u, records[1].idSize);
-  EXPECT_EQ(one.segBase, records[1].segBase);
+  EXPECT_EQ(2u, +records[1].idSize);
+  EXPECT_EQ(+one.segBase, +records[1].segBase);
   sizes[1] = 1;
   EXPECT_EQ(0u, trelCreateDependentNodeList(parent, records, sizes, bytes("ab"), kIdRoom, 2, 0));
   EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT,
@@ -245,7 +245,7 @@ TEST_F(Dependents, CreatedFromRecords) {
   SNodeCB_t* bare = makeNode(segment, 9, "bare", 0);
   EXPECT_EQ(TREL_RC_DEPENDENT_SECTION_SMALL,
             trelCreateDependentNodeList(bare, nullptr, nullptr, nullptr, 8, 0, 0));
-  EXPECT_EQ(0u, bare->exports & TREL_EXPORT_DEPENDENT);
+  EXPECT_EQ(0u, +bare->exports & TREL_EXPORT_DEPENDENT);
   SNodeInfo_t record = one;
   EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, trelAddDependentNode(bare, &record, nullptr, 0, 0, 0));
 }
@@ -259,7 +259,7 @@ TEST_F(Dependents, WishesForNewLimits) {
   parent->exportTable[11].used = 0;  // never written: old bytes do not count
   memset(reinterpret_cast<uint8_t*>(parent) + parent->exportTable[11].offset, 0xff, 240);
   EXPECT_EQ(0u, trelExportListOfChangedProperties(parent, 0, wishes));
-  EXPECT_EQ(parent->exports, section->exports);
+  EXPECT_EQ(+parent->exports, +section->exports);
   const uint32_t codes[] = {TREL_RC_COUNT_R, TREL_RC_COUNT_V, TREL_RC_COUNT_IR, TREL_RC_COUNT_IV,
                             TREL_RC_DEPENDENT_COUNT};
   for (int word : {4, 3, 2, 1, 0}) {
@@ -268,10 +268,10 @@ TEST_F(Dependents, WishesForNewLimits) {
   }
   uint32_t second[58] = {6};
   EXPECT_EQ(0u, trelExportListOfChangedProperties(parent, 0, second));
-  EXPECT_EQ(6u, section->words[0]);
-  EXPECT_EQ(0u, section->words[1]);
-  EXPECT_EQ(32768u, section->words[4]);
-  EXPECT_EQ(3u, section->words[57]);
+  EXPECT_EQ(6u, +section->words[0]);
+  EXPECT_EQ(0u, +section->words[1]);
+  EXPECT_EQ(32768u, +section->words[4]);
+  EXPECT_EQ(3u, +section->words[57]);
   parent->exportTable[11].size = 239;
   EXPECT_EQ(TREL_RC_SLOT_USED, trelExportListOfChangedProperties(parent, 0, second));
   parent->exportTable[11].used = 8;
@@ -493,8 +493,8 @@ class Forest : public Library {
 
   void checkEntry(const SNodeInfo_t* entry, const Model* hit) {
     ASSERT_NE(nullptr, entry);
-    EXPECT_EQ(hit->node->nodeOffset, entry->nodeOffset);
-    EXPECT_EQ(hit->tag, entry->nodeTag);
+    EXPECT_EQ(+hit->node->nodeOffset, +entry->nodeOffset);
+    EXPECT_EQ(hit->tag, +entry->nodeTag);
     EXPECT_EQ(hit->id, std::string(reinterpret_cast<const char*>(entry + 1), entry->idSize));
     SNodeCB_t* node = nullptr;
     EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfo(entry, &node));
@@ -585,7 +585,7 @@ class Forest : public Library {
       ASSERT_EQ(0u, rc);
       ASSERT_EQ(children.size(), live);
       for (uint64_t i = 0; i < returned; ++i) {
-        EXPECT_EQ(children[i]->tag, records[i].nodeTag);
+        EXPECT_EQ(children[i]->tag, +records[i].nodeTag);
         SNodeCB_t* node = nullptr;
         EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfo(&records[i], &node));
         EXPECT_EQ(children[i]->node, node);
@@ -707,7 +707,7 @@ TEST_F(Reach, AttachesWhatItUsesAndNoMore) {
     EXPECT_EQ(0u, soft(node, 4, &found));
     SNodeCB_t* reached = nullptr;
     EXPECT_EQ(0u, trelAttachToNode(found, &reached));
-    EXPECT_EQ(4u, reached->tag);
+    EXPECT_EQ(4u, +reached->tag);
     EXPECT_EQ(1u, otherCount());
   });
   // A segment that is gone for new attaches: a code, and no trace of the attempt.
@@ -729,14 +729,14 @@ TEST_F(Reach, StatusWalks) {
   EXPECT_EQ(TREL_RC_STATUS_OPERATION, status(8, 1));
   EXPECT_EQ(TREL_RC_DEPTH_LIMIT, status(3, 1, 32769));
   EXPECT_EQ(0u, status(TREL_STATUS_DISASSOCIATE, TREL_WALK_ALL, 2));
-  EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, far->condition);
-  EXPECT_EQ(TREL_CONDITION_ACTIVE, leaf->condition);
+  EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, +far->condition);
+  EXPECT_EQ(TREL_CONDITION_ACTIVE, +leaf->condition);
   far->condition = TREL_CONDITION_INITIALISED;
   EXPECT_EQ(0u, status(TREL_STATUS_ACTIVATE, 1u << TREL_CONDITION_INITIALISED));
-  EXPECT_EQ(TREL_CONDITION_ACTIVE, far->condition);
-  EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, near->condition);
+  EXPECT_EQ(TREL_CONDITION_ACTIVE, +far->condition);
+  EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, +near->condition);
   EXPECT_EQ(0u, status(TREL_STATUS_ACTIVATE, TREL_WALK_ALL | TREL_WALK_ONE_SEGMENT));
-  EXPECT_EQ(TREL_CONDITION_ACTIVE, near->condition);
+  EXPECT_EQ(TREL_CONDITION_ACTIVE, +near->condition);
   EXPECT_EQ(0u, status(TREL_STATUS_UPDATE, TREL_WALK_ALL));
   int32_t beats = 9;
   EXPECT_EQ(0u, PLATVAtomicSigned32::add(&leaf->updateCounter, 0, &beats));
@@ -772,7 +772,7 @@ TEST_F(Reach, TheTopCanBeTakenOffItsParentsList) {
                                                 TREL_WALK_ALL | TREL_WALK_REMOVE_TOP));
   SNodeInfo_t* entry = nullptr;
   EXPECT_EQ(0u, trelFindDependentNode(&entry, far, 5, 0, nullptr, 0));
-  EXPECT_EQ(twin->nodeOffset, entry->nodeOffset);
+  EXPECT_EQ(+twin->nodeOffset, +entry->nodeOffset);
   // The subtree of a child that its record in process memory names.
   SNodeInfo_t down = recordOf(home, far, other);
   down.idSize = 2;
@@ -815,7 +815,7 @@ TEST_F(Reach, ThirtyThousandLevels) {
   SNodeInfo_t* entry = nullptr;
   TreeInfo_t sum;
   EXPECT_EQ(0u, soft(first, 32768, &entry));
-  EXPECT_EQ(last->nodeOffset, entry->nodeOffset);
+  EXPECT_EQ(+last->nodeOffset, +entry->nodeOffset);
   EXPECT_EQ(TREL_RC_NOT_FOUND, trelFindNodeSoft(&entry, first, 32768, 0, nullptr, 32766));
   // On a thread with next to no stack.
   std::thread([&] {
@@ -853,7 +853,7 @@ TEST_F(Reach, DamagedTreesGiveCodes) {
   int refused = 0;
   for (int round = 0; round < 3000; ++round) {
     for (int n = 1 + random() % 2; n; --n) {
-      auto* word = reinterpret_cast<TrelU64*>(words[random() % words.size()]);
+      TrelU64* word = reinterpret_cast<TrelU64*>(words[random() % words.size()]);
       const uint64_t values[] = {
           0,     1,        *word + 8, *word - 1, *word ^ (1ull << random() % 64),
           ~0ull, random(), 0x100000,  8,         4097};

@@ -56,7 +56,7 @@ class TreeWalker {
 
   SNodeCB_t* behind(const SNodeInfo_t& record) {
     const Memory& home = around(&record);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(&record) - home.base, record.selfOffset);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(&record) - home.base, +record.selfOffset);
     const auto* identity = at<SegIdentity_t>(home.base, record.segInfoOffset);
     const auto* module = at<HdmModuleRecord_t>(home.base, record.hdmInfoOffset);
     EXPECT_EQ(&home, &around(identity));
@@ -68,15 +68,15 @@ class TreeWalker {
 
   void checkNode(SNodeCB_t* node) {
     const Memory& home = around(node);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(node) - home.base, node->nodeOffset);
-    EXPECT_LE(node->nodeOffset + node->nodeSize, home.size);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(node) - home.base, +node->nodeOffset);
+    EXPECT_LE(+node->nodeOffset + +node->nodeSize, home.size);
     uint64_t offset = sizeof(SNodeCB_t);
     for (const ExportSlot_t& slot : node->exportTable) {
-      EXPECT_EQ(offset, slot.offset);
-      EXPECT_LE(slot.used, slot.size);
+      EXPECT_EQ(offset, +slot.offset);
+      EXPECT_LE(+slot.used, +slot.size);
       offset += slot.size;
     }
-    EXPECT_EQ(offset, node->nodeSize);
+    EXPECT_EQ(offset, +node->nodeSize);
   }
 
   void visit(SNodeCB_t* node) {
@@ -85,22 +85,23 @@ class TreeWalker {
     const ExportSlot_t& slot = node->exportTable[10];
     if (!(node->exports & TREL_EXPORT_DEPENDENT) || slot.used < 8) return;
     const uintptr_t section = reinterpret_cast<uintptr_t>(node) + slot.offset;
-    const uint64_t maxIdSize = *at<TrelU64>(section, 0), stride = maxIdSize + sizeof(SNodeInfo_t);
+    const uint64_t maxIdSize = at<IdSection_t>(section, 0)->maxIdSize,
+                   stride = maxIdSize + sizeof(SNodeInfo_t);
     ASSERT_EQ(0u, maxIdSize % 8);
     std::set<std::pair<uint64_t, std::string>> names;
     for (uint64_t place = 8; maxIdSize && place + stride <= slot.size; place += stride) {
       const auto& entry = *at<SNodeInfo_t>(section, place);
       if (entry.nodeTag == 0) continue;
-      ASSERT_LE(entry.idSize, maxIdSize);
+      ASSERT_LE(+entry.idSize, maxIdSize);
       const std::string id(reinterpret_cast<const char*>(&entry + 1), entry.idSize);
-      EXPECT_TRUE(names.emplace(entry.nodeTag, id).second) << "a name stands twice";
+      EXPECT_TRUE(names.emplace(+entry.nodeTag, id).second) << "a name stands twice";
       SNodeCB_t* child = behind(entry);
-      EXPECT_EQ(entry.nodeTag, child->tag);
+      EXPECT_EQ(+entry.nodeTag, +child->tag);
       EXPECT_EQ(id, idOf(child));
       checkParent(child, node);
       visit(child);
     }
-    EXPECT_EQ(slot.used, 8 + names.size() * stride);
+    EXPECT_EQ(+slot.used, 8 + names.size() * stride);
   }
 
   void checkParent(SNodeCB_t* child, SNodeCB_t* parent) {
@@ -108,7 +109,7 @@ class TreeWalker {
     if (!(child->exports & TREL_EXPORT_PARENT) || slot.used < sizeof(ParentSection_t)) return;
     const auto* section = at<ParentSection_t>(reinterpret_cast<uintptr_t>(child), slot.offset);
     EXPECT_EQ(parent, behind(section->parent));
-    EXPECT_EQ(parent->tag, section->parent.nodeTag);
+    EXPECT_EQ(+parent->tag, +section->parent.nodeTag);
     const auto* id = reinterpret_cast<const char*>(section + 1);
     EXPECT_EQ(idOf(parent), std::string(id, section->parent.idSize));
   }

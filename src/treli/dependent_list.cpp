@@ -41,7 +41,7 @@ void clearDependents(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize) {
   const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
   for (uint64_t place = kDependentHeader; place + stride <= slot->size; place += stride)
     inSection<SNodeInfo_t>(node, slot, place)->nodeTag = 0;
-  *inSection<TrelU64>(node, slot) = maxIdSize;
+  inSection<DependentHeader>(node, slot)->maxIdSize = maxIdSize;
   countEntries(slot, kDependentHeader);
 }
 

@@ -16,7 +16,10 @@
 
 namespace trel {
 
-constexpr uint64_t kDependentHeader = 8;
+struct DependentHeader {
+  TrelU64 maxIdSize;
+};
+constexpr uint64_t kDependentHeader = sizeof(DependentHeader);
 
 // A name that is sought. An idSize of 0 asks for the tag alone, unless the name is to be exact.
 struct SoughtName {
@@ -45,7 +48,7 @@ TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, DependentList* list) {
   *list = {node, slot, start, start + slot->size, 0, 0};
   const uint64_t used = slot->used;
   if (!(node->exports & TREL_EXPORT_DEPENDENT) || used < kDependentHeader) return 0;
-  const uint64_t maxIdSize = *inSection<TrelU64>(node, slot);
+  const uint64_t maxIdSize = inSection<DependentHeader>(node, slot)->maxIdSize;
   if (maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_DEPENDENT_ID_MAX;
   list->maxIdSize = static_cast<uint32_t>(maxIdSize);
   if (maxIdSize) list->live = static_cast<uint32_t>(used - kDependentHeader) / list->stride();
