@@ -658,6 +658,10 @@ TEST(Properties, HashAsAgreed) {
     EXPECT_EQ(0u, trelGetHTIndexForTag(tag, 100003, &index));
     EXPECT_EQ(hash % 100003, index);
   }
+  for (uint64_t tag = 1; tag; tag = tag > ~0ull / 3 ? 0 : 3 * tag + tag % 2) {
+    EXPECT_EQ(0u, trelGetHTIndexForTag(tag, ~0ull, &index));
+    EXPECT_EQ(walker::hashOf(walker::digitsOf(tag), 0) % ~0ull, index);
+  }
   EXPECT_EQ(TREL_RC_TABLE_SIZE, trelGetHTIndexForTag(1, 0, &index));
   EXPECT_EQ(0u, trelGetHTIndex(1234, nullptr, 0, 7, 13, 5, &index, &second, &third));
   EXPECT_EQ(1234u % 7, index);

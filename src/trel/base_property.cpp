@@ -44,7 +44,8 @@ uint32_t getBaseLocation(SNodeCB_t* node, typename K::Record** record) {
   if (!record) return Codes<K>::recordNull;
   List<K> list;
   list.node = node;
-  return locateBase(&list, record);
+  const uint32_t rc = openSection(&list);
+  return rc ? rc : baseRecord(list, record);
 }
 
 // valueSize: null in Base R.
@@ -59,7 +60,7 @@ uint32_t returnBase(SNodeCB_t* node, uint64_t* tag, uint64_t* valueSize,
   if (const uint32_t rc = openSection(&list)) return rc;
   return reading(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
     typename K::Record* record = nullptr;
-    if (const uint32_t rc = locateBase(&list, &record)) return rc;
+    if (const uint32_t rc = baseRecord(list, &record)) return rc;
     if (!list.holds(list.offset + Form<K>::flatHeader, sizeof *record)) return Codes<K>::bounds;
     if constexpr (K::hasBytes) {
       if (!list.holds(record->valueOffset, 0)) return K::valueOffsetBounds;

@@ -84,7 +84,7 @@ uint32_t findInHashTable(SNodeCB_t* node, const Key& key, typename K::Record** r
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (!record) return Codes<K>::recordNull;
   if (const uint32_t rc = openList(&list)) return rc;
-  return list.hashed() ? findHashed(list, key, Codes<K>::absent, record)
+  return list.hashed() ? findHashed(list, bucketOf(list, 0, key), key, Codes<K>::absent, record)
                        : uint32_t{TREL_RC_TABLE_SIZE};
 }
 

@@ -64,7 +64,8 @@ uint32_t countTag(const List<K>& list, uint64_t tag, uint64_t* number) {
     }
   } else if (list.hashed()) {
     typename K::Record* record = nullptr;
-    const uint32_t rc = findHashed(list, Key{tag}, Codes<K>::absent, &record);
+    const uint32_t rc =
+        findHashed(list, bucketOf(list, 0, Key{tag}), Key{tag}, Codes<K>::absent, &record);
     *number = rc == 0;
     return rc;
   }
@@ -216,7 +217,8 @@ uint32_t listHashed(const List<K>& list, Listing* listing) {
     }
   } else if (listing->tag) {  // there is one at most, and the rest of the arrays stays as it is
     typename K::Record* record = nullptr;
-    if (const uint32_t rc = findHashed(list, Key{listing->tag}, Codes<K>::absent, &record))
+    if (const uint32_t rc = findHashed(list, bucketOf(list, 0, Key{listing->tag}),
+                                       Key{listing->tag}, Codes<K>::absent, &record))
       return rc;
     if (const uint32_t rc = examine(list, record)) return rc;
     return append(list, record, listing);

@@ -32,14 +32,50 @@ TREL_INLINE void forEachDigit(Number number, Visit&& visit) {
   } while (number);
 }
 
+// What three digits do to the parts of a hash: product * factor + offset, ^ exclusive, + sum.
+struct DigitStep {
+  uint32_t factor, offset;
+  uint16_t exclusive, sum;
+};
+
+// Steps of three digits, so that the hash of a tag takes at most three. The last group has no zeros
+// in front, and so steps of its own below 100.
+struct DigitSteps {
+  DigitStep inner[1000] = {}, last[100] = {};
+
+  constexpr DigitSteps() {
+    for (uint32_t group = 0; group < 1000; ++group) inner[group] = stepOf(group, 3);
+    for (uint32_t group = 0; group < 100; ++group) last[group] = stepOf(group, group < 10 ? 1 : 2);
+  }
+
+  static constexpr DigitStep stepOf(uint32_t group, uint32_t digits) {
+    DigitStep step = {1, 0, 0, 0};
+    for (; digits; --digits, group /= 10) {
+      const uint32_t digit = '0' + group % 10;
+      step.factor *= digit + 1;
+      step.offset = (step.offset + 1) * (digit + 1);
+      step.exclusive ^= digit;
+      step.sum += digit;
+    }
+    return step;
+  }
+};
+inline constexpr DigitSteps kDigitSteps;
+
+// The hash of a tag's key.
 TREL_INLINE uint64_t hashOfTag(uint64_t tag) {
-  Hash hash(0);
-  const auto add = [&](uint8_t digit) { hash.add(digit); };
-  if (TREL_LIKELY(tag <= UINT32_MAX))
-    forEachDigit(static_cast<uint32_t>(tag), add);
-  else
-    forEachDigit(tag, add);
-  return hash.value();
+  uint64_t product = 0;
+  uint32_t exclusive = 0, sum = 0;
+  const auto take = [&](const DigitStep& step) {
+    product = product * step.factor + step.offset;
+    exclusive ^= step.exclusive;
+    sum += step.sum;
+  };
+  for (; TREL_UNLIKELY(tag > UINT32_MAX); tag /= 1000) take(kDigitSteps.inner[tag % 1000]);
+  uint32_t rest = static_cast<uint32_t>(tag);
+  for (; rest >= 1000; rest /= 1000) take(kDigitSteps.inner[rest % 1000]);
+  take(rest < 100 ? kDigitSteps.last[rest] : kDigitSteps.inner[rest]);
+  return exclusive ^ sum ^ product;
 }
 
 TREL_INLINE uint64_t hashOfId(const uint8_t* id, uint64_t idSize, uint64_t start) {

@@ -70,9 +70,9 @@ TREL_INLINE uint32_t seek(ChainWalk<K>* walk, const Key& key, bool pastLarger, b
 }
 
 template <class K>
-TREL_INLINE uint32_t findHashed(const List<K>& list, const Key& key, uint32_t absent,
-                                typename K::Record** record) {
-  ChainWalk<K> walk(list, bucketOf(list, 0, key));
+TREL_INLINE uint32_t findHashed(const List<K>& list, uint64_t bucket, const Key& key,
+                                uint32_t absent, typename K::Record** record) {
+  ChainWalk<K> walk(list, bucket);
   bool found = false;
   const uint32_t rc = seek(&walk, key, false, &found);
   if (walk.record) *record = walk.record;

@@ -9,37 +9,57 @@ namespace trel {
 // The record of a Base property: the section's only one. Nothing tells whether it exists but
 // `used`.
 template <class K>
-uint32_t locateBase(List<K>* list, typename K::Record** record) {
-  if (const uint32_t rc = openSection(list)) return rc;
-  const uint64_t start = list->offset + Form<K>::flatHeader;
-  *record = list->recordAt(start);
-  return list->holds(start, 0) ? 0 : Codes<K>::bounds;
+uint32_t baseRecord(const List<K>& list, typename K::Record** record) {
+  const uint64_t start = list.offset + Form<K>::flatHeader;
+  *record = list.recordAt(start);
+  return list.holds(start, 0) ? 0 : Codes<K>::bounds;
 }
 
-// The whole record of a key, of which checkInput approved. The caller is inside the section.
+// Where a key leads. What needs no section is done in front of it, while the latch is on its way:
+// the header of a list is written once, when it is made.
 template <class K>
-TREL_INLINE uint32_t locate(List<K>* list, const Key& key, typename K::Record** record) {
-  if constexpr (K::base) {
-    if (const uint32_t rc = locateBase(list, record)) return rc;
-    if (list->slot->used == 0) return Codes<K>::keyAbsent;
-    if (!list->holds(list->offset + Form<K>::flatHeader, list->recordBytes()))
-      return Codes<K>::bounds;
-    return (*record)->tag == key.tag ? 0 : Codes<K>::keyAbsent;
-  } else {
-    if (const uint32_t rc = openList(list)) return rc;
-    return TREL_LIKELY(list->hashed()) ? findHashed(*list, key, Codes<K>::keyAbsent, record)
-                                       : findFlat(*list, key, record);
+class Road {
+ public:
+  TREL_INLINE Road(List<K>* list, const Key& key) : list_(list), key_(key) {
+    if constexpr (K::base) {
+      opened_ = openSection(list);
+    } else {
+      opened_ = openList(list);
+      if (TREL_LIKELY(opened_ == 0 && list->hashed())) bucket_ = bucketOf(*list, 0, key);
+    }
   }
-}
 
-// work(list, record) inside a section, on the property of a key.
+  // The whole record. The caller is inside the section.
+  TREL_INLINE uint32_t follow(typename K::Record** record) const {
+    if (TREL_UNLIKELY(opened_)) return opened_;
+    if constexpr (K::base) {
+      if (const uint32_t rc = baseRecord(*list_, record)) return rc;
+      if (list_->slot->used == 0) return Codes<K>::keyAbsent;
+      if (!list_->holds(list_->offset + Form<K>::flatHeader, list_->recordBytes()))
+        return Codes<K>::bounds;
+      return (*record)->tag == key_.tag ? 0 : Codes<K>::keyAbsent;
+    } else {
+      return TREL_LIKELY(bucket_) ? findHashed(*list_, bucket_, key_, Codes<K>::keyAbsent, record)
+                                  : findFlat(*list_, key_, record);
+    }
+  }
+
+ private:
+  const List<K>* list_;
+  const Key& key_;
+  uint64_t bucket_ = 0;
+  uint32_t opened_;
+};
+
+// work(record) inside a section, on the property of a key, of which checkInput approved.
 template <class K, Access access, class Work>
 TREL_INLINE uint32_t withKey(List<K>* list, const Key& key, uint64_t inCriticalSection,
                              Work&& work) {
+  const Road<K> road(list, key);
   return within<access>(list->node, inCriticalSection, [&]() -> uint32_t {
     if (const uint32_t rc = checkCondition(list->node, accept::usable)) return rc;
     typename K::Record* record = nullptr;
-    const uint32_t rc = locate(list, key, &record);
+    const uint32_t rc = road.follow(&record);
     return rc ? rc : work(record);
   });
 }
@@ -48,9 +68,10 @@ inline uint32_t loadRegister(PLATVAtomicSigned32* cell, int32_t* value) {
   return PLATVAtomicSigned32::add(cell, 0, value) ? uint32_t{TREL_RC_ATOMIC} : 0;
 }
 
+// A swap whose old value nobody wants, and so without a locked instruction.
 inline uint32_t storeRegister(PLATVAtomicSigned32* cell, int32_t value) {
-  int32_t old = 0;
-  return PLATVAtomicSigned32::swap(cell, value, &old) ? uint32_t{TREL_RC_ATOMIC} : 0;
+  __atomic_store_n(PLATVAtomicSigned32::word(cell), value, __ATOMIC_RELEASE);
+  return 0;
 }
 
 template <class K>
