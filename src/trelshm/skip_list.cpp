@@ -283,7 +283,7 @@ uint32_t deleteFree(const Heap& heap, uint64_t node) {
 }
 
 void relinkFree(const Heap& heap, uint64_t node) {
-  FreePlace p, before, after;
+  FreePlace p, before = {}, after = {};
   if (!reach(heap, node, 0, &p)) return;  // nodes of a damaged heap can lie over each other
   for (uint64_t i = p.levels; i-- > 0;)
     for (const Order order : kOrders)
