@@ -20,32 +20,50 @@ struct WalkLevel {
 };
 using WalkLevels = Levels<WalkLevel>;
 
-// Puts a node on the path, with its children to be walked if they lie within the limit.
-uint32_t begin(WalkLevels* levels, WalkLevel level, uint64_t limit) {
-  if (!level.node) return TREL_RC_NODE_NULL;
-  if ((level.node->exports & TREL_EXPORT_DEPENDENT) && (limit == 0 || level.depth < limit)) {
-    DependentList list;
-    if (const uint32_t rc = locateDependents(level.node, &list)) return rc;
-    level.walk = DependentWalk(list);
-  }
-  return levels->push(level);
+// Finds the children of a node, if they lie within the limit.
+uint32_t open(WalkLevel* level, uint64_t limit) {
+  if (!level->node) return TREL_RC_NODE_NULL;
+  if (!(level->node->exports & TREL_EXPORT_DEPENDENT) || (limit && level->depth >= limit)) return 0;
+  DependentList list;
+  if (const uint32_t rc = locateDependents(level->node, &list)) return rc;
+  level->walk = DependentWalk(list);
+  return 0;
 }
 
-// child(level, entry) for each entry below the first level, and leave(level) for each node when its
-// children are done. child may begin() a further level.
+// Walks the tree below `top`: child(level, entry, &below) for each entry, which fills `below` where
+// the walk is to go on there, and leave(&level) for each node when its children are done.
 template <class Child, class Leave>
-uint32_t walk(WalkLevels* levels, Child&& child, Leave&& leave) {
-  while (!levels->empty()) {
+uint32_t walkTree(WalkLevels* levels, WalkLevel* top, uint64_t limit, Child&& child,
+                  Leave&& leave) {
+  const auto enter = [&](WalkLevel* level) -> uint32_t {
+    if (const uint32_t rc = open(level, limit)) return rc;
+    return level->walk.isDone() ? leave(level) : levels->push(*level);
+  };
+  uint32_t rc = enter(top);
+  while (rc == 0 && !levels->empty()) {
+    WalkLevel& level = levels->top();
     SNodeInfo_t* entry = nullptr;
-    if (const uint32_t rc = levels->top().walk.next(&entry)) return rc;
+    rc = level.walk.next(&entry);
+    if (rc) return rc;
     if (entry) {
-      if (const uint32_t rc = child(levels->top(), entry)) return rc;
+      WalkLevel below = {};
+      rc = child(level, entry, &below);
+      if (rc == 0 && below.node) rc = enter(&below);
       continue;
     }
-    if (const uint32_t rc = leave(levels->top())) return rc;
+    rc = leave(&level);
+    if (levels->count() == 1) *top = level;  // without its node, if that was given back
     levels->pop();
   }
-  return 0;
+  return rc;
+}
+
+// trelGetNodeCondition.
+uint32_t readCondition(const SNodeCB_t* node, uint32_t* condition) {
+  *condition = node->condition;
+  const bool isOne =
+      *condition >= TREL_CONDITION_CREATED && *condition <= TREL_CONDITION_DISASSOCIATED;
+  return isOne ? 0 : uint32_t{TREL_RC_CONDITION};
 }
 
 // Reaches the node behind an entry, whatever its condition; *refusal gets the code of a condition
@@ -55,7 +73,9 @@ uint32_t reachWalked(const WalkLevel& level, const SNodeInfo_t* entry, Reached* 
   uint32_t otherSegment = 0;
   *refusal = reachNode(entry, child, level.walkSegment, &otherSegment, level.options);
   *inside = otherSegment == 0;
-  return isRefusedCondition(*refusal) ? 0 : *refusal;
+  if (*refusal && !isRefusedCondition(*refusal)) return *refusal;
+  if (*inside) level.walk.fetchNext(entry, child->node);
+  return 0;
 }
 
 class StatusWalk {
@@ -64,16 +84,15 @@ class StatusWalk {
 
   uint32_t run(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment, uint64_t depth,
                uint32_t options) {
-    if (const uint32_t rc =
-            begin(&levels_, {*node, segment, walkSegment, {}, depth, options}, limit_))
-      return rc;
-    return walk(
-        &levels_, [&](const WalkLevel& level, SNodeInfo_t* entry) { return treat(level, entry); },
-        [&](WalkLevel& level) {
-          const uint32_t rc = apply(&level);
-          if (levels_.count() == 1) *node = level.node;
-          return rc;
-        });
+    WalkLevel top = {*node, segment, walkSegment, {}, depth, options};
+    const uint32_t rc = walkTree(
+        &levels_, &top, limit_,
+        [&](const WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) {
+          return treat(level, entry, below);
+        },
+        [&](WalkLevel* level) { return apply(level); });
+    *node = top.node;
+    return rc;
   }
 
  private:
@@ -81,36 +100,36 @@ class StatusWalk {
     return options & (TREL_WALK_ALL | 1u << condition);
   }
 
-  uint32_t treat(const WalkLevel& level, SNodeInfo_t* entry) {
+  uint32_t treat(const WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) {
     Reached child;
     bool inside = false;
     uint32_t refusal = 0;
     if (const uint32_t rc = reachWalked(level, entry, &child, &inside, &refusal)) return rc;
     if (!inside) return 0;
     if (operation_ == TREL_STATUS_DISCLAIM) {
-      if (refusal == TREL_RC_ABANDONED) return remove(level, entry, child, TREL_WALK_ALL);
+      if (refusal == TREL_RC_ABANDONED) return remove(level, entry, child, TREL_WALK_ALL, below);
       uint32_t condition = 0;
-      if (const uint32_t rc = trelGetNodeCondition(child.node, &condition)) return rc;
-      if (selects(level.options, condition)) return remove(level, entry, child, 0);
+      if (const uint32_t rc = readCondition(child.node, &condition)) return rc;
+      if (selects(level.options, condition)) return remove(level, entry, child, 0, below);
       if (isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
     } else if (refusal == TREL_RC_ABANDONED) {
       leaveReached(&child);
       return 0;
     }
-    return begin(&levels_,
-                 {child.node, child.segInfo, level.walkSegment, {}, level.depth + 1, level.options},
-                 limit_);
+    *below = {child.node, child.segInfo, level.walkSegment, {}, level.depth + 1, level.options};
+    return 0;
   }
 
   // Takes the child off the list, then begins with it as the top of a tree of its own.
-  uint32_t remove(const WalkLevel& level, SNodeInfo_t* entry, const Reached& child,
-                  uint32_t added) {
+  uint32_t remove(const WalkLevel& level, SNodeInfo_t* entry, const Reached& child, uint32_t added,
+                  WalkLevel* below) {
     if (limit_ > kMaxDepth || isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
     const uint32_t options = (level.options | added) & ~TREL_WALK_REMOVE_TOP;
     if (const uint32_t rc = reading(level.node, 0, accept::any, [] { return 0u; })) return rc;
     if (const uint32_t rc = unlinkChild(level.node, entry, child.node)) return rc;
     if (const uint32_t rc = reading(child.node, 0, accept::any, [] { return 0u; })) return rc;
-    return begin(&levels_, {child.node, child.segInfo, child.segInfo, {}, 1, options}, limit_);
+    *below = {child.node, child.segInfo, child.segInfo, {}, 1, options};
+    return 0;
   }
 
   // In a cycle a node would be given back while its own children are walked.
@@ -122,7 +141,7 @@ class StatusWalk {
 
   uint32_t apply(WalkLevel* level) const {
     uint32_t condition = 0;
-    if (const uint32_t rc = trelGetNodeCondition(level->node, &condition)) return rc;
+    if (const uint32_t rc = readCondition(level->node, &condition)) return rc;
     if (operation_ < TREL_STATUS_ACTIVATE || operation_ > TREL_STATUS_UPDATE)
       return TREL_RC_STATUS_OPERATION;
     if (operation_ == TREL_STATUS_UPDATE) {
@@ -192,7 +211,7 @@ uint32_t ParentEntry::remove() const {
 // Adds one node to the sums.
 uint32_t count(SNodeCB_t* node, uint64_t tag, TreeInfo_t* info) {
   uint32_t condition = 0;
-  if (const uint32_t rc = trelGetNodeCondition(node, &condition)) return rc;
+  if (const uint32_t rc = readCondition(node, &condition)) return rc;
   struct Sums {
     uint64_t TreeInfo_t::*bytes;
     uint32_t TreeInfo_t::*nodes;
@@ -217,20 +236,18 @@ uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSeg
                    uint32_t options, uint64_t tag, uint64_t depth, uint64_t limit,
                    TreeInfo_t* info) {
   WalkLevels levels;
-  if (const uint32_t rc = begin(&levels, {node, segment, walkSegment, {}, depth, options}, limit))
-    return rc;
-  return walk(
-      &levels,
-      [&](const WalkLevel& level, SNodeInfo_t* entry) -> uint32_t {
+  WalkLevel top = {node, segment, walkSegment, {}, depth, options};
+  return walkTree(
+      &levels, &top, limit,
+      [&](const WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) -> uint32_t {
         Reached child;
         bool inside = false;
         uint32_t refusal = 0;
         if (const uint32_t rc = reachWalked(level, entry, &child, &inside, &refusal)) return rc;
-        if (!inside) return 0;
-        return begin(&levels,
-                     {child.node, child.segInfo, walkSegment, {}, level.depth + 1, options}, limit);
+        if (inside) *below = {child.node, child.segInfo, walkSegment, {}, level.depth + 1, options};
+        return 0;
       },
-      [&](const WalkLevel& level) { return count(level.node, tag, info); });
+      [&](const WalkLevel* level) { return count(level->node, tag, info); });
 }
 
 }  // namespace
