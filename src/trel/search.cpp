@@ -72,7 +72,7 @@ class Search {
       SNodeCB_t* child = nullptr;
       if (rc == 0) rc = reachSearched(entry, &child);
       if (rc == TREL_RC_ENTRY_DIFFERS) continue;
-      if (rc == 0) level.walk.fetchNext(entry, child);
+      if (rc == 0) level.walk.fetchAhead(entry, child);
       if (rc == 0) rc = use(entry, level.walk.maxIdSize(), &done);
       if (done) *disturbed = mayHaveChanged(level.node, level.stamp);
       if (rc == 0 && !done) rc = enter(child);

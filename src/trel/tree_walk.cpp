@@ -74,7 +74,7 @@ uint32_t reachWalked(const WalkLevel& level, const SNodeInfo_t* entry, Reached* 
   *refusal = reachNode(entry, child, level.walkSegment, &otherSegment, level.options);
   *inside = otherSegment == 0;
   if (*refusal && !isRefusedCondition(*refusal)) return *refusal;
-  if (*inside) level.walk.fetchNext(entry, child->node);
+  if (*inside) level.walk.fetchAhead(entry, child->node);
   return 0;
 }
 

@@ -87,16 +87,17 @@ class DependentWalk {
   SNodeInfo_t* place() const { return at<SNodeInfo_t>(nullptr, place_); }
   bool fits() const { return end_ - place_ >= stride_; }
 
-  // Fetches what will be read of the node behind the next place, while the one behind `entry` is
-  // walked: most siblings lie in one segment. A wrong guess does no harm.
-  TREL_INLINE void fetchNext(const SNodeInfo_t* entry, const SNodeCB_t* node) const {
-    if (left_ == 0 || !fits()) return;
-    const auto* next = at<SNodeCB_t>(node, place()->nodeOffset - entry->nodeOffset);
-    __builtin_prefetch(next);
-    __builtin_prefetch(&next->reconfigCounter);
-    __builtin_prefetch(&next->nodeLatchArea.primaryLatch);
-    __builtin_prefetch(&next->concurrencyModel);
-    __builtin_prefetch(&next->exportTable[bitNumber(TREL_EXPORT_DEPENDENT) - 1]);
+  // Fetches what will be read of the node two places on, while the one behind `entry` is walked:
+  // most siblings lie in one segment. A wrong guess does no harm.
+  TREL_INLINE void fetchAhead(const SNodeInfo_t* entry, const SNodeCB_t* node) const {
+    if (end_ - place_ < 2 * uint64_t{stride_}) return;
+    const uint64_t offset = at<SNodeInfo_t>(nullptr, place_ + stride_)->nodeOffset;
+    const auto* later = at<SNodeCB_t>(node, offset - entry->nodeOffset);
+    __builtin_prefetch(later);
+    __builtin_prefetch(&later->reconfigCounter);
+    __builtin_prefetch(&later->nodeLatchArea.primaryLatch);
+    __builtin_prefetch(&later->concurrencyModel);
+    __builtin_prefetch(&later->exportTable[bitNumber(TREL_EXPORT_DEPENDENT) - 1]);
   }
 
   bool isDone() const { return left_ == 0; }
