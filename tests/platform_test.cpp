@@ -86,6 +86,9 @@ TEST_F(Segment, TakesAHintOnlyIfItIsFree) {
     EXPECT_EQ(reader_.detach(), 0u);
   }
   shmdt(free);
+  shmctl(shmget(static_cast<key_t>(kId.key), 0, 0), IPC_RMID, nullptr);
+  shmid_ds info;
+  EXPECT_EQ(creator_.getInfo(&info), PLAT_RC_NO_SEGMENT);
   EXPECT_EQ(creator_.detach(), 0u) << "no longer mapped";
 }
 

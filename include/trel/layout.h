@@ -194,6 +194,7 @@ TREL_OFFSET(SegIdentity_t, heapVersion, 4);
 TREL_OFFSET(SegIdentity_t, latchVersion, 8);
 TREL_OFFSET(SegIdentity_t, accessMode, 12);
 TREL_OFFSET(SegIdentity_t, segmentKey, 16);
+TREL_OFFSET(SegIdentity_t, segmentKey.key, 20);
 TREL_OFFSET(SegIdentity_t, connected, 24);
 TREL_OFFSET(SegIdentity_t, reserved, 28);
 
@@ -224,6 +225,7 @@ typedef struct HdmModuleRecord_t {
 } HdmModuleRecord_t;
 
 TREL_SIZE(HdmModuleRecord_t, 1056);
+TREL_OFFSET(HdmModuleRecord_t, rest, 1024);
 
 /* Nodes of the shared lists: blocks of a pool. */
 typedef struct SegListNode_t {
@@ -449,6 +451,7 @@ TREL_OFFSET(HeapHeader_t, userAreaSize, 240);
 TREL_SIZE(DebugRecord_t, 40);
 TREL_OFFSET(DebugRecord_t, debugMode, 4);
 TREL_OFFSET(DebugRecord_t, debugModeLocked, 8);
+TREL_OFFSET(DebugRecord_t, reserved, 12);
 TREL_OFFSET(DebugRecord_t, frontPadWords, 32);
 TREL_OFFSET(DebugRecord_t, backPadWords, 36);
 TREL_SIZE(HeapHeaderTail_t, 240);
@@ -503,7 +506,9 @@ TREL_OFFSET(AllocNode_t, callerFunction, 40);
 TREL_OFFSET(AllocNode_t, callerLine, 44);
 TREL_SIZE(FreeNode_t, 48);
 TREL_OFFSET(FreeNode_t, blockSize, 8);
+TREL_OFFSET(FreeNode_t, reserved, 16);
 TREL_OFFSET(FreeNode_t, level, 32);
+TREL_OFFSET(FreeNode_t, reserved2, 40);
 TREL_SIZE(SkipListHeader_t, 112);
 TREL_OFFSET(SkipListHeader_t, slSpaceSize, 8);
 TREL_OFFSET(SkipListHeader_t, slUsedBytes, 16);

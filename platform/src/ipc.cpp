@@ -48,9 +48,12 @@ void* map(int id, const void* hint) {
   return address == failed ? nullptr : address;
 }
 
-uint32_t mapCode(int error) {
-  const uint32_t code = codeOf(error);
-  return code == PLAT_RC_SEGMENT_SIZE ? PLAT_RC_SEGMENT_MAP : code;
+uint32_t mapCode(int error) { return error == EINVAL ? PLAT_RC_SEGMENT_MAP : codeOf(error); }
+
+// Control of a segment by its id, which is no longer valid once the segment is gone.
+uint32_t control(int id, int command, shmid_ds* info) {
+  if (shmctl(id, command, info) == 0) return 0;
+  return errno == EINVAL ? PLAT_RC_NO_SEGMENT : codeOf(errno);
 }
 
 }  // namespace
@@ -71,10 +74,10 @@ uint32_t PLATHIPCMemory::adopt(int id, const void* hint, size_t size) {
   uint32_t code = state->address ? 0 : mapCode(errno);
   shmid_ds info;
   if (code == 0 && size == 0) {
-    if (shmctl(id, IPC_STAT, &info) == 0) {
+    code = control(id, IPC_STAT, &info);
+    if (code == 0) {
       state->size = info.shm_segsz;
     } else {
-      code = codeOf(errno);
       shmdt(state->address);
     }
   }
@@ -128,16 +131,14 @@ uint32_t PLATHIPCMemory::detach() {
 
 uint32_t PLATHIPCMemory::destroy() {
   if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
-  if (shmctl(state_->id, IPC_RMID, nullptr) != 0 && errno != EINVAL && errno != EIDRM) {
-    return codeOf(errno);
-  }
-  return detach();
+  const uint32_t code = control(state_->id, IPC_RMID, nullptr);
+  return code == 0 || code == PLAT_RC_NO_SEGMENT ? detach() : code;
 }
 
 uint32_t PLATHIPCMemory::getInfo(shmid_ds* info) const {
   if (!info) return PLAT_RC_ARGUMENT;
   if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
-  return shmctl(state_->id, IPC_STAT, info) == 0 ? 0 : codeOf(errno);
+  return control(state_->id, IPC_STAT, info);
 }
 
 uint32_t PLATHIPCMemory::authorize(const PLATIPCSecurityParam* param) {
@@ -149,5 +150,5 @@ uint32_t PLATHIPCMemory::authorize(const PLATIPCSecurityParam* param) {
   info.shm_perm.gid = param->groupId;
   info.shm_perm.mode = static_cast<decltype(info.shm_perm.mode)>(
       (info.shm_perm.mode & ~kAccessBits) | (param->accessBits & kAccessBits));
-  return shmctl(state_->id, IPC_SET, &info) == 0 ? 0 : codeOf(errno);
+  return control(state_->id, IPC_SET, &info);
 }

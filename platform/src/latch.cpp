@@ -22,7 +22,7 @@ constexpr long kLongestWaitMs = 50;
 uint64_t load(const uint64_t* word) { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
 
 bool replace(PLATLatch* latch, uint64_t seen, uint64_t next) {
-  return __atomic_compare_exchange_n(&latch->word, &seen, next, false, __ATOMIC_ACQUIRE,
+  return __atomic_compare_exchange_n(&latch->word, &seen, next, false, __ATOMIC_ACQ_REL,
                                      __ATOMIC_RELAXED);
 }
 

@@ -2,12 +2,12 @@
 #ifndef PLATSVC_IPC_H
 #define PLATSVC_IPC_H
 
-#ifdef __cplusplus
-
 #include <stddef.h>
 
 #include "platsvc/base.h"
 #include "platsvc/codes.h"
+
+#ifdef __cplusplus
 
 struct shmid_ds;
 

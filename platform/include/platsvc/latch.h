@@ -2,6 +2,8 @@
 #ifndef PLATSVC_LATCH_H
 #define PLATSVC_LATCH_H
 
+#include <stddef.h>
+
 #include "platsvc/base.h"
 
 PLAT_BEGIN_C
@@ -49,6 +51,10 @@ struct PLATLatch {
   uint32_t space;   /* the namespaces of the process that made the latch */
   uint32_t foreign; /* 1 once a process of other namespaces has come: no takeover any more */
 };
+
+static_assert(sizeof(PLATLatch) == 16 && offsetof(PLATLatch, space) == 8 &&
+                  offsetof(PLATLatch, foreign) == 12 && 7 + sizeof(PLATLatch) <= PLAT_LATCH_BYTES,
+              "latches are shared between processes");
 
 /* The calling thread as latches know it: `owner` is what it writes into a latch word. Until the
  * thread's first latch operation, and in a forked child, both hold values that no latch holds, so
