@@ -109,8 +109,8 @@ typedef struct ShmPoolInfo_t {
   uint64_t word2;
 } ShmPoolInfo_t;
 
-TREL_SIZE(ShmDomainInfo_t, 22 * 8);
-TREL_SIZE(ShmPoolInfo_t, 23 * 8);
+TREL_SIZE(ShmDomainInfo_t, 22 * sizeof(uint64_t));
+TREL_SIZE(ShmPoolInfo_t, 23 * sizeof(uint64_t));
 
 /* A process's attachment to a status segment: what attach gives and detach takes. */
 typedef struct ShmSegInfo_t {

@@ -11,7 +11,8 @@ constexpr char kModuleName[] = "trel";  // names the library in the records of a
 template <class T>
 uint32_t obtain(T** record, uint64_t count = 1, uint32_t line = __builtin_LINE()) {
   void* block = nullptr;
-  const uint64_t size = count * sizeof(T);
+  const uint64_t size =
+      count * sizeof(T);  // NOLINT(bugprone-sizeof-expression): T may be a pointer
   const uint32_t rc = size > UINT32_MAX ? 1
                                         : _platMemAlloc(&block, 0, static_cast<uint32_t>(size), 1,
                                                         kModuleName, line);

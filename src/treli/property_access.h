@@ -59,8 +59,9 @@ TREL_INLINE uint32_t withKey(List<K>* list, const Key& key, uint64_t inCriticalS
   return within<access>(list->node, inCriticalSection, [&]() -> uint32_t {
     if (const uint32_t rc = checkCondition(list->node, accept::usable)) return rc;
     typename K::Record* record = nullptr;
-    const uint32_t rc = road.follow(&record);
-    return rc ? rc : work(record);
+    if (const uint32_t rc = road.follow(&record)) return rc;
+    if (!record) __builtin_unreachable();  // success comes with a record
+    return work(record);
   });
 }
 

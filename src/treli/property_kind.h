@@ -119,8 +119,8 @@ template <class K>
 struct Form {
   static constexpr uint32_t limits = uint32_t{K::hasId} + uint32_t{K::hasBytes};
   static constexpr uint32_t tables = K::base ? 0 : K::hasId ? 3 : 1;
-  static constexpr uint64_t flatHeader = 8 * (limits + (K::base ? 0 : 1));
-  static constexpr uint64_t hashHeader = 8 * (limits + tables);
+  static constexpr uint64_t flatHeader = uint64_t{8} * (limits + (K::base ? 0 : 1));
+  static constexpr uint64_t hashHeader = uint64_t{8} * (limits + tables);
 };
 
 }  // namespace trel

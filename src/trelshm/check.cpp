@@ -40,7 +40,7 @@ uint64_t extraSizeOf(const Heap& heap, uint64_t dataOffset) {
 uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Caller& caller) {
   const uint32_t rcRange = heap.kind().rcCheckRange;
   // The longest front pad lies in the heap, since its header alone is longer.
-  if (D < heap.offset() + 8 * kMaxPadWords + 64 || D > heap.end()) return rcRange;
+  if (D < heap.offset() + uint64_t{8} * kMaxPadWords + 64 || D > heap.end()) return rcRange;
   const Findings findings = {caller};
   const PadTail_t* front = frontTail(heap, D);
   const uint32_t M = front->mode;

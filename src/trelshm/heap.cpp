@@ -39,7 +39,8 @@ uint64_t nodeCountOf(uint64_t size, const SizeRow* row) {
   while (size >= row->below && row->below != kAny) ++row;
   const uint64_t divided = size / row->divisor / row->second;
   const uint64_t a = divided > row->floor ? divided : row->floor;
-  const uint64_t b = static_cast<uint64_t>(static_cast<double>(size / kNodeCost) * row->factor);
+  const uint64_t nodes = size / kNodeCost;
+  const uint64_t b = static_cast<uint64_t>(static_cast<double>(nodes) * row->factor);
   return a > b ? a : b;
 }
 

@@ -18,11 +18,11 @@ struct PadMode {
   bool file;    // the file name
 
   constexpr uint64_t frontSize(uint32_t frontWords) const {
-    return (record ? 8 * frontWords + sizeof(PadBlockRecord_t) : 0) +
+    return (record ? uint64_t{8} * frontWords + sizeof(PadBlockRecord_t) : 0) +
            (file ? TREL_PAD_FILE_FIELD : 0) + (guard ? 8 : 0) + sizeof(PadTail_t);
   }
   constexpr uint64_t backSize(uint32_t backWords) const {
-    return back ? (record ? 8 * backWords : 0) + (guard ? 8 : 0) + sizeof(PadTail_t) : 0;
+    return back ? (record ? uint64_t{8} * backWords : 0) + (guard ? 8 : 0) + sizeof(PadTail_t) : 0;
   }
 };
 
