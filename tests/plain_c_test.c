@@ -30,8 +30,8 @@ int main(void) {
   sizes[0] = 32;
   CHECK(trelCreateNode(segment, &node, TREL_EXPORT_ID, sizes, &size, &offset));
   if (node) {
-    CHECK(trelInitNode(&node, offset, 5, (const uint8_t*)"plain", NULL, NULL, 16, NULL, NULL,
-                       NULL));
+    CHECK(
+        trelInitNode(&node, offset, 5, (const uint8_t*)"plain", NULL, NULL, 16, NULL, NULL, NULL));
     CHECK(trelSetNodeTag(node, 42, 0));
     CHECK(trelActivateNode(&node));
     CHECK(trelPutTopNodeInfoIntoDomainHeader(segment->shmDomainHandle, 42, offset,

@@ -183,8 +183,9 @@ TREL_API uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, u
  * 1 << TREL_CONDITION_ACTIVE for all nodes, and TREL_WALK_ALL has no meaning there. */
 #define TREL_WALK_ALL 1u
 #define TREL_WALK_ONE_SEGMENT 64u /* do not go into other segments */
-#define TREL_WALK_REMOVE_TOP 128u /* with TREL_STATUS_DISCLAIM: also from the list of its parent \
-                                   */
+#define TREL_WALK_REMOVE_TOP                                          \
+  128u /* with TREL_STATUS_DISCLAIM: also from the list of its parent \
+        */
 
 /* Applies a status operation to each selected node. TREL_STATUS_DISCLAIM removes the entry of each
  * node that goes, and abandoned nodes go whatever the options select; a selected node whose

@@ -46,8 +46,8 @@ inline uint32_t reachNode(const SNodeInfo_t* record, Reached* reached) {
   return reachNode(record, reached, nullptr, &otherSegment, 0);
 }
 
-// While an object lives, this thread's reachNode() attaches nothing: a segment that is not held gives
-// TREL_RC_NOT_ATTACHED.
+// While an object lives, this thread's reachNode() attaches nothing: a segment that is not held
+// gives TREL_RC_NOT_ATTACHED.
 class AttachNothing {
  public:
   AttachNothing();
