@@ -912,6 +912,35 @@ TEST(DamagedSections, YieldCodes) {
   EXPECT_GT(refused, 100u);  // the damage did reach the walks
 }
 
+TEST(DamagedSections, BaseMaximumsDoNotWrap) {
+  Node node(TREL_EXPORT_BASE_V, {{TREL_EXPORT_BASE_V, 428 + 24}});
+  ASSERT_EQ(0u, trelCreateBaseVProperty(node.cb, 3, bytes("abc"), 3, 24, 0));
+  ExportSlot_t* slot = node.slot(TREL_EXPORT_BASE_V);
+  const uint64_t maximum = 100 - sizeof(VProperty_t), size = 5000;  // the record: 100 bytes
+  memcpy(node.at(slot->offset), &maximum, 8);
+  const std::string before = node.image(), value(size, 'v');
+  EXPECT_EQ(TREL_RC_BOUNDS_BASE_V, trelSetValueForBaseVProperty(node.cb, 3, size, bytes(value), 0));
+  EXPECT_EQ(before, node.image());
+  memcpy(node.at(slot->offset + 8 + 24), &size, 8);
+  uint64_t got = 0;
+  uint8_t *place = nullptr, buffer[24];
+  EXPECT_EQ(TREL_RC_BOUNDS_BASE_V,
+            trelGetValueForBaseVProperty(node.cb, 3, &got, &place, buffer, 0));
+}
+
+// A flat list of one tag is examined to its end, also when the caller's arrays are full before.
+TEST(DamagedSections, FlatListingsOfATagSeeAll) {
+  Node node(TREL_EXPORT_R, {{TREL_EXPORT_R, 8 + 2 * 144}});
+  const uint64_t tags[] = {4, 5}, damaged = TREL_MAX_TAG + 1;
+  const int32_t values[] = {1, 2};
+  ASSERT_EQ(0u, trelCreateRPropertyList(node.cb, tags, values, 2, 2, 0, 0));
+  memcpy(node.at(node.slot(TREL_EXPORT_R)->offset + 8 + 144), &damaged, 8);
+  uint64_t list = 0;
+  EXPECT_EQ(TREL_RC_TAG_RANGE, trelReturnRProperties(node.cb, &list, 4, 1, 0));
+  EXPECT_EQ(0u, trelReturnRProperties(node.cb, &list, 0, 1, 0));
+  EXPECT_EQ(4u, list);
+}
+
 TEST(DamagedSections, CirclesEnd) {
   for (const uint32_t bit : kKinds) {
     const Shape shape{bit, 8, 8, 1, 0, 0, 2000, true};

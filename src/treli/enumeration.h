@@ -169,12 +169,15 @@ void clearRest(Listing* listing, bool tagsAlone) {
   if (K::hasBytes) clear(listing->sizes);
 }
 
-// Examines the records of a walk, and appends those wanted while there is room for them.
+// Examines the records of a walk, and appends those wanted while there is room for them; ends with
+// the room, or if so told with the first wanted record that finds none.
 template <class K, class Walk>
-TREL_INLINE uint32_t listWalk(const List<K>& list, Walk& walk, Listing* listing) {
-  while (listing->written < listing->count && walk.next()) {
+TREL_INLINE uint32_t listWalk(const List<K>& list, Walk& walk, Listing* listing,
+                              bool beyondRoom = false) {
+  while ((listing->written < listing->count || beyondRoom) && walk.next()) {
     if (const uint32_t rc = examine(list, walk.record)) return rc;
     if (listing->tag && walk.record->tag != listing->tag) continue;
+    if (listing->written == listing->count) break;
     if (const uint32_t rc = append(list, walk.record, listing)) return rc;
   }
   return walk.rc;
@@ -185,7 +188,7 @@ uint32_t listFlat(const List<K>& list, Listing* listing) {
   const uint64_t records = reportedRecords(list);
   if (records == 0) return Codes<K>::absent;
   FlatWalk<K> walk(list, records);
-  if (const uint32_t rc = listWalk(list, walk, listing)) return rc;
+  if (const uint32_t rc = listWalk(list, walk, listing, listing->tag != 0)) return rc;
   clearRest<K>(listing, false);
   return 0;
 }

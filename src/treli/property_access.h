@@ -35,7 +35,8 @@ class Road {
     if constexpr (K::base) {
       if (const uint32_t rc = baseRecord(*list_, record)) return rc;
       if (list_->slot->used == 0) return Codes<K>::keyAbsent;
-      if (!list_->holds(list_->offset + Form<K>::flatHeader, list_->recordBytes()))
+      if (list_->maxValueSize > list_->size ||  // it is as stored; the sum must not wrap
+          !list_->holds(list_->offset + Form<K>::flatHeader, list_->recordBytes()))
         return Codes<K>::bounds;
       return (*record)->tag == key_.tag ? 0 : Codes<K>::keyAbsent;
     } else {
