@@ -99,15 +99,18 @@ uint32_t openStack(const List<K>& list, Stack* stack) {
 // Where the next list node goes: the place freed last, or one never used.
 template <class K>
 uint32_t findPlace(const List<K>& list, const Stack& stack, uint64_t* place) {
+  uint64_t next = 0;
   if (stack.freed) {
-    *place = *wordAt(list.node, list.offset + list.size - stack.bytes);
+    next = *wordAt(list.node, list.offset + list.size - stack.bytes);
   } else {
     const uint64_t used = list.slot->used;
     if (used > list.size || list.size - used < list.nodeBytes()) return TREL_RC_NO_LIST_NODE;
-    *place = stack.anchor->nextFreeOffset;
+    next = stack.anchor->nextFreeOffset;
   }
-  if (*place - list.offset <= list.size - stack.bytes) return 0;
-  return stack.freed ? TREL_RC_NO_LIST_NODE : TREL_RC_NEXT_FREE_OFFSET;
+  if (next - list.offset > list.size - stack.bytes)
+    return stack.freed ? TREL_RC_NO_LIST_NODE : TREL_RC_NEXT_FREE_OFFSET;
+  *place = next;
+  return 0;
 }
 
 template <class K>
