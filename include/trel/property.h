@@ -27,7 +27,8 @@
  *   Base R   144                         Base V: 428 + M
  * In hash form n is at least H. IR and IV have two further tables, by tag and by identifier, whose
  * sizes the caller gives; they become the primes H2 and H3.
- * A list that was never created behaves as an empty flat list without room.
+ * A list that was never created behaves as an empty flat list without room. Operations for the hash
+ * form alone refuse flat lists with TREL_RC_TABLE_SIZE.
  *
  * All but the operations told otherwise run inside the node's critical section: they enter unless
  * inCriticalSection is not 0, and then the caller is inside. Those that change take the write

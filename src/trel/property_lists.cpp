@@ -89,11 +89,11 @@ uint32_t findInHashTable(SNodeCB_t* node, const Key& key, typename K::Record** r
 }
 
 template <class K>
-uint32_t removeFromHashTable(SNodeCB_t* node, const Key& key, uint64_t inCriticalSection) {
+uint32_t removeFromHashTable(SNodeCB_t* node, const Key& key) {
   List<K> list;
   if (const uint32_t rc = open(node, key, 1, &list)) return rc;
   if (!list.hashed()) return TREL_RC_TABLE_SIZE;
-  return within<Access::write>(node, inCriticalSection, [&] { return deleteHashed(list, key); });
+  return within<Access::write>(node, 0, [&] { return deleteHashed(list, key); });
 }
 
 // The condition is tested inside the section for a flat list, in front of it for a hashed one.
@@ -102,8 +102,8 @@ uint32_t remove(SNodeCB_t* node, const Key& key, uint64_t inCriticalSection) {
   List<K> list;
   if (const uint32_t rc = open(node, key, 1, &list)) return rc;
   if (list.hashed()) {
-    const uint32_t rc = checkCondition(node, accept::usable);
-    return rc ? rc : removeFromHashTable<K>(node, key, inCriticalSection);
+    if (const uint32_t rc = checkCondition(node, accept::usable)) return rc;
+    return within<Access::write>(node, inCriticalSection, [&] { return deleteHashed(list, key); });
   }
   return writing(node, inCriticalSection, accept::usable, [&] { return deleteFlat(list, key); });
 }
@@ -121,8 +121,7 @@ uint32_t getFirst(SNodeCB_t* node, typename K::Record** record, uint64_t* count,
   if (const uint32_t rc = openSection(&list)) return rc;
   if (const uint32_t rc = readLimits(&list)) return rc;
   list.created = list.slot->used >= Form<K>::flatHeader;
-  const bool counts =
-      list.created && (!K::hasId || list.maxIdSize) && (!K::hasBytes || list.maxValueSize);
+  const bool counts = list.created && !reportsNothing(list);
   *count = counts ? occupiedRecords(list) : 0;
   *capacity = counts ? (list.size - Form<K>::flatHeader) / list.recordBytes() : 0;
   const uint64_t first = list.offset + Form<K>::flatHeader;
@@ -205,7 +204,7 @@ uint32_t trelCreateIVPropertyList(SNodeCB_t* node, const uint64_t* tags, const u
   OPERATION(trelDelete##K##Property, (SNodeCB_t* node, KEY, uint64_t inCriticalSection),      \
             remove<kind::K>(node, key, inCriticalSection))                                    \
   OPERATION(trelDelete##K##PropertyFromHashTable, (SNodeCB_t* node, KEY),                     \
-            removeFromHashTable<kind::K>(node, key, 0))                                       \
+            removeFromHashTable<kind::K>(node, key))                                          \
   OPERATION(trelGetFirst##K##PropertyLocation,                                                \
             (SNodeCB_t* node, K##Property_t** record, uint64_t* count, uint64_t* capacity),   \
             getFirst<kind::K>(node, record, count, capacity))                                 \

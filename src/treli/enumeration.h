@@ -7,12 +7,6 @@ namespace trel {
 
 constexpr uint64_t lessOr0(uint64_t a, uint64_t b) { return a > b ? a - b : 0; }
 
-// A stored maximum of 0: the kind's counts report nothing.
-template <class K>
-bool reportsNothing(const List<K>& list) {
-  return (K::hasId && list.maxIdSize == 0) || (K::hasBytes && list.maxValueSize == 0);
-}
-
 // Current and maximum number, worked out from `used` and `size`. The caller is inside the section.
 template <class K>
 uint32_t countRecords(const List<K>& list, uint64_t* current, uint64_t* maximum) {

@@ -16,11 +16,16 @@ uint64_t occupiedRecords(const List<K>& list) {
              : 0;
 }
 
-// The count that searches and listings go by. A list with a maximum of 0 reports none.
+// A stored maximum of 0: the kind's counts report nothing.
+template <class K>
+bool reportsNothing(const List<K>& list) {
+  return (K::hasId && list.maxIdSize == 0) || (K::hasBytes && list.maxValueSize == 0);
+}
+
+// The count that searches and listings go by.
 template <class K>
 uint64_t reportedRecords(const List<K>& list) {
-  if ((K::hasId && list.maxIdSize == 0) || (K::hasBytes && list.maxValueSize == 0)) return 0;
-  return occupiedRecords(list);
+  return reportsNothing(list) ? 0 : occupiedRecords(list);
 }
 
 // Goes through `count` occupied records in address order.

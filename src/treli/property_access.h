@@ -71,9 +71,8 @@ inline uint32_t loadRegister(PLATVAtomicSigned32* cell, int32_t* value) {
 }
 
 // A swap whose old value nobody wants, and so without a locked instruction.
-inline uint32_t storeRegister(PLATVAtomicSigned32* cell, int32_t value) {
+inline void storeRegister(PLATVAtomicSigned32* cell, int32_t value) {
   __atomic_store_n(PLATVAtomicSigned32::word(cell), value, __ATOMIC_RELEASE);
-  return 0;
 }
 
 template <class K>
@@ -92,8 +91,9 @@ TREL_INLINE uint32_t setRegister(SNodeCB_t* node, const Key& key, int32_t value,
                                  uint64_t inCriticalSection) {
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  return withKey<K, Access::write>(&list, key, inCriticalSection, [&](auto* record) {
-    return storeRegister(&record->value, value);
+  return withKey<K, Access::write>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
+    storeRegister(&record->value, value);
+    return 0;
   });
 }
 
@@ -117,7 +117,7 @@ TREL_INLINE uint32_t setHeldRegister(SNodeCB_t* node, typename K::Record* record
   if (!node) return TREL_RC_NODE_NULL;
   if (!record) return Codes<K>::recordNull;
   return writing(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
-    if (const uint32_t rc = storeRegister(&record->value, value)) return rc;
+    storeRegister(&record->value, value);
     record->rc = rcField;
     return 0;
   });

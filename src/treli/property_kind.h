@@ -48,7 +48,6 @@ struct V {
   static constexpr uint64_t countedHeader = 16;
   // Value size in a blank record of a new flat list.
   static constexpr uint64_t blankValueSize = 8;
-  static constexpr uint32_t maxValueSizeNull = TREL_RC_OUT_VALUE_MAX_V;
   static constexpr uint32_t valueOffsetBounds = TREL_RC_VALUE_OFFSET_V;
 };
 
