@@ -47,6 +47,12 @@ uint32_t findSection(SNodeCB_t* source, const SectionForm& form, ExportSlot_t** 
   return 0;
 }
 
+// The number at a section's start, which may lie at any byte.
+uint64_t firstWord(SNodeCB_t* node, const ExportSlot_t* slot) {
+  const TrelU64* word = inSection<TrelU64>(node, slot);
+  return *word;
+}
+
 // ---- Other memories: identities and modules --------------------------------------------------
 
 template <class Record>
@@ -212,7 +218,7 @@ class Plan {
         parentMax_ = inSection<ParentSection_t>(source, slot)->maxIdSize;
         return parentMax_ > TREL_MAX_ID_SIZE ? uint32_t{TREL_RC_NODE_ID_MAX} : 0;
       case TREL_EXPORT_BASE_V:
-        baseMax_ = *inSection<TrelU64>(source, slot);
+        baseMax_ = firstWord(source, slot);
         if (limits.v.maxValueSize == 0) limits.v.maxValueSize = baseMax_;
         return baseMax_ > TREL_MAX_VALUE_SIZE ? uint32_t{TREL_RC_SIZING_VALUE_MAX} : 0;
       case TREL_EXPORT_R:
@@ -357,7 +363,7 @@ class Filling {
       case TREL_EXPORT_BASE_R:
         return copyBaseR();
       case TREL_EXPORT_BASE_V:
-        return copyBaseV(*inSection<TrelU64>(source_, from));
+        return copyBaseV(firstWord(source_, from));
       case TREL_EXPORT_CHANGE_LIST:
         if (const uint32_t rc = copyBytesOf(from, to, form.leastUsed)) return rc;
         inSection<ChangeListSection_t>(copy_, to)->exports = copy_->exports;
