@@ -1,4 +1,6 @@
 // Copies of nodes and trees against pictures of their sources; sizes, limits, recreation.
+#include <sys/mman.h>
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -343,14 +345,15 @@ TEST_F(Copy, TreesByEveryMethod) {
     EXPECT_EQ(method == TREL_TREE_COPY_VIA_SEGMENT, oldKey.exists());
     EXPECT_EQ(method != TREL_TREE_COPY_VIA_SEGMENT, result.key.exists());
     const Key& key = method == TREL_TREE_COPY_VIA_SEGMENT ? oldKey : result.key;
-    EXPECT_EQ(0, inOtherProcess([&] {
-                ShmSegInfo_t* seg = nullptr;
-                SNodeCB_t* node = nullptr;
-                TopNodeInfo_t found;
-                *pSegAttachList = nullptr;
-                ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found, key, 0, nullptr, nullptr));
-                EXPECT_EQ(wished.text, pictureOfTree(node, true).text);
-              }));
+    const int reader = inOtherProcess([&] {
+      ShmSegInfo_t* seg = nullptr;
+      SNodeCB_t* node = nullptr;
+      TopNodeInfo_t found;
+      *pSegAttachList = nullptr;
+      ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found, key, 0, nullptr, nullptr));
+      EXPECT_EQ(wished.text, pictureOfTree(node, true).text);
+    });
+    EXPECT_EQ(0, reader);
   }
 }
 
@@ -465,6 +468,55 @@ TEST_F(Copy, TheOnlyCopyStays) {
   EXPECT_EQ(0u, trelDeleteHDMPMLList());
 }
 
+// A source in memory that the caller mapped: who takes its place lies at the same address.
+TEST_F(Copy, ASourceAtAnAddress) {
+  const std::unique_ptr<void, void (*)(void*)> memory(aligned_alloc(4096, kRoom), free);
+  ShmDomainParam_t param = {};
+  param.accessMode = 3;
+  for (uint32_t method : {TREL_TREE_COPY_VIA_PM, TREL_TREE_COPY_VIA_SEGMENT}) {
+    const bool viaMemory = method == TREL_TREE_COPY_VIA_PM;
+    Segment there(kRoom, &param, reinterpret_cast<uintptr_t>(memory.get()));
+    Random random(method);
+    SNodeCB_t* top = makeTree({&there}, 15, random).node;
+    const Bytes before = pictureOfTree(top).text;
+    Result result;
+    ASSERT_EQ(0u, trelCopyTreeIntoSingleShmSegment(top, &result.top, &there.info, &result.info,
+                                                   kRoom, viaMemory ? nullptr : &result.key.id(), 0,
+                                                   0, nullptr, nullptr, TREL_TREE_COPY_ALL, method,
+                                                   TREL_COPY_LIMITS_KEEP, 0, &result.bytes));
+    EXPECT_EQ(memory.get(), result.info->shmDomainHandle->base);
+    EXPECT_EQ(before, pictureOfTree(result.top, true).text);
+    EXPECT_FALSE(result.key.exists());
+  }
+}
+
+// Neither depth nor a circle uses up the stack.
+TEST_F(Copy, DeepTreesAndCircles) {
+  const NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT, {}, 8, 2};
+  constexpr uint32_t kDepth = 3000, kLarge = 0x2000000;
+  Segment deep(kLarge);
+  std::vector<Made> chain{makeNode(deep, spec, 1, "top", nullptr)};
+  while (chain.size() < kDepth) chain.push_back(makeNode(deep, spec, 2, "n", &chain.back()));
+  SNodeInfo_t back = {};
+  EXPECT_EQ(0u, trelAddStatusNodeInfo(&back, deep.info, deep.info, chain[0].node->nodeOffset, 1, 3,
+                                      nullptr, nullptr));
+  EXPECT_EQ(0u, trelAddDependentNode(chain.back().node, &back, bytesOf("top"), 3, 0, 0));
+  Result result;
+  const auto copy = [&](uint32_t method) {
+    return trelCopyTreeIntoSingleShmSegment(chain[0].node, &result.top, &deep.info, &result.info,
+                                            kLarge, result.key, 0, 0, nullptr, nullptr, 1, method,
+                                            1, 0, &result.bytes);
+  };
+  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy(TREL_TREE_COPY_DIRECT));
+  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy(TREL_TREE_COPY_VIA_PM));
+  EXPECT_EQ(0u, trelDeleteDependentNode(chain.back().node, &back, bytesOf("top"), 0));
+  ASSERT_EQ(0u, copy(TREL_TREE_COPY_VIA_PM));
+  TreeInfo_t counted;
+  EXPECT_EQ(0u, trelGetTreeInfo(result.top, result.info, 0, 2, 0, &counted));
+  EXPECT_EQ(kDepth, counted.totalNodes);
+  EXPECT_EQ(kDepth - 1, counted.taggedNodes);
+}
+
 // ---- Recreation ------------------------------------------------------------------------------
 
 struct Family {
@@ -559,7 +611,7 @@ TEST_F(Copy, SearchesDuringRecreation) {
       }
     });
   SNodeCB_t* node = family.node.node;
-  for (uint64_t round = 0; round < 300; ++round) {
+  for (uint64_t round = 0; round < 100; ++round) {
     SNodeCB_t* made = nullptr;
     uint64_t size = 0;
     ASSERT_EQ(0u, trelRecreateNodeWithMoreDepNodes(&node, &made, source_.info, source_.info,
@@ -581,6 +633,8 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
                 {{TREL_EXPORT_R, {30, 1}}},
                 8,
                 30};
+  auto* copiesMade = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   for (int round = 0; round < 12; ++round) {
     Segment a, b;
     Key newA, newB;
@@ -615,7 +669,8 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
       if (trelConnectToATree(&seg, &top, &found, from, 0, nullptr, nullptr)) return;
       const uint32_t rc = trelCopyTreeIntoSingleShmSegment(
           top, &newTop, &seg, &dst, 0x100000, to, 0, 0, nullptr, nullptr, 1, method, 1, 0, &bytes);
-      if (rc) return;  // the other was faster, and has abandoned or deleted what this one needs
+      if (rc) return;  // the other was faster, and has deleted what this one needs
+      ++*copiesMade;
       SNodeInfo_t* entry = nullptr;
       uint64_t live = 0, room = 0;
       EXPECT_EQ(0u, trelGetDependentNodesLocation(newTop, &entry, &live, &room));
@@ -661,6 +716,8 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
     for (const Segment* side : sides)
       trelDetachStatusSegment(const_cast<ShmSegInfo_t**>(&side->info), 2);
   }
+  EXPECT_GE(*copiesMade, 12);
+  munmap(copiesMade, 4096);
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The list of a node's dependents, and the record of its parent.
-#include "trel/lists.h"
 #include "trel/tree.h"
 #include "treli/dependent_list.h"
 #include "treli/process_memory.h"
+#include "trelll/enter.h"
 
 namespace trel {
 namespace {
@@ -69,20 +69,6 @@ void fillList(SNodeCB_t* node, ExportSlot_t* slot, const NewEntries& given, uint
   }
 }
 
-// Finds a record's payload on a shared list, entering it if it is not there. Another process may
-// enter it in between, and then it is found by the second look.
-template <class Record, class Payload, class Find, class Insert>
-uint32_t enterShared(ShmPoolHandle_t* pool, const Record* record, Payload** payload, Find&& find,
-                     Insert&& insert) {
-  for (;;) {
-    *payload = nullptr;
-    if (const uint32_t rc = find(pool, record, payload)) return rc;
-    if (*payload) return 0;
-    const uint32_t rc = insert(pool, record, payload);
-    if (rc != TREL_RC_LIST_PRESENT) return rc;
-  }
-}
-
 // Copies one entry out, with its identifier.
 uint32_t copyOut(const SNodeInfo_t* entry, uint32_t maxIdSize, SNodeInfo_t* record, uint8_t* id) {
   *record = *entry;
@@ -145,24 +131,11 @@ uint32_t trelAddStatusNodeInfo(SNodeInfo_t* record, ShmSegInfo_t* parentSegment,
     if (idSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_SIZE);
     ShmPoolHandle_t* pool = parentSegment->shmPoolHandle;
     if (!pool) return flow.logged(TREL_RC_POOL_HANDLE_NULL, nullptr);
-    SegIdentity_t* identity = nullptr;
-    if (const uint32_t rc =
-            enterShared(pool, &nodeSegment->identity, &identity, trelFindAttachSegInfoNodeInLList,
-                        trelInsertAttachSegInfoNodeIntoLList))
+    uint64_t identity = 0, entered = 0;
+    if (const uint32_t rc = enterIdentity(pool, &nodeSegment->identity, &identity))
       return flow.fail(rc);
-    HdmModuleRecord_t wanted = {};
-    if (module) wanted = *module;
-    HdmModuleRecord_t* entered = nullptr;
-    if (const uint32_t rc = enterShared(pool, &wanted, &entered, trelFindHDMNodeInLList,
-                                        trelInsertHDMNodeIntoLList))
-      return flow.fail(rc);
-    *record = {nodeOffset,
-               tag,
-               idSize,
-               0,
-               offsetOf(identity, pool->base),
-               offsetOf(entered, pool->base),
-               offsetOf(pool->base, nullptr)};
+    if (const uint32_t rc = enterModule(pool, module, &entered)) return flow.fail(rc);
+    *record = {nodeOffset, tag, idSize, 0, identity, entered, offsetOf(pool->base, nullptr)};
     return 0;
   });
 }

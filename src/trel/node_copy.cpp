@@ -5,7 +5,6 @@
 #include "treli/node_copy.h"
 
 #include "trel/copy.h"
-#include "trel/lists.h"
 #include "trel/node.h"
 #include "trel/property.h"
 #include "trel/tree.h"
@@ -14,6 +13,7 @@
 #include "treli/process_memory.h"
 #include "treli/property_copy.h"
 #include "treli/reach.h"
+#include "trelll/enter.h"
 
 namespace trel {
 namespace {
@@ -55,26 +55,9 @@ uint64_t firstWord(SNodeCB_t* node, const ExportSlot_t* slot) {
 
 // ---- Other memories: identities and modules --------------------------------------------------
 
-template <class Record>
-using ListCall = uint32_t (*)(ShmPoolHandle_t*, const Record*, Record**);
-
-template <class Record, ListCall<Record> find, ListCall<Record> insert>
-uint32_t enterOnList(ShmSegInfo_t* segInfo, const Record& record, uint64_t* offset) {
-  ShmPoolHandle_t* pool = segInfo->shmPoolHandle;
-  for (;;) {
-    Record* listed = nullptr;
-    uint32_t rc = find(pool, &record, &listed);
-    if (rc == 0 && !listed) rc = insert(pool, &record, &listed);
-    if (rc == TREL_RC_LIST_PRESENT) continue;  // another thread has entered it in between
-    if (rc == 0) *offset = offsetOf(listed, pool->base);
-    return rc;
-  }
-}
-
-// The same on the list in process memory. The offset is an address.
+// enterModule() for the list in process memory. The offset is an address.
 uint32_t enterModuleInPM(const HdmModuleRecord_t* module, uint64_t* offset) {
-  static const HdmModuleRecord_t none = {};
-  const HdmModuleRecord_t* record = module ? module : &none;
+  const HdmModuleRecord_t* record = module ? module : &kNoModule;
   HdmModuleRecord_t* listed = nullptr;
   uint32_t rc = trelFindHDMNodeInPMLList(record, &listed);
   if (rc == 0 && !listed) rc = trelInsertHDMNodeIntoPMLList(record, &listed);
@@ -124,10 +107,11 @@ class Translation {
       const uint64_t size = pair->isModule ? sizeof(HdmModuleRecord_t) : sizeof(SegIdentity_t);
       const void* listed = inSegment(from_, pair->from, size);
       if (!listed) return TREL_RC_BLOCK_OUTSIDE_POOL;
+      ShmPoolHandle_t* pool = to_->shmPoolHandle;
       const uint32_t rc =
           pair->isModule
-              ? enterModule(to_, static_cast<const HdmModuleRecord_t*>(listed), &pair->to)
-              : enterIdentity(to_, *static_cast<const SegIdentity_t*>(listed), &pair->to);
+              ? enterModule(pool, static_cast<const HdmModuleRecord_t*>(listed), &pair->to)
+              : enterIdentity(pool, static_cast<const SegIdentity_t*>(listed), &pair->to);
       if (rc) return rc;
       pair->entered = true;
     }
@@ -549,17 +533,6 @@ const void* inSegment(const ShmSegInfo_t* segInfo, uint64_t offset, uint64_t siz
   const ShmDomainHandle_t* domain = segInfo->shmDomainHandle;
   return domain && liesInDomain(domain, offset, size) ? at<const void>(domain->base, offset)
                                                       : nullptr;
-}
-
-uint32_t enterIdentity(ShmSegInfo_t* segInfo, const SegIdentity_t& identity, uint64_t* offset) {
-  return enterOnList<SegIdentity_t, trelFindAttachSegInfoNodeInLList,
-                     trelInsertAttachSegInfoNodeIntoLList>(segInfo, identity, offset);
-}
-
-uint32_t enterModule(ShmSegInfo_t* segInfo, const HdmModuleRecord_t* module, uint64_t* offset) {
-  static const HdmModuleRecord_t none = {};
-  return enterOnList<HdmModuleRecord_t, trelFindHDMNodeInLList, trelInsertHDMNodeIntoLList>(
-      segInfo, module ? *module : none, offset);
 }
 
 uint32_t linkDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id, uint64_t idSize,

@@ -7,6 +7,7 @@
 #include "treli/dependent_list.h"
 #include "treli/node_copy.h"
 #include "treli/reach.h"
+#include "trelll/enter.h"
 
 namespace trel {
 namespace {
@@ -105,8 +106,9 @@ uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
       const AttachLatch latch;
       if (const uint32_t rc = identityOf(stored, &identity)) return rc;
     }
-    if (const uint32_t rc = enterIdentity(newSeg, identity, &place.segInfoOffset)) return rc;
-    if (const uint32_t rc = enterModule(newSeg, module, &place.hdmInfoOffset)) return rc;
+    ShmPoolHandle_t* pool = newSeg->shmPoolHandle;
+    if (const uint32_t rc = enterIdentity(pool, &identity, &place.segInfoOffset)) return rc;
+    if (const uint32_t rc = enterModule(pool, module, &place.hdmInfoOffset)) return rc;
   }
   const NodeCopy request{oldSeg,
                          newSeg,

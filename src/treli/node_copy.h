@@ -37,12 +37,6 @@ uint32_t checkCopy(const NodeCopy& wanted, uint32_t copyDependents);
 uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** dst,
                   uint64_t* nodeSize);
 
-// Enters an identity or a module on the shared lists of a segment, unless it is there. *offset: of
-// the list's own record, from the segment's base. A module of null counts as one with an empty
-// path. Takes the heapLatch of the segment's domain.
-uint32_t enterIdentity(ShmSegInfo_t* segInfo, const SegIdentity_t& identity, uint64_t* offset);
-uint32_t enterModule(ShmSegInfo_t* segInfo, const HdmModuleRecord_t* module, uint64_t* offset);
-
 // Adds an entry to a node's list of dependents, or overwrites that of exactly this name: without an
 // identifier an entry that has one is not the same. idSize counts, the record's own is overwritten.
 uint32_t linkDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id, uint64_t idSize,
