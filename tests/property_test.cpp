@@ -564,6 +564,10 @@ TEST(Properties, FlatListsKeepBlankRecordsAndReuseTheFirst) {
   ASSERT_EQ(0u, trelReturnRProperties(node.cb, list, 0, 4, 0));  // no zero for the hole
   EXPECT_EQ(8u, list[0]);
   EXPECT_EQ(0u, list[1] | list[2] | list[3]);
+  ASSERT_EQ(0u, trelAddRProperty(node.cb, 6, 1, 0));
+  ASSERT_EQ(0u, trelAddRProperty(node.cb, 5, 1, 0));
+  ASSERT_EQ(0u, trelDeleteRProperty(node.cb, 6, 0));
+  ASSERT_EQ(0u, trelDeleteRProperty(node.cb, 8, 0));  // two holes in front of the last
   ASSERT_EQ(0u, trelAddRProperty(node.cb, 7, 1, 0));
   ASSERT_EQ(0u, trelGetAddressForRProperty(node.cb, 7, &again));
   EXPECT_EQ(first, again);
