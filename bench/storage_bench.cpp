@@ -40,13 +40,22 @@ void pairs(benchmark::State& state, Heap& heap) {
 constexpr size_t kBytesPerBlock = 1024;
 
 struct TrelHeap {
-  TrelHeap(size_t live, uint32_t debugFlags) : memory(live * kBytesPerBlock * 2 + (8 << 20)) {
+  // Told how many blocks there will be, a pool has room for their nodes, and levels.
+  TrelHeap(size_t live, uint32_t debugFlags, bool told)
+      : memory(live * kBytesPerBlock * 2 + (8 << 20)) {
     ShmDomainParam_t param = {};
+    ShmPoolParam_t poolParam = {};
+    if (told) {
+      poolParam.nodeCount = live * 3 / 2;
+      while (size_t{1} << poolParam.maxLevel < live) ++poolParam.maxLevel;
+      memory.resize(memory.size() + 183 * poolParam.nodeCount);
+    }
     param.accessMode = 3;
     trelCreateShmDomain(nullptr, reinterpret_cast<uintptr_t>(memory.data()),
                         static_cast<uint32_t>(memory.size()), &param, &domain);
-    _trelCreateShmPool(&pool, domain, static_cast<uint32_t>(memory.size() - (6 << 20)), nullptr, 0,
-                       0, "");
+    _trelCreateShmPool(&pool, domain,
+                       static_cast<uint32_t>(memory.size() - (6 << 20) - 183 * poolParam.nodeCount),
+                       &poolParam, 0, 0, "");
     trelSetShmDebug(pool->base, TREL_HEAP_POOL, pool->poolOffset, debugFlags, TREL_PAD_DEFAULT, 2,
                     2);
   }
@@ -77,8 +86,8 @@ struct BoostHeap {
   ipc::managed_external_buffer segment;
 };
 
-void trelBlocks(benchmark::State& state, uint32_t debugFlags) {
-  TrelHeap heap(static_cast<size_t>(state.range(0)), debugFlags);
+void trelBlocks(benchmark::State& state, uint32_t debugFlags, bool told) {
+  TrelHeap heap(static_cast<size_t>(state.range(0)), debugFlags, told);
   pairs(state, heap);
 }
 
@@ -87,11 +96,15 @@ void boostBlocks(benchmark::State& state) {
   pairs(state, heap);
 }
 
-BENCHMARK_CAPTURE(trelBlocks, plain, 0)
+BENCHMARK_CAPTURE(trelBlocks, told, 0, true)
+    ->Name("blocks/trel, node count given")
+    ->RangeMultiplier(10)
+    ->Range(1000, 100000);
+BENCHMARK_CAPTURE(trelBlocks, plain, 0, false)
     ->Name("blocks/trel")
     ->RangeMultiplier(10)
     ->Range(1000, 100000);
-BENCHMARK_CAPTURE(trelBlocks, filled, 0xb)
+BENCHMARK_CAPTURE(trelBlocks, filled, 0xb, false)
     ->Name("blocks/trel filled")
     ->RangeMultiplier(10)
     ->Range(1000, 100000);

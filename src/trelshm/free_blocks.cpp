@@ -39,12 +39,14 @@ uint32_t takeBlock(Heap* heap, uint64_t size, TakenBlock* taken) {
   const uint64_t available = heap->free(node)->blockSize;
   if (available < size) return heap->kind().rcNodeSmall;
   const uint64_t rebuilds = heap->rebuilds();
+  uint64_t previous = 0;
+  if (const uint32_t rc = previousFree(*heap, node, &previous)) return rc;
   if (const uint32_t rc = whole.remove(*heap, node)) return rc;
   *taken = {whole.offset + available - size, size, node, 0, rebuilds};
   if (available == size) return 0;
 
   InFlight rest = {whole.offset, available - size};
-  const uint32_t rc = insertFreeGuarded(heap, &rest, false, &taken->remainder);
+  const uint32_t rc = insertFreeGuarded(heap, &rest, false, &taken->remainder, previous);
   if (rc) {
     // A change of space may have moved the start of what was in flight.
     whole.size -= rest.offset - whole.offset;
@@ -75,7 +77,9 @@ uint32_t giveBlock(Heap* heap, uint64_t offset, uint64_t size) {
     const FreeNode_t& p = *heap->free(previous);
     if (p.blockOffset + p.blockSize > offset) return heap->kind().rcState;
     if (p.blockOffset + p.blockSize == offset) {
-      if ((rc = before.remove(*heap, previous))) return rc;
+      const uint64_t touching = previous;
+      if ((rc = previousFree(*heap, touching, &previous))) return rc;
+      if ((rc = before.remove(*heap, touching))) return rc;
       merged = {before.offset, before.size + size};
     }
   }
@@ -85,7 +89,7 @@ uint32_t giveBlock(Heap* heap, uint64_t offset, uint64_t size) {
     if (nextOffset == offset + size && (rc = after.remove(*heap, next)) == 0)
       merged.size += after.size;
   }
-  if (rc == 0) rc = insertFreeGuarded(heap, &merged, true);
+  if (rc == 0) rc = insertFreeGuarded(heap, &merged, true, nullptr, previous);
   if (rc) {
     const bool rebuilt = heap->rebuilds() != rebuilds;
     after.restore(*heap, rebuilt);

@@ -97,8 +97,9 @@ class Heap {
   bool containsBlock(uint64_t offset, uint64_t size) const {
     return offset >= spaceEnd() && offset <= end() && size <= end() - offset;
   }
+  // For the size of any node that maxLevel allows, for which the header alone is room enough.
   bool containsNode(uint64_t node, uint64_t size) const {
-    return node >= allocHead() && node <= spaceEnd() && size <= spaceEnd() - node;
+    return node - allocHead() <= space_ - offsetof(SkipListHeader_t, allocHead) - size;
   }
 
   AllocNode_t* alloc(uint64_t node) const { return at<AllocNode_t>(node); }

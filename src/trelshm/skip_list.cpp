@@ -44,10 +44,11 @@ uint64_t takePlace(const Heap& heap, uint64_t size) {
   return node;
 }
 
-// A damaged list may loop: no walk is longer than nodes can be.
+// A damaged list may loop: no walk is longer than nodes can be. (A node has more than 32 bytes, by
+// which dividing costs nothing.)
 class Steps {
  public:
-  explicit Steps(const Heap& heap) : left_(heap.space() / allocNodeSize(0)) {}
+  explicit Steps(const Heap& heap) : left_(heap.space() / 32) {}
   bool exhausted() { return left_-- == 0; }
 
  private:
@@ -80,7 +81,8 @@ TREL_INLINE TrelU64& backward(const Heap& heap, FreePlace p, Order order, uint64
 TREL_INLINE bool reach(const Heap& heap, uint64_t node, uint64_t level, FreePlace* p) {
   if (TREL_UNLIKELY(!heap.containsNode(node, freeNodeSize(0)))) return false;
   const uint64_t top = heap.free(node)->level;
-  if (TREL_UNLIKELY(top >= heap.maxLevel() || top < level ||
+  // In one comparison: not below `level`, and below maxLevel.
+  if (TREL_UNLIKELY(top - level >= heap.maxLevel() - level ||
                     !heap.containsNode(node, freeNodeSize(top))))
     return false;
   *p = {node, top + 1};
@@ -91,32 +93,47 @@ TREL_INLINE uint64_t keyOf(const Heap& heap, uint64_t node, Order order) {
   return order == byOffset ? heap.free(node)->blockOffset : heap.free(node)->blockSize;
 }
 
-// The one search: goes right while the next key is below the one sought, then down. *found is the
-// node behind the level 0 predecessor.
+// The one search: goes right while the next key is below the one sought, then down. *last is the
+// level 0 predecessor and *found the node behind it.
 template <Order order>
-TREL_INLINE uint32_t search(const Heap& heap, uint64_t key, FreePath* path, uint64_t* found) {
+TREL_INLINE uint32_t search(const Heap& heap, uint64_t key, FreePlace* last, uint64_t* found) {
   const uint64_t tail = heap.freeTail();
   FreePlace here = {heap.freeHead(), heap.maxLevel()};
   uint64_t level = heap.freeListLevel(), rejected = tail;
   if (TREL_UNLIKELY(level >= heap.maxLevel())) return heap.kind().rcState;
   Steps steps(heap);
-  for (;; --level) {
-    for (;;) {
-      const uint64_t next = forward(heap, here, order, level);
-      if (next == rejected || next == tail) break;
+  for (;;) {
+    const uint64_t next = forward(heap, here, order, level);
+    if (next != rejected && next != tail) {
       FreePlace there;
       if (TREL_UNLIKELY(!reach(heap, next, level, &there) || steps.exhausted()))
         return heap.kind().rcState;
-      if (keyOf(heap, next, order) >= key) {
-        rejected = next;
-        break;
+      if (keyOf(heap, next, order) < key) {
+        here = there;
+        continue;
       }
-      here = there;
+      rejected = next;
     }
-    if (path) path->at[level] = here;
-    if (level == 0) break;
+    if (level == 0) {
+      *last = here;
+      *found = next;
+      return 0;
+    }
+    --level;
   }
-  *found = forward(heap, here, order, 0);
+}
+
+// The predecessors of a new node at levels 0 to `level`, from that of level 0: leftward until a
+// node is tall enough. That is a few steps, where a search for all levels starts at the head.
+uint32_t climb(const Heap& heap, FreePlace here, Order order, uint64_t level, FreePath* path) {
+  Steps steps(heap);
+  for (uint64_t i = 0; i <= level; ++i) {
+    while (here.levels <= i)
+      if (TREL_UNLIKELY(!reach(heap, backward(heap, here, order, i - 1), i - 1, &here) ||
+                        steps.exhausted()))
+        return heap.kind().rcState;
+    path->at[i] = here;
+  }
   return 0;
 }
 
@@ -130,8 +147,8 @@ TREL_INLINE void link(const Heap& heap, FreePlace p, FreePlace before, FreePlace
 }
 
 // The neighbours that the node's own links name, proven good.
-uint32_t neighbours(const Heap& heap, FreePlace p, Order order, uint64_t level, FreePlace* before,
-                    FreePlace* after) {
+TREL_INLINE uint32_t neighbours(const Heap& heap, FreePlace p, Order order, uint64_t level,
+                                FreePlace* before, FreePlace* after) {
   return reach(heap, backward(heap, p, order, level), level, before) &&
                  reach(heap, forward(heap, p, order, level), level, after)
              ? 0
@@ -225,21 +242,24 @@ void resetLists(const Heap& heap) {
 }
 
 uint32_t insertFree(const Heap& heap, uint64_t blockOffset, uint64_t blockSize, Placement placement,
-                    uint64_t* placed) {
+                    uint64_t* placed, uint64_t previous) {
   FreePath before[2], after[2];
+  FreePlace last[2];
   uint64_t found = 0, level = 0;
   const uint64_t inUse = heap.freeListLevel();
-  if (const uint32_t rc = search<byOffset>(heap, blockOffset, &before[byOffset], &found)) return rc;
-  if (const uint32_t rc = search<bySize>(heap, blockSize, &before[bySize], &found)) return rc;
+  if (previous == 0 || !reach(heap, previous, 0, &last[byOffset]))
+    if (const uint32_t rc = search<byOffset>(heap, blockOffset, &last[byOffset], &found)) return rc;
+  if (const uint32_t rc = search<bySize>(heap, blockSize, &last[bySize], &found)) return rc;
   if (const uint32_t rc = place<freeNodeSize>(heap, placement, inUse, &level)) return rc;
 
-  // Everything that can be wrong is found before the first store.
-  for (uint64_t i = 0; i <= level; ++i)
-    for (const Order order : kOrders) {
-      if (i > inUse) before[order].at[i] = {heap.freeHead(), heap.maxLevel()};
+    // Everything that can be wrong is found before the first store.
+#pragma GCC unroll 2
+  for (const Order order : kOrders) {
+    if (const uint32_t rc = climb(heap, last[order], order, level, &before[order])) return rc;
+    for (uint64_t i = 0; i <= level; ++i)
       if (!reach(heap, forward(heap, before[order].at[i], order, i), i, &after[order].at[i]))
         return heap.kind().rcState;
-    }
+  }
 
   const FreePlace p = {heap.listOffset() + heap.list()->slNextNode, level + 1};
   FreeNode_t* n = heap.free(p.node);
@@ -252,6 +272,7 @@ uint32_t insertFree(const Heap& heap, uint64_t blockOffset, uint64_t blockSize, 
   heap.header()->freeBytes += blockSize;
   if (inUse < level) heap.freeListLevel() = level;
   for (uint64_t i = level + 1; i-- > 0;)
+#pragma GCC unroll 2
     for (const Order order : kOrders)
       link(heap, p, before[order].at[i], after[order].at[i], order, i);
   if (placed) *placed = p.node;
@@ -262,10 +283,12 @@ uint32_t deleteFree(const Heap& heap, uint64_t node) {
   FreePlace p, before[2][TREL_HEAP_MAX_LEVEL], after[2][TREL_HEAP_MAX_LEVEL];
   if (!reach(heap, node, 0, &p)) return heap.kind().rcState;
   for (uint64_t i = 0; i < p.levels; ++i)
+#pragma GCC unroll 2
     for (const Order order : kOrders)
       if (const uint32_t rc = neighbours(heap, p, order, i, &before[order][i], &after[order][i]))
         return rc;
   for (uint64_t i = 0; i < p.levels; ++i)
+#pragma GCC unroll 2
     for (const Order order : kOrders) {
       backward(heap, after[order][i], order, i) = before[order][i].node;
       forward(heap, before[order][i], order, i) = after[order][i].node;
@@ -297,11 +320,13 @@ void relinkFree(const Heap& heap, uint64_t node) {
 }
 
 uint32_t searchFreeByOffset(const Heap& heap, uint64_t blockOffset, uint64_t* node) {
-  return search<byOffset>(heap, blockOffset, nullptr, node);
+  FreePlace last;
+  return search<byOffset>(heap, blockOffset, &last, node);
 }
 
 uint32_t searchFreeBySize(const Heap& heap, uint64_t blockSize, uint64_t* node) {
-  return search<bySize>(heap, blockSize, nullptr, node);
+  FreePlace last;
+  return search<bySize>(heap, blockSize, &last, node);
 }
 
 uint32_t previousFree(const Heap& heap, uint64_t node, uint64_t* previous) {

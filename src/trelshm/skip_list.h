@@ -28,9 +28,10 @@ struct Path {
 // Puts the empty heads and tail, counters and levels in place. maxLevel and slSpaceSize stand.
 void resetLists(const Heap& heap);
 
-// A free block. TREL_RC_SPACE_FULL: no room, nothing changed.
+// A free block. TREL_RC_SPACE_FULL: no room, nothing changed. `previous` is the node before by
+// offset (or the head) where that is known, and saves a search.
 uint32_t insertFree(const Heap& heap, uint64_t blockOffset, uint64_t blockSize,
-                    Placement placement = {}, uint64_t* node = nullptr);
+                    Placement placement = {}, uint64_t* node = nullptr, uint64_t previous = 0);
 // Takes a free node off both orders; its bytes stay, so that relinkFree can undo it as long as
 // nothing else was done in between but what has been undone itself.
 uint32_t deleteFree(const Heap& heap, uint64_t node);

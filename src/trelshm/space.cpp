@@ -154,8 +154,10 @@ bool LiveNodes::enter(const Heap& heap, Placement::Rule rule) {
   if (freeCount_ == 0)
     heap.header()->freeBytes = ((heap.size() - heap.space() - heap.headerSize()) & ~uint64_t{7}) -
                                heap.header()->allocatedBytes;
+  uint64_t last = heap.freeHead();
   for (uint64_t i = 0; i < freeCount_; ++i)
-    if (insertFree(heap, free_[i].offset, free_[i].size, {rule, free_[i].level})) return false;
+    if (insertFree(heap, free_[i].offset, free_[i].size, {rule, free_[i].level}, &last, last))
+      return false;
   return true;
 }
 
@@ -304,16 +306,21 @@ uint32_t defragment(Heap* heap, InFlight* block) {
   // A space that is below its base, of a damaged or hand-made heap, stays as it is.
   if (newSize < base) newSize = least(base, space);
   // Rebuilds that come again and again bring little, and there is nothing to shrink: more space
-  // does.
+  // does. A quarter of what is used, if that is little of what is free, lets a rebuild of many
+  // nodes serve for many blocks.
+  const uint64_t steps = 1 + least(used / 4, heap->header()->freeBytes / 8) / base;
   if (before > 3 && newSize < leastSpace(*heap) &&
-      changeSpace(heap, round8(space + base), Direction::grow, block) == 0)
+      changeSpace(heap, space + steps * base, Direction::grow, block) == 0)
     return 0;
   return changeSpace(heap, newSize, Direction::shrink, block);
 }
 
-uint32_t insertFreeGuarded(Heap* heap, InFlight* block, bool tight, uint64_t* node) {
+uint32_t insertFreeGuarded(Heap* heap, InFlight* block, bool tight, uint64_t* node,
+                           uint64_t previous) {
+  const uint64_t rebuilds = heap->rebuilds();
   return guarded(heap, block, tight, [&](Placement::Rule rule) {
-    return insertFree(*heap, block->offset, block->size, {rule, 0}, node);
+    return insertFree(*heap, block->offset, block->size, {rule, 0}, node,
+                      heap->rebuilds() == rebuilds ? previous : 0);
   });
 }
 

@@ -14,8 +14,9 @@ struct InFlight {
 };
 
 // Guarded insertion of a free block. With `tight`, the last resort is a level 0 node in the
-// reserve.
-uint32_t insertFreeGuarded(Heap* heap, InFlight* block, bool tight, uint64_t* node = nullptr);
+// reserve. `previous` as for insertFree.
+uint32_t insertFreeGuarded(Heap* heap, InFlight* block, bool tight, uint64_t* node = nullptr,
+                           uint64_t previous = 0);
 // Guarded insertion of an allocated block, which no change of space touches.
 uint32_t insertAllocGuarded(Heap* heap, const AllocNode_t& record, uint64_t* node);
 
