@@ -1,16 +1,11 @@
 #include "treli/dependent_list.h"
 
+#include "treli/store.h"
+
 namespace trel {
 namespace {
 
 constexpr int kPatience = 1000;  // looks at a writer, some ten microseconds
-
-void publishStores() { __atomic_thread_fence(__ATOMIC_RELEASE); }
-
-void countEntries(ExportSlot_t* slot, uint64_t used) {
-  publishStores();
-  slot->used = used;
-}
 
 }  // namespace
 
@@ -36,13 +31,12 @@ uint32_t findDependent(const DependentList& list, const SoughtName& name, FoundD
 }
 
 void clearDependents(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize) {
-  slot->used = 0;  // reads as a list without entries while its places change
-  publishStores();
+  storeLast(&slot->used, 0);  // reads as a list without entries while its places change
   const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
   for (uint64_t place = kDependentHeader; place + stride <= slot->size; place += stride)
     inSection<SNodeInfo_t>(node, slot, place)->nodeTag = 0;
   inSection<DependentHeader>(node, slot)->maxIdSize = maxIdSize;
-  countEntries(slot, kDependentHeader);
+  storeLast(&slot->used, kDependentHeader);
 }
 
 // An entry that moves to another place of its segment changes by the one store of its nodeOffset,
@@ -54,13 +48,12 @@ void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, co
   const uint64_t tag = stored.nodeTag;
   stored.selfOffset = node->nodeOffset + offsetOf(place, node);
   if (place->nodeTag != tag || place->segInfoOffset != stored.segInfoOffset) {
-    place->nodeTag = stored.nodeTag = 0;
-    publishStores();
+    stored.nodeTag = 0;
+    storeLast(&place->nodeTag, 0);
   }
   *place = stored;
   if (idSize) memmove(place + 1, id, idSize);
-  publishStores();
-  place->nodeTag = tag;
+  storeLast(&place->nodeTag, tag);
 }
 
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace) {
@@ -83,14 +76,14 @@ uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& na
   }
   storeDependent(node, found.vacant ? found.vacant : found.walk.place(), record, name.id,
                  name.idSize);
-  countEntries(list.slot, used);
+  storeLast(&list.slot->used, used);
   return countReconfiguration(node);
 }
 
 uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry) {
-  entry->nodeTag = 0;
+  storeLast(&entry->nodeTag, 0);
   entry->idSize = 0;
-  countEntries(list.slot, list.slot->used - list.stride());
+  storeLast(&list.slot->used, list.slot->used - list.stride());
   const uint32_t rc = countReconfiguration(list.node);
   if (list.slot->used == kDependentHeader) exportDependents(list.node, false);
   return rc;
@@ -106,7 +99,7 @@ void recountDependents(SNodeCB_t* node) {
     tags +=
         inSection<SNodeInfo_t>(node, list.slot, kDependentHeader + i * list.stride())->nodeTag != 0;
   if (tags == list.live + 1 || tags + 1 == list.live)
-    countEntries(list.slot, kDependentHeader + uint64_t{tags} * list.stride());
+    storeLast(&list.slot->used, kDependentHeader + uint64_t{tags} * list.stride());
 }
 
 void exportDependents(SNodeCB_t* node, bool on) {

@@ -1,0 +1,224 @@
+// Names, lists of dependents, wishes for new limits.
+#include <vector>
+
+#include "tree_fixture.h"
+
+namespace {
+
+TEST(Names, PackedIdentifiersAndPaths) {
+  const uint32_t memory = TREL_STRUCTURE_VERSION;
+  const char* strings[] = {"ab", "", "c"};
+  uint8_t* ids = nullptr;
+  uint64_t* sizes = nullptr;
+  const auto create = [&](const char** of, uint64_t max, uint64_t count, uint32_t bit) {
+    return trelCreateID(&ids, &sizes, of, max, count, bit, &memory);
+  };
+  ASSERT_EQ(0u, create(strings, 2, 3, TREL_EXPORT_DEPENDENT));
+  EXPECT_EQ((std::vector<uint64_t>{2, 0, 1}), std::vector<uint64_t>(sizes, sizes + 3));
+  EXPECT_EQ(0, memcmp(ids, "abc", 3));
+  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelDeleteID(&ids, &sizes, strings));
+  EXPECT_EQ(0u, trelDeleteID(&ids, &sizes, &memory));
+  EXPECT_EQ(nullptr, ids);
+  const char* holed[] = {"a", nullptr};
+  EXPECT_EQ(TREL_RC_EXPORT_BIT, create(strings, 9999, 0, TREL_EXPORT_R));
+  EXPECT_EQ(TREL_RC_ID_COUNT, create(strings, 9999, 0x8001, TREL_EXPORT_ID));
+  EXPECT_EQ(TREL_RC_NODE_ID_MAX, create(strings, 4097, 3, TREL_EXPORT_ID));
+  EXPECT_EQ(TREL_RC_PROPERTY_ID_MAX, create(strings, 4097, 3, TREL_EXPORT_IR));
+  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, create(strings, 1, 3, TREL_EXPORT_ID));
+  EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, create(strings, 1, 3, TREL_EXPORT_IV));
+  EXPECT_EQ(TREL_RC_STRING_NULL, create(holed, 1, 2, TREL_EXPORT_ID));
+  ASSERT_EQ(0u, create(strings + 1, 0, 1, TREL_EXPORT_ID));
+  EXPECT_EQ(0u, trelDeleteID(&ids, &sizes, &memory));
+
+  const uint64_t tags[] = {7, 0x100000002, 9};
+  TraverseInfo_t* path = nullptr;
+  ASSERT_EQ(0u, trelCreateTraverseInfoArray(&path, tags, strings, 2, 3, &memory));
+  EXPECT_EQ(2u, path[1].traverseTag);
+  EXPECT_EQ(0u, path[1].traverseIdSize);
+  EXPECT_NE(nullptr, path[1].traverseId);
+  EXPECT_EQ('c', path[2].traverseId[0]);
+  EXPECT_EQ(0u, trelDeleteTraverseInfoArray(&path, 3, &memory));
+  EXPECT_EQ(TREL_RC_TRAVERSE_COUNT,
+            trelCreateTraverseInfoArray(&path, tags, strings, 2, 0x100001, &memory));
+  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, trelCreateTraverseInfoArray(&path, tags, strings, 1, 3, &memory));
+  EXPECT_EQ(TREL_RC_STRING_NULL, trelCreateTraverseInfoArray(&path, tags, holed, 1, 2, &memory));
+
+  uint8_t four[] = {1, 2, 3, 4};
+  trelReverseByteSequence(four, 4);
+  EXPECT_EQ(0, memcmp(four, "\4\3\2\1", 4));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0u, trelPrintID(bytes("a \x7f\x1f~\xff"), 6));
+  EXPECT_EQ("a ..~.", testing::internal::GetCapturedStdout());
+}
+
+class Dependents : public Library {
+ protected:
+  // The names of the list, in order.
+  std::string names() {
+    SNodeInfo_t records[8];
+    uint8_t ids[8 * kIdRoom] = {};
+    uint64_t returned = 0, live = 0;
+    const uint32_t rc =
+        trelReturnDependentNodes(parent, records, ids, &returned, &live, 8, kIdRoom, 0);
+    if (rc == TREL_RC_DEPENDENTS_EMPTY) return "";
+    EXPECT_EQ(0u, rc);
+    EXPECT_EQ(live, returned);
+    std::string all;
+    for (uint64_t i = 0; i < returned; ++i) {
+      EXPECT_EQ(0u, +records[i].selfOffset);
+      all.append(reinterpret_cast<char*>(ids + i * kIdRoom), records[i].idSize);
+    }
+    return all;
+  }
+  uint32_t add(uint64_t tag, const std::string& id, uint64_t mode = 0) {
+    SNodeInfo_t record = recordOf(segment, child, segment);
+    record.nodeTag = tag;
+    record.selfOffset = 77;
+    const uint32_t rc =
+        trelAddDependentNode(parent, &record, id.empty() ? nullptr : bytes(id), id.size(), mode, 0);
+    EXPECT_EQ(77u, record.selfOffset);
+    return rc;
+  }
+  uint32_t remove(uint64_t tag, const std::string& id) {
+    SNodeInfo_t record{};
+    record.nodeTag = tag;
+    record.idSize = id.size();
+    return trelDeleteDependentNode(parent, &record, bytes(id), 0);
+  }
+  uint64_t used() { return parent->exportTable[10].used; }
+
+  Segment segment;
+  SNodeCB_t* parent = makeNode(segment, 1, "p", 3);
+  SNodeCB_t* child = makeNode(segment, 2, "c", 0);
+  static constexpr uint64_t kStride = 56 + kIdRoom;
+};
+
+TEST_F(Dependents, KeepTheirOrderAndReuseVacantPlaces) {
+  EXPECT_EQ(8u, used());
+  for (const char* id : {"A", "B", "C"}) EXPECT_EQ(0u, add(5, id));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, add(5, "D"));
+  EXPECT_EQ(0u, remove(5, "B"));
+  EXPECT_EQ(0u, add(5, "D"));
+  EXPECT_EQ("ADC", names());
+  const uint64_t before = reconfigurations(parent);
+  EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT, add(5, "C"));
+  EXPECT_EQ(0u, add(5, "C", TREL_ADD_REPLACE));
+  EXPECT_EQ(before + 1, reconfigurations(parent));
+  EXPECT_EQ(8 + 3 * kStride, used());
+  EXPECT_EQ(0u, remove(5, "A"));
+  EXPECT_EQ(0u, remove(5, "D"));
+  EXPECT_EQ("C", names());
+  EXPECT_EQ(TREL_RC_DEPENDENT_ABSENT, remove(5, "A"));
+  SNodeInfo_t* entry = nullptr;
+  EXPECT_EQ(0u, trelFindDependentNode(&entry, parent, 5, 0, nullptr, 0));
+  EXPECT_EQ('C', reinterpret_cast<char*>(entry + 1)[0]);
+  EXPECT_EQ(segment.offsetOf(entry), +entry->selfOffset);
+  EXPECT_EQ(0u, remove(5, "C"));
+  EXPECT_EQ(0u, +parent->exports & TREL_EXPORT_DEPENDENT);
+  EXPECT_EQ(TREL_RC_DEPENDENT_ABSENT, trelFindDependentNode(&entry, parent, 5, 0, nullptr, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_EMPTY, remove(5, "C"));
+  EXPECT_EQ(0u, add(6, ""));
+  EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT, add(6, ""));
+  EXPECT_EQ(0u, add(6, "x"));  // a name with identifier differs from one without
+  EXPECT_EQ(TREL_RC_TAG_RANGE, add(0, "x"));
+  EXPECT_EQ(TREL_RC_TAG_RANGE, add(0x100001, "x"));
+  EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, add(6, std::string(17, 'x')));
+  uint64_t live = 0, capacity = 0;
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(parent, &live, &capacity, 0));
+  EXPECT_EQ(2u, live);
+  EXPECT_EQ(3u, capacity);
+}
+
+TEST_F(Dependents, CreatedFromRecords) {
+  const SNodeInfo_t one = recordOf(segment, child, segment);
+  SNodeInfo_t records[] = {one, one};
+  uint64_t sizes[] = {1, 2};
+  const auto create = [&](uint64_t max, uint64_t count) {
+    return trelCreateDependentNodeList(parent, records, sizes, bytes("abc"), max, count, 0);
+  };
+  EXPECT_EQ(TREL_RC_DEPENDENT_COUNT, create(4097, 32769));
+  EXPECT_EQ(TREL_RC_NODE_ID_MAX, create(4097, 2));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, create(kIdRoom * 8, 2));
+  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, create(0, 2));
+  const uint64_t before = reconfigurations(parent);
+  EXPECT_EQ(0u, create(kIdRoom - 3, 2));
+  EXPECT_EQ(before + 1, reconfigurations(parent));
+  EXPECT_EQ("abc", names());
+  EXPECT_EQ(2u, +records[1].idSize);
+  EXPECT_EQ(+one.segBase, +records[1].segBase);
+  sizes[1] = 1;
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, records, sizes, bytes("ab"), kIdRoom, 2, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT,
+            trelCreateDependentNodeList(parent, records, sizes, bytes("aa"), kIdRoom, 2, 0));
+  EXPECT_EQ("ab", names());
+  SNodeInfo_t* entry = nullptr;
+  records[0].nodeTag = records[1].nodeTag = 0;  // entries that read as vacant
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, records, sizes, bytes("aa"), kIdRoom, 2, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENT_BOUNDS, trelFindDependentNode(&entry, parent, 2, 0, nullptr, 0));
+  // Without room for identifiers a list never shows an entry.
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, nullptr, nullptr, nullptr, 0, 0, 0));
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, add(5, ""));
+  uint64_t live = 9, capacity = 9, max = 9;
+  EXPECT_EQ(0u, trelGetDependentNodesLocation(parent, &entry, &live, &capacity));
+  EXPECT_EQ(0u, live + capacity);
+  EXPECT_EQ(0u, trelCreateDependentNodeList(parent, nullptr, nullptr, nullptr, 100, 0, 0));
+  EXPECT_EQ(0u, trelGetMaxIDSizeForDependentNode(parent, TREL_EXPORT_DEPENDENT, &max));
+  EXPECT_EQ(104u, max);
+  // A node whose section was never made one.
+  SNodeCB_t* bare = makeNode(segment, 9, "bare", 0);
+  EXPECT_EQ(TREL_RC_DEPENDENT_SECTION_SMALL,
+            trelCreateDependentNodeList(bare, nullptr, nullptr, nullptr, 8, 0, 0));
+  EXPECT_EQ(0u, +bare->exports & TREL_EXPORT_DEPENDENT);
+  SNodeInfo_t record = one;
+  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, trelAddDependentNode(bare, &record, nullptr, 0, 0, 0));
+}
+
+TEST_F(Dependents, WishesForNewLimits) {
+  uint32_t wishes[58] = {};
+  const auto* section = reinterpret_cast<const ChangeListSection_t*>(
+      reinterpret_cast<uint8_t*>(parent) + parent->exportTable[11].offset);
+  wishes[4] = 32768;
+  wishes[57] = 3;
+  parent->exportTable[11].used = 0;  // never written: old bytes do not count
+  memset(reinterpret_cast<uint8_t*>(parent) + parent->exportTable[11].offset, 0xff, 240);
+  EXPECT_EQ(0u, trelExportListOfChangedProperties(parent, 0, wishes));
+  EXPECT_EQ(+parent->exports, +section->exports);
+  const uint32_t codes[] = {TREL_RC_COUNT_R, TREL_RC_COUNT_V, TREL_RC_COUNT_IR, TREL_RC_COUNT_IV,
+                            TREL_RC_DEPENDENT_COUNT};
+  for (int word : {4, 3, 2, 1, 0}) {
+    wishes[word] = 32769;
+    EXPECT_EQ(codes[word], trelExportListOfChangedProperties(parent, 0, wishes));
+  }
+  uint32_t second[58] = {6};
+  EXPECT_EQ(0u, trelExportListOfChangedProperties(parent, 0, second));
+  EXPECT_EQ(6u, +section->words[0]);
+  EXPECT_EQ(0u, +section->words[1]);
+  EXPECT_EQ(32768u, +section->words[4]);
+  EXPECT_EQ(3u, +section->words[57]);
+  parent->exportTable[11].size = 239;
+  EXPECT_EQ(TREL_RC_SLOT_USED, trelExportListOfChangedProperties(parent, 0, second));
+  parent->exportTable[11].used = 8;
+  EXPECT_EQ(TREL_RC_NO_CHANGE_LIST, trelExportListOfChangedProperties(parent, 0, second));
+}
+
+// A writer that dies between its two stores leaves a list that the next one finds in order.
+TEST_F(Dependents, SurviveTheDeathOfAWriter) {
+  for (const char* id : {"A", "B", "C"}) ASSERT_EQ(0u, add(5, id));
+  SNodeInfo_t* entry = nullptr;
+  ASSERT_EQ(0u, trelFindDependentNode(&entry, parent, 5, 1, bytes("B"), 0));
+  for (const uint64_t tag : {0, 5}) {  // half a deletion, half an addition
+    const pid_t writer = fork();
+    if (writer == 0) {
+      trelEnterCriticalSectionBeforeWrite(parent, &parent->nodeLatchArea);
+      entry->nodeTag = tag;
+      _exit(0);
+    }
+    waitpid(writer, nullptr, 0);
+    const uint64_t before = reconfigurations(parent);
+    EXPECT_EQ(tag ? "ABC" : "AC", names());
+    EXPECT_EQ(8 + (tag ? 3 : 2) * kStride, used());
+    EXPECT_EQ(before + 1, reconfigurations(parent));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+// Nodes that can stand in a tree, and the records that make them one.
+#pragma once
+
+#include <string>
+
+#include "segment_fixture.h"
+
+inline const uint8_t* bytes(const std::string& s) {
+  return reinterpret_cast<const uint8_t*>(s.data());
+}
+
+constexpr uint64_t kIdRoom = 16;
+
+// A node with identifier, parent, list of dependents and wishes; initialised or active.
+inline SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& id, uint64_t places,
+                           bool activate = true) {
+  std::array<uint64_t, 64> sizes{};
+  sizes[0] = 16 + kIdRoom;
+  sizes[3] = 64 + kIdRoom;
+  sizes[10] = 8 + places * (56 + kIdRoom) + 3;
+  sizes[11] = 240;
+  SNodeCB_t* node = nullptr;
+  uint64_t size = 0, offset = 0;
+  SNodeInfo_t none{};
+  EXPECT_EQ(0u, trelCreateNode(in.info, &node,
+                               TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_CHANGE_LIST,
+                               sizes.data(), &size, &offset));
+  EXPECT_EQ(0u, trelInitNode(&node, offset, id.size(), bytes(id), &none, nullptr, kIdRoom, nullptr,
+                             nullptr, nullptr));
+  EXPECT_EQ(0u, trelSetNodeTag(node, tag, 0));
+  if (activate) {
+    EXPECT_EQ(0u, trelActivateNode(&node));
+  }
+  if (places) {
+    EXPECT_EQ(0u, trelCreateDependentNodeList(node, nullptr, nullptr, nullptr, kIdRoom, 0, 0));
+  }
+  return node;
+}
+
+inline std::string idOf(SNodeCB_t* node) {
+  const auto* section = reinterpret_cast<const IdSection_t*>(reinterpret_cast<uint8_t*>(node) +
+                                                             node->exportTable[0].offset);
+  return std::string(reinterpret_cast<const char*>(section + 1), section->idSize);
+}
+
+// A record of a node, to be stored in another node of `where`.
+inline SNodeInfo_t recordOf(const Segment& where, SNodeCB_t* node, const Segment& of) {
+  SNodeInfo_t record;
+  EXPECT_EQ(0u, trelAddStatusNodeInfo(&record, where.info, of.info, node->nodeOffset, node->tag,
+                                      idOf(node).size(), nullptr, nullptr));
+  return record;
+}
+
+// Makes the child a dependent of the parent, and tells the child.
+inline uint32_t adopt(const Segment& home, SNodeCB_t* parent, const Segment& of, SNodeCB_t* child) {
+  SNodeInfo_t down = recordOf(home, child, of);
+  const std::string id = idOf(child), parentId = idOf(parent);
+  if (const uint32_t rc = trelAddDependentNode(parent, &down, bytes(id), id.size(), 0, 0))
+    return rc;
+  SNodeInfo_t up = recordOf(of, parent, home);
+  const uint32_t condition = child->condition;
+  child->condition = TREL_CONDITION_ACTIVE;
+  EXPECT_EQ(0u, trelAddParentNode(child, &up, parentId.size(), bytes(parentId)));
+  child->condition = condition;
+  return 0;
+}
+
+inline uint64_t reconfigurations(SNodeCB_t* node) {
+  uint64_t count = 0;
+  EXPECT_EQ(0u, trelGetNodeReconfigCounter(node, &count));
+  return count;
+}
