@@ -118,8 +118,6 @@ class Forest : public Library {
     measure(m);
     if (size > all_.size() / 8) return;  // keep the tree alive
     SNodeInfo_t record = recordOf(*m->parent->home, m->node, *m->home);
-    const bool isNameless = m->condition() == TREL_CONDITION_INITIALISED && pick(2);
-    if (isNameless) m->node->exportTable[0].used = 16;
     ASSERT_EQ(0u, trelDeleteDependentNodeAndSubtree(m->parent->node, &record, m->home->info, 0, 1));
     vacate(m);
     forget(m);
