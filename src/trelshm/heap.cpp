@@ -67,7 +67,6 @@ void writeHeader(const Heap& heap, const HeapPlan& plan) {
   h->topPool = heap.kind().kind == TREL_HEAP_DOMAIN ? 0 : plan.ownerOffset;
   h->userAreaSize = plan.userAreaSize;
   if (plan.userAreaSize && plan.userData) memcpy(heap.userArea(), plan.userData, plan.userAreaSize);
-  for (TrelU64& word : heap.tail()->words) word = 0;
 }
 
 uint32_t writeDebug(const Heap& heap, uint64_t latchVersion) {
@@ -85,9 +84,10 @@ uint32_t writeDebug(const Heap& heap, uint64_t latchVersion) {
 
 uint32_t layOut(Heap* heap, const HeapPlan& plan) {
   writeHeader(*heap, plan);
+  if (const uint32_t rc = heap->openHeader()) return rc;
+  for (TrelU64& word : heap->tail()->words) word = 0;
   if (const uint32_t rc = writeDebug(*heap, plan.latchVersion)) return rc;
   if (heapHeaderSizeOf(plan.userAreaSize) != plan.sizes.headerSize) return heap->kind().rcHeader;
-  if (const uint32_t rc = heap->openHeader()) return rc;
   heap->setMaxLevel(plan.sizes.maxLevel);
   heap->setSpace(plan.sizes.space);
   if (plan.sizes.space <= plan.sizes.listHeaderSize || plan.sizes.space <= heap->listHeaderSize())

@@ -32,9 +32,9 @@ class Heap {
   uint32_t openHeader() {
     const HeapHeader_t* h = header();
     size_ = h->heapSize;
-    const uint64_t userArea = h->userAreaSize;
-    if (userArea > size_ || offset_ + size_ < offset_) return kind_->rcState;
-    headerSize_ = heapHeaderSizeOf(userArea);
+    userAreaSize_ = h->userAreaSize;
+    if (userAreaSize_ > size_ || offset_ + size_ < offset_) return kind_->rcState;
+    headerSize_ = heapHeaderSizeOf(userAreaSize_);
     return headerSize_ + slHeaderSizeOf(1) > size_ ? kind_->rcState : 0;
   }
 
@@ -73,13 +73,13 @@ class Heap {
 
   HeapHeader_t* header() const { return at<HeapHeader_t>(offset_); }
   HeapHeaderTail_t* tail() const {
-    return at<HeapHeaderTail_t>(offset_ + sizeof(HeapHeader_t) + round8(header()->userAreaSize));
+    return at<HeapHeaderTail_t>(offset_ + headerSize_ - sizeof(HeapHeaderTail_t));
   }
   void* userArea() const { return at<void>(offset_ + sizeof(HeapHeader_t)); }
 
   // The top node of a domain is counted from the exact user area, the list heads from the rounded.
-  TrelU64& topNodeOffset() const { return word(offset_ + 248 + header()->userAreaSize); }
-  TrelU64& topNodeTag() const { return word(offset_ + 256 + header()->userAreaSize); }
+  TrelU64& topNodeOffset() const { return word(offset_ + 248 + userAreaSize_); }
+  TrelU64& topNodeTag() const { return word(offset_ + 256 + userAreaSize_); }
   TrelU64& segmentListHead() const { return tail()->words[2]; }
   TrelU64& hdmListHead() const { return tail()->words[3]; }
 
@@ -109,7 +109,7 @@ class Heap {
   const void* base_;
   uint64_t offset_;
   const HeapKind* kind_;
-  uint64_t size_ = 0, headerSize_ = 0, maxLevel_ = 0, space_ = 0, rebuilds_ = 0;
+  uint64_t size_ = 0, userAreaSize_ = 0, headerSize_ = 0, maxLevel_ = 0, space_ = 0, rebuilds_ = 0;
 };
 
 }  // namespace trel
