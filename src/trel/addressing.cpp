@@ -65,12 +65,13 @@ uint32_t trelGetShmSegInfoPtrUsingSNodeInfo(const SNodeInfo_t* record, SNodeCB_t
     if (!otherSegment) return flow.fail(TREL_RC_OUT_OTHER_SEGMENT);
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!segInfo) return flow.fail(TREL_RC_SEGMENT_NULL);
-    Reached reached{*node, *segInfo};
+    Reached reached;
     SegIdentity_t identity;
-    const uint32_t rc = locateNode(record, &reached, &identity, current, otherSegment, options);
+    if (const uint32_t rc = locateNode(record, &reached, &identity, current, otherSegment, options))
+      return flow.fail(rc);
     *node = reached.node;
     *segInfo = reached.segInfo;
-    return rc;
+    return 0;
   });
 }
 
