@@ -170,6 +170,32 @@ TEST_F(Attach, MarkedSegmentRefusesEvenItsHolder) {
   EXPECT_EQ(1u, segment.heap()->connectionCount);
 }
 
+TEST_F(Attach, PoolsByOffsetAndForgottenRecords) {
+  Segment segment;  // without a tree
+  const auto pool = static_cast<uint32_t>(segment.pool()->poolOffset);
+  EXPECT_EQ(0, inOtherProcess([&] {
+              ShmSegInfo_t* info = nullptr;
+              const auto attach = [&](uint32_t offset) {
+                return trelAttachStatusSegment(&info, segment.key, 0, offset, 64, nullptr, nullptr);
+              };
+              EXPECT_EQ(TREL_RC_NO_TREE, attach(0));
+              EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, attach(pool + 4));
+              EXPECT_EQ(TREL_RC_POOL_STATE, attach(pool + 8));
+              EXPECT_EQ(1u, segment.heap()->connectionCount);
+              EXPECT_EQ(0u, attach(pool));
+              EXPECT_EQ(pool, info->shmPoolHandle->poolOffset);
+              *pSegAttachList = nullptr;
+              platSetReportSink([](const char*) {});
+              ShmPoolHandle_t* handle = info->shmPoolHandle;
+              info->shmPoolHandle = nullptr;
+              EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, trelDestroySegInfoAndHandles(&info));
+              info->shmPoolHandle = handle;
+              EXPECT_EQ(0u, trelDestroySegInfoAndHandles(&info));
+              EXPECT_EQ(TREL_RC_SEGMENT_NULL, trelDestroySegInfoAndHandles(&info));
+              EXPECT_EQ(2u, segment.heap()->connectionCount);
+            }));
+}
+
 TEST_F(Attach, MemoryOfTheCallerUsesTheSlot) {
   constexpr uint32_t kSize = 0x20000;
   void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -364,6 +390,11 @@ TEST_F(Attach, SegmentDeletedByAnotherProcess) {
                 EXPECT_EQ(0u, trelDeleteStatusSegment(&tree.info, 4, 2, 2));
                 EXPECT_EQ(nullptr, tree.info);
               }));
+    EXPECT_FALSE(segment.key.exists());
+    ShmSegInfo_t* successor = nullptr;
+    EXPECT_EQ(
+        TREL_RC_SEGMENT_EXISTS,
+        trelGetProtectedStatusSegment(&successor, 0x20000, segment.key, 0, 0, nullptr, nullptr));
     EXPECT_FALSE(segment.key.exists());
     EXPECT_NE(0u, trelDetachStatusSegment(&segment.info, 1));
     ASSERT_NE(nullptr, segment.info);

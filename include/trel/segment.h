@@ -65,8 +65,8 @@ TREL_API const char* trelPrintrc(uint32_t code);
  * poolSize 0: the largest payload that fits. With x the largest payload sure to fit and A the bytes
  * that the domain manages: from 1 to x a payload, to which the pool's own needs are added; above x
  * and up to A the size of the whole pool, from which they are taken. Above A:
- * TREL_RC_DOMAIN_ABOVE_HEAP. No payload left: TREL_RC_SEGMENT_SMALL. Key taken, or the slot of
- * access mode 3 in use: TREL_RC_SEGMENT_EXISTS.
+ * TREL_RC_DOMAIN_ABOVE_HEAP. No payload left: TREL_RC_SEGMENT_SMALL. Key taken, or still held by
+ * this process, or the slot of access mode 3 in use: TREL_RC_SEGMENT_EXISTS.
  *
  * A failure leaves no segment behind. trelSegAttachLatch is held throughout. */
 TREL_API uint32_t trelGetProtectedStatusSegment(ShmSegInfo_t** seg, uint32_t size,
@@ -144,7 +144,8 @@ TREL_API uint32_t trelUpdateShmAttachRefCount(ShmSegInfo_t* segInfo, uint32_t op
 TREL_API uint32_t trelGetShmAttachRefCount(ShmSegInfo_t* segInfo, uint32_t* count);
 
 /* Frees a record that is neither listed nor in the slot, with both its handles, without
- * disconnecting. */
+ * disconnecting. The segment stays mapped: whoever is to unmap it takes ipcMemory from the domain's
+ * handle before. */
 TREL_API uint32_t trelDestroySegInfoAndHandles(ShmSegInfo_t** segInfo);
 
 /* ---- From records to nodes. ---- */

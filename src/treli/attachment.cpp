@@ -110,6 +110,9 @@ uint32_t NewHold::publish() {
     trelGASegInfo.state = TREL_GA_SLOT_IN_USE;
     return 0;
   }
+  // A hold of a deleted segment would be found in place of the new one of its key.
+  Hold held;
+  if (holdOfKey(segInfo_->identity.segmentKey.key, &held) == 0) return TREL_RC_SEGMENT_EXISTS;
   node_->refCount = 1;
   return trelInsertAttachInfoNodeIntoLList(segInfo_, &node_);
 }
