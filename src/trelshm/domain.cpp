@@ -69,12 +69,7 @@ class Memory {
 
 // The caller's record with the defaults in place of zeros.
 ShmDomainParam_t complete(const ShmDomainParam_t* given, uint32_t accessMode) {
-  ShmDomainParam_t p = given ? *given : ShmDomainParam_t{};
-  takeDefault(&p.heapVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  takeDefault(&p.handleVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  takeDefault(&p.latchVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  takeDefault(&p.maxLevel, kDefaultLevel);
-  takeDefault(&p.granularity, kDefaultGranularity);
+  ShmDomainParam_t p = completed(given, kDefaultLevel, kDefaultGranularity);
   takeDefault(&p.accessMode, accessMode);
   takeDefault(&p.permissions, kDefaultPermissions);
   return p;
@@ -130,17 +125,7 @@ uint32_t trelCreateShmDomain(const PLATIPCResID* resId, uintptr_t address, uint3
       return flow.fail(TREL_RC_ACCESS_MODE);
     }
 
-    HeapPlan plan = {size,
-                     {param.nodeCount, param.maxLevel, 0, 0, 0},
-                     param.granularity,
-                     param.userAreaSize,
-                     param.userData,
-                     param.latchVersion,
-                     param.heapVersion,
-                     param.handleVersion,
-                     param.heapFlags,
-                     0};
-    plan.sizes.workOut(size, TREL_HEAP_DOMAIN, param.userAreaSize);
+    const HeapPlan plan = planOf(param, TREL_HEAP_DOMAIN, size, 0);
     if (const uint32_t rc = createHeap(memory.base, param.heapOffset, kDomainKind, plan))
       return flow.fail(rc);
     if (const uint32_t rc = makeHandle(handle, memory.base, param, nullptr)) {

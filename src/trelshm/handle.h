@@ -5,6 +5,7 @@
 
 #include "platsvc/memory.h"
 #include "trel/storage.h"
+#include "trelshm/heap.h"
 #include "trelshm/heap_latch.h"
 
 namespace trel {
@@ -12,6 +13,30 @@ namespace trel {
 template <class T>
 inline void takeDefault(T* field, T byDefault) {
   if (*field == 0) *field = byDefault;
+}
+
+// The caller's record, with the defaults that both kinds have in place of zeros.
+template <class Param>
+Param completed(const Param* given, uint64_t maxLevel, uint64_t granularity) {
+  Param p = given ? *given : Param{};
+  takeDefault(&p.heapVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.handleVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.latchVersion, uint64_t{TREL_STRUCTURE_VERSION});
+  takeDefault(&p.maxLevel, maxLevel);
+  takeDefault(&p.granularity, granularity);
+  return p;
+}
+
+// The heap that such a record describes; its sizes are worked out from `payload` bytes.
+template <class Param>
+HeapPlan planOf(const Param& p, uint32_t kind, uint64_t payload, uint64_t ownerOffset) {
+  HeapPlan plan = {payload,       {p.nodeCount, p.maxLevel, 0, 0, 0},
+                   p.granularity, p.userAreaSize,
+                   p.userData,    p.latchVersion,
+                   p.heapVersion, p.handleVersion,
+                   p.heapFlags,   ownerOffset};
+  plan.sizes.workOut(payload, kind, p.userAreaSize);
+  return plan;
 }
 
 // Parameters of either kind, their defaults in place.

@@ -8,13 +8,7 @@ namespace {
 constexpr uint64_t kDefaultLevel = 10, kDefaultGranularity = 8;
 
 ShmPoolParam_t complete(const ShmPoolParam_t* given) {
-  ShmPoolParam_t p = given ? *given : ShmPoolParam_t{};
-  takeDefault(&p.heapVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  takeDefault(&p.handleVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  takeDefault(&p.latchVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  takeDefault(&p.maxLevel, kDefaultLevel);
-  takeDefault(&p.granularity, kDefaultGranularity);
-  return p;
+  return completed(given, kDefaultLevel, kDefaultGranularity);
 }
 
 uint32_t makeHandle(ShmPoolHandle_t** handle) {
@@ -89,17 +83,7 @@ uint32_t _trelCreateShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domainH
       return flow.fail(rc);
     if (!handle) return flow.fail(TREL_RC_POOL_HANDLE_NULL);
 
-    HeapPlan plan = {0,
-                     {param.nodeCount, param.maxLevel, 0, 0, 0},
-                     param.granularity,
-                     param.userAreaSize,
-                     param.userData,
-                     param.latchVersion,
-                     param.heapVersion,
-                     param.handleVersion,
-                     param.heapFlags,
-                     domain.offset()};
-    plan.sizes.workOut(poolSize, TREL_HEAP_POOL, param.userAreaSize);
+    HeapPlan plan = planOf(param, TREL_HEAP_POOL, poolSize, domain.offset());
     const uint64_t extra = plan.sizes.headerSize + plan.sizes.space;
     plan.size = (poolSize + extra + param.granularity - 1) / param.granularity * param.granularity;
 
