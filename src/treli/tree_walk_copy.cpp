@@ -72,6 +72,7 @@ class Walk {
     }
     *pass_.totalSize += size;
     level->copy = copy;
+    // Only a rehearsal has no record to fill. NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
     level->place = {name.info->nodeOffset, name.info->segInfoOffset, name.info->hdmInfoOffset,
                     name.info->segBase};
     return 0;

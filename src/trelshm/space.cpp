@@ -53,7 +53,10 @@ class Records {
                           _platMemAlloc(&block_, 0, static_cast<uint32_t>(count * sizeof(T)), 1,
                                         __FILE__, __LINE__) == 0);
   }
-  T& operator[](uint64_t i) { return static_cast<T*>(block_)[i]; }
+  T& operator[](uint64_t i) {
+    if (!block_) __builtin_unreachable();  // no records, no index
+    return static_cast<T*>(block_)[i];
+  }
 
  private:
   void* block_ = nullptr;
