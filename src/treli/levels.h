@@ -27,8 +27,10 @@ class Levels {
   Level& top() { return levels_[count_ - 1]; }
   void pop() { --count_; }
 
-  // May move the levels. Refuses what no tree has: cycles end here.
+  // May move the levels. Refuses what no tree has: more levels, or a node that is on the path
+  // already.
   uint32_t push(const Level& level) {
+    if (closesCycle(level.node)) return TREL_RC_DEPTH_LIMIT;
     if (count_ == capacity_) {
       if (const uint32_t rc = grow()) return rc;
     }
@@ -37,6 +39,16 @@ class Levels {
   }
 
  private:
+  static constexpr uint32_t kNear = 64;
+
+  // Looks at the last levels, and on a long path at one more, which moves on at powers of 2, so
+  // that any cycle comes back to it. Without this a cycle that forks would end, but not in time.
+  bool closesCycle(const void* node) const {
+    for (uint32_t i = count_ > kNear ? count_ - kNear : 0; i < count_; ++i)
+      if (levels_[i].node == node) return true;
+    return count_ > kNear && levels_[1u << (31 - __builtin_clz(count_ - 1))].node == node;
+  }
+
   __attribute__((noinline)) uint32_t grow() {
     Level* larger = nullptr;
     if (count_ == kMaxDepth || obtain(&larger, 2 * capacity_) != 0) return TREL_RC_DEPTH_LIMIT;
