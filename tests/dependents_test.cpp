@@ -1,4 +1,6 @@
 // Names, lists of dependents, wishes for new limits.
+#include <atomic>
+#include <thread>
 #include <vector>
 
 #include "tree_fixture.h"
@@ -40,7 +42,14 @@ TEST(Names, PackedIdentifiersAndPaths) {
   EXPECT_EQ(0u, trelDeleteTraverseInfoArray(&path, 3, &memory));
   EXPECT_EQ(TREL_RC_TRAVERSE_COUNT,
             trelCreateTraverseInfoArray(&path, tags, strings, 2, 0x100001, &memory));
-  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, trelCreateTraverseInfoArray(&path, tags, strings, 1, 3, &memory));
+  const std::string limit(4096, 'x'), beyond(4097, 'x');
+  const char *atLimit[] = {limit.c_str()}, *tooLong[] = {beyond.c_str()};
+  EXPECT_EQ(TREL_RC_NODE_ID_MAX,
+            trelCreateTraverseInfoArray(&path, tags, strings, 4097, 3, &memory));
+  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, trelCreateTraverseInfoArray(&path, tags, tooLong, 1, 1, &memory));
+  ASSERT_EQ(0u, trelCreateTraverseInfoArray(&path, tags, atLimit, 1, 1, &memory));
+  EXPECT_EQ(4096u, path[0].traverseIdSize);
+  EXPECT_EQ(0u, trelDeleteTraverseInfoArray(&path, 1, &memory));
   EXPECT_EQ(TREL_RC_STRING_NULL, trelCreateTraverseInfoArray(&path, tags, holed, 1, 2, &memory));
 
   uint8_t four[] = {1, 2, 3, 4};
@@ -199,6 +208,22 @@ TEST_F(Dependents, WishesForNewLimits) {
   EXPECT_EQ(TREL_RC_SLOT_USED, trelExportListOfChangedProperties(parent, 0, second));
   parent->exportTable[11].used = 8;
   EXPECT_EQ(TREL_RC_NO_CHANGE_LIST, trelExportListOfChangedProperties(parent, 0, second));
+}
+
+// The last entry takes the export bit away with it, and must not take it from those who just add.
+TEST_F(Dependents, ComeAndGoInTwoThreads) {
+  std::atomic<int> refused{0};
+  const auto work = [&](const std::string& id) {
+    SNodeInfo_t record = recordOf(segment, child, segment);
+    for (int i = 0; i < 20000; ++i) {
+      refused += trelAddDependentNode(parent, &record, bytes(id), 1, 0, 0) != 0;
+      refused += trelDeleteDependentNode(parent, &record, bytes(id), 0) != 0;
+    }
+  };
+  std::thread other(work, "A");
+  work("B");
+  other.join();
+  EXPECT_EQ(0, refused);
 }
 
 // A writer that dies between its two stores leaves a list that the next one finds in order.

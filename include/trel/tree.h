@@ -45,7 +45,7 @@ TREL_API uint32_t trelCompareTagID(uint64_t tagA, const uint8_t* a, uint64_t siz
 TREL_API uint32_t trelPrintID(const uint8_t* id, uint64_t size);
 
 /* A path for trelFindNodeHard: an array of 1 to 0x100000 records, made from tags and
- * zero-terminated strings of at most maxSize bytes (0 to 4096). */
+ * zero-terminated strings of at most 4096 bytes. maxSize (0 to 4096) does not limit them. */
 TREL_API uint32_t trelCreateTraverseInfoArray(TraverseInfo_t** path, const uint64_t* tags,
                                               const char* const* strings, uint64_t maxSize,
                                               uint64_t count, const void* memoryRecord);
@@ -98,7 +98,7 @@ TREL_API uint32_t trelAddParentNode(SNodeCB_t* node, SNodeInfo_t* record, uint64
 /* Copies up to `length` (1 to 32768) entries out, in list order, with selfOffset 0 and segBase set,
  * and their identifiers to ids, idSlotSize bytes apart. Identifiers are copied whole, so slots must
  * take the largest. *returned gets the number of copies, *live that of all entries. Takes the read
- * section. */
+ * section. A failure on the way leaves the copies made so far. */
 TREL_API uint32_t trelReturnDependentNodes(SNodeCB_t* node, SNodeInfo_t* records, uint8_t* ids,
                                            uint64_t* returned, uint64_t* live, uint64_t length,
                                            uint64_t idSlotSize, uint64_t inCriticalSection);
@@ -157,7 +157,7 @@ TREL_API uint32_t trelSearchForNodeHard(SNodeInfo_t* entry, SNodeCB_t** child, E
                                         const uint8_t* id);
 
 /* All nodes of a tag, depth first. *total counts them; the first `length` (1 to 0x100000) of them
- * go to found, and *returned counts those. */
+ * go to found, and *returned counts those; after a failure what was found so far. */
 TREL_API uint32_t trelFindNodesByTag(SNodeCB_t* node, uint64_t tag, uint64_t depthLimit,
                                      uint64_t length, SNodeInfo_t** found, uint64_t* returned,
                                      uint64_t* total);
@@ -185,9 +185,8 @@ TREL_API uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, u
  * 1 << TREL_CONDITION_ACTIVE for all nodes, and TREL_WALK_ALL has no meaning there. */
 #define TREL_WALK_ALL 1u
 #define TREL_WALK_ONE_SEGMENT 64u /* do not go into other segments */
-#define TREL_WALK_REMOVE_TOP                                          \
-  128u /* with TREL_STATUS_DISCLAIM: also from the list of its parent \
-        */
+/* With TREL_STATUS_DISCLAIM: take the top node off the list of its parent. */
+#define TREL_WALK_REMOVE_TOP 128u
 
 /* Applies a status operation to each selected node. TREL_STATUS_DISCLAIM removes the entry of each
  * node that goes, and abandoned nodes go whatever the options select; a selected node whose

@@ -58,6 +58,7 @@ uint32_t checkEntries(const NewEntries& given, uint64_t maxIdSize) {
 }
 
 void fillList(SNodeCB_t* node, ExportSlot_t* slot, const NewEntries& given, uint64_t maxIdSize) {
+  exportDependents(node, true);  // another writer may have emptied the list before this section
   clearDependents(node, slot, maxIdSize);
   const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
   const uint8_t* id = given.ids;
@@ -149,11 +150,7 @@ uint32_t trelAddDependentNode(SNodeCB_t* node, SNodeInfo_t* record, const uint8_
     if (idSize != 0 && !id) return flow.fail(TREL_RC_ID_NULL);
     const uint64_t tag = record->nodeTag;
     if (tag == 0 || tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE, &tag, sizeof tag);
-    exportDependents(node, true);
-    DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
-    if (idSize > list.maxIdSize) return flow.fail(TREL_RC_PROPERTY_ID_SIZE);
-    return writing(node, inCriticalSection, accept::living, [&]() -> uint32_t {
+    return within<Access::write>(node, inCriticalSection, [&] {
       return addDependent(node, record, {tag, id, idSize}, addMode == TREL_ADD_REPLACE);
     });
   });

@@ -539,11 +539,7 @@ uint32_t linkDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id, 
                        uint64_t inCriticalSection) {
   if (idSize && !id) return TREL_RC_ID_NULL;
   if (record->nodeTag == 0 || record->nodeTag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-  if (!(node->exports & TREL_EXPORT_DEPENDENT)) exportDependents(node, true);
-  return writing(node, inCriticalSection, accept::living, [&]() -> uint32_t {
-    DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return rc;
-    if (idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+  return within<Access::write>(node, inCriticalSection, [&] {
     return addDependent(node, record, {record->nodeTag, id, idSize, true}, true);
   });
 }

@@ -31,6 +31,7 @@ uint32_t reachSearched(const SNodeInfo_t* entry, SNodeCB_t** child) {
       return rc;
   }
   leaveReached(&reached);
+  *child = reached.node;
   return rc;
 }
 

@@ -27,10 +27,11 @@ uint32_t measure(const char* string, uint64_t maxSize, uint32_t tooLong, uint64_
 }
 
 uint32_t fillPath(TraverseInfo_t* path, const uint64_t* tags, const char* const* strings,
-                  uint64_t maxSize, uint64_t count) {
+                  uint64_t count) {
   for (uint64_t i = 0; i < count; ++i) {
     uint64_t size = 0;
-    if (const uint32_t rc = measure(strings[i], maxSize, TREL_RC_NODE_ID_SIZE, &size)) return rc;
+    if (const uint32_t rc = measure(strings[i], TREL_MAX_ID_SIZE, TREL_RC_NODE_ID_SIZE, &size))
+      return rc;
     path[i].traverseTag = static_cast<uint32_t>(tags[i]);
     path[i].traverseIdSize = static_cast<uint32_t>(size);
     if (obtain(&path[i].traverseId, size ? size : 1) != 0) return TREL_RC_ID_NO_MEMORY;
@@ -134,7 +135,7 @@ uint32_t trelCreateTraverseInfoArray(TraverseInfo_t** path, const uint64_t* tags
     TraverseInfo_t* made = nullptr;
     if (obtain(&made, count) != 0) return flow.fail(TREL_RC_ID_NO_MEMORY);
     for (uint64_t i = 0; i < count; ++i) made[i].traverseId = nullptr;
-    if (const uint32_t rc = fillPath(made, tags, strings, maxSize, count)) {
+    if (const uint32_t rc = fillPath(made, tags, strings, count)) {
       deletePath(&made, count);
       return flow.fail(rc);
     }

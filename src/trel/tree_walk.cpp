@@ -186,9 +186,11 @@ uint32_t ParentEntry::find(SNodeCB_t* node) {
   if (const uint32_t rc = trelGetNodeID(node, &id, &name.idSize, 0)) return rc;
   name.id = id;
   if (const uint32_t rc = nodeBehind(record, &parent)) return rc;
+  DependentList list;
+  if (const uint32_t rc = locateDependents(parent, &list)) return rc;
   return writing(parent, 0, accept::any, [&]() -> uint32_t {
-    DependentList list;
     if (locateDependents(parent, &list) || list.live == 0) return TREL_RC_DEPENDENT_ABSENT;
+    if (list.live > TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
     FoundDependent found;
     if (const uint32_t rc = findDependent(list, name, &found)) return rc;
     if (!found.entry) return TREL_RC_DEPENDENT_ABSENT;

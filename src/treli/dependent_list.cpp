@@ -57,8 +57,11 @@ void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, co
 }
 
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace) {
+  exportDependents(node, true);
   DependentList list;
-  if (locateDependents(node, &list)) return TREL_RC_DEPENDENT_ABSENT;
+  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  if (name.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+  if (const uint32_t rc = checkCondition(node, accept::living)) return rc;
   if (list.live > TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
   FoundDependent found;
   if (const uint32_t rc = findDependent(list, name, &found)) return rc;
@@ -68,12 +71,12 @@ uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& na
     return countReconfiguration(node);
   }
   if (list.maxIdSize == 0) return TREL_RC_DEPENDENTS_FULL;
-  if (list.live == TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
   const uint64_t used = list.slot->used + list.stride();
   if (!found.vacant) {
     if (used > list.slot->size) return TREL_RC_DEPENDENTS_FULL;
     if (!found.walk.fits()) return TREL_RC_DEPENDENT_BOUNDS;
   }
+  if (list.live == TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
   storeDependent(node, found.vacant ? found.vacant : found.walk.place(), record, name.id,
                  name.idSize);
   storeLast(&list.slot->used, used);

@@ -148,7 +148,8 @@ void clearDependents(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize);
 // Adds an entry behind `place`, which is vacant, or overwrites the entry there.
 void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, const uint8_t* id,
                     uint64_t idSize);
-// Adds the record, or with `replace` overwrites the entry of its name. Counts the change.
+// Adds the record, or with `replace` overwrites the entry of its name. Counts the change. Tests all
+// but the record's tag, in the section: a list that loses its last entry loses its export bit too.
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace);
 // Makes the entry vacant. Counts the change.
 uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry);
