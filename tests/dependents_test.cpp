@@ -1,5 +1,5 @@
 // Names, lists of dependents, wishes for new limits.
-#include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -210,20 +210,30 @@ TEST_F(Dependents, WishesForNewLimits) {
   EXPECT_EQ(TREL_RC_NO_CHANGE_LIST, trelExportListOfChangedProperties(parent, 0, second));
 }
 
-// The last entry takes the export bit away with it, and must not take it from those who just add.
-TEST_F(Dependents, ComeAndGoInTwoThreads) {
-  std::atomic<int> refused{0};
-  const auto work = [&](const std::string& id) {
+// The last entry takes the export bit away with it, also from under those who wait to add theirs.
+TEST_F(Dependents, TheLastGoesWhileOthersWaitToAdd) {
+  const auto create = [&] {
     SNodeInfo_t record = recordOf(segment, child, segment);
-    for (int i = 0; i < 20000; ++i) {
-      refused += trelAddDependentNode(parent, &record, bytes(id), 1, 0, 0) != 0;
-      refused += trelDeleteDependentNode(parent, &record, bytes(id), 0) != 0;
-    }
+    const uint64_t size = 1;
+    return trelCreateDependentNodeList(parent, &record, &size, bytes("B"), kIdRoom, 1, 0);
   };
-  std::thread other(work, "A");
-  work("B");
-  other.join();
-  EXPECT_EQ(0, refused);
+  for (const bool byCreate : {false, true}) {
+    ASSERT_EQ(0u, add(5, "A"));
+    ASSERT_EQ(0u, trelEnterCriticalSectionBeforeWrite(parent, &parent->nodeLatchArea));
+    uint32_t rc = 1;
+    std::thread other([&] { rc = byCreate ? create() : add(5, "B"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    SNodeInfo_t record{};
+    record.nodeTag = 5;
+    EXPECT_EQ(0u, trelDeleteDependentNode(parent, &record, nullptr, 1));
+    EXPECT_EQ(0u, trelExitCriticalSectionAfterWrite(parent, &parent->nodeLatchArea));
+    other.join();
+    EXPECT_EQ(0u, rc);
+    EXPECT_EQ("B", names());
+    if (!byCreate) {
+      EXPECT_EQ(0u, remove(5, "B"));
+    }
+  }
 }
 
 // A writer that dies between its two stores leaves a list that the next one finds in order.
