@@ -111,5 +111,3 @@ BENCHMARK_CAPTURE(trelBlocks, filled, 0xb, false)
 BENCHMARK(boostBlocks)->Name("blocks/boost best fit")->RangeMultiplier(10)->Range(1000, 100000);
 
 }  // namespace
-
-BENCHMARK_MAIN();
