@@ -238,6 +238,29 @@ inline Made makeTree(const std::vector<const Segment*>& segments, unsigned nodes
   return made[0];
 }
 
+// A call of the tree copy, and what came of it. The new segment is deleted at the end.
+struct TreeCopy {
+  SNodeCB_t* top = nullptr;
+  ShmSegInfo_t** source = nullptr;
+  const PLATIPCResID* key = nullptr;
+  uint32_t method = TREL_TREE_COPY_DIRECT;
+  uint32_t flags = TREL_TREE_COPY_ALL, limits = TREL_COPY_LIMITS_KEEP, size = 0x1000000;
+  uint64_t maxDepth = 0;
+  SNodeCB_t* newTop = nullptr;
+  ShmSegInfo_t* dst = nullptr;
+  uint64_t bytes = 0;
+
+  uint32_t run() {
+    return trelCopyTreeIntoSingleShmSegment(top, &newTop, source, &dst, size, key, 0, 0, nullptr,
+                                            nullptr, flags, method, limits, maxDepth, &bytes);
+  }
+  ~TreeCopy() {
+    if (dst) {
+      EXPECT_EQ(0u, trelDeleteStatusSegment(&dst, 4, 2, 2));
+    }
+  }
+};
+
 // ---- Pictures --------------------------------------------------------------------------------
 
 // All of a node that a copy is to have, by name and value; where it lies and how it is laid out is

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <numeric>
 #include <thread>
@@ -303,23 +302,14 @@ void wishForMore(SNodeCB_t* node) {
   }
 }
 
-struct Result {
-  Key key;  // given to the method
-  SNodeCB_t* top = nullptr;
-  ShmSegInfo_t* info = nullptr;
-  uint64_t bytes = 0;
-
-  uint32_t copy(Source& source, uint32_t method, uint32_t flags = TREL_TREE_COPY_ALL,
-                uint32_t limits = TREL_COPY_LIMITS_KEEP, uint64_t maxDepth = 0,
-                uint32_t size = 4 * kRoom) {
-    return trelCopyTreeIntoSingleShmSegment(source.top, &top, &source.first().info, &info, size,
-                                            key, 0, 0, nullptr, nullptr, flags, method, limits,
-                                            maxDepth, &bytes);
-  }
-  ~Result() {
-    if (info) {
-      EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 4, 2, 2));
-    }
+// A copy of it, to a key of its own.
+struct Result : TreeCopy {
+  Key ownKey;
+  explicit Result(Source& from, uint32_t by = TREL_TREE_COPY_DIRECT) {
+    top = from.top;
+    source = &from.first().info;
+    key = ownKey;
+    method = by;
   }
 };
 
@@ -334,17 +324,18 @@ TEST_F(Copy, TreesByEveryMethod) {
     const TreePicture before = pictureOfTree(source.top);
     if (limits == TREL_COPY_LIMITS_CHANGE_LIST) wishForMore(source.top);
     const TreePicture wished = pictureOfTree(source.top);
-    Result result;
-    ASSERT_EQ(0u, result.copy(source, method, TREL_TREE_COPY_ALL, limits));
+    Result result(source, method);
+    result.limits = limits;
+    ASSERT_EQ(0u, result.run());
     EXPECT_EQ(nullptr, source.first().info);
-    const TreePicture after = pictureOfTree(result.top, true);
+    const TreePicture after = pictureOfTree(result.newTop, true);
     EXPECT_EQ(wished.text, after.text);
     EXPECT_EQ(before.nodes, after.nodes);
     EXPECT_EQ(after.bytes, result.bytes);
-    EXPECT_EQ(after.nodes, TreeWalker({result.info}).walk(result.top));
+    EXPECT_EQ(after.nodes, TreeWalker({result.dst}).walk(result.newTop));
     EXPECT_EQ(method == TREL_TREE_COPY_VIA_SEGMENT, oldKey.exists());
-    EXPECT_EQ(method != TREL_TREE_COPY_VIA_SEGMENT, result.key.exists());
-    const Key& key = method == TREL_TREE_COPY_VIA_SEGMENT ? oldKey : result.key;
+    EXPECT_EQ(method != TREL_TREE_COPY_VIA_SEGMENT, result.ownKey.exists());
+    const Key& key = method == TREL_TREE_COPY_VIA_SEGMENT ? oldKey : result.ownKey;
     const int reader = inOtherProcess([&] {
       ShmSegInfo_t* seg = nullptr;
       SNodeCB_t* node = nullptr;
@@ -372,13 +363,14 @@ TEST_F(Copy, WhatIsLeftOut) {
     makeNode(source.first(), spec, 22, "last", &second);
     EXPECT_EQ(0u, trelDisassociateNode(&below.node));
     EXPECT_EQ(0u, trelAbandonNode(&second.node));
-    Result result;
-    ASSERT_EQ(0u, result.copy(source, method, 8 | TREL_TREE_COPY_STAY_IN_SEGMENT));
-    const Bytes text = pictureOfTree(result.top, true).text;
+    Result result(source, method);
+    result.flags = 1u << TREL_CONDITION_ACTIVE | TREL_TREE_COPY_STAY_IN_SEGMENT;
+    ASSERT_EQ(0u, result.run());
+    const Bytes text = pictureOfTree(result.newTop, true).text;
     EXPECT_NE(Bytes::npos, text.find("-> 11 first"));
     for (const char* name : {"second", "third", "below", "last"})
       EXPECT_EQ(Bytes::npos, text.find(name)) << name;
-    EXPECT_EQ(2u, TreeWalker({result.info}).walk(result.top));
+    EXPECT_EQ(2u, TreeWalker({result.dst}).walk(result.newTop));
     EXPECT_EQ(TREL_CONDITION_ABANDONED, third.node->condition);
     // first lost its dependent by the walk's own judgement, and with it the list.
     EXPECT_NE(Bytes::npos,
@@ -389,83 +381,34 @@ TEST_F(Copy, WhatIsLeftOut) {
 TEST_F(Copy, DepthAndRefusedArguments) {
   Random random(5);
   Source source(2, 12, random);
-  const TreePicture before = pictureOfTree(source.top);
-  const auto untouched = [&] { EXPECT_EQ(before.text, pictureOfTree(source.top).text); };
-  Result result;
-  result.info = target.info;
-  EXPECT_EQ(TREL_RC_COPY_DIRECTION, result.copy(source, 4));
-  EXPECT_EQ(target.info, result.info);
-  EXPECT_EQ(TREL_RC_SEGMENT_NULL,
-            trelCopyTreeIntoSingleShmSegment(source.top, &result.top, &source.first().info,
-                                             &result.info, kRoom, nullptr, 0, 0, nullptr, nullptr,
-                                             1, TREL_TREE_COPY_VIA_SEGMENT, 1, 0, &result.bytes));
-  EXPECT_EQ(target.info, result.info);
-  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, 1, 1, 1, 32769));
-  EXPECT_EQ(nullptr, result.info);
-  for (uint32_t method : kMethods) {
-    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, method, 16)) << "an unselected top";
-    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, method, 1, 3)) << "unknown limits";
-    EXPECT_FALSE(result.key.exists());
-    untouched();
-  }
+  const Bytes before = pictureOfTree(source.top).text;
   Segment taken;
-  for (uint32_t method : {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_SEGMENT})
-    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED,
-              trelCopyTreeIntoSingleShmSegment(source.top, &result.top, &source.first().info,
-                                               &result.info, kRoom, taken.key, 0, 0, nullptr,
-                                               nullptr, 1, method, 1, 0, &result.bytes));
-  for (uint32_t method : {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_SEGMENT})
-    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.copy(source, method, 1, 1, 0, 0x8000)) << "too small";
-  EXPECT_EQ(nullptr, result.info);
-  EXPECT_FALSE(result.key.exists());
-  untouched();
-
-  ASSERT_EQ(0u, result.copy(source, TREL_TREE_COPY_VIA_PM, 1, 1, 1));
-  EXPECT_EQ(1u, TreeWalker({result.info}).walk(result.top));
-  EXPECT_EQ(result.top->nodeSize, result.bytes);
-}
-
-// A failure behind the point of no return: the tree is still to be had.
-TEST_F(Copy, TheOnlyCopyStays) {
-  Random random(8);
-  Source source(3, 10, random);
-  const TreePicture before = pictureOfTree(source.top);
-  Result result;
-  const uint32_t rc = result.copy(source, TREL_TREE_COPY_VIA_PM, 1, 1, 0, 0x8000);
-  EXPECT_TRUE(rc == TREL_RC_NODE_ABOVE_POOL || rc == TREL_RC_NODE_ALLOCATION) << std::hex << rc;
-  EXPECT_EQ(nullptr, result.info);
-  EXPECT_EQ(nullptr, source.first().info);
-  EXPECT_FALSE(result.key.exists());
-  ASSERT_NE(nullptr, result.top);
-  // The way out of it that the header tells.
-  const uint64_t none = 0, maxIdSize = kIdRoom;
-  SNodeCB_t* rescued = nullptr;
-  SNodeInfo_t record = {};
-  uint64_t idSizeOut, maxIdSizeOut, bytes = 0;
-  uint32_t marker = 0;
-  ASSERT_EQ(0u, trelCopyTreeRecursively(result.top, &rescued, nullptr, target.info, target.info, 0,
-                                        1, TREL_COPY_PM_TO_SHM, TREL_COPY_LIMITS_KEEP, 0, 0, 0, 0,
-                                        nullptr, &none, &none, &maxIdSize, nullptr, &record,
-                                        nullptr, &idSizeOut, &maxIdSizeOut, &marker, &bytes, 1, 0));
-  const TreePicture after = pictureOfTree(rescued, true);
-  EXPECT_EQ(before.text, after.text);
-  EXPECT_EQ(after.bytes, bytes);
-  EXPECT_EQ(0u, marker);
-  const std::function<void(SNodeCB_t*)> release = [&](SNodeCB_t* node) {
-    std::vector<SNodeInfo_t> records(16);
-    std::vector<uint8_t> ids(16 * kIdRoom);
-    uint64_t returned = 0, live = 0;
-    trelReturnDependentNodes(node, records.data(), ids.data(), &returned, &live, 16, kIdRoom, 0);
-    for (uint64_t i = 0; i < returned; ++i) {
-      SNodeCB_t* child = nullptr;
-      EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfoInPM(&records[i], &child));
-      release(child);
-    }
-    void* block = node;
-    EXPECT_EQ(0u, _platMemFree(&block, 0, 0, __FILE__, __LINE__));
+  const auto refused = [&](uint32_t method, uint32_t code, bool clearsDst, auto change) {
+    Result result(source, method);
+    change(result);
+    result.dst = target.info;
+    EXPECT_EQ(code, result.run());
+    EXPECT_EQ(clearsDst ? nullptr : target.info, result.dst);
+    result.dst = nullptr;
+    EXPECT_FALSE(result.ownKey.exists());
+    EXPECT_EQ(before, pictureOfTree(source.top).text);
   };
-  release(result.top);
-  EXPECT_EQ(0u, trelDeleteHDMPMLList());
+  const uint32_t no = TREL_RC_TREE_NOT_COPIED;
+  refused(4, TREL_RC_COPY_DIRECTION, false, [](Result&) {});
+  for (uint32_t method : kMethods) {
+    refused(method, no, true, [](Result& r) { r.maxDepth = 32769; });
+    refused(method, no, true, [](Result& r) { r.flags = 1u << TREL_CONDITION_ABANDONED; });
+    refused(method, no, true, [](Result& r) { r.limits = 3; });
+    if (method == TREL_TREE_COPY_VIA_PM) continue;
+    refused(method, TREL_RC_SEGMENT_NULL, false, [](Result& r) { r.key = nullptr; });
+    refused(method, no, true, [&](Result& r) { r.key = taken.key; });
+    refused(method, no, true, [](Result& r) { r.size = 0x8000; });
+  }
+  Result result(source, TREL_TREE_COPY_VIA_PM);
+  result.maxDepth = 1;
+  ASSERT_EQ(0u, result.run());
+  EXPECT_EQ(1u, TreeWalker({result.dst}).walk(result.newTop));
+  EXPECT_EQ(result.newTop->nodeSize, result.bytes);
 }
 
 // A source in memory that the caller mapped: who takes its place lies at the same address.
@@ -479,14 +422,13 @@ TEST_F(Copy, ASourceAtAnAddress) {
     Random random(method);
     SNodeCB_t* top = makeTree({&there}, 15, random).node;
     const Bytes before = pictureOfTree(top).text;
-    Result result;
-    ASSERT_EQ(0u, trelCopyTreeIntoSingleShmSegment(top, &result.top, &there.info, &result.info,
-                                                   kRoom, viaMemory ? nullptr : &result.key.id(), 0,
-                                                   0, nullptr, nullptr, TREL_TREE_COPY_ALL, method,
-                                                   TREL_COPY_LIMITS_KEEP, 0, &result.bytes));
-    EXPECT_EQ(memory.get(), result.info->shmDomainHandle->base);
-    EXPECT_EQ(before, pictureOfTree(result.top, true).text);
-    EXPECT_FALSE(result.key.exists());
+    Key key;
+    TreeCopy copy{top, &there.info, viaMemory ? nullptr : &key.id(), method};
+    copy.size = kRoom;
+    ASSERT_EQ(0u, copy.run());
+    EXPECT_EQ(memory.get(), copy.dst->shmDomainHandle->base);
+    EXPECT_EQ(before, pictureOfTree(copy.newTop, true).text);
+    EXPECT_FALSE(key.exists());
   }
 }
 
@@ -501,18 +443,16 @@ TEST_F(Copy, DeepTreesAndCircles) {
   EXPECT_EQ(0u, trelAddStatusNodeInfo(&back, deep.info, deep.info, chain[0].node->nodeOffset, 1, 3,
                                       nullptr, nullptr));
   EXPECT_EQ(0u, trelAddDependentNode(chain.back().node, &back, bytesOf("top"), 3, 0, 0));
-  Result result;
-  const auto copy = [&](uint32_t method) {
-    return trelCopyTreeIntoSingleShmSegment(chain[0].node, &result.top, &deep.info, &result.info,
-                                            kLarge, result.key, 0, 0, nullptr, nullptr, 1, method,
-                                            1, 0, &result.bytes);
-  };
-  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy(TREL_TREE_COPY_DIRECT));
-  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy(TREL_TREE_COPY_VIA_PM));
+  Key key;
+  TreeCopy copy{chain[0].node, &deep.info, key};
+  copy.size = kLarge;
+  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy.run());
+  copy.method = TREL_TREE_COPY_VIA_PM;
+  EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy.run());
   EXPECT_EQ(0u, trelDeleteDependentNode(chain.back().node, &back, bytesOf("top"), 0));
-  ASSERT_EQ(0u, copy(TREL_TREE_COPY_VIA_PM));
+  ASSERT_EQ(0u, copy.run());
   TreeInfo_t counted;
-  EXPECT_EQ(0u, trelGetTreeInfo(result.top, result.info, 0, 2, 0, &counted));
+  EXPECT_EQ(0u, trelGetTreeInfo(copy.newTop, copy.dst, 0, 2, 0, &counted));
   EXPECT_EQ(kDepth, counted.totalNodes);
   EXPECT_EQ(kDepth - 1, counted.taggedNodes);
 }
@@ -662,30 +602,26 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
       return child;
     };
     const auto copier = [&](const Key& from, const Key& to, uint32_t method) {
-      ShmSegInfo_t *seg = nullptr, *dst = nullptr;
-      SNodeCB_t *top = nullptr, *newTop = nullptr;
+      ShmSegInfo_t* seg = nullptr;
+      SNodeCB_t* top = nullptr;
       TopNodeInfo_t found;
-      uint64_t bytes = 0;
       if (trelConnectToATree(&seg, &top, &found, from, 0, nullptr, nullptr)) return;
-      const uint32_t rc = trelCopyTreeIntoSingleShmSegment(
-          top, &newTop, &seg, &dst, 0x100000, to, 0, 0, nullptr, nullptr, 1, method, 1, 0, &bytes);
-      if (rc) return;  // the other was faster, and has deleted what this one needs
+      TreeCopy copy{top, &seg, to, method};
+      if (copy.run()) return;  // the other was faster, and has deleted what this one needs
       ++*copiesMade;
-      SNodeInfo_t* entry = nullptr;
-      uint64_t live = 0, room = 0;
-      EXPECT_EQ(0u, trelGetDependentNodesLocation(newTop, &entry, &live, &room));
-      for (uint64_t i = 0; i < live; ++i) {
+      std::vector<SNodeInfo_t> records(30);
+      std::vector<uint8_t> ids(30 * kIdRoom);
+      uint64_t returned = 0, live = 0;
+      EXPECT_EQ(0u, trelReturnDependentNodes(copy.newTop, records.data(), ids.data(), &returned,
+                                             &live, 30, kIdRoom, 0));
+      for (uint64_t i = 0; i < returned; ++i) {
         SNodeCB_t* node = nullptr;
         int32_t one = 0, two = 1;
-        ASSERT_EQ(0u, trelAttachToNode(entry, &node));
+        ASSERT_EQ(0u, trelAttachToNode(&records[i], &node));
         EXPECT_EQ(0u, trelGetValueForRProperty(node, 1, &one, 0));
         EXPECT_EQ(0u, trelGetValueForRProperty(node, 2, &two, 0));
         EXPECT_EQ(one, two);
-        if (i + 1 < live) {
-          EXPECT_EQ(0u, trelGetNextDependentNodeLocation(newTop, &newTop->exportTable[10], &entry));
-        }
       }
-      EXPECT_EQ(0u, trelDeleteStatusSegment(&dst, 4, 2, 2));
     };
     const pid_t children[] = {
         run([&] { copier(a.key, newA, kMethods[round % 3]); }),

@@ -160,7 +160,7 @@ class Plan {
   uint64_t exports = 0;
   uint64_t sizes[TREL_SLOTS];
 
-  // Tells what failed. The caller is inside the source's section.
+  // The caller is inside the source's section.
   uint32_t make(SNodeCB_t* source, uint32_t copyLimits, uint64_t listMaxIdSize) {
     const ChangeListSection_t* changes = nullptr;
     if (const uint32_t rc = readChanges(source, copyLimits, &changes)) return rc;
@@ -171,7 +171,8 @@ class Plan {
     if (changes) apply(*changes);
     uint64_t total = 0;
     if (const uint32_t rc = sizeSections(exports & filled_, limits, sizes, &total)) return rc;
-    return correct(source, round8(listMaxIdSize));
+    correct(source, round8(listMaxIdSize));
+    return 0;
   }
 
  private:
@@ -234,7 +235,7 @@ class Plan {
   }
 
   // Where the general formulas do not fit this node.
-  uint32_t correct(SNodeCB_t* source, uint64_t listMaxIdSize) {
+  void correct(SNodeCB_t* source, uint64_t listMaxIdSize) {
     const auto raise = [](uint64_t* size, uint64_t need) {
       if (*size < need) *size = need;
     };
@@ -250,7 +251,6 @@ class Plan {
       if ((exports & form.bit) && !(filled_ & form.bit))
         sizes[slot] = source->exportTable[slot].size;
     }
-    return 0;
   }
 
   // What the create of a hashed IR list asks for. Counts only for a single bucket.
@@ -432,22 +432,34 @@ class Filling {
 
   uint32_t keepDependents() {
     if (copy_->exports & TREL_EXPORT_DEPENDENT) {
-      DependentList list;
-      if (const uint32_t rc = locateDependents(source_, &list)) return rc;
-      DependentWalk walk(list);
+      DependentList from, to;
+      if (const uint32_t rc = locateDependents(source_, &from)) return rc;
+      if (const uint32_t rc = locateDependents(copy_, &to)) return rc;
+      DependentWalk walk(from);
       for (SNodeInfo_t* entry = nullptr;;) {
         if (const uint32_t rc = walk.next(&entry)) return rc;
         if (!entry) break;
-        SNodeInfo_t record = *entry;
-        translation_.apply(&record);
-        if (const uint32_t rc = linkDependent(copy_, &record, idOf(entry), record.idSize, 1))
-          return rc;
+        if (entry->idSize > from.maxIdSize) return TREL_RC_ID_BOUNDS;
+        if (const uint32_t rc = appendDependent(to, *entry, idOf(entry))) return rc;
       }
     }
     wanted_.info->nodeOffset = nodeOffset_;
     wanted_.info->nodeTag = copy_->tag;
     wanted_.info->idSize = idSize_;
     return 0;
+  }
+
+  // The copy's list is new, and nothing is twice in the source's.
+  uint32_t appendDependent(const DependentList& list, SNodeInfo_t record, const uint8_t* id) {
+    const uint64_t used = list.slot->used;
+    if (record.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+    if (list.maxIdSize == 0 || used + list.stride() > list.slot->size)
+      return TREL_RC_DEPENDENTS_FULL;
+    translation_.apply(&record);
+    storeDependent(copy_, inSection<SNodeInfo_t>(copy_, list.slot, used), &record, id,
+                   record.idSize);
+    list.slot->used = used + list.stride();
+    return countReconfiguration(copy_);
   }
 
   const NodeCopy& wanted_;

@@ -81,6 +81,10 @@ class Walk {
   uint32_t descend(const Level& level) {
     if (!(level.node->exports & TREL_EXPORT_DEPENDENT)) return 0;
     if (pass_.maxDepth && level.depth >= pass_.maxDepth) return 0;
+    // A list that the node has got since it was copied comes too late.
+    if (copies() && pass_.copyLimits == TREL_COPY_LIMITS_KEEP &&
+        !(level.copy->exports & TREL_EXPORT_DEPENDENT))
+      return 0;
     Level below = level;
     below.stamp = stampOf(level.node);
     below.position = kDependentHeader;
