@@ -129,7 +129,7 @@ TEST_F(Copy, NodeInEveryDirection) {
     EXPECT_EQ(0, *PLATVAtomicSigned32::word(&copied->nodeLatchArea.writeFlag));
     const auto* up = reinterpret_cast<ParentSection_t*>(reinterpret_cast<uint8_t*>(copied) +
                                                         copied->exportTable[3].offset);
-    EXPECT_EQ(target.offsetOf(&up->parent), up->parent.selfOffset);
+    EXPECT_EQ(target.offsetOf(&up->parent), +up->parent.selfOffset);
     EXPECT_EQ(91u + 92 + 93 + 94, up->parent.nodeOffset + up->parent.segInfoOffset +
                                       up->parent.hdmInfoOffset + up->parent.segBase);
     EXPECT_EQ(picture, pictureOf(made.node));
@@ -231,8 +231,8 @@ TEST_F(Copy, NodesThatTheFormulasDoNotFit) {
   node->nodeOffset = offset;
   EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM));
   for (int slot = 0; slot < 12; ++slot) {
-    EXPECT_EQ(sizes[slot], copied->exportTable[slot].size);
-    EXPECT_EQ(0u, copied->exportTable[slot].used);
+    EXPECT_EQ(sizes[slot], +copied->exportTable[slot].size);
+    EXPECT_EQ(0u, +copied->exportTable[slot].used);
   }
   EXPECT_EQ(TREL_CONDITION_CREATED, copied->condition);
 
