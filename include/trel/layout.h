@@ -388,11 +388,37 @@ TREL_OFFSET(HashAnchor_t, freedNodeCount, 8);
 #define TREL_HEAP_MAX_LEVEL 25u
 
 /* A latch with the proof that it was initialised. The platform's latch uses the first
- * PLAT_LATCH_BYTES of the cell. */
+ * PLAT_LATCH_BYTES of the cell. Behind them heapLatch keeps a HeapIntent_t. */
 typedef struct ExclusiveLatch_t {
   TrelU32 version;
   uint8_t latch[132];
 } ExclusiveLatch_t;
+
+/* What the owner of heapLatch is in the middle of, for whoever takes the latch over after its
+ * death. Everything else that a death leaves can be seen from the allocated list. 0: nothing. */
+typedef struct HeapIntent_t {
+  TrelU32 allocating; /* distance from H of the block that is being handed out; or bit 0 */
+  TrelU32 rebuilding; /* TREL_REBUILD_..., while the lists are written anew */
+  TrelU64 freeing;    /* block offset of the chunk whose pool is being freed */
+  TrelU64 space;      /* TREL_REBUILD_RECORDED: slSpaceSize as it will be, */
+  TrelU64 records;    /* offset of the records, in a free block, */
+  TrelU64 count;      /* how many there are, */
+  TrelU64 checksum;   /* over the three and the records */
+} HeapIntent_t;
+
+#define TREL_REPAIR_DUE 1u /* in allocating: an owner died, nothing was repaired yet */
+#define TREL_REBUILD_RECORDED 0x4ec04dedu /* what is allocated stands in the records */
+#define TREL_REBUILD_BARE 0xba4eba4eu     /* there was no room for records */
+
+/* An allocated block while a rebuild is under way. */
+typedef struct LiveBlock_t {
+  TrelU32 block; /* distance from H */
+  TrelU32 size;
+  TrelU32 front; /* from the block to its data */
+  TrelU32 requestedSize;
+  TrelU32 callerFunction;
+  TrelU32 callerLine;
+} LiveBlock_t;
 
 typedef struct HeapHeader_t {
   TrelU64 heapVersion;
@@ -433,6 +459,14 @@ typedef struct HeapHeaderTail_t {
 
 TREL_SIZE(ExclusiveLatch_t, 136);
 TREL_OFFSET(ExclusiveLatch_t, latch, 4);
+TREL_SIZE(HeapIntent_t, 48);
+TREL_OFFSET(HeapIntent_t, rebuilding, 4);
+TREL_OFFSET(HeapIntent_t, freeing, 8);
+TREL_OFFSET(HeapIntent_t, space, 16);
+TREL_OFFSET(HeapIntent_t, records, 24);
+TREL_OFFSET(HeapIntent_t, count, 32);
+TREL_OFFSET(HeapIntent_t, checksum, 40);
+TREL_SIZE(LiveBlock_t, 24);
 TREL_SIZE(HeapHeader_t, 248);
 TREL_OFFSET(HeapHeader_t, handleVersion, 8);
 TREL_OFFSET(HeapHeader_t, latchVersion, 16);

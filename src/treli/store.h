@@ -5,10 +5,12 @@
 
 namespace trel {
 
-// A store that commits: all that was written before it is there first.
-inline void storeLast(TrelU64* word, uint64_t value) {
+// A store that commits: all that was written before it is there first, and nothing that is written
+// behind it.
+template <class Word, class Value>
+inline void storeLast(Word* word, Value value) {
   __atomic_thread_fence(__ATOMIC_RELEASE);
-  *word = value;
+  *word = static_cast<Word>(value);
   __atomic_thread_fence(__ATOMIC_RELEASE);
 }
 

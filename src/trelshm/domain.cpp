@@ -186,8 +186,7 @@ uint32_t trelFreeShmDomain(ShmDomainHandle_t** handle, uint32_t freeMode) {
     if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
     if (freeMode != 1 && freeMode != 2) return flow.fail(TREL_RC_DOMAIN_FREE_MODE);
     HeapHeader_t* header = heap.header();
-    uint32_t ownerDied = 0;  // what it left does not matter any more
-    const bool latched = enterLatch(&header->heapLatch, &ownerDied) == 0;
+    const bool latched = heap.openHeader() == 0 && enterHeap(&heap) == 0;
     const bool inUse = freeMode == 1 && header->connectionCount > 1;
     if (!inUse) {
       header->heapFlags |= TREL_HEAP_MARKED;

@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "treli/store.h"
 #include "trelshm/free_blocks.h"
 #include "trelshm/heap_latch.h"
 
@@ -43,9 +44,18 @@ uint32_t allocateInside(Heap* heap, Allocation* wanted, const Debug& debug, cons
   const AllocNode_t record = {taken.offset,      taken.size, taken.offset + frontSize,
                               wanted->requested, 0,          caller.function,
                               caller.line};
+  // Until the block is complete, a death takes it back.
+  HeapIntent_t* intent = heap->intent();
+  storeLast(&intent->allocating, taken.offset - heap->offset());
   uint64_t node = 0;
-  if (const uint32_t rc = insertAllocGuarded(heap, record, &node)) {
+  uint32_t rc = 0;
+  {
+    const Spare spare(heap, taken.offset, taken.size);
+    rc = insertAllocGuarded(heap, record, &node);
+  }
+  if (rc) {
     untakeBlock(heap, taken);
+    storeLast(&intent->allocating, 0);
     return rc;
   }
   wanted->blockOffset = taken.offset;
@@ -53,6 +63,7 @@ uint32_t allocateInside(Heap* heap, Allocation* wanted, const Debug& debug, cons
   writePads(*heap, node, *debug.mode, debug.frontWords, debug.backWords, wanted->extra, caller);
   if ((debug.flags & kFillNew) && heap->kind().kind == TREL_HEAP_POOL)
     memset(heap->at<void>(wanted->dataOffset), 0xff, wanted->requested);
+  storeLast(&intent->allocating, 0);
   return 0;
 }
 

@@ -45,6 +45,7 @@ uint32_t takeBlock(Heap* heap, uint64_t size, TakenBlock* taken) {
   *taken = {whole.offset + available - size, size, node, 0, rebuilds};
   if (available == size) return 0;
 
+  const Spare spare(heap, whole.offset, available);
   InFlight rest = {whole.offset, available - size};
   const uint32_t rc = insertFreeGuarded(heap, &rest, false, &taken->remainder, previous);
   if (rc) {
@@ -89,7 +90,10 @@ uint32_t giveBlock(Heap* heap, uint64_t offset, uint64_t size) {
     if (nextOffset == offset + size && (rc = after.remove(*heap, next)) == 0)
       merged.size += after.size;
   }
-  if (rc == 0) rc = insertFreeGuarded(heap, &merged, true, nullptr, previous);
+  if (rc == 0) {
+    const Spare spare(heap, merged.offset, merged.size);
+    rc = insertFreeGuarded(heap, &merged, true, nullptr, previous);
+  }
   if (rc) {
     const bool rebuilt = heap->rebuilds() != rebuilds;
     after.restore(*heap, rebuilt);

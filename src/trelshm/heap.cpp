@@ -47,6 +47,7 @@ uint64_t nodeCountOf(uint64_t size, const SizeRow* row) {
 uint32_t initialiseLatch(ExclusiveLatch_t* record, uint64_t version) {
   if (version != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
   platVLatchInit(record->latch, 1);
+  memset(record->latch + PLAT_LATCH_BYTES, 0, sizeof record->latch - PLAT_LATCH_BYTES);
   record->version = static_cast<uint32_t>(version);
   return 0;
 }
@@ -248,8 +249,14 @@ uint32_t trelInitializeExsLatch(ExclusiveLatch_t* record, uint64_t latchVersion)
 
 uint32_t trelEnterELCriticalSection(ExclusiveLatch_t* record) {
   return traced(FID_trelEnterELCriticalSection, [&](const Flow& flow) -> uint32_t {
+    if (!record) return flow.fail(TREL_RC_LATCH_RECORD_NULL);
     uint32_t ownerDied = 0;
-    return record ? enterLatch(record, &ownerDied) : flow.fail(TREL_RC_LATCH_RECORD_NULL);
+    const uint32_t rc = enterLatch(record, &ownerDied);
+    // The heap is not known here, if there is one: whoever enters it next repairs it.
+    if (ownerDied)
+      reinterpret_cast<HeapIntent_t*>(record->latch + PLAT_LATCH_BYTES)->allocating |=
+          TREL_REPAIR_DUE;
+    return rc;
   });
 }
 

@@ -28,4 +28,8 @@ uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const Hea
 uint32_t connectHeap(Heap* heap);
 uint32_t disconnectHeap(Heap* heap);
 
+// Ends a pool of that domain: nobody accepts it any more, and no list or tree of the domain leads
+// into it. Can be done again. The caller holds the domain's heapLatch, and gives the memory back.
+void endPool(const Heap& domain, uint64_t poolOffset, uint64_t poolSize);
+
 }  // namespace trel

@@ -7,10 +7,6 @@
 
 namespace trel {
 
-// The owner of heapLatch died, and the caller holds the latch now: makes the lists whole again from
-// the allocated list, or takes the heap out of service.
-void repairHeap(Heap* heap);
-
 inline uint32_t enterLatch(ExclusiveLatch_t* record, uint32_t* ownerDied) {
   if (TREL_UNLIKELY(record->version != TREL_STRUCTURE_VERSION)) return TREL_RC_LATCH_VERSION;
   return TREL_UNLIKELY(plat::latchGet(record->latch, ownerDied) != 0) ? uint32_t{TREL_RC_LATCH} : 0;
@@ -21,12 +17,19 @@ inline uint32_t leaveLatch(ExclusiveLatch_t* record) {
   return TREL_UNLIKELY(plat::latchRelease(record->latch) != 0) ? uint32_t{TREL_RC_LATCH} : 0;
 }
 
-// heapLatch, with the repair of what a dead owner left.
-inline uint32_t enterHeap(Heap* heap) {
+// The rest of enterHeap(), once the latch is held, if its last owner died or the heap ended while
+// the caller waited: repairs the heap, or leaves the latch with a code.
+uint32_t enterDamagedHeap(Heap* heap, bool ownerDied);
+
+// heapLatch, with the repair of what a dead owner left. The header has been opened.
+TREL_INLINE uint32_t enterHeap(Heap* heap) {
   uint32_t ownerDied = 0;
-  const uint32_t rc = enterLatch(&heap->header()->heapLatch, &ownerDied);
-  if (TREL_UNLIKELY(rc == 0 && ownerDied)) repairHeap(heap);
-  return rc;
+  HeapHeader_t* header = heap->header();
+  if (const uint32_t rc = enterLatch(&header->heapLatch, &ownerDied)) return rc;
+  if (TREL_LIKELY(ownerDied == 0 && heap->intent()->allocating == 0 &&
+                  header->heapState == heap->kind().state))
+    return 0;
+  return enterDamagedHeap(heap, ownerDied != 0);
 }
 
 inline uint32_t leaveHeap(const Heap& heap) { return leaveLatch(&heap.header()->heapLatch); }

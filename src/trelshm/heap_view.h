@@ -7,6 +7,7 @@
 // heapState.
 #pragma once
 
+#include "platsvc/latch.h"
 #include "treli/bytes.h"
 #include "trelshm/heap_kind.h"
 
@@ -65,6 +66,10 @@ class Heap {
   uint64_t rebuilds() const { return rebuilds_; }
   void countRebuild() { ++rebuilds_; }
 
+  // A block that is on no list for the moment. A rebuild may keep its records there.
+  uint64_t spareOffset() const { return spareOffset_; }
+  uint64_t spareSize() const { return spareSize_; }
+
   template <class T>
   T* at(uint64_t offset) const {
     return trel::at<T>(base_, offset);
@@ -74,6 +79,11 @@ class Heap {
   HeapHeader_t* header() const { return at<HeapHeader_t>(offset_); }
   HeapHeaderTail_t* tail() const {
     return at<HeapHeaderTail_t>(offset_ + headerSize_ - sizeof(HeapHeaderTail_t));
+  }
+  HeapIntent_t* intent() const {
+    static_assert(PLAT_LATCH_BYTES + sizeof(HeapIntent_t) <= sizeof(ExclusiveLatch_t::latch), "");
+    return at<HeapIntent_t>(offset_ + offsetof(HeapHeader_t, heapLatch) +
+                            offsetof(ExclusiveLatch_t, latch) + PLAT_LATCH_BYTES);
   }
   void* userArea() const { return at<void>(offset_ + sizeof(HeapHeader_t)); }
 
@@ -110,6 +120,23 @@ class Heap {
   uint64_t offset_;
   const HeapKind* kind_;
   uint64_t size_ = 0, userAreaSize_ = 0, headerSize_ = 0, maxLevel_ = 0, space_ = 0, rebuilds_ = 0;
+  uint64_t spareOffset_ = 0, spareSize_ = 0;
+  friend class Spare;
+};
+
+// Names a block as the heap's spare one while it lives.
+class Spare {
+ public:
+  Spare(Heap* heap, uint64_t offset, uint64_t size) : heap_(heap) {
+    heap->spareOffset_ = offset;
+    heap->spareSize_ = size;
+  }
+  ~Spare() { heap_->spareSize_ = 0; }
+  Spare(const Spare&) = delete;
+  Spare& operator=(const Spare&) = delete;
+
+ private:
+  Heap* heap_;
 };
 
 }  // namespace trel

@@ -1,3 +1,4 @@
+#include "treli/store.h"
 #include "trelshm/engine.h"
 #include "trelshm/handle.h"
 #include "trelshm/heap.h"
@@ -48,8 +49,8 @@ uint32_t findChunk(const void* base, uint64_t poolOffset, uint64_t* chunkOffset)
   return 0;
 }
 
-// Takes the nodes of a shared list that lie in a pool off the list. The first word of a node is the
-// offset of the next.
+// Takes the nodes of a shared list that lie in a pool off the list, each by one store. The first
+// word of a node is the offset of the next.
 void unlinkNodesInside(const Heap& domain, TrelU64* place, uint64_t poolOffset, uint64_t poolSize) {
   uint64_t steps = domain.size() / sizeof(SegListNode_t);
   while (*place != 0 && steps-- > 0) {
@@ -64,6 +65,21 @@ void unlinkNodesInside(const Heap& domain, TrelU64* place, uint64_t poolOffset, 
 }
 
 }  // namespace
+
+void endPool(const Heap& domain, uint64_t poolOffset, uint64_t poolSize) {
+  storeLast(&domain.at<HeapHeader_t>(poolOffset)->heapState, 0);
+  TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
+  // The lists of a domain lie in its top pool.
+  const bool top = domain.header()->topPool == poolOffset;
+  for (TrelU64* head : heads) {
+    if (top)
+      *head = 0;
+    else
+      unlinkNodesInside(domain, head, poolOffset, poolSize);
+  }
+  if (top) storeLast(&domain.header()->topPool, 0);
+}
+
 }  // namespace trel
 
 using namespace trel;
@@ -174,24 +190,21 @@ uint32_t _trelFreeShmPool(ShmPoolHandle_t** handle, uint32_t freeMode, uint32_t 
     const uint32_t freed = insideHeap(&domain, [&]() -> uint32_t {
       HeapHeader_t* header = pool.header();
       if (freeMode == 3 && header->connectionCount > 1) return TREL_RC_POOL_CONNECTED;
-      TrelU64& topPool = domain.header()->topPool;
-      const bool top = topPool == h->poolOffset;
-      TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
+      TrelU64* const words[] = {&domain.header()->topPool, &domain.segmentListHead(),
+                                &domain.hdmListHead()};
+      const uint64_t before[] = {*words[0], *words[1], *words[2]};
       // The chunk can be handed out again, and be overwritten, as soon as it is back, so the pool
-      // ends before.
-      header->heapState = 0;
-      if (!top)
-        for (TrelU64* head : heads) unlinkNodesInside(domain, head, h->poolOffset, pool.size());
-      if (const uint32_t rc =
-              release(&domain, h->chunkOffset, h->poolOffset, true, {function, line, file})) {
+      // ends before. A death from here on does not bring it back.
+      storeLast(&domain.intent()->freeing, h->chunkOffset);
+      endPool(domain, h->poolOffset, pool.size());
+      const uint32_t rc =
+          release(&domain, h->chunkOffset, h->poolOffset, true, {function, line, file});
+      if (rc) {
+        for (int i = 0; i < 3; ++i) *words[i] = before[i];
         header->heapState = TREL_POOL_STATE;
-        return rc;
       }
-      if (top) {
-        topPool = 0;
-        for (TrelU64* head : heads) *head = 0;
-      }
-      return 0;
+      storeLast(&domain.intent()->freeing, 0);
+      return rc;
     });
     if (freed) return flow.fail(freed);
     return freeHandle(flow, handle);

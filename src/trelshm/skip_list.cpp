@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include "treli/flow.h"
+#include "treli/store.h"
 
 namespace trel {
 namespace {
@@ -213,7 +214,7 @@ uint64_t linkAlloc(const Heap& heap, const AllocNode_t& record, uint64_t level, 
   for (uint64_t i = level + 1; i-- > 0;) {
     TrelU64& before = heap.word(slotOfNode(path.node[i], i));
     heap.word(slotOfNode(node, i)) = before;
-    before = slotOfNode(node, i);
+    storeLast(&before, slotOfNode(node, i));
   }
   return node;
 }
@@ -391,7 +392,7 @@ uint32_t unlinkAlloc(const Heap& heap, uint64_t node, const Path& path) {
   for (uint64_t i = 0; i <= level && i <= inUse; ++i) {
     TrelU64& before = heap.word(slotOfNode(path.node[i], i));
     if (before != slotOfNode(node, i)) break;
-    before = heap.word(slotOfNode(node, i));
+    storeLast(&before, heap.word(slotOfNode(node, i)));
   }
   heap.header()->allocatedBytes -= heap.alloc(node)->blockSize;
   list->slUsedBytes -= allocNodeSize(level);
@@ -407,7 +408,7 @@ void relinkAlloc(const Heap& heap, uint64_t node, const Path& path) {
   const uint64_t level = heap.alloc(node)->level;
   if (level >= path.levels) return;  // nodes of a damaged heap can lie over each other
   for (uint64_t i = level + 1; i-- > 0;)
-    heap.word(slotOfNode(path.node[i], i)) = slotOfNode(node, i);
+    storeLast(&heap.word(slotOfNode(path.node[i], i)), slotOfNode(node, i));
   heap.header()->allocatedBytes += heap.alloc(node)->blockSize;
   list->slUsedBytes += allocNodeSize(level);
   list->allocNodeCount += 1;

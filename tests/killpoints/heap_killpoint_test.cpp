@@ -1,0 +1,357 @@
+// A process dies at every store of every operation on a heap, and of the repair that follows.
+#include <map>
+#include <random>
+#include <set>
+
+#include "deaths.h"
+#include "heap_walker.h"
+#include "segment_guard.h"
+#include "trel/codes.h"
+
+namespace {
+
+// Kills of all tests together.
+uint64_t points = 0;
+
+class KillEnvironment : public testing::Environment {
+  void TearDown() override {
+    printf("%llu kill points tried\n", static_cast<unsigned long long>(points));
+  }
+};
+const auto* const environment = testing::AddGlobalTestEnvironment(new KillEnvironment);
+
+// What stands in a heap: data offset and requested size of each allocated block.
+using Blocks = std::map<uint64_t, uint64_t>;
+
+struct Contents {
+  Blocks chunks, blocks;
+  bool operator==(const Contents& o) const { return chunks == o.chunks && blocks == o.blocks; }
+};
+
+constexpr uint32_t kSegment = 0x20000;
+
+// A domain on a System V segment with one pool, whose node space is small, so that it is often
+// rebuilt and resized.
+struct Heaps {
+  SegmentGuard key;
+  ShmDomainHandle_t* domain = nullptr;
+  ShmPoolHandle_t* pool = nullptr;
+  Memory memory{nullptr, 0};
+
+  explicit Heaps(uint32_t poolSize = 0x4000, uint64_t nodes = 6) {
+    ShmDomainParam_t domainParam{};
+    domainParam.nodeCount = 8;
+    EXPECT_EQ(0u, trelCreateShmDomain(&key.id, 0, kSegment, &domainParam, &domain));
+    ShmPoolParam_t poolParam{};
+    poolParam.nodeCount = nodes;
+    poolParam.maxLevel = 4;
+    EXPECT_EQ(0u, _trelCreateShmPool(&pool, domain, poolSize, &poolParam, 1, 2, "killpoints"));
+    memory = Memory(domain->base, kSegment);
+  }
+  ~Heaps() {
+    trelDestroyShmPoolHandle(&pool);
+    trelFreeShmDomain(&domain, 2);
+  }
+
+  void* allocate(uint32_t size) const {
+    void* block = nullptr;
+    if (_trelAllocateShmBlock(&block, pool, size, 0, 3, 4, "killpoints") == 0)
+      memset(block, static_cast<int>(size), size);
+    return block;
+  }
+  uint32_t release(uint64_t data) const {
+    void* block = memory.base() + data;
+    return _trelFreeShmBlock(&block, pool, 5, 6, "killpoints");
+  }
+  SkipListHeader_t* lists() const {
+    return reinterpret_cast<SkipListHeader_t*>(memory.base() + pool->poolOffset +
+                                               TREL_HEAP_HEADER_SIZE);
+  }
+  bool hasPool() const {
+    return reinterpret_cast<HeapHeader_t*>(memory.base() + pool->poolOffset)->heapState ==
+           TREL_POOL_STATE;
+  }
+
+  static Blocks blocksOf(const HeapWalk& walk) {
+    Blocks blocks;
+    for (const HeapBlock& b : walk.allocated) blocks[b.data] = b.requested;
+    return blocks;
+  }
+  // Walks all heaps. A fault ends the test.
+  Contents contents() const {
+    const HeapWalk whole(memory.base(), TREL_HEAP_DOMAIN, 0);
+    EXPECT_EQ("", whole.fault) << "domain";
+    Contents found{blocksOf(whole), {}};
+    for (const auto& chunk : found.chunks) {
+      const auto* header = reinterpret_cast<HeapHeader_t*>(memory.base() + chunk.first);
+      if (header->heapState != TREL_POOL_STATE || header->heapOffset != chunk.first) continue;
+      const HeapWalk walk(memory.base(), TREL_HEAP_POOL, chunk.first);
+      EXPECT_EQ("", walk.fault) << "pool";
+      found.blocks.merge(blocksOf(walk));
+    }
+    return found;
+  }
+
+  // Takes both latches, and uses both heaps.
+  void useAll() const {
+    EXPECT_EQ(0u, trelLatchShmDomain(domain));
+    EXPECT_EQ(0u, trelUnlatchShmDomain(domain));
+    uint64_t size = 4096, block = 0, data = 0;
+    const uint32_t rc = trelGetMemChunkFromShmHeap(domain->base, 1, 0, 4096, 0, 0, &size, &block,
+                                                   &data, 1, 2, "after");
+    EXPECT_EQ(0u, rc) << std::hex << rc;
+    if (rc == 0) {
+      EXPECT_EQ(0u, trelReturnMemChunkToShmHeap(domain->base, 1, 0, block, data, 0, 1, 2, "after"));
+    }
+    if (!hasPool()) return;
+    for (const uint32_t bytes : {8u, 40u}) {
+      void* one = allocate(bytes);
+      if (one) {
+        EXPECT_EQ(0u, _trelFreeShmBlock(&one, pool, 5, 6, "after"));
+      }
+    }
+    EXPECT_EQ(0u, trelLatchShmPool(pool));
+    EXPECT_EQ(0u, trelUnlatchShmPool(pool));
+  }
+
+  // All blocks that stood before and stand now have their bytes.
+  void expectBytes(const Image& before, const Contents& was, const Contents& is) const {
+    for (const auto& block : was.blocks)
+      if (is.blocks.count(block.first)) {
+        EXPECT_EQ(0, memcmp(&before[block.first], memory.base() + block.first, block.second))
+            << "bytes of the block at " << block.first;
+      }
+  }
+};
+
+// Lets the operation die everywhere. What is left must be what was before it or what is behind it.
+// *deaths, if given, collects the bytes left by each death.
+void dieEverywhere(const Heaps& heaps, const std::string& what, const std::function<void()>& work,
+                   std::vector<Image>* deaths = nullptr) {
+  SCOPED_TRACE(what);
+  const Image start = heaps.memory.save();
+  const Contents before = heaps.contents();
+  ASSERT_FALSE(heaps.memory.dies(~uint64_t{0}, work));
+  const Contents behind = heaps.contents();
+  const uint64_t tried = heaps.memory.dieEverywhere(start, work, [&](uint64_t n) {
+    SCOPED_TRACE("killed in front of store " + std::to_string(n));
+    if (deaths) deaths->push_back(heaps.memory.save());
+    heaps.useAll();
+    const Contents is = heaps.contents();
+    EXPECT_TRUE(is == before || is == behind);
+    heaps.expectBytes(start, before, is);
+  });
+  points += tried;
+  EXPECT_GT(tried, 2u);
+  heaps.memory.restore(start);
+  printf("%6llu  %s\n", static_cast<unsigned long long>(tried), what.c_str());
+}
+
+// Some allocations and frees, and what each did to the node space. Stops in front of the first
+// that does what is wanted, with the operation to do.
+enum class Effect { none, rebuilds, grows };
+
+bool runUntil(const Heaps& heaps, uint32_t seed, bool allocates, Effect wanted,
+              std::function<void()>* work) {
+  std::mt19937 random(seed);
+  srand(seed);
+  std::vector<uint64_t> live;
+  const auto offsetOf = [&](void* block) {
+    return static_cast<uint64_t>(static_cast<uint8_t*>(block) - heaps.memory.base());
+  };
+  for (int step = 0; step < 400; ++step) {
+    const bool allocating = live.size() < 4 || random() % 5 < 3;
+    const uint32_t size = 8 + random() % 200;
+    const uint64_t victim = live.empty() ? 0 : live[random() % live.size()];
+    const Image before = heaps.memory.save();
+    const SkipListHeader_t was = *heaps.lists();
+    if (allocating) {
+      void* block = heaps.allocate(size);
+      if (!block) return false;
+      live.push_back(offsetOf(block));
+    } else {
+      EXPECT_EQ(0u, heaps.release(victim));
+      live.erase(std::find(live.begin(), live.end(), victim));
+    }
+    const SkipListHeader_t& is = *heaps.lists();
+    const Effect effect = is.slSpaceSize != was.slSpaceSize     ? Effect::grows
+                          : is.rebuildCount != was.rebuildCount ? Effect::rebuilds
+                                                                : Effect::none;
+    if (step < 12 || allocating != allocates || effect != wanted) continue;
+    heaps.memory.restore(before);
+    if (allocating) {
+      *work = [&heaps, size] { heaps.allocate(size); };
+    } else {
+      *work = [&heaps, victim] { heaps.release(victim); };
+    }
+    return true;
+  }
+  return false;
+}
+
+constexpr const char* kEffects[] = {"", " with a rebuild", " with growth"};
+
+TEST(HeapDeaths, AllocateAndFree) {
+  std::set<std::string> done;
+  for (uint32_t seed = 1; seed <= (isFullRun() ? 8u : 2u); ++seed)
+    for (const bool allocates : {true, false})
+      for (const Effect effect : {Effect::none, Effect::rebuilds, Effect::grows}) {
+        Heaps heaps;
+        std::function<void()> work;
+        if (!runUntil(heaps, seed, allocates, effect, &work)) continue;
+        const std::string what =
+            std::string(allocates ? "allocate" : "free") + kEffects[static_cast<int>(effect)];
+        done.insert(what);
+        dieEverywhere(heaps, what + ", seed " + std::to_string(seed), work);
+        if (HasFailure()) return;
+      }
+  EXPECT_EQ(6u, done.size());
+}
+
+// The pool's blocks, every second one freed again.
+void fillWithHoles(const Heaps& heaps, int count) {
+  std::vector<void*> blocks;
+  for (int i = 0; i < count; ++i)
+    blocks.push_back(heaps.allocate(24 + 8 * static_cast<uint32_t>(i)));
+  for (int i = 0; i < count; i += 2)
+    EXPECT_EQ(0u, _trelFreeShmBlock(&blocks[static_cast<size_t>(i)], heaps.pool, 1, 2, "holes"));
+}
+
+TEST(HeapDeaths, SpaceOfNodes) {
+  const auto latched = [](const Heaps& heaps, auto work) {
+    return [&heaps, work] {
+      EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
+      uint64_t offset = 0, size = 0;
+      EXPECT_EQ(0u, work(heaps.domain->base, heaps.pool->poolOffset, heaps.lists()->slSpaceSize,
+                         &offset, &size));
+      EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
+    };
+  };
+  Heaps heaps;
+  fillWithHoles(heaps, 14);
+  dieEverywhere(heaps, "rebuild", latched(heaps, [](void* base, uint64_t h, auto...) {
+                  return trelDefragmentSLInPlace(base, 2, h);
+                }));
+  Heaps low;
+  // The first block is freed, so that the space can grow.
+  std::vector<void*> blocks;
+  for (uint32_t i = 0; i < 10; ++i) blocks.push_back(low.allocate(64));
+  const auto grow = latched(low, [](void* base, uint64_t h, uint64_t space, auto... block) {
+    return trelChangeSlistSpace(base, 2, h, space + 2048, 1, block...);
+  });
+  dieEverywhere(low, "grow", grow);
+  grow();
+  ASSERT_FALSE(HasFailure());
+  dieEverywhere(low, "shrink",
+                latched(low, [](void* base, uint64_t h, uint64_t space, auto... block) {
+                  return trelChangeSlistSpace(base, 2, h, space - 1024, 2, block...);
+                }));
+}
+
+// A full heap has no room for the records of a rebuild. A death in the middle of one ends the heap:
+// no call guesses what it held.
+TEST(HeapDeaths, RebuildOfAFullHeap) {
+  Heaps heaps(0x800);
+  while (heaps.allocate(24)) {
+  }
+  while (heaps.allocate(8)) {
+  }
+  const auto work = [&] {
+    EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
+    EXPECT_EQ(0u, trelDefragmentSLInPlace(heaps.domain->base, 2, heaps.pool->poolOffset));
+    EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
+  };
+  const Image start = heaps.memory.save();
+  const Contents before = heaps.contents();
+  uint64_t ended = 0;
+  const uint64_t tried = heaps.memory.dieEverywhere(start, work, [&](uint64_t n) {
+    SCOPED_TRACE("killed in front of store " + std::to_string(n));
+    trelLatchShmPool(heaps.pool);
+    trelUnlatchShmPool(heaps.pool);
+    if (heaps.hasPool()) {
+      EXPECT_EQ(before.blocks, heaps.contents().blocks);
+      return;
+    }
+    ++ended;
+    void* block = nullptr;
+    EXPECT_EQ(TREL_RC_POOL_STATE, _trelAllocateShmBlock(&block, heaps.pool, 8, 0, 1, 2, "ended"));
+    block = heaps.memory.base() + before.blocks.begin()->first;
+    EXPECT_EQ(TREL_RC_POOL_STATE, _trelFreeShmBlock(&block, heaps.pool, 1, 2, "ended"));
+    EXPECT_EQ(TREL_RC_POOL_STATE, trelLatchShmPool(heaps.pool));
+    EXPECT_EQ(before.chunks, heaps.contents().chunks);
+  });
+  points += tried;
+  EXPECT_GT(ended, 2u);
+  EXPECT_LT(ended, tried - 2);
+}
+
+TEST(HeapDeaths, Pools) {
+  Heaps heaps;
+  fillWithHoles(heaps, 6);
+  ShmPoolParam_t param{};
+  param.nodeCount = 4;
+  // The chunk of a pool under way is what its creator was about to take: it may stay allocated.
+  const auto create = [&] {
+    ShmPoolHandle_t* made = nullptr;
+    EXPECT_EQ(0u, _trelCreateShmPool(&made, heaps.domain, 0x2000, &param, 1, 2, "killpoints"));
+  };
+  dieEverywhere(heaps, "create a pool", create);
+
+  // Freed by another process than the one that holds the handle.
+  const auto freeIt = [&] {
+    ShmPoolHandle_t* handle = heaps.pool;
+    EXPECT_EQ(0u, _trelFreeShmPool(&handle, 4, 1, 2, "killpoints"));
+  };
+  dieEverywhere(heaps, "free a pool", freeIt);
+  EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(heaps.domain, 7, heaps.pool->poolOffset,
+                                                   static_cast<uint32_t>(heaps.pool->poolOffset)));
+  dieEverywhere(heaps, "free the top pool", freeIt);
+}
+
+TEST(HeapDeaths, Repair) {
+  struct Case {
+    bool allocates;
+    Effect effect;
+  };
+  for (const Case& c : {Case{true, Effect::none}, Case{false, Effect::none},
+                        Case{true, Effect::rebuilds}, Case{false, Effect::grows}}) {
+    Heaps heaps;
+    std::function<void()> work;
+    ASSERT_TRUE(runUntil(heaps, 1, c.allocates, c.effect, &work) ||
+                runUntil(heaps, 2, c.allocates, c.effect, &work));
+    const Contents before = heaps.contents();
+    const Image start = heaps.memory.save();
+    std::vector<Image> deaths;
+    for (uint64_t n = 0; heaps.memory.dies(n, work); ++n) {
+      deaths.push_back(heaps.memory.save());
+      heaps.memory.restore(start);
+    }
+    const Contents behind = heaps.contents();
+    // One death in each part of the operation.
+    const size_t parts = isFullRun() ? 12 : 2;
+    for (size_t part = 1; part <= parts; ++part) {
+      const size_t n = deaths.size() * part / (parts + 1);
+      SCOPED_TRACE("repair after store " + std::to_string(n) + " of " +
+                   std::to_string(deaths.size()));
+      const uint64_t tried = heaps.memory.dieEverywhere(
+          deaths[n],
+          [&] {
+            EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
+            EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
+          },
+          [&](uint64_t k) {
+            SCOPED_TRACE("killed in front of the repair's store " + std::to_string(k));
+            heaps.useAll();
+            const Contents is = heaps.contents();
+            EXPECT_TRUE(is == before || is == behind);
+            heaps.expectBytes(start, before, is);
+          });
+      points += tried;
+      printf("%6llu  repair after store %zu of %zu\n", static_cast<unsigned long long>(tried), n,
+             deaths.size());
+      if (HasFailure()) return;
+    }
+  }
+}
+
+}  // namespace

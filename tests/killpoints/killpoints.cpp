@@ -1,0 +1,140 @@
+// What instrumented code calls in front of its loads and stores.
+#include "killpoints.h"
+
+#include <csignal>
+#include <cstddef>
+
+namespace {
+
+uintptr_t from = 0, to = 0;
+uint64_t left = 0;
+
+bool isShared(const volatile void* address) {
+  const auto a = reinterpret_cast<uintptr_t>(address);
+  return a >= from && a < to;
+}
+
+void store(const volatile void* address) {
+  if (isShared(address) && left-- == 0) raise(SIGKILL);
+}
+
+// move(first, size) for both halves of a run of bytes.
+template <class Move>
+void inHalves(void* address, size_t size, Move&& move) {
+  if (!isShared(address)) return move(0, size);
+  store(address);
+  move(0, size / 2);
+  store(address);
+  move(size / 2, size - size / 2);
+}
+
+}  // namespace
+
+void killpoints::arm(const void* memory, uint64_t size, uint64_t stores) {
+  from = reinterpret_cast<uintptr_t>(memory);
+  to = from + static_cast<uintptr_t>(size);
+  left = stores;
+}
+
+void killpoints::disarm() { from = to = 0; }
+
+extern "C" {
+
+void* __real_memcpy(void*, const void*, size_t);
+void* __real_memmove(void*, const void*, size_t);
+void* __real_memset(void*, int, size_t);
+void* __wrap_memcpy(void*, const void*, size_t);
+void* __wrap_memmove(void*, const void*, size_t);
+void* __wrap_memset(void*, int, size_t);
+
+void* __wrap_memcpy(void* t, const void* f, size_t n) {
+  inHalves(t, n, [&](size_t at, size_t size) {
+    __real_memcpy(static_cast<char*>(t) + at, static_cast<const char*>(f) + at, size);
+  });
+  return t;
+}
+void* __wrap_memmove(void* t, const void* f, size_t n) {
+  store(t);
+  return __real_memmove(t, f, n);
+}
+void* __wrap_memset(void* t, int c, size_t n) {
+  inHalves(t, n,
+           [&](size_t at, size_t size) { __real_memset(static_cast<char*>(t) + at, c, size); });
+  return t;
+}
+
+#define NOTHING(name, ...) \
+  void name(__VA_ARGS__);  \
+  void name(__VA_ARGS__) {}
+#define STORE(name)         \
+  void name(void* address); \
+  void name(void* address) { store(address); }
+
+NOTHING(__tsan_init, void)
+NOTHING(__tsan_func_entry, void*)
+NOTHING(__tsan_func_exit, void)
+NOTHING(__tsan_read1, void*)
+NOTHING(__tsan_read2, void*)
+NOTHING(__tsan_read4, void*)
+NOTHING(__tsan_read8, void*)
+NOTHING(__tsan_read16, void*)
+NOTHING(__tsan_unaligned_read2, void*)
+NOTHING(__tsan_unaligned_read4, void*)
+NOTHING(__tsan_unaligned_read8, void*)
+NOTHING(__tsan_unaligned_read16, void*)
+NOTHING(__tsan_read_range, void*, long)
+NOTHING(__tsan_atomic_thread_fence, int)
+NOTHING(__tsan_atomic_signal_fence, int)
+STORE(__tsan_write1)
+STORE(__tsan_write2)
+STORE(__tsan_write4)
+STORE(__tsan_write8)
+STORE(__tsan_write16)
+STORE(__tsan_unaligned_write2)
+STORE(__tsan_unaligned_write4)
+STORE(__tsan_unaligned_write8)
+STORE(__tsan_unaligned_write16)
+void __tsan_write_range(void* address, long size);
+void __tsan_write_range(void* address, long) { store(address); }
+
+#define FETCH(bits, type, op)                                               \
+  type __tsan_atomic##bits##_fetch_##op(volatile type* word, type v, int);  \
+  type __tsan_atomic##bits##_fetch_##op(volatile type* word, type v, int) { \
+    store(word);                                                            \
+    return __atomic_fetch_##op(word, v, __ATOMIC_SEQ_CST);                  \
+  }
+#define EXCHANGE(bits, type, strength)                                                            \
+  int __tsan_atomic##bits##_compare_exchange_##strength(volatile type* word, type* seen, type v,  \
+                                                        int, int);                                \
+  int __tsan_atomic##bits##_compare_exchange_##strength(volatile type* word, type* seen, type v,  \
+                                                        int, int) {                               \
+    store(word);                                                                                  \
+    return __atomic_compare_exchange_n(word, seen, v, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST); \
+  }
+#define ATOMIC(bits, type)                                                \
+  type __tsan_atomic##bits##_load(const volatile type* word, int);        \
+  type __tsan_atomic##bits##_load(const volatile type* word, int) {       \
+    return __atomic_load_n(word, __ATOMIC_SEQ_CST);                       \
+  }                                                                       \
+  void __tsan_atomic##bits##_store(volatile type* word, type v, int);     \
+  void __tsan_atomic##bits##_store(volatile type* word, type v, int) {    \
+    store(word);                                                          \
+    __atomic_store_n(word, v, __ATOMIC_SEQ_CST);                          \
+  }                                                                       \
+  type __tsan_atomic##bits##_exchange(volatile type* word, type v, int);  \
+  type __tsan_atomic##bits##_exchange(volatile type* word, type v, int) { \
+    store(word);                                                          \
+    return __atomic_exchange_n(word, v, __ATOMIC_SEQ_CST);                \
+  }                                                                       \
+  FETCH(bits, type, add)                                                  \
+  FETCH(bits, type, sub)                                                  \
+  FETCH(bits, type, and)                                                  \
+  FETCH(bits, type, or)                                                   \
+  EXCHANGE(bits, type, strong)                                            \
+  EXCHANGE(bits, type, weak)
+
+ATOMIC(8, uint8_t)
+ATOMIC(32, uint32_t)
+ATOMIC(64, uint64_t)
+
+}  // extern "C"

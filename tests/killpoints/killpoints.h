@@ -1,0 +1,13 @@
+// The end of a process at a chosen store to shared memory.
+#pragma once
+
+#include <cstdint>
+
+namespace killpoints {
+
+// From now on the store number `stores`, counted from 0, to this memory is not made any more: the
+// process is killed in front of it. A run of bytes counts as two stores, one half each.
+void arm(const void* memory, uint64_t size, uint64_t stores);
+void disarm();
+
+}  // namespace killpoints
