@@ -457,6 +457,30 @@ TEST_F(Copy, DeepTreesAndCircles) {
   EXPECT_EQ(kDepth - 1, counted.taggedNodes);
 }
 
+// A pass attaches nothing: what it meets has been attached before it, whatever its condition.
+TEST_F(Copy, SegmentsThatAreNotAttached) {
+  const NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT, {}, 8, 2};
+  Segment first, second, third, fourth;
+  const Made top = makeNode(first, spec, 1, "top", nullptr);
+  Made resting = makeNode(second, spec, 2, "resting", &top);
+  const Made below = makeNode(third, spec, 3, "below", &resting);
+  Made gone = makeNode(fourth, spec, 4, "gone", &top);
+  for (const Made& made : {resting, below, gone}) made.segment->publish(made.node);
+  EXPECT_EQ(0u, trelDisassociateNode(&resting.node));
+  EXPECT_EQ(0u, trelAbandonNode(&gone.node));
+  for (Segment* segment : {&second, &third, &fourth})
+    EXPECT_EQ(0u, trelDetachStatusSegment(&segment->info, 1));
+  const Key key;
+  SNodeCB_t* copy = nullptr;
+  ShmSegInfo_t* segment = nullptr;
+  uint64_t bytes = 0;
+  ASSERT_EQ(0u, trelCopyTreeIntoSingleShmSegment(
+                    top.node, &copy, &first.info, &segment, 0x100000, key, 0, 0, nullptr, nullptr,
+                    TREL_TREE_COPY_ALL, TREL_TREE_COPY_DIRECT, TREL_COPY_LIMITS_KEEP, 0, &bytes));
+  EXPECT_EQ(3u, TreeWalker({segment}).walk(copy));
+  EXPECT_EQ(0u, trelDeleteStatusSegment(&segment, 4, 2, 2));
+}
+
 // ---- Recreation ------------------------------------------------------------------------------
 
 struct Family {

@@ -99,12 +99,12 @@ class Walk {
       if (const uint32_t rc = locateDependents(level->node, &list)) return rc;
       const bool unchanged = stampOf(level->node) == level->stamp;
       if (list.maxIdSize == 0 || (unchanged && level->seen >= list.live)) return 0;
-      for (; list.end - list.start - level->position >= list.stride();
+      for (; list.start + level->position + list.stride() <= list.end;
            level->position += list.stride()) {
         const auto* entry = at<SNodeInfo_t>(nullptr, list.start + level->position);
-        if (entry->nodeTag == 0) continue;
-        if (entry->idSize > list.maxIdSize) return TREL_RC_ID_BOUNDS;
         entry_ = *entry;
+        if (entry_.nodeTag == 0) continue;
+        if (entry_.idSize > list.maxIdSize) return TREL_RC_ID_BOUNDS;
         entry_.segBase = offsetOf(entry, nullptr) - entry_.selfOffset;
         entry_.selfOffset = 0;
         memcpy(id_, idOf(entry), static_cast<size_t>(entry_.idSize));
@@ -137,9 +137,11 @@ class Walk {
     uint32_t otherSegment = 0;
     const uint32_t rc = reachNode(&entry_, &child->reached, pass_.topSegInfo, &otherSegment,
                                   pass_.copyFlags & kStayInSegment);
-    if (rc == TREL_RC_ABANDONED) leaveReached(&child->reached);
-    child->passedOver = rc == TREL_RC_ABANDONED || otherSegment || (rc && !copies());
-    return child->passedOver || isRefusedCondition(rc) ? 0 : rc;
+    const bool abandoned = rc == TREL_RC_ABANDONED, known = rc == 0 || isRefusedCondition(rc);
+    // A rehearsal keeps the segment: the pass must see for itself that the child is abandoned.
+    if (abandoned && copies()) leaveReached(&child->reached);
+    child->passedOver = known ? abandoned || otherSegment : !copies();
+    return known || child->passedOver ? 0 : rc;
   }
 
   uint32_t visitChild(Level& level) {
