@@ -79,7 +79,7 @@ struct TreeCopy {
   uint64_t maxDepth;
   uint64_t* totalSize;
 
-  ShmDomainParam_t domainParam;  // complete
+  ShmDomainParam_t domainParam;
   SegSecurity_t security;
   uint64_t maxIdSize;  // of the top's list of dependents
 
@@ -134,19 +134,14 @@ uint32_t TreeCopy::readSecurity() {
   return 0;
 }
 
+// What else is left open gets its default where the segment is made.
 uint32_t TreeCopy::completeParam(const ShmDomainParam_t* given) {
-  domainParam = given ? *given : ShmDomainParam_t{};
-  const auto take = [](auto* field, auto byDefault) {
-    if (*field == 0) *field = byDefault;
-  };
-  take(&domainParam.heapVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  take(&domainParam.handleVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  take(&domainParam.latchVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  take(&domainParam.maxLevel, uint64_t{7});
-  take(&domainParam.granularity, uint64_t{4096});
-  take(&domainParam.accessMode, 1u);
-  if (domainParam.permissions) security.accessBits = domainParam.permissions;
-  take(&domainParam.permissions, security.accessBits);
+  if (given) domainParam = *given;
+  if (domainParam.accessMode == 0) domainParam.accessMode = 1;
+  if (domainParam.permissions)
+    security.accessBits = domainParam.permissions;
+  else
+    domainParam.permissions = security.accessBits;
   return !isAligned8(domainParam.heapOffset) || domainParam.userAreaSize > size ? kNotCopied : 0;
 }
 
