@@ -41,12 +41,12 @@ TEST(NodeCreation, LaysSectionsOutInSlotOrderWithoutGaps) {
   EXPECT_EQ(reinterpret_cast<uintptr_t>(node.cb), node.offset);
   uint64_t offset = 2908;
   for (int i = 0; i < 64; ++i) {
-    EXPECT_EQ(offset, node.cb->exportTable[i].offset);
-    EXPECT_EQ(sizes[i], node.cb->exportTable[i].size);
-    EXPECT_EQ(0u, node.cb->exportTable[i].used);
+    EXPECT_EQ(offset, +node.cb->exportTable[i].offset);
+    EXPECT_EQ(sizes[i], +node.cb->exportTable[i].size);
+    EXPECT_EQ(0u, +node.cb->exportTable[i].used);
     offset += sizes[i];
   }
-  EXPECT_EQ(offset, node.cb->nodeSize);
+  EXPECT_EQ(offset, +node.cb->nodeSize);
   ExportSlot_t* slot = nullptr;
   EXPECT_EQ(0u, trelGetPExportPointer(&slot, node.cb, 0x1000));
   EXPECT_EQ(&node.cb->exportTable[11], slot);
@@ -114,16 +114,16 @@ TEST(NodeInitialisation, FillsTheFixedSections) {
   EXPECT_EQ(200u, node.cb->updateInterval);
   EXPECT_EQ(TREL_EYE_CATCHER1, node.cb->eyeCatcher1);
   const ExportSlot_t* slots = node.cb->exportTable;
-  EXPECT_EQ(25u, slots[0].used);
-  EXPECT_EQ(24u, slots[1].used);
-  EXPECT_EQ(1056u, slots[2].used);
-  EXPECT_EQ(67u, slots[3].used);
-  EXPECT_EQ(240u, slots[11].used);
+  EXPECT_EQ(25u, +slots[0].used);
+  EXPECT_EQ(24u, +slots[1].used);
+  EXPECT_EQ(1056u, +slots[2].used);
+  EXPECT_EQ(67u, +slots[3].used);
+  EXPECT_EQ(240u, +slots[11].used);
   EXPECT_EQ(99u, parent.selfOffset);
   auto* stored =
       reinterpret_cast<ParentSection_t*>(reinterpret_cast<uint8_t*>(node.cb) + slots[3].offset);
-  EXPECT_EQ(16u, stored->maxIdSize);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(&stored->parent), stored->parent.selfOffset);
+  EXPECT_EQ(16u, +stored->maxIdSize);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(&stored->parent), +stored->parent.selfOffset);
   EXPECT_EQ(0, memcmp(stored + 1, parentId, 3));
   ASSERT_EQ(0u, trelActivateNode(&node.cb));
   uint8_t* found = nullptr;
@@ -276,7 +276,7 @@ TEST(Heartbeat, ByCounterAndByTime) {
     node.cb->lastUpdateTime = now - 401;
     const uint64_t seen = watch.seenTick;
     EXPECT_EQ(TREL_RC_UPDATE_TOO_OLD, trelIsStillBeingUpdated(node.cb, &watch));
-    EXPECT_EQ(seen, watch.seenTick);
+    EXPECT_EQ(seen, +watch.seenTick);
   }
   node.cb->lastUpdateTime = 0x10000;  // a time to come
   EXPECT_EQ(TREL_RC_UPDATE_TOO_OLD, trelIsStillBeingUpdated(node.cb, &watch));
