@@ -93,7 +93,8 @@ TREL_API uint32_t trelCopyNodeData(
 
 /* Replaces a tree, which may span segments, by a compact copy in one new segment; then abandons the
  * old tree and deletes the segment of its top. *srcSeg becomes null with that; what else the tree
- * had stays attached, with its nodes abandoned.
+ * had stays attached, with its nodes abandoned. The top may not be abandoned itself, and needs a
+ * list of dependents (TREL_RC_TOP_NO_DEPENDENTS).
  *
  * copyMethod: TREL_TREE_COPY_DIRECT, into a new segment of the key given. _VIA_PM, by way of
  * process memory into one of the key given, or if that is null of the source's key, at the source's

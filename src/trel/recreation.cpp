@@ -87,11 +87,8 @@ uint32_t Recreation::wish() {
   const uint64_t raised = wanted > capacity ? wanted : capacity;
   if (wanted)
     changes[4] = static_cast<uint32_t>(raised < TREL_MAX_DEPENDENTS ? raised : TREL_MAX_DEPENDENTS);
-  const uint32_t rc = within<Access::write>(node, 0, [&] {
-    node->exports = node->exports | TREL_EXPORT_CHANGE_LIST;
-    return 0u;
-  });
-  return rc ? rc : trelExportListOfChangedProperties(node, 0, changes);
+  setExport(node, TREL_EXPORT_CHANGE_LIST, true);
+  return trelExportListOfChangedProperties(node, 0, changes);
 }
 
 // The parent record goes with the copy. In another segment it names that segment's own lists.

@@ -105,10 +105,10 @@ void recountDependents(SNodeCB_t* node) {
     storeLast(&list.slot->used, kDependentHeader + uint64_t{tags} * list.stride());
 }
 
-void exportDependents(SNodeCB_t* node, bool on) {
-  constexpr uint32_t kBit = bitNumber(TREL_EXPORT_DEPENDENT);
-  auto* byte = reinterpret_cast<uint8_t*>(&node->exports) + kBit / 8;
-  constexpr uint8_t mask = 1u << kBit % 8;
+void setExport(SNodeCB_t* node, uint32_t exportBit, bool on) {
+  const uint32_t n = bitNumber(exportBit);
+  auto* byte = reinterpret_cast<uint8_t*>(&node->exports) + n / 8;
+  const auto mask = static_cast<uint8_t>(1u << n % 8);
   if (on) {
     __atomic_fetch_or(byte, mask, __ATOMIC_ACQ_REL);
   } else {

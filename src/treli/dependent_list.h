@@ -157,8 +157,11 @@ uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry);
 // A writer died inside: makes `used` agree with the tags.
 void recountDependents(SNodeCB_t* node);
 
-// Sets or clears the export bit of the list. Atomic, since it happens outside sections too, and in
-// one byte, since the word may lie at any address.
-void exportDependents(SNodeCB_t* node, bool on);
+// Sets or clears an export bit. Atomic, since it happens outside sections too, and in one byte,
+// since the word may lie at any address.
+void setExport(SNodeCB_t* node, uint32_t exportBit, bool on);
+inline void exportDependents(SNodeCB_t* node, bool on) {
+  setExport(node, TREL_EXPORT_DEPENDENT, on);
+}
 
 }  // namespace trel
