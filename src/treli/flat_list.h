@@ -141,8 +141,12 @@ uint32_t testEntries(const List<K>& list, const Entries& entries) {
 template <class K>
 uint32_t fillFlat(const List<K>& list, const Entries& entries, uint64_t maxCount) {
   writeHeader(list);
-  commit(&list.slot->used, Form<K>::flatHeader);
   uint64_t position = list.offset + Form<K>::flatHeader;
+  // Places whose tags are all 0 or live can be counted after the death of a writer.
+  for (uint64_t place = position; list.holds(place, list.recordBytes());
+       place += list.recordBytes())
+    list.recordAt(place)->tag = 0;
+  commit(&list.slot->used, Form<K>::flatHeader);
   const auto append = [&](const Key& key, const Value& value) -> uint32_t {
     if (!list.holds(position, list.recordBytes())) return Codes<K>::bounds;
     const uint32_t rc = fill(list, list.recordAt(position), key, value);

@@ -1,7 +1,6 @@
 #include "treli/section.h"
 
 #include "trel/node.h"
-#include "treli/dependent_list.h"
 
 namespace trel {
 
@@ -19,11 +18,12 @@ uint32_t refusalOf(uint32_t condition) {
 }
 
 // A reader changes nothing, so its death needs no repair. A writer may have died between any two
-// stores: its list of dependents is counted anew, and readers are told that the structure may have
-// changed.
+// stores: what it left half done is worked out anew, and readers are told that the structure may
+// have changed. A node that cannot be put in order is abandoned. The flag falls last, so that a
+// death in here is repaired in turn.
 void onNodeOwnerDied(SNodeCB_t* node, LatchArea_t* area) {
   if (__atomic_load_n(PLATVAtomicSigned32::word(&area->writeFlag), __ATOMIC_ACQUIRE) == 0) return;
-  recountDependents(node);
+  if (area == &node->nodeLatchArea && !repairNode(node)) node->condition = TREL_CONDITION_ABANDONED;
   countReconfiguration(node);
   markWritten(area);
 }

@@ -35,6 +35,8 @@ inline uint32_t readModel(const SNodeCB_t* node, uint32_t* model) {
 
 // The owner of a node's latch died, and the caller holds the latch now: puts the node in order.
 void onNodeOwnerDied(SNodeCB_t* node, LatchArea_t* area);
+// Makes the lists of a node agree with themselves. False if one of them is not sound.
+bool repairNode(SNodeCB_t* node);
 
 // Adds 1 to a cell that changes only under a latch that the caller holds.
 inline void countLatched(PLATVAtomicSigned32* cell) {

@@ -1,0 +1,167 @@
+// A node whose writer died in its section.
+//
+// A record of a flat list and an entry of the dependents live by their tag, a list node of a hash
+// list by its first chain: each one store. All else that a list says of itself is worked out from
+// these: `used`, the stack of freed list nodes, the further tables.
+#include "treli/dependent_list.h"
+#include "treli/flat_list.h"
+#include "treli/hash_list.h"
+#include "treli/process_memory.h"
+
+namespace trel {
+namespace {
+
+// One operation is off by one record at most. More means that the places behind were never made
+// vacant, and then their tags say nothing.
+template <class K>
+bool repairFlat(const List<K>& list) {
+  const uint64_t occupied = occupiedRecords(list);
+  uint64_t tags = 0;
+  for (uint64_t position = Form<K>::flatHeader;
+       list.holds(list.offset + position, list.recordBytes()); position += list.recordBytes())
+    tags += list.recordAt(list.offset + position)->tag != 0;
+  if (tags == occupied + 1 || tags + 1 == occupied)
+    commit(&list.slot->used, Form<K>::flatHeader + tags * list.recordBytes());
+  FlatWalk<K> walk(list, occupiedRecords(list));
+  while (walk.next()) {
+  }
+  return walk.rc == 0;
+}
+
+template <class K>
+Key keyOf(const List<K>& list, typename K::Record* record) {
+  Key key{record->tag};
+  if constexpr (K::hasId) key = {record->tag, record->idSize, list.idOf(record)};
+  return key;
+}
+
+// The list nodes of a hash list by place: which of them are live.
+class Places {
+ public:
+  Places(uint64_t first, uint64_t nodeBytes) : first_(first), nodeBytes_(nodeBytes) {}
+  Places(const Places&) = delete;
+  Places& operator=(const Places&) = delete;
+  ~Places() { release(&live_); }
+
+  bool allocate(uint64_t end) {
+    count_ = (end - first_) / nodeBytes_;
+    if (first_ + count_ * nodeBytes_ != end || (count_ && obtain(&live_, count_))) return false;
+    for (uint64_t i = 0; i < count_; ++i) live_[i] = 0;
+    return true;
+  }
+  // False if there is no place, or if it was marked before.
+  bool mark(uint64_t place) {
+    const uint64_t i = (place - first_) / nodeBytes_;
+    return i < count_ && at(i) == place && !live_[i]++;
+  }
+  bool isLive(uint64_t i) const { return live_[i] != 0; }
+  uint64_t at(uint64_t i) const { return first_ + i * nodeBytes_; }
+  uint64_t count() const { return count_; }
+  void dropLast() { --count_; }
+
+ private:
+  uint64_t first_, nodeBytes_, count_ = 0;
+  uint8_t* live_ = nullptr;
+};
+
+// Marks what the first chains hold. False if one of them is not sound.
+template <class K>
+bool markLive(const List<K>& list, Places* places) {
+  const uint64_t buckets = list.offset + Form<K>::hashHeader;
+  for (uint64_t bucket = buckets; bucket < buckets + 8 * list.tables[0]; bucket += 8) {
+    typename K::Record* last = nullptr;
+    ChainWalk<K> walk(list, bucket);
+    while (walk.next()) {
+      if constexpr (K::hasId) {
+        if (walk.record->idSize > list.maxIdSize) return false;
+      }
+      int order = -1;
+      const Key key = keyOf(list, walk.record);
+      if (!places->mark(*walk.cell) || bucketOf(list, 0, key) != bucket ||
+          (last && compareRecord(list, last, key, &order) != 0) || order >= 0)
+        return false;
+      last = walk.record;
+    }
+    if (walk.rc) return false;
+  }
+  return true;
+}
+
+template <class K>
+void rebuildTables(const List<K>& list, const Places& places) {
+  const uint64_t first = Form<K>::hashHeader + 8 * list.tables[0];
+  memset(inSection(list.node, list.slot, first), 0,
+         static_cast<size_t>(8 * (list.tables[1] + list.tables[2])));
+  for (uint64_t i = 0; i < places.count(); ++i) {
+    if (!places.isLive(i)) continue;
+    const uint64_t place = places.at(i);
+    const Key key = keyOf(list, list.recordAt(place + sizeof(typename K::Links)));
+    for (uint32_t table = 1; table < Form<K>::tables; ++table) {
+      const uint64_t bucket = bucketOf(list, table, key);
+      linkFirst(list, bucket, *wordAt(list.node, bucket), place + kLinkOfTable[table]);
+    }
+  }
+}
+
+template <class K>
+bool repairHashed(const List<K>& list) {
+  const uint64_t tablesEnd = Form<K>::hashHeader + list.bucketBytes();
+  const uint64_t end = list.offset + list.size - sizeof(HashAnchor_t);
+  auto* anchor = at<HashAnchor_t>(list.node, end);
+  const uint64_t nextFree = anchor->nextFreeOffset;
+  Places places(list.offset + tablesEnd, list.nodeBytes());
+  if (nextFree < list.offset + tablesEnd || nextFree > end || !places.allocate(nextFree) ||
+      !markLive(list, &places))
+    return false;
+  if constexpr (K::hasId) rebuildTables(list, places);
+  // A last place that is not live was just taken; the stack may have no room for it.
+  while (places.count() && !places.isLive(places.count() - 1)) places.dropLast();
+  const uint64_t newNext = places.at(places.count());
+  uint64_t live = 0, freed = 0;
+  for (uint64_t i = 0; i < places.count(); ++i) {
+    if (places.isLive(i)) {
+      ++live;
+    } else {
+      if (freed == TREL_MAX_PROPERTIES || newNext + 8 * (freed + 1) > end) return false;
+      *wordAt(list.node, end - 8 * ++freed) = places.at(i);
+    }
+  }
+  commit(&anchor->nextFreeOffset, newNext);
+  commit(&anchor->freedNodeCount, freed);
+  commit(&list.slot->used, tablesEnd + sizeof(HashAnchor_t) + live * list.nodeBytes() + 8 * freed);
+  return true;
+}
+
+template <class K>
+bool repairList(SNodeCB_t* node) {
+  List<K> list;
+  list.node = node;
+  if (!(node->exports & K::bit)) return true;
+  if (readLimits(&list) || openList(&list)) return false;
+  if (!list.created) return true;
+  return list.hashed() ? repairHashed(list) : repairFlat(list);
+}
+
+bool repairId(SNodeCB_t* node) {
+  ExportSlot_t* slot = nullptr;
+  if (!(node->exports & TREL_EXPORT_ID)) return true;
+  if (sectionOf(node, TREL_EXPORT_ID, &slot)) return false;
+  if (slot->used == 0) return true;
+  const uint64_t used = sizeof(IdSection_t) + inSection<IdSection_t>(node, slot)->idSize;
+  if (used < sizeof(IdSection_t) || used > slot->size) return false;
+  slot->used = used;
+  return true;
+}
+
+}  // namespace
+
+bool repairNode(SNodeCB_t* node) {
+  recountDependents(node);
+  const bool sound[] = {repairId(node), repairList<kind::R>(node), repairList<kind::V>(node),
+                        repairList<kind::IR>(node), repairList<kind::IV>(node)};
+  for (const bool one : sound)
+    if (!one) return false;
+  return true;
+}
+
+}  // namespace trel
