@@ -7,10 +7,16 @@ namespace trel {
 
 // A store that commits: all that was written before it is there first, and nothing that is written
 // behind it.
-template <class Word, class Value>
-inline void storeLast(Word* word, Value value) {
+// Two of them, and no template: a template argument would lose the type's alignment of 1.
+inline void storeLast(TrelU64* word, uint64_t value) {
   __atomic_thread_fence(__ATOMIC_RELEASE);
-  *word = static_cast<Word>(value);
+  *word = value;
+  __atomic_thread_fence(__ATOMIC_RELEASE);
+}
+
+inline void storeLast(TrelU32* word, uint64_t value) {
+  __atomic_thread_fence(__ATOMIC_RELEASE);
+  *word = static_cast<uint32_t>(value);
   __atomic_thread_fence(__ATOMIC_RELEASE);
 }
 
