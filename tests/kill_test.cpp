@@ -1,0 +1,241 @@
+// Two writers and two readers on one segment, while a supervisor kills writers at random moments
+// and starts others in their place. TREL_KILL_SECONDS makes it longer than 5 seconds.
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <vector>
+
+#include "heap_walker.h"
+#include "section_walker.h"
+#include "segment_fixture.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t kSize = 0x80000;
+constexpr uint64_t kTags = 8;  // each writer's own properties
+constexpr uint64_t kStamp = 0x57a3b00;
+constexpr int kBlocks = 24;  // each writer's own blocks
+
+const uint8_t* bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
+
+// What the processes tell each other apart from the segment under test.
+struct Board {
+  std::atomic<bool> stop;
+  std::atomic<uint64_t> reads, writes, longestWaitUs, refusals;
+  // Blocks by writer, as offsets. A killed writer leaves its row to the next, and the block that it
+  // was giving back, which bears a stamp.
+  std::atomic<uint64_t> blocks[2][kBlocks];
+  std::atomic<uint64_t> returning[2];
+};
+
+struct Kills : Library {
+  Segment segment{kSize};
+  SNodeCB_t* node = nullptr;
+  Board* board = nullptr;
+
+  Kills() {
+    void* shared = nullptr;
+    const int id = shmget(IPC_PRIVATE, sizeof(Board), 0600);
+    EXPECT_GE(id, 0);
+    shared = shmat(id, nullptr, 0);
+    shmctl(id, IPC_RMID, nullptr);  // gone with the last process
+    board = new (shared) Board{};
+    std::array<uint64_t, 64> sizes{};
+    sizes[0] = 16 + 64;
+    sizes[6] = sizes[9] = 0x8000;
+    uint64_t size = 0, offset = 0;
+    EXPECT_EQ(0u,
+              trelCreateNode(segment.info, &node, TREL_EXPORT_ID | TREL_EXPORT_R | TREL_EXPORT_IV,
+                             sizes.data(), &size, &offset));
+    EXPECT_EQ(0u, trelInitNode(&node, offset, 4, bytes("node"), nullptr, nullptr, 64, nullptr,
+                               nullptr, nullptr));
+    EXPECT_EQ(0u, trelActivateNode(&node));
+    EXPECT_EQ(0u, trelCreateRPropertyList(node, nullptr, nullptr, 0, 40, 1, 0));
+    EXPECT_EQ(0u, trelCreateIVPropertyList(node, nullptr, nullptr, nullptr, 16, nullptr, nullptr,
+                                           32, 0, 7, 7, 40, 1, 0));
+    EXPECT_EQ(0u, trelAddRProperty(node, 99, 5, 0));
+  }
+  ~Kills() override { shmdt(board); }
+
+  std::atomic<uint64_t>* stampOf(uint64_t block) {
+    return reinterpret_cast<std::atomic<uint64_t>*>(static_cast<uint8_t*>(segment.domain()->base) +
+                                                    block);
+  }
+  // By which the pool's own records tell whose a block is.
+  static uint32_t lineOf(uint64_t who) { return static_cast<uint32_t>(1000 + who); }
+  void take(uint64_t who, std::atomic<uint64_t>* place, uint32_t size) {
+    void* address = nullptr;
+    if (_trelAllocateShmBlock(&address, segment.pool(), size, 0, 1, lineOf(who), "kill_test") != 0)
+      return;
+    *place = segment.offsetOf(address);
+    *stampOf(*place) = kStamp + who;
+  }
+  // A block that was freed already has lost its stamp, or is refused.
+  void giveBack(uint64_t who) {
+    const uint64_t block = board->returning[who];
+    if (block == 0) return;
+    void* address = stampOf(block);
+    if (*stampOf(block) == (kStamp + who))
+      _trelFreeShmBlock(&address, segment.pool(), 1, 2, "kill_test");
+    board->returning[who] = 0;
+  }
+
+  // Adds, sets and deletes properties of its own, gets and frees blocks, until it is killed.
+  void write(uint64_t who) {
+    std::mt19937 random(static_cast<uint32_t>(getpid()));
+    srand(static_cast<uint32_t>(getpid()));
+    const uint64_t first = 1 + who * kTags;
+    giveBack(who);
+    while (!board->stop) {
+      const uint64_t tag = first + random() % kTags;
+      trelAddRProperty(node, tag, static_cast<int32_t>(tag), 0);
+      trelAddIVProperty(node, tag, 3, bytes("abc"), 8, bytes("contents"), 0);
+      trelSetValueForIVProperty(node, tag, 3, bytes("abc"), 11, bytes("more of it "), 0);
+      const uint64_t gone = first + random() % kTags;
+      trelDeleteRProperty(node, gone, 0);
+      trelDeleteIVProperty(node, gone, 3, bytes("abc"), 0);
+      for (int i = 0; i < 4; ++i) {
+        std::atomic<uint64_t>& place = board->blocks[who][random() % kBlocks];
+        if (place) {
+          board->returning[who] = place.load();
+          place = 0;
+          giveBack(who);
+        } else {
+          take(who, &place, 16 + random() % 900);
+        }
+      }
+      ++board->writes;
+    }
+  }
+
+  void read() {
+    while (!board->stop) {
+      const auto start = Clock::now();
+      int32_t value = 0;
+      const uint32_t rc = trelGetValueForRProperty(node, 99, &value, 0);
+      ShmPoolInfo_t info;
+      trelLatchShmPool(segment.pool());
+      trelGetShmPoolInfo(segment.pool(), &info);
+      trelUnlatchShmPool(segment.pool());
+      const auto waited = static_cast<uint64_t>(
+          std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+      if (rc != 0 || value != 5) ++board->refusals;
+      uint64_t longest = board->longestWaitUs;
+      while (waited > longest && !board->longestWaitUs.compare_exchange_weak(longest, waited)) {
+      }
+      ++board->reads;
+      usleep(200);
+    }
+  }
+
+  pid_t start(const std::function<void()>& work) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      beginAnew();
+      work();
+      _exit(0);
+    }
+    return pid;
+  }
+
+  void expectSound() {
+    // Takes the latches, so that whatever the last death left is repaired.
+    EXPECT_EQ(0u, trelLatchShmPool(segment.pool()));
+    EXPECT_EQ("", heapFault(segment.domain()->base, 2, segment.pool()->poolOffset));
+    EXPECT_EQ(0u, trelUnlatchShmPool(segment.pool()));
+    EXPECT_EQ(0u, trelLatchShmDomain(segment.domain()));
+    EXPECT_EQ("", heapFault(segment.domain()->base, 1, segment.domain()->heapOffset));
+    EXPECT_EQ(0u, trelUnlatchShmDomain(segment.domain()));
+    EXPECT_EQ(0u, trelEnterCriticalSectionBeforeWrite(node, &node->nodeLatchArea));
+    EXPECT_EQ("", walker::Section(node, TREL_EXPORT_R).error);
+    EXPECT_EQ("", walker::Section(node, TREL_EXPORT_IV).error);
+    EXPECT_EQ(TREL_CONDITION_ACTIVE, node->condition);
+    EXPECT_EQ(0u, trelExitCriticalSectionAfterWrite(node, &node->nodeLatchArea));
+  }
+
+  // The writer is dead. Gives back what it had got and not noted yet; no more than one block can
+  // be.
+  void reclaim(uint64_t who) {
+    for (auto& place : board->blocks[who])
+      if (place) *stampOf(place) = kStamp + who;
+    giveBack(who);
+    std::vector<void*> orphans;
+    EXPECT_EQ(0u, trelLatchShmPool(segment.pool()));
+    auto* base = static_cast<uint8_t*>(segment.domain()->base);
+    const HeapWalk walk(base, 2, segment.pool()->poolOffset);
+    EXPECT_EQ("", walk.fault);
+    for (const HeapBlock& block : walk.allocated) {
+      const auto& row = board->blocks[who];
+      if (reinterpret_cast<AllocNode_t*>(base + block.node)->callerLine == lineOf(who) &&
+          std::find(std::begin(row), std::end(row), block.data) == std::end(row))
+        orphans.push_back(base + block.data);
+    }
+    EXPECT_EQ(0u, trelUnlatchShmPool(segment.pool()));
+    EXPECT_LE(orphans.size(), 1u);
+    for (void* block : orphans)
+      EXPECT_EQ(0u, _trelFreeShmBlock(&block, segment.pool(), 1, 2, "kill_test"));
+    reclaimed += orphans.size();
+  }
+
+  // Blocks in use that no writer has noted.
+  size_t unnoted() {
+    const HeapWalk walk(segment.domain()->base, 2, segment.pool()->poolOffset);
+    size_t noted = 0;
+    for (auto& row : board->blocks)
+      for (auto& place : row) noted += place != 0;
+    return walk.allocated.size() - noted;
+  }
+
+  size_t reclaimed = 0;
+};
+
+TEST_F(Kills, WritersAtRandomMoments) {
+  const char* wanted = getenv("TREL_KILL_SECONDS");
+  const auto seconds = std::chrono::seconds(wanted ? atoi(wanted) : 5);
+  const size_t atFirst = unnoted();
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 2; ++i) readers.push_back(start([&] { read(); }));
+  std::array<pid_t, 2> writers;
+  for (uint64_t w = 0; w < 2; ++w) writers[w] = start([&, w] { write(w); });
+
+  std::mt19937 random(11);
+  int kills = 0;
+  for (const auto end = Clock::now() + seconds; Clock::now() < end; ++kills) {
+    usleep(500 + random() % 8000);
+    const uint64_t w = random() % 2;
+    kill(writers[w], SIGKILL);
+    waitpid(writers[w], nullptr, 0);
+    reclaim(w);
+    if (kills % 16 == 0) expectSound();
+    writers[w] = start([&, w] { write(w); });
+  }
+  for (uint64_t w = 0; w < 2; ++w) {
+    kill(writers[w], SIGKILL);
+    waitpid(writers[w], nullptr, 0);
+    reclaim(w);
+  }
+  board->stop = true;
+  for (const pid_t pid : readers) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(0, status);
+  }
+  expectSound();
+  printf(
+      "%d kills, %llu reads, %llu rounds of writes, longest wait of a reader %llu us, %zu blocks "
+      "on their way to a writer\n",
+      kills, static_cast<unsigned long long>(board->reads),
+      static_cast<unsigned long long>(board->writes),
+      static_cast<unsigned long long>(board->longestWaitUs), reclaimed);
+  EXPECT_GT(kills, 50);
+  EXPECT_GT(board->reads, 100u);
+  EXPECT_GT(board->writes, 100u);
+  EXPECT_EQ(0u, board->refusals);
+  EXPECT_LT(board->longestWaitUs, 200000u);
+  EXPECT_EQ(atFirst, unnoted());  // memory in use does not creep
+}
+
+}  // namespace
