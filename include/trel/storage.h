@@ -129,7 +129,8 @@ TREL_API uint32_t trelGetHHeaderInfo(uint64_t size, uint32_t heapKind, uint64_t*
                                      uint64_t* heapHeaderSize, uint64_t* slHeaderSize,
                                      uint64_t* slSpaceSize);
 
-/* Exclusive latches of a heap. */
+/* Exclusive latches of a heap. A heapLatch that is taken over here from a dead owner may guard
+ * lists that are half written: the next operation that enters the heap by itself repairs them. */
 TREL_API uint32_t trelInitializeExsLatch(ExclusiveLatch_t* record, uint64_t latchVersion);
 TREL_API uint32_t trelEnterELCriticalSection(ExclusiveLatch_t* record);
 TREL_API uint32_t trelExitELCriticalSection(ExclusiveLatch_t* record);

@@ -5,7 +5,7 @@
 
 #include "deaths.h"
 #include "heap_walker.h"
-#include "segment_guard.h"
+#include "segment_fixture.h"
 #include "trel/codes.h"
 
 namespace {
@@ -33,7 +33,7 @@ constexpr uint32_t kSegment = 0x20000;
 // A domain on a System V segment with one pool, whose node space is small, so that it is often
 // rebuilt and resized.
 struct Heaps {
-  SegmentGuard key;
+  Key key;
   ShmDomainHandle_t* domain = nullptr;
   ShmPoolHandle_t* pool = nullptr;
   Memory memory{nullptr, 0};
@@ -41,7 +41,7 @@ struct Heaps {
   explicit Heaps(uint32_t poolSize = 0x4000, uint64_t nodes = 6) {
     ShmDomainParam_t domainParam{};
     domainParam.nodeCount = 8;
-    EXPECT_EQ(0u, trelCreateShmDomain(&key.id, 0, kSegment, &domainParam, &domain));
+    EXPECT_EQ(0u, trelCreateShmDomain(key, 0, kSegment, &domainParam, &domain));
     ShmPoolParam_t poolParam{};
     poolParam.nodeCount = nodes;
     poolParam.maxLevel = 4;
