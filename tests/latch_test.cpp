@@ -245,13 +245,25 @@ TEST_F(LatchTest, NobodyTakesOverAfterAVisitFromOtherNamespaces) {
   if (WEXITSTATUS(status) == 1) latch()->space ^= 4;
 
   Holder holder(cell());
-  EXPECT_EQ(latch()->foreign, 1u);
+  EXPECT_EQ(latch()->mark, kForeignLatchMark);
   holder.reap(SIGKILL);
   Waiter waiter(cell());
   EXPECT_FALSE(waiter.doneWithin(300ms));
   setWord(0);
   EXPECT_TRUE(waiter.doneWithin(10s));
   EXPECT_EQ(waiter.died(), 0u);
+}
+
+TEST_F(LatchTest, WaitersAreLetGoWhenTheCellIsPutToOtherUse) {
+  for (const int fill : {0xff, 0}) {
+    platVLatchInit(cell(), 1);
+    Holder holder(cell());
+    Child waiter([&] { _exit(platVLatchGet(cell()) == PLAT_RC_NO_LATCH ? 0 : 1); });
+    std::this_thread::sleep_for(20ms);
+    memset(cell(), fill, PLAT_LATCH_BYTES);
+    EXPECT_EQ(waiter.reap(), 0);
+    EXPECT_EQ(platVLatchGet(cell()), PLAT_RC_NO_LATCH);
+  }
 }
 
 TEST_F(LatchTest, ReleaseWakesOneWaiterAfterTheOther) {

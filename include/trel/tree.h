@@ -134,9 +134,10 @@ TREL_API uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t
  * 32768) of 0 means no limit; a tree deeper than 32768 levels, or with a cycle, gives
  * TREL_RC_DEPTH_LIMIT.
  *
- * No latch is held while a list is read. An operation whose name begins with trelFind notices a
- * list that changes under it, and then starts again, some times. The trelSearch operations are its
- * steps.
+ * No latch is held while a list is read. A list that changes meanwhile is read again, with all that
+ * lies below it, so that each list counts as it stood at some instant; a list that never stands
+ * still ends the search with TREL_RC_BEING_RECREATED as well. The trelSearch operations are the
+ * steps of those that begin with trelFind.
  * ------------------------------------------------------------------------------------------- */
 
 /* The first node of that name, depth first: an entry, what lies below it, then the next entry. */

@@ -3,7 +3,8 @@
 // nobody else can have got the latch in between without changing it.
 //
 // Waiters sleep in timed waits. That is how they get to look at the owner, and it also covers the
-// death of a thread between freeing the word and waking a waiter.
+// death of a thread between freeing the word and waking a waiter. A cell can be taken away, its
+// memory put to other use, while somebody waits: its mark tells.
 
 #include <errno.h>
 #include <linux/futex.h>
@@ -38,16 +39,25 @@ bool sleptInVain(PLATLatch* latch, uint64_t seen, long milliseconds) {
          errno != EAGAIN;
 }
 
+uint32_t markOf(const PLATLatch* latch) { return __atomic_load_n(&latch->mark, __ATOMIC_SEQ_CST); }
+
+bool isLatch(const PLATLatch* latch) {
+  const uint32_t mark = markOf(latch);
+  return mark == kLatchMark || mark == kForeignLatchMark;
+}
+
 // Enters the caller on a latch made in other namespaces. Done before the caller's owner word can
 // be seen there, so that whoever sees the word sees the mark as well.
 void markForeign(PLATLatch* latch, uint32_t space) {
+  uint32_t mark = kLatchMark;
   if (__atomic_load_n(&latch->space, __ATOMIC_RELAXED) != space) {
-    __atomic_store_n(&latch->foreign, 1, __ATOMIC_SEQ_CST);
+    __atomic_compare_exchange_n(&latch->mark, &mark, kForeignLatchMark, false, __ATOMIC_SEQ_CST,
+                                __ATOMIC_RELAXED);
   }
 }
 
 bool mayTakeOver(const PLATLatch* latch, uint64_t owner) {
-  return __atomic_load_n(&latch->foreign, __ATOMIC_ACQUIRE) == 0 && threadHasEnded(owner);
+  return markOf(latch) == kLatchMark && threadHasEnded(owner);
 }
 
 }  // namespace
@@ -60,7 +70,8 @@ uint32_t platVLatchInit(void* cell, uint32_t) {
   PLATLatch* latch = latchAt(cell);
   const uint32_t space = threadIdentity().space;
   __atomic_store_n(&latch->space, space, __ATOMIC_RELAXED);
-  __atomic_store_n(&latch->foreign, space == kUnknownSpace, __ATOMIC_RELAXED);
+  __atomic_store_n(&latch->mark, space == kUnknownSpace ? kForeignLatchMark : kLatchMark,
+                   __ATOMIC_RELAXED);
   __atomic_store_n(&latch->word, 0, __ATOMIC_RELEASE);
   return 0;
 }
@@ -69,11 +80,11 @@ uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied) {
   PLATLatch* latch = latchAt(cell);
   const PLATThreadIdentity& self = threadIdentity();
   markForeign(latch, self.space);
-  if (replace(latch, 0, self.owner)) return 0;
+  if (isLatch(latch) && replace(latch, 0, self.owner)) return 0;
 
   // From here on the caller takes the latch with the waiters bit set: others may have gone to
   // sleep under the bit that a release has cleared.
-  for (long wait = kFirstWaitMs;;) {
+  for (long wait = kFirstWaitMs; isLatch(latch);) {
     const uint64_t seen = load(&latch->word);
     const uint64_t owner = seen & ~kWaiters;
     if (owner == 0) {
@@ -90,6 +101,7 @@ uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied) {
     }
     wait = wait * 2 < kLongestWaitMs ? wait * 2 : kLongestWaitMs;
   }
+  return PLAT_RC_NO_LATCH;
 }
 
 uint32_t platLatchReleaseSlow(void* cell) {

@@ -1,7 +1,7 @@
 // Searches below a node: by name, by path, by tag.
 //
-// Lists are read without a latch, so an answer counts only if the lists that it rests on stood
-// still: a public search starts again when they did not, kAttempts times at most.
+// Lists are read without a latch, so what was read of one counts only if it stood still meanwhile.
+// A list that did not is read again, with all that lies below it.
 #include "trel/tree.h"
 #include "treli/dependent_list.h"
 #include "treli/levels.h"
@@ -10,7 +10,7 @@
 namespace trel {
 namespace {
 
-constexpr int kAttempts = 16;
+constexpr uint32_t kRereadings = 32;  // of one list, then the search gives up
 
 // Reaches the node behind an entry, if it counts for searches. TREL_RC_ENTRY_DIFFERS: it does not.
 uint32_t reachSearched(const SNodeInfo_t* entry, SNodeCB_t** child) {
@@ -35,102 +35,123 @@ uint32_t reachSearched(const SNodeInfo_t* entry, SNodeCB_t** child) {
   return rc;
 }
 
-// Repeats attempt(&disturbed) until it was not disturbed.
-template <class Attempt>
-uint32_t undisturbed(Attempt&& attempt) {
-  for (int i = 1;; ++i) {
-    bool disturbed = false;
-    const uint32_t rc = attempt(&disturbed);
-    if (!disturbed || i == kAttempts) return rc;
-  }
+// Before a list is read again: waits until its writer is gone, or found dead and cleared up after.
+uint32_t awaitWriter(SNodeCB_t* node, uint32_t* rereadings) {
+  if (++*rereadings > kRereadings) return TREL_RC_BEING_RECREATED;
+  reading(node, 0, accept::any, [] { return 0u; });
+  return 0;
 }
 
+// What a search has found. The first `length` hits are kept.
+struct Hits {
+  SNodeInfo_t** found;
+  uint64_t length, returned, total;
+
+  void add(SNodeInfo_t* entry) {
+    ++total;
+    if (returned < length) found[returned++] = entry;
+  }
+};
+
+// A node whose list is being read, and the hits before that.
 struct SearchLevel {
   SNodeCB_t* node;
-  DependentWalk walk;
-  int32_t stamp;
+  uint64_t returned, total;
+  DependentWalk walk = {};
+  int32_t stamp = 0;
+  uint32_t rereadings = 0;
+
+  uint32_t read() {
+    stamp = stampOf(node);
+    DependentList list;
+    if (const uint32_t rc = locateDependents(node, &list)) return rc;
+    walk = DependentWalk(list);
+    return 0;
+  }
+  bool mayHaveChanged() const { return trel::mayHaveChanged(node, stamp); }
 };
 
 class Search {
  public:
-  Search(uint64_t depth, uint64_t limit) : depth_(depth), limit_(limit) {}
+  Search(Hits* hits, bool firstOnly, uint64_t depth, uint64_t limit)
+      : hits_(hits), firstOnly_(firstOnly), depth_(depth), limit_(limit) {}
 
-  // Calls use(entry, maxIdSize, &done) for each entry below the node, depth first, until it is done
-  // or fails. *disturbed: the outcome is not to be relied on.
-  template <class Use>
-  uint32_t run(SNodeCB_t* node, bool* disturbed, Use&& use) {
+  // Adds the entries below the node that isSought(entry, maxIdSize, &isHit) tells, depth first.
+  template <class IsSought>
+  uint32_t run(SNodeCB_t* node, IsSought&& isSought) {
     if (const uint32_t rc = enter(node)) return rc;
-    bool done = false;
-    while (!levels_.empty() && !done) {
-      SearchLevel& level = levels_.top();
+    while (!levels_.empty()) {
+      SearchLevel* level = &levels_.top();
       SNodeInfo_t* entry = nullptr;
-      uint32_t rc = level.walk.next(&entry);
-      if (rc == 0 && !entry) {
-        *disturbed |= mayHaveChanged(level.node, level.stamp);
+      bool isOver = false;
+      uint32_t rc = level->walk.next(&entry);
+      if (rc == 0 && entry) {
+        rc = visit(*level, entry, isSought, &isOver);
+        if (rc == 0 && !isOver) continue;
+      }
+      if (rc) {
+        while (!levels_.empty() && !levels_.top().mayHaveChanged()) levels_.pop();
+        if (levels_.empty()) return rc;
+      } else if (!level->mayHaveChanged()) {
+        if (isOver) return 0;
         levels_.pop();
         continue;
       }
-      SNodeCB_t* child = nullptr;
-      if (rc == 0) rc = reachSearched(entry, &child);
-      if (rc == TREL_RC_ENTRY_DIFFERS) continue;
-      if (rc == 0) level.walk.fetchAhead(entry, child);
-      if (rc == 0) rc = use(entry, level.walk.maxIdSize(), &done);
-      if (done) *disturbed = mayHaveChanged(level.node, level.stamp);
-      if (rc == 0 && !done) rc = enter(child);
-      if (rc) {
-        for (uint32_t i = 0; i < levels_.count(); ++i)
-          *disturbed |= mayHaveChanged(levels_[i].node, levels_[i].stamp);
-        return rc;
-      }
+      if ((rc = readAgain(&levels_.top()))) return rc;
     }
     return 0;
   }
 
  private:
+  template <class IsSought>
+  uint32_t visit(const SearchLevel& level, SNodeInfo_t* entry, IsSought& isSought, bool* isOver) {
+    SNodeCB_t* child = nullptr;
+    if (const uint32_t rc = reachSearched(entry, &child))
+      return rc == TREL_RC_ENTRY_DIFFERS ? 0 : rc;
+    level.walk.fetchAhead(entry, child);
+    bool isHit = false;
+    if (const uint32_t rc = isSought(entry, level.walk.maxIdSize(), &isHit)) return rc;
+    if (isHit) hits_->add(entry);
+    *isOver = isHit && firstOnly_;
+    return *isOver ? 0 : enter(child);
+  }
+
   uint32_t enter(SNodeCB_t* node) {
-    const SearchLevel fresh = {node, {}, stampOf(node)};
     ExportSlot_t* slot = nullptr;
     if (limit_ && depth_ + levels_.count() >= limit_)
       return sectionOf(node, TREL_EXPORT_DEPENDENT, &slot);
-    DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return rc;
-    if (list.live == 0) return 0;
-    if (const uint32_t rc = levels_.push(fresh)) return rc;
-    levels_.top().walk = DependentWalk(list);
-    return 0;
+    SearchLevel level = {node, hits_->returned, hits_->total};
+    if (const uint32_t rc = level.read()) return rc;
+    return level.walk.isDone() && !level.mayHaveChanged() ? 0 : levels_.push(level);
   }
 
+  uint32_t readAgain(SearchLevel* level) {
+    if (const uint32_t rc = awaitWriter(level->node, &level->rereadings)) return rc;
+    hits_->returned = level->returned;
+    hits_->total = level->total;
+    return level->read();
+  }
+
+  Hits* hits_;
+  bool firstOnly_;
   uint64_t depth_, limit_;
   Levels<SearchLevel> levels_;
 };
 
-uint32_t searchByName(SNodeInfo_t** found, SNodeCB_t* node, uint64_t* foundCount,
-                      const SoughtName& name, uint64_t depth, uint64_t limit, bool* disturbed) {
-  Search search(depth, limit);
-  return search.run(node, disturbed,
-                    [&](SNodeInfo_t* entry, uint32_t maxIdSize, bool* done) -> uint32_t {
-                      const uint32_t rc = hasName(entry, maxIdSize, name, done);
-                      if (rc || !*done) return rc;
-                      *found = entry;
-                      ++*foundCount;
-                      return 0;
-                    });
+uint32_t searchByName(Hits* hits, SNodeCB_t* node, const SoughtName& name, uint64_t depth,
+                      uint64_t limit) {
+  return Search(hits, true, depth, limit)
+      .run(node, [&](SNodeInfo_t* entry, uint32_t maxIdSize, bool* isHit) {
+        return hasName(entry, maxIdSize, name, isHit);
+      });
 }
 
-struct TagHits {
-  SNodeInfo_t** found;
-  uint64_t length, returned, total;
-};
-
-uint32_t searchByTag(TagHits* hits, SNodeCB_t* node, uint64_t tag, uint64_t depth, uint64_t limit,
-                     bool* disturbed) {
-  Search search(depth, limit);
-  return search.run(node, disturbed, [&](SNodeInfo_t* entry, uint32_t, bool*) -> uint32_t {
-    if (entry->nodeTag != tag) return 0;
-    ++hits->total;
-    if (hits->returned < hits->length) hits->found[hits->returned++] = entry;
-    return 0;
-  });
+uint32_t searchByTag(Hits* hits, SNodeCB_t* node, uint64_t tag, uint64_t depth, uint64_t limit) {
+  return Search(hits, false, depth, limit)
+      .run(node, [&](SNodeInfo_t* entry, uint32_t, bool* isHit) {
+        *isHit = entry->nodeTag == tag;
+        return 0u;
+      });
 }
 
 // Tests one entry of a list with room for identifiers of maxIdSize. A wanted identifier is also
@@ -160,34 +181,51 @@ uint32_t checkPathName(const TraverseInfo_t& name) {
   return name.traverseIdSize && !name.traverseId ? uint32_t{TREL_RC_ID_NULL} : 0;
 }
 
+// Where one name of a path leads to. An empty list leads nowhere: the path stays at its node.
+struct Step {
+  SNodeInfo_t* entry;
+  SNodeCB_t* node;
+  uint64_t hasList;
+};
+
+uint32_t followName(SNodeCB_t* node, const TraverseInfo_t& name, Step* step) {
+  DependentList list;
+  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  if (const uint32_t rc = checkPathName(name)) return rc;
+  *step = {nullptr, node, 1};
+  if (list.live == 0) return 0;
+  const SoughtName sought = {name.traverseTag, name.traverseId, name.traverseIdSize};
+  DependentWalk walk(list);
+  uint32_t rc = 0;
+  do {
+    ExportSlot_t* slot = nullptr;
+    rc = walk.next(&step->entry);
+    if (rc == 0 && !step->entry) rc = TREL_RC_NOT_FOUND;
+    if (rc == 0)
+      rc = testEntry(step->entry, list.maxIdSize, sought, &step->node, &slot, &step->hasList);
+  } while (rc == TREL_RC_ENTRY_DIFFERS);
+  return rc;
+}
+
 uint32_t followPath(SNodeInfo_t** found, SNodeCB_t* node, uint64_t length,
-                    const TraverseInfo_t* path, bool* disturbed) {
+                    const TraverseInfo_t* path) {
   for (uint64_t i = 0; i < length; ++i) {
-    const int32_t stamp = stampOf(node);
-    DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return rc;
-    if (const uint32_t rc = checkPathName(path[i])) return rc;
-    if (list.live == 0) continue;
-    const SoughtName name = {path[i].traverseTag, path[i].traverseId, path[i].traverseIdSize};
-    DependentWalk walk(list);
-    SNodeInfo_t* entry = nullptr;
-    SNodeCB_t* child = nullptr;
-    uint64_t hasList = 0;
-    uint32_t rc = 0;
-    do {
-      ExportSlot_t* slot = nullptr;
-      rc = walk.next(&entry);
-      if (rc == 0 && !entry) rc = TREL_RC_NOT_FOUND;
-      if (rc == 0) rc = testEntry(entry, list.maxIdSize, name, &child, &slot, &hasList);
-    } while (rc == TREL_RC_ENTRY_DIFFERS);
-    *disturbed |= mayHaveChanged(node, stamp);
-    if (rc) return rc;
-    if (i + 1 == length) {
-      *found = entry;
+    Step step;
+    for (uint32_t rereadings = 0;;) {
+      const int32_t stamp = stampOf(node);
+      const uint32_t rc = followName(node, path[i], &step);
+      if (!mayHaveChanged(node, stamp)) {
+        if (rc) return rc;
+        break;
+      }
+      if (const uint32_t late = awaitWriter(node, &rereadings)) return late;
+    }
+    if (step.entry && i + 1 == length) {
+      *found = step.entry;
       return 0;
     }
-    if (!hasList) return TREL_RC_NOT_FOUND;
-    node = child;
+    if (!step.hasList) return TREL_RC_NOT_FOUND;
+    node = step.node;
   }
   return TREL_RC_NOT_FOUND;
 }
@@ -207,16 +245,12 @@ uint32_t trelFindNodeSoft(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, ui
     if (idSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_SIZE);
     if (idSize && !id) return flow.fail(TREL_RC_ID_NULL);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
-    return undisturbed([&](bool* disturbed) -> uint32_t {
-      uint64_t count = 0;
-      SNodeInfo_t* entry = nullptr;
-      const uint32_t rc =
-          searchByName(&entry, node, &count, {tag, id, idSize}, 0, depthLimit, disturbed);
-      if (rc) return rc;
-      if (count == 0) return TREL_RC_NOT_FOUND;
-      *found = entry;
-      return 0;
-    });
+    SNodeInfo_t* entry = nullptr;
+    Hits hits = {&entry, 1, 0, 0};
+    if (const uint32_t rc = searchByName(&hits, node, {tag, id, idSize}, 0, depthLimit)) return rc;
+    if (hits.total == 0) return TREL_RC_NOT_FOUND;
+    *found = entry;
+    return 0;
   });
 }
 
@@ -228,8 +262,12 @@ uint32_t trelSearchForNodeSoft(SNodeInfo_t** found, SNodeCB_t* node, uint64_t* f
     if (!found) return flow.fail(TREL_RC_NODE_INFO_NULL);
     if (!foundCount) return flow.fail(TREL_RC_OUT_FOUND_TOTAL);
     if (idSize && !id) return flow.fail(TREL_RC_ID_NULL);
-    bool disturbed = false;
-    return searchByName(found, node, foundCount, {tag, id, idSize}, depth, depthLimit, &disturbed);
+    SNodeInfo_t* entry = nullptr;
+    Hits hits = {&entry, 1, 0, 0};
+    const uint32_t rc = searchByName(&hits, node, {tag, id, idSize}, depth, depthLimit);
+    if (hits.total) *found = entry;
+    *foundCount += hits.total;
+    return rc;
   });
 }
 
@@ -246,8 +284,7 @@ uint32_t trelFindNodeHard(SNodeInfo_t** found, SNodeCB_t* node, uint64_t pathLen
     ExportSlot_t* slot = nullptr;
     if (const uint32_t rc = sectionOf(node, TREL_EXPORT_DEPENDENT, &slot)) return flow.fail(rc);
     SNodeInfo_t* entry = nullptr;
-    const uint32_t rc = undisturbed(
-        [&](bool* disturbed) { return followPath(&entry, node, pathLength, path, disturbed); });
+    const uint32_t rc = followPath(&entry, node, pathLength, path);
     if (rc == 0) *found = entry;
     return rc;
   });
@@ -276,13 +313,11 @@ uint32_t trelFindNodesByTag(SNodeCB_t* node, uint64_t tag, uint64_t depthLimit, 
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
     if (length == 0 || length > 0x100000) return flow.fail(TREL_RC_ARRAY_LENGTH);
-    return undisturbed([&](bool* disturbed) -> uint32_t {
-      TagHits hits = {found, length, 0, 0};
-      const uint32_t rc = searchByTag(&hits, node, tag, 0, depthLimit, disturbed);
-      *returned = hits.returned;
-      *total = hits.total;
-      return rc || hits.total ? rc : uint32_t{TREL_RC_NOT_FOUND};
-    });
+    Hits hits = {found, length, 0, 0};
+    const uint32_t rc = searchByTag(&hits, node, tag, 0, depthLimit);
+    *returned = hits.returned;
+    *total = hits.total;
+    return rc || hits.total ? rc : uint32_t{TREL_RC_NOT_FOUND};
   });
 }
 
@@ -294,9 +329,8 @@ uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, uint64_t t
     if (!returned) return flow.fail(TREL_RC_OUT_FOUND_RETURNED);
     if (!total) return flow.fail(TREL_RC_OUT_FOUND_TOTAL);
     if (!found) return flow.fail(TREL_RC_NODE_INFOS_NULL);
-    TagHits hits = {found, length, *returned, *total};
-    bool disturbed = false;
-    const uint32_t rc = searchByTag(&hits, node, tag, depth, depthLimit, &disturbed);
+    Hits hits = {found, length, *returned, *total};
+    const uint32_t rc = searchByTag(&hits, node, tag, depth, depthLimit);
     *returned = hits.returned;
     *total = hits.total;
     return rc;

@@ -19,7 +19,9 @@ PLAT_API uint32_t platVLatchInit(void* cell, uint32_t one);
 /* Waits until the calling thread holds the latch. A latch whose owner has died, killed or ended,
  * is taken over within 100 ms. A stopped owner is waited for; so is every owner once a process of
  * another pid or time namespace has used the latch, for such processes cannot tell whether the
- * other lives. Not recursive: PLAT_RC_ALREADY_OWNER if the calling thread holds it. */
+ * other lives. Not recursive: PLAT_RC_ALREADY_OWNER if the calling thread holds it.
+ * PLAT_RC_NO_LATCH if the cell holds no latch, or does no longer: whoever waits for a latch whose
+ * memory is freed and filled is let go. */
 PLAT_API uint32_t platVLatchGet(void* cell);
 
 /* The same, and sets *ownerDied to 1 if the latch was taken over from a dead owner, else to 0. */
@@ -48,13 +50,17 @@ struct PLATLatch {
   /* 0: free. Else the owner: thread id in bits 0 to 30, bit 31 set if somebody may be waiting, and
    * the low 32 bits of the thread's start time above. Waiters sleep on the low half. */
   uint64_t word;
-  uint32_t space;   /* the namespaces of the process that made the latch */
-  uint32_t foreign; /* 1 once a process of other namespaces has come: no takeover any more */
+  uint32_t space; /* the namespaces of the process that made the latch */
+  uint32_t mark;  /* one of the two below */
 };
 
 static_assert(sizeof(PLATLatch) == 16 && offsetof(PLATLatch, space) == 8 &&
-                  offsetof(PLATLatch, foreign) == 12 && 7 + sizeof(PLATLatch) <= PLAT_LATCH_BYTES,
+                  offsetof(PLATLatch, mark) == 12 && 7 + sizeof(PLATLatch) <= PLAT_LATCH_BYTES,
               "latches are shared between processes");
+
+constexpr uint32_t kLatchMark = 0x6c617463;
+/* A process of other namespaces has come: no takeover any more. */
+constexpr uint32_t kForeignLatchMark = 0x6c617466;
 
 /* The calling thread as latches know it: `owner` is what it writes into a latch word. Until the
  * thread's first latch operation, and in a forked child, both hold values that no latch holds, so
