@@ -7,12 +7,6 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
-struct PLATHIPCMemory::State {
-  int id;
-  void* address;
-  size_t size;
-};
-
 namespace {
 
 constexpr uint32_t kAccessBits = 0777;
@@ -112,15 +106,11 @@ uint32_t PLATHIPCMemory::attach(const PLATIPCResID* resId, const void* address) 
   return id < 0 ? codeOf(errno) : adopt(id, address, 0);
 }
 
-bool PLATHIPCMemory::isAttached() const { return state_ != nullptr; }
-
 uint32_t PLATHIPCMemory::getAddress(void** address) const {
   if (!address) return PLAT_RC_ARGUMENT;
   *address = isAttached() ? state_->address : nullptr;
   return isAttached() ? PLAT_RC_OK : PLAT_RC_NOT_ATTACHED;
 }
-
-size_t PLATHIPCMemory::getSize() const { return isAttached() ? state_->size : 0; }
 
 uint32_t PLATHIPCMemory::detach() {
   if (!isAttached()) return PLAT_RC_NOT_ATTACHED;

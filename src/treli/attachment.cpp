@@ -2,11 +2,9 @@
 
 #include <initializer_list>
 
-#include "platsvc/ipc.h"
 #include "trel/lists.h"
 #include "trel/storage.h"
 #include "treli/process_memory.h"
-#include "trelshm/handle.h"
 
 namespace trel {
 
@@ -35,13 +33,6 @@ uint32_t holdOf(const SegIdentity_t& identity, Hold* hold) {
     default:
       return TREL_RC_ACCESS_MODE;
   }
-}
-
-bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size) {
-  const uint64_t first = domain->heapOffset, heapSize = heapOf(domain).header()->heapSize;
-  if (offset < first || heapSize < size || offset - first > heapSize - size) return false;
-  // The stored size has been tested at attach, but may have been overwritten since.
-  return !domain->ipcMemory || offset + size <= domain->ipcMemory->getSize();
 }
 
 namespace {

@@ -1,6 +1,7 @@
 // What this process holds of segments. Callers of all of this hold the AttachLatch.
 #pragma once
 
+#include "platsvc/ipc.h"
 #include "trel/segment.h"
 #include "treli/bytes.h"
 #include "treli/flow.h"
@@ -28,7 +29,13 @@ const ShmDomainHandle_t* domainAround(const void* address, uint64_t size);
 const ShmDomainHandle_t* domainAt(const void* base);
 
 // Whether `size` bytes at an offset from the base lie in the domain and in what is mapped of it.
-bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size);
+inline bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size) {
+  const uint64_t first = domain->heapOffset;
+  const uint64_t heapSize = at<HeapHeader_t>(domain->base, first)->heapSize;
+  if (offset < first || heapSize < size || offset - first > heapSize - size) return false;
+  // The stored size has been tested at attach, but may have been overwritten since.
+  return !domain->ipcMemory || offset + size <= domain->ipcMemory->getSize();
+}
 
 // The versions and the access mode of a parameter record, null for all defaults.
 struct SegmentForm {

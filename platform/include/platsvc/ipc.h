@@ -50,10 +50,10 @@ class PLAT_API PLATHIPCMemory {
   uint32_t create(const PLATIPCMemoryCreateParam* param);
   /* Maps the segment of that key, at the address if it can be had, else anywhere. */
   uint32_t attach(const PLATIPCResID* resId, const void* address);
-  bool isAttached() const;
+  bool isAttached() const { return state_ != nullptr; }
   uint32_t getAddress(void** address) const;
   /* Bytes of the segment, 0 when not attached. */
-  size_t getSize() const;
+  size_t getSize() const { return state_ ? state_->size : 0; }
   /* Unmaps; the segment stays. An address that is no longer mapped counts as detached. */
   uint32_t detach();
   /* Removes the segment and unmaps it. A segment that is gone already is a success. */
@@ -63,7 +63,11 @@ class PLAT_API PLATHIPCMemory {
   uint32_t authorize(const PLATIPCSecurityParam* param);
 
  private:
-  struct State;
+  struct State {
+    int id;
+    void* address;
+    size_t size;
+  };
   PLAT_HIDDEN uint32_t adopt(int id, const void* hint, size_t size);
   PLAT_HIDDEN void forget();
   union {
