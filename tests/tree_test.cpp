@@ -495,6 +495,22 @@ TEST_F(Reach, CyclesEndInACode) {
             trelSetStatusForEachNodeInATree(top, home.info, 0, TREL_STATUS_DISCLAIM, 1));
 }
 
+// Two ways from each node to the next, 60 levels down: more than any walk could go.
+TEST_F(Reach, ForksThatMeetAgainEndInACode) {
+  SNodeCB_t* node = near;
+  for (uint64_t level = 0; level < 60; ++level) {
+    SNodeCB_t* next = makeNode(home, 100 + level, "", 2);
+    SNodeInfo_t record = recordOf(home, next, home);
+    for (const char* id : {"one", "two"})
+      ASSERT_EQ(0u, trelAddDependentNode(node, &record, bytes(id), 3, 0, 0));
+    node = next;
+  }
+  SNodeInfo_t* entry = nullptr;
+  TreeInfo_t sum;
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(top, 77, &entry));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelGetTreeInfo(top, home.info, 0, 0, 0, &sum));
+}
+
 TEST_F(Reach, ThirtyThousandLevels) {
   constexpr uint64_t kNodes = 32771;
   Segment deep(kNodes * 3800);

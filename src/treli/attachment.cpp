@@ -62,6 +62,16 @@ const ShmDomainHandle_t* domainAt(const void* base) {
   return findDomain([&](const ShmDomainHandle_t* domain) { return domain->base == base; });
 }
 
+uint64_t attachedBytes() {
+  uint64_t bytes = 0;
+  findDomain([&](const ShmDomainHandle_t* domain) {
+    const uint64_t stored = at<HeapHeader_t>(domain->base, domain->heapOffset)->heapSize;
+    bytes += domain->ipcMemory ? domain->ipcMemory->getSize() : stored;
+    return false;
+  });
+  return bytes;
+}
+
 SegmentForm readForm(const ShmDomainParam_t* param, uint32_t defaultMode) {
   SegmentForm form = {0, 0, 0, 0};
   if (param)

@@ -28,6 +28,9 @@ uint32_t holdOf(const SegIdentity_t& identity, Hold* hold);
 const ShmDomainHandle_t* domainAround(const void* address, uint64_t size);
 const ShmDomainHandle_t* domainAt(const void* base);
 
+// Bytes of all attached domains together.
+uint64_t attachedBytes();
+
 // Whether `size` bytes at an offset from the base lie in the domain and in what is mapped of it.
 inline bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size) {
   const uint64_t first = domain->heapOffset;

@@ -1,5 +1,8 @@
 // The path from the top of a walk down to where it stands, in place of a call stack: a tree may be
 // as deep as it likes without using up the caller's thread.
+//
+// What is no tree, for it has been damaged, is refused: too deep, in a circle, or with more ways
+// through it than a walk could come to the end of.
 #pragma once
 
 #include <string.h>
@@ -10,6 +13,9 @@
 namespace trel {
 
 constexpr uint32_t kMaxDepth = 32768;
+
+// How many nodes could lie in the segments that this process has attached.
+uint64_t nodesThatFit();
 
 template <class Level>
 class Levels {
@@ -27,10 +33,9 @@ class Levels {
   Level& top() { return levels_[count_ - 1]; }
   void pop() { --count_; }
 
-  // May move the levels. Refuses what no tree has: more levels, or a node that is on the path
-  // already.
+  // May move the levels.
   uint32_t push(const Level& level) {
-    if (closesCycle(level.node)) return TREL_RC_DEPTH_LIMIT;
+    if (closesCycle(level.node) || !isCredible()) return TREL_RC_DEPTH_LIMIT;
     if (count_ == capacity_) {
       if (const uint32_t rc = grow()) return rc;
     }
@@ -49,6 +54,12 @@ class Levels {
     return count_ > kNear && levels_[1u << (31 - __builtin_clz(count_ - 1))].node == node;
   }
 
+  // A list is read several times where it changes meanwhile, but not without end.
+  bool isCredible() {
+    if (++pushes_ > mostPushes_) mostPushes_ = 64 * nodesThatFit();
+    return pushes_ <= mostPushes_;
+  }
+
   __attribute__((noinline)) uint32_t grow() {
     Level* larger = nullptr;
     if (count_ == kMaxDepth || obtain(&larger, 2 * capacity_) != 0) return TREL_RC_DEPTH_LIMIT;
@@ -60,6 +71,7 @@ class Levels {
   }
 
   uint32_t count_ = 0, capacity_ = 16;  // a power of 2, up to kMaxDepth
+  uint64_t pushes_ = 0, mostPushes_ = 4096;
   Level first_[16];
   Level* levels_ = first_;
 };

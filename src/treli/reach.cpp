@@ -1,6 +1,7 @@
 #include "treli/reach.h"
 
 #include "treli/attach_latch.h"
+#include "treli/levels.h"
 #include "treli/section.h"
 #include "trelll/list.h"
 
@@ -10,6 +11,11 @@ bool isNodeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
   if (!liesInDomain(domain, nodeOffset, sizeof(SNodeCB_t))) return false;
   const uint64_t size = at<SNodeCB_t>(domain->base, nodeOffset)->nodeSize;
   return size >= sizeof(SNodeCB_t) && liesInDomain(domain, nodeOffset, size);
+}
+
+uint64_t nodesThatFit() {
+  const AttachLatch latch;
+  return attachedBytes() / sizeof(SNodeCB_t);
 }
 
 uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity) {
