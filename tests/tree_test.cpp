@@ -673,6 +673,11 @@ TEST_F(Reach, ReadersSeeNoTreeThatNeverWas) {
           ASSERT_GE(total, 4u);
           ASSERT_LE(total, 20u);
         }
+        TreeInfo_t sum;
+        if (trelGetTreeInfo(top, home.info, 0, 20, 0, &sum) == 0) {
+          ASSERT_GE(sum.taggedNodes, 4u);
+          ASSERT_LE(sum.taggedNodes, 20u);
+        }
       }
       EXPECT_GT(found, 100 * refused);
       printf("reader %d: %llu found, %llu refused\n", r, static_cast<unsigned long long>(found),

@@ -171,8 +171,9 @@ TREL_API uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, u
  *
  * The given node is at depth 1; a depth limit (0 to 32768) of 0 means no limit. Children come
  * before their parent. A failure stops a walk where it is, and nothing is undone. Segments on the
- * way are attached, and stay so. A tree deeper than 32768 levels, or with a cycle, gives
- * TREL_RC_DEPTH_LIMIT.
+ * way are attached, and stay so. What no walk would come to the end of gives TREL_RC_DEPTH_LIMIT, as
+ * in searches. Sums read a list again that changes meanwhile, as searches do; status operations,
+ * which change what they walk over, do not.
  * ------------------------------------------------------------------------------------------- */
 
 /* What to do with a node. */

@@ -1,16 +1,10 @@
 // Searches below a node: by name, by path, by tag.
-//
-// Lists are read without a latch, so what was read of one counts only if it stood still meanwhile.
-// A list that did not is read again, with all that lies below it.
 #include "trel/tree.h"
-#include "treli/dependent_list.h"
-#include "treli/levels.h"
 #include "treli/reach.h"
+#include "treli/stable_walk.h"
 
 namespace trel {
 namespace {
-
-constexpr uint32_t kRereadings = 32;  // of one list, then the search gives up
 
 // Reaches the node behind an entry, if it counts for searches. TREL_RC_ENTRY_DIFFERS: it does not.
 uint32_t reachSearched(const SNodeInfo_t* entry, SNodeCB_t** child) {
@@ -35,123 +29,81 @@ uint32_t reachSearched(const SNodeInfo_t* entry, SNodeCB_t** child) {
   return rc;
 }
 
-// Before a list is read again: waits until its writer is gone, or found dead and cleared up after.
-uint32_t awaitWriter(SNodeCB_t* node, uint32_t* rereadings) {
-  if (++*rereadings > kRereadings) return TREL_RC_BEING_RECREATED;
-  reading(node, 0, accept::any, [] { return 0u; });
-  return 0;
-}
-
-// What a search has found. The first `length` hits are kept.
-struct Hits {
-  SNodeInfo_t** found;
-  uint64_t length, returned, total;
-
-  void add(SNodeInfo_t* entry) {
-    ++total;
-    if (returned < length) found[returned++] = entry;
-  }
+// How many entries a search has found, and how many of them it has kept.
+struct HitCount {
+  uint64_t returned, total;
 };
 
-// A node whose list is being read, and the hits before that.
-struct SearchLevel {
-  SNodeCB_t* node;
-  uint64_t returned, total;
-  DependentWalk walk = {};
-  int32_t stamp = 0;
-  uint32_t rereadings = 0;
+// Keeps up to `length` of the entries that isSought(entry, maxIdSize, &isHit) tells, depth first.
+template <class IsSought>
+struct Search {
+  using Gathered = HitCount;
 
-  uint32_t read() {
-    stamp = stampOf(node);
+  SNodeInfo_t** found;
+  uint64_t length;
+  bool firstOnly;
+  uint64_t depth, limit;
+  IsSought isSought;
+  Gathered gathered;
+
+  uint32_t open(SNodeCB_t* node, uint64_t levels, DependentWalk* walk) {
+    ExportSlot_t* slot = nullptr;
+    if (limit && depth + levels >= limit) return sectionOf(node, TREL_EXPORT_DEPENDENT, &slot);
     DependentList list;
     if (const uint32_t rc = locateDependents(node, &list)) return rc;
-    walk = DependentWalk(list);
-    return 0;
-  }
-  bool mayHaveChanged() const { return trel::mayHaveChanged(node, stamp); }
-};
-
-class Search {
- public:
-  Search(Hits* hits, bool firstOnly, uint64_t depth, uint64_t limit)
-      : hits_(hits), firstOnly_(firstOnly), depth_(depth), limit_(limit) {}
-
-  // Adds the entries below the node that isSought(entry, maxIdSize, &isHit) tells, depth first.
-  template <class IsSought>
-  uint32_t run(SNodeCB_t* node, IsSought&& isSought) {
-    if (const uint32_t rc = enter(node)) return rc;
-    while (!levels_.empty()) {
-      SearchLevel* level = &levels_.top();
-      SNodeInfo_t* entry = nullptr;
-      bool isOver = false;
-      uint32_t rc = level->walk.next(&entry);
-      if (rc == 0 && entry) {
-        rc = visit(*level, entry, isSought, &isOver);
-        if (rc == 0 && !isOver) continue;
-      }
-      if (rc) {
-        while (!levels_.empty() && !levels_.top().mayHaveChanged()) levels_.pop();
-        if (levels_.empty()) return rc;
-      } else if (!level->mayHaveChanged()) {
-        if (isOver) return 0;
-        levels_.pop();
-        continue;
-      }
-      if ((rc = readAgain(&levels_.top()))) return rc;
-    }
+    *walk = DependentWalk(list);
     return 0;
   }
 
- private:
-  template <class IsSought>
-  uint32_t visit(const SearchLevel& level, SNodeInfo_t* entry, IsSought& isSought, bool* isOver) {
+  uint32_t visit(const DependentWalk& walk, SNodeInfo_t* entry, SNodeCB_t** below, bool* isOver) {
     SNodeCB_t* child = nullptr;
     if (const uint32_t rc = reachSearched(entry, &child))
       return rc == TREL_RC_ENTRY_DIFFERS ? 0 : rc;
-    level.walk.fetchAhead(entry, child);
+    walk.fetchAhead(entry, child);
     bool isHit = false;
-    if (const uint32_t rc = isSought(entry, level.walk.maxIdSize(), &isHit)) return rc;
-    if (isHit) hits_->add(entry);
-    *isOver = isHit && firstOnly_;
-    return *isOver ? 0 : enter(child);
+    if (const uint32_t rc = isSought(entry, walk.maxIdSize(), &isHit)) return rc;
+    if (isHit) {
+      ++gathered.total;
+      if (gathered.returned < length) found[gathered.returned++] = entry;
+    }
+    *isOver = isHit && firstOnly;
+    if (!*isOver) *below = child;
+    return 0;
   }
 
-  uint32_t enter(SNodeCB_t* node) {
-    ExportSlot_t* slot = nullptr;
-    if (limit_ && depth_ + levels_.count() >= limit_)
-      return sectionOf(node, TREL_EXPORT_DEPENDENT, &slot);
-    SearchLevel level = {node, hits_->returned, hits_->total};
-    if (const uint32_t rc = level.read()) return rc;
-    return level.walk.isDone() && !level.mayHaveChanged() ? 0 : levels_.push(level);
-  }
-
-  uint32_t readAgain(SearchLevel* level) {
-    if (const uint32_t rc = awaitWriter(level->node, &level->rereadings)) return rc;
-    hits_->returned = level->returned;
-    hits_->total = level->total;
-    return level->read();
-  }
-
-  Hits* hits_;
-  bool firstOnly_;
-  uint64_t depth_, limit_;
-  Levels<SearchLevel> levels_;
+  uint32_t leave(SNodeCB_t*) { return 0; }
 };
 
-uint32_t searchByName(Hits* hits, SNodeCB_t* node, const SoughtName& name, uint64_t depth,
-                      uint64_t limit) {
-  return Search(hits, true, depth, limit)
-      .run(node, [&](SNodeInfo_t* entry, uint32_t maxIdSize, bool* isHit) {
-        return hasName(entry, maxIdSize, name, isHit);
-      });
+// The hits are added to *count, those of a search that fails too.
+template <class IsSought>
+uint32_t search(SNodeCB_t* node, SNodeInfo_t** found, uint64_t length, bool firstOnly,
+                uint64_t depth, uint64_t limit, HitCount* count, IsSought&& isSought) {
+  Search<IsSought&> task = {found, length, firstOnly, depth, limit, isSought, *count};
+  const uint32_t rc = StableWalk<Search<IsSought&>>(&task).run(node);
+  *count = task.gathered;
+  return rc;
 }
 
-uint32_t searchByTag(Hits* hits, SNodeCB_t* node, uint64_t tag, uint64_t depth, uint64_t limit) {
-  return Search(hits, false, depth, limit)
-      .run(node, [&](SNodeInfo_t* entry, uint32_t, bool* isHit) {
-        *isHit = entry->nodeTag == tag;
-        return 0u;
-      });
+uint32_t searchByName(SNodeInfo_t** found, SNodeCB_t* node, uint64_t* foundCount,
+                      const SoughtName& name, uint64_t depth, uint64_t limit) {
+  SNodeInfo_t* entry = nullptr;
+  HitCount count = {0, 0};
+  const uint32_t rc = search(node, &entry, 1, true, depth, limit, &count,
+                             [&](SNodeInfo_t* candidate, uint32_t maxIdSize, bool* isHit) {
+                               return hasName(candidate, maxIdSize, name, isHit);
+                             });
+  if (count.total) *found = entry;
+  *foundCount += count.total;
+  return rc;
+}
+
+uint32_t searchByTag(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, uint64_t length,
+                     uint64_t depth, uint64_t limit, HitCount* count) {
+  return search(node, found, length, false, depth, limit, count,
+                [&](const SNodeInfo_t* entry, uint32_t, bool* isHit) {
+                  *isHit = entry->nodeTag == tag;
+                  return 0u;
+                });
 }
 
 // Tests one entry of a list with room for identifiers of maxIdSize. A wanted identifier is also
@@ -245,12 +197,10 @@ uint32_t trelFindNodeSoft(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, ui
     if (idSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_SIZE);
     if (idSize && !id) return flow.fail(TREL_RC_ID_NULL);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
-    SNodeInfo_t* entry = nullptr;
-    Hits hits = {&entry, 1, 0, 0};
-    if (const uint32_t rc = searchByName(&hits, node, {tag, id, idSize}, 0, depthLimit)) return rc;
-    if (hits.total == 0) return TREL_RC_NOT_FOUND;
-    *found = entry;
-    return 0;
+    uint64_t count = 0;
+    if (const uint32_t rc = searchByName(found, node, &count, {tag, id, idSize}, 0, depthLimit))
+      return rc;
+    return count ? 0 : uint32_t{TREL_RC_NOT_FOUND};
   });
 }
 
@@ -262,12 +212,7 @@ uint32_t trelSearchForNodeSoft(SNodeInfo_t** found, SNodeCB_t* node, uint64_t* f
     if (!found) return flow.fail(TREL_RC_NODE_INFO_NULL);
     if (!foundCount) return flow.fail(TREL_RC_OUT_FOUND_TOTAL);
     if (idSize && !id) return flow.fail(TREL_RC_ID_NULL);
-    SNodeInfo_t* entry = nullptr;
-    Hits hits = {&entry, 1, 0, 0};
-    const uint32_t rc = searchByName(&hits, node, {tag, id, idSize}, depth, depthLimit);
-    if (hits.total) *found = entry;
-    *foundCount += hits.total;
-    return rc;
+    return searchByName(found, node, foundCount, {tag, id, idSize}, depth, depthLimit);
   });
 }
 
@@ -313,11 +258,11 @@ uint32_t trelFindNodesByTag(SNodeCB_t* node, uint64_t tag, uint64_t depthLimit, 
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
     if (length == 0 || length > 0x100000) return flow.fail(TREL_RC_ARRAY_LENGTH);
-    Hits hits = {found, length, 0, 0};
-    const uint32_t rc = searchByTag(&hits, node, tag, 0, depthLimit);
-    *returned = hits.returned;
-    *total = hits.total;
-    return rc || hits.total ? rc : uint32_t{TREL_RC_NOT_FOUND};
+    HitCount count = {0, 0};
+    const uint32_t rc = searchByTag(found, node, tag, length, 0, depthLimit, &count);
+    *returned = count.returned;
+    *total = count.total;
+    return rc || count.total ? rc : uint32_t{TREL_RC_NOT_FOUND};
   });
 }
 
@@ -329,10 +274,10 @@ uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, uint64_t t
     if (!returned) return flow.fail(TREL_RC_OUT_FOUND_RETURNED);
     if (!total) return flow.fail(TREL_RC_OUT_FOUND_TOTAL);
     if (!found) return flow.fail(TREL_RC_NODE_INFOS_NULL);
-    Hits hits = {found, length, *returned, *total};
-    const uint32_t rc = searchByTag(&hits, node, tag, depth, depthLimit);
-    *returned = hits.returned;
-    *total = hits.total;
+    HitCount count = {*returned, *total};
+    const uint32_t rc = searchByTag(found, node, tag, length, depth, depthLimit, &count);
+    *returned = count.returned;
+    *total = count.total;
     return rc;
   });
 }

@@ -1,10 +1,12 @@
 // Walks over whole trees, children before their parent: status operations and sums.
+//
+// A sum is of lists that stood still while they were read. A status operation changes what it walks
+// over, so it goes on from where it stands, whatever others do.
 #include "treli/tree_walk.h"
 
 #include "trel/node.h"
 #include "trel/segment.h"
-#include "treli/dependent_list.h"
-#include "treli/levels.h"
+#include "treli/stable_walk.h"
 
 namespace trel {
 namespace {
@@ -18,44 +20,15 @@ struct WalkLevel {
   uint64_t depth;
   uint32_t options;
 };
-using WalkLevels = Levels<WalkLevel>;
 
-// Finds the children of a node, if they lie within the limit.
-uint32_t open(WalkLevel* level, uint64_t limit) {
-  if (!level->node) return TREL_RC_NODE_NULL;
-  if (!(level->node->exports & TREL_EXPORT_DEPENDENT) || (limit && level->depth >= limit)) return 0;
+// Begins at the children of a node, if they lie within the limit.
+uint32_t openDependents(SNodeCB_t* node, uint64_t depth, uint64_t limit, DependentWalk* walk) {
+  if (!node) return TREL_RC_NODE_NULL;
+  if (!(node->exports & TREL_EXPORT_DEPENDENT) || (limit && depth >= limit)) return 0;
   DependentList list;
-  if (const uint32_t rc = locateDependents(level->node, &list)) return rc;
-  level->walk = DependentWalk(list);
+  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  *walk = DependentWalk(list);
   return 0;
-}
-
-// Walks the tree below `top`: child(level, entry, &below) for each entry, which fills `below` where
-// the walk is to go on there, and leave(&level) for each node when its children are done.
-template <class Child, class Leave>
-uint32_t walkTree(WalkLevels* levels, WalkLevel* top, uint64_t limit, Child&& child,
-                  Leave&& leave) {
-  const auto enter = [&](WalkLevel* level) -> uint32_t {
-    if (const uint32_t rc = open(level, limit)) return rc;
-    return level->walk.isDone() ? leave(level) : levels->push(*level);
-  };
-  uint32_t rc = enter(top);
-  while (rc == 0 && !levels->empty()) {
-    WalkLevel& level = levels->top();
-    SNodeInfo_t* entry = nullptr;
-    rc = level.walk.next(&entry);
-    if (rc) return rc;
-    if (entry) {
-      WalkLevel below = {};
-      rc = child(level, entry, &below);
-      if (rc == 0 && below.node) rc = enter(&below);
-      continue;
-    }
-    rc = leave(&level);
-    if (levels->count() == 1) *top = level;  // without its node, if that was given back
-    levels->pop();
-  }
-  return rc;
 }
 
 // trelGetNodeCondition.
@@ -68,13 +41,13 @@ uint32_t readCondition(const SNodeCB_t* node, uint32_t* condition) {
 
 // Reaches the node behind an entry, whatever its condition; *refusal gets the code of a condition
 // other than active. *inside: the walk may go there.
-uint32_t reachWalked(const WalkLevel& level, const SNodeInfo_t* entry, Reached* child, bool* inside,
-                     uint32_t* refusal) {
+uint32_t reachWalked(const DependentWalk& walk, const SNodeInfo_t* entry, ShmSegInfo_t* walkSegment,
+                     uint32_t options, Reached* child, bool* inside, uint32_t* refusal) {
   uint32_t otherSegment = 0;
-  *refusal = reachNode(entry, child, level.walkSegment, &otherSegment, level.options);
+  *refusal = reachNode(entry, child, walkSegment, &otherSegment, options);
   *inside = otherSegment == 0;
   if (*refusal && !isRefusedCondition(*refusal)) return *refusal;
-  if (*inside) level.walk.fetchAhead(entry, child->node);
+  if (*inside) walk.fetchAhead(entry, child->node);
   return 0;
 }
 
@@ -85,17 +58,32 @@ class StatusWalk {
   uint32_t run(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment, uint64_t depth,
                uint32_t options) {
     WalkLevel top = {*node, segment, walkSegment, {}, depth, options};
-    const uint32_t rc = walkTree(
-        &levels_, &top, limit_,
-        [&](const WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) {
-          return treat(level, entry, below);
-        },
-        [&](WalkLevel* level) { return apply(level); });
+    uint32_t rc = enter(&top);
+    while (rc == 0 && !levels_.empty()) {
+      WalkLevel& level = levels_.top();
+      SNodeInfo_t* entry = nullptr;
+      rc = level.walk.next(&entry);
+      if (rc == 0 && entry) {
+        WalkLevel below = {};
+        rc = treat(level, entry, &below);
+        if (rc == 0 && below.node) rc = enter(&below);
+      } else if (rc == 0) {
+        rc = apply(&level);
+        if (levels_.count() == 1) top = level;  // without its node, if that was given back
+        levels_.pop();
+      }
+    }
     *node = top.node;
     return rc;
   }
 
  private:
+  uint32_t enter(WalkLevel* level) {
+    if (const uint32_t rc = openDependents(level->node, level->depth, limit_, &level->walk))
+      return rc;
+    return level->walk.isDone() ? apply(level) : levels_.push(*level);
+  }
+
   static bool selects(uint32_t options, uint32_t condition) {
     return options & (TREL_WALK_ALL | 1u << condition);
   }
@@ -104,7 +92,9 @@ class StatusWalk {
     Reached child;
     bool inside = false;
     uint32_t refusal = 0;
-    if (const uint32_t rc = reachWalked(level, entry, &child, &inside, &refusal)) return rc;
+    if (const uint32_t rc = reachWalked(level.walk, entry, level.walkSegment, level.options, &child,
+                                        &inside, &refusal))
+      return rc;
     if (!inside) return 0;
     if (operation_ == TREL_STATUS_DISCLAIM) {
       if (refusal == TREL_RC_ABANDONED) return remove(level, entry, child, TREL_WALK_ALL, below);
@@ -165,7 +155,7 @@ class StatusWalk {
 
   uint32_t operation_;
   uint64_t limit_;
-  WalkLevels levels_;
+  Levels<WalkLevel> levels_;
 };
 
 // The entry of a node in its parent's list, found before the node goes.
@@ -234,22 +224,36 @@ uint32_t count(SNodeCB_t* node, uint64_t tag, TreeInfo_t* info) {
   return 0;
 }
 
-uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment,
-                   uint32_t options, uint64_t tag, uint64_t depth, uint64_t limit,
-                   TreeInfo_t* info) {
-  WalkLevels levels;
-  WalkLevel top = {node, segment, walkSegment, {}, depth, options};
-  return walkTree(
-      &levels, &top, limit,
-      [&](const WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) -> uint32_t {
-        Reached child;
-        bool inside = false;
-        uint32_t refusal = 0;
-        if (const uint32_t rc = reachWalked(level, entry, &child, &inside, &refusal)) return rc;
-        if (inside) *below = {child.node, child.segInfo, walkSegment, {}, level.depth + 1, options};
-        return 0;
-      },
-      [&](const WalkLevel* level) { return count(level->node, tag, info); });
+struct TreeSum {
+  using Gathered = TreeInfo_t;
+
+  ShmSegInfo_t* walkSegment;
+  uint32_t options;
+  uint64_t tag, depth, limit;
+  Gathered gathered;
+
+  uint32_t open(SNodeCB_t* node, uint64_t levels, DependentWalk* walk) {
+    return openDependents(node, depth + levels, limit, walk);
+  }
+  uint32_t visit(const DependentWalk& walk, const SNodeInfo_t* entry, SNodeCB_t** below, bool*) {
+    Reached child;
+    bool inside = false;
+    uint32_t refusal = 0;
+    if (const uint32_t rc =
+            reachWalked(walk, entry, walkSegment, options, &child, &inside, &refusal))
+      return rc;
+    if (inside) *below = child.node;
+    return 0;
+  }
+  uint32_t leave(SNodeCB_t* node) { return count(node, tag, &gathered); }
+};
+
+uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* walkSegment, uint32_t options, uint64_t tag,
+                   uint64_t depth, uint64_t limit, TreeInfo_t* info) {
+  TreeSum sum = {walkSegment, options, tag, depth, limit, *info};
+  const uint32_t rc = StableWalk<TreeSum>(&sum).run(node);
+  *info = sum.gathered;
+  return rc;
 }
 
 }  // namespace
@@ -302,17 +306,16 @@ uint32_t trelGetTreeInfo(SNodeCB_t* node, ShmSegInfo_t* segment, uint32_t option
     if (!info) return flow.fail(TREL_RC_TREE_INFO_NULL);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
     *info = {};
-    return addUpTree(node, segment, segment, options, tag, 1, depthLimit, info);
+    return addUpTree(node, segment, options, tag, 1, depthLimit, info);
   });
 }
 
-uint32_t trelGetTreeInfoRecursively(SNodeCB_t* node, ShmSegInfo_t* segment,
-                                    ShmSegInfo_t* walkSegment, uint32_t, uint32_t options,
-                                    uint64_t tag, uint64_t depth, uint64_t depthLimit,
-                                    TreeInfo_t* info) {
+uint32_t trelGetTreeInfoRecursively(SNodeCB_t* node, ShmSegInfo_t*, ShmSegInfo_t* walkSegment,
+                                    uint32_t, uint32_t options, uint64_t tag, uint64_t depth,
+                                    uint64_t depthLimit, TreeInfo_t* info) {
   return traced(FID_trelGetTreeInfoRecursively, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!info) return flow.fail(TREL_RC_TREE_INFO_NULL);
-    return addUpTree(node, segment, walkSegment, options, tag, depth, depthLimit, info);
+    return addUpTree(node, walkSegment, options, tag, depth, depthLimit, info);
   });
 }
