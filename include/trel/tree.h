@@ -131,8 +131,8 @@ TREL_API uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t
  * trelAttachToNode leads on from there. Segments on the way are attached, and stay so. Active and
  * disassociated nodes count; others are passed over with all that lies below them. A node under
  * recreation ends a search with TREL_RC_BEING_RECREATED: try again later. A depth limit (0 to
- * 32768) of 0 means no limit; a tree deeper than 32768 levels, with a cycle, or with so many ways to
- * the same nodes that no walk would end, gives TREL_RC_DEPTH_LIMIT.
+ * 32768) of 0 means no limit; a tree deeper than 32768 levels, with a cycle, or with so many ways
+ * to the same nodes that no walk would end, gives TREL_RC_DEPTH_LIMIT.
  *
  * No latch is held while a list is read. A list that changes meanwhile is read again, with all that
  * lies below it, so that each list counts as it stood at some instant; a list that never stands
@@ -171,8 +171,8 @@ TREL_API uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, u
  *
  * The given node is at depth 1; a depth limit (0 to 32768) of 0 means no limit. Children come
  * before their parent. A failure stops a walk where it is, and nothing is undone. Segments on the
- * way are attached, and stay so. What no walk would come to the end of gives TREL_RC_DEPTH_LIMIT, as
- * in searches. Sums read a list again that changes meanwhile, as searches do; status operations,
+ * way are attached, and stay so. What no walk would come to the end of gives TREL_RC_DEPTH_LIMIT,
+ * as in searches. Sums read a list again that changes meanwhile, as searches do; status operations,
  * which change what they walk over, do not.
  * ------------------------------------------------------------------------------------------- */
 
