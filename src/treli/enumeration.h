@@ -187,18 +187,24 @@ uint32_t listFlat(const List<K>& list, Listing* listing) {
   return 0;
 }
 
-// All properties, bucket by bucket. The memory of a chain's head is asked for some buckets ahead.
+// All properties, bucket by bucket. The chains of some buckets are picked out at a time, without a
+// branch that nobody can predict, and their memory is asked for.
 template <class K>
 uint32_t listBuckets(const List<K>& list, Listing* listing) {
-  constexpr uint64_t ahead = 16;
-  const uint64_t buckets = list.offset + Form<K>::hashHeader;
-  const TrelU64* heads = wordAt(list.node, buckets);
-  for (uint64_t i = 0; i < list.tables[0] && listing->written < listing->count; ++i) {
-    if (i + ahead < list.tables[0])
-      __builtin_prefetch(at(list.node, heads[i + ahead] + sizeof(typename K::Links)));
-    if (heads[i] == 0) continue;
-    ChainWalk<K> walk(list, buckets + 8 * i);
-    if (const uint32_t rc = listWalk(list, walk, listing)) return rc;
+  uint64_t bucket = list.offset + Form<K>::hashHeader;
+  const uint64_t end = bucket + 8 * list.tables[0];
+  while (bucket < end && listing->written < listing->count) {
+    uint64_t chains[64], count = 0;
+    for (uint64_t i = 0; i < 64 && bucket < end; ++i, bucket += 8) {
+      const uint64_t head = *wordAt(list.node, bucket);
+      __builtin_prefetch(at(list.node, head + sizeof(typename K::Links)));
+      chains[count] = bucket;
+      count += head != 0;
+    }
+    for (uint64_t i = 0; i < count && listing->written < listing->count; ++i) {
+      ChainWalk<K> walk(list, chains[i]);
+      if (const uint32_t rc = listWalk(list, walk, listing)) return rc;
+    }
   }
   return 0;
 }
