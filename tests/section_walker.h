@@ -41,10 +41,19 @@ inline std::string digitsOf(uint64_t tag) {
   return {text.rbegin(), text.rend()};
 }
 
+constexpr bool hasId(uint32_t bit) { return bit & (TREL_EXPORT_IR | TREL_EXPORT_IV); }
+constexpr bool hasBytes(uint32_t bit) { return bit & (TREL_EXPORT_V | TREL_EXPORT_IV); }
+// Bytes of a record, identifier and value apart, and of what chains it.
+constexpr uint64_t fixedBytes(uint32_t bit) {
+  return hasId(bit) ? (hasBytes(bit) ? 436 : 548) : (hasBytes(bit) ? 420 : 144);
+}
+constexpr uint64_t linkBytes(uint32_t bit) { return hasId(bit) ? 40 : 8; }
+
 struct Section {
   std::multimap<Name, Content> properties;
   std::vector<Name> inOrder;  // as a listing of all gives them
   uint64_t recordBytes = 0, nodeBytes = 0, nextFree = 0, freed = 0;
+  uint64_t nextPlace = 0;  // of the record that comes next
   uint64_t idMax = 0, valueMax = 0;
   uint64_t tables[3] = {};
   std::string error;  // the first disagreement; empty if all is well
@@ -52,13 +61,13 @@ struct Section {
   Section(SNodeCB_t* cb, uint32_t bit)
       : node(reinterpret_cast<const uint8_t*>(cb)),
         slot(cb->exportTable[__builtin_ctz(bit) - 1]),
-        hasId(bit & (TREL_EXPORT_IR | TREL_EXPORT_IV)),
-        hasBytes(bit & (TREL_EXPORT_V | TREL_EXPORT_IV)) {
+        withId(hasId(bit)),
+        withBytes(hasBytes(bit)),
+        fixed(fixedBytes(bit)),
+        links(linkBytes(bit)) {
     uint64_t header = slot.offset;
-    if (hasId) idMax = word(header), header += 8;
-    if (hasBytes) valueMax = word(header), header += 8;
-    fixed = hasId ? (hasBytes ? 436 : 548) : (hasBytes ? 420 : 144);
-    links = hasId ? 40 : 8;
+    if (withId) idMax = word(header), header += 8;
+    if (withBytes) valueMax = word(header), header += 8;
     recordBytes = fixed + idMax + valueMax;
     nodeBytes = links + recordBytes;
     expect(slot.used <= slot.size, "used above size");
@@ -67,8 +76,8 @@ struct Section {
       walkFlat(header + 8);
       return;
     }
-    for (int i = 1; hasId && i < 3; ++i) tables[i] = word(header + 8 * i);
-    walkHashed(header + 8 * (hasId ? 3 : 1));
+    for (int i = 1; withId && i < 3; ++i) tables[i] = word(header + 8 * i);
+    walkHashed(header + 8 * (withId ? 3 : 1));
   }
 
   uint64_t word(uint64_t offset) const {
@@ -80,8 +89,8 @@ struct Section {
  private:
   const uint8_t* node;
   const ExportSlot_t slot;
-  const bool hasId, hasBytes;
-  uint64_t fixed = 0, links = 0;
+  const bool withId, withBytes;
+  const uint64_t fixed, links;
 
   bool expect(bool holds, const std::string& text) {
     if (!holds && error.empty()) error = text;
@@ -93,13 +102,13 @@ struct Section {
     Content content{"", word(at + 8)};
     uint64_t field = at + 16;
     expect(name.tag <= TREL_MAX_TAG, "tag");
-    if (hasId) {
+    if (withId) {
       expect(word(field) == at + fixed, "idOffset");
       if (expect(word(field + 8) <= idMax, "idSize"))
         name.id.assign(reinterpret_cast<const char*>(node + at + fixed), word(field + 8));
       field += 16;
     }
-    if (hasBytes) {
+    if (withBytes) {
       expect(word(field) == at + fixed + idMax, "valueOffset");
       if (expect(word(field + 8) >= 1 && word(field + 8) <= valueMax, "valueSize"))
         content.value.assign(reinterpret_cast<const char*>(node + at + fixed + idMax),
@@ -108,7 +117,7 @@ struct Section {
       auto* cell = reinterpret_cast<PLATVAtomicSigned32*>(const_cast<uint8_t*>(node + field));
       content.value.assign(reinterpret_cast<const char*>(PLATVAtomicSigned32::word(cell)), 4);
     }
-    if (hasId || hasBytes)
+    if (withId || withBytes)
       expect(
           static_cast<uint32_t>(word(at + fixed - sizeof(LatchArea_t))) == TREL_STRUCTURE_VERSION,
           "propertyLatchArea");
@@ -121,11 +130,17 @@ struct Section {
     const uint64_t header = first - slot.offset;
     const uint64_t count = (slot.used - header) / recordBytes;
     expect((slot.used - header) % recordBytes == 0, "used of a flat list");
-    for (uint64_t at = first; inOrder.size() < count; at += recordBytes) {
+    uint64_t at = first;
+    for (; inOrder.size() < count; at += recordBytes) {
       if (!expect(at + recordBytes <= slot.offset + slot.size, "flat list leaves its section"))
         return;
-      if (word(at)) takeRecord(at);
+      if (word(at)) {
+        takeRecord(at);
+      } else if (!nextPlace) {
+        nextPlace = at;
+      }
     }
+    if (!nextPlace) nextPlace = at;
   }
 
   void walkHashed(uint64_t buckets) {
@@ -133,6 +148,7 @@ struct Section {
     const uint64_t area = buckets + 8 * sum;
     nextFree = word(end - 16);
     freed = word(end - 8);
+    nextPlace = links + (freed ? word(end - 16 - 8 * freed) : nextFree);
     if (!expect(nextFree >= area && nextFree <= end - 16 - 8 * freed, "nextFreeOffset")) return;
     expect((nextFree - area) % nodeBytes == 0, "nextFreeOffset between list nodes");
     const auto isPlace = [&](uint64_t at) {
@@ -148,13 +164,13 @@ struct Section {
         if (!expect(added.second, "list node on first chains twice")) return;
         const Name& name = added.first->second;
         expect(!last || *last < name, "order of a first chain");
-        const uint64_t hash = hasId ? hashOf(name.id, name.tag) : hashOf(digitsOf(name.tag), 0);
+        const uint64_t hash = withId ? hashOf(name.id, name.tag) : hashOf(digitsOf(name.tag), 0);
         expect(hash % tables[0] == i, "first table's bucket");
         last = &name;
       }
     }
     uint64_t bucket = buckets + 8 * tables[0];
-    for (int table = 1; hasId && table < 3; ++table) {
+    for (int table = 1; withId && table < 3; ++table) {
       const uint64_t link = 16 * table - 8;
       std::set<uint64_t> seen;
       for (uint64_t i = 0; i < tables[table]; ++i, bucket += 8) {
