@@ -4,12 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <map>
 
 #include "platsvc/platsvc.h"
-#include "trel/trel.h"
-
-constexpr int slotOf(uint64_t bit) { return __builtin_ctzll(bit) - 1; }
+#include "section_walker.h"
 
 // A created node, with section sizes by export bit. What the sections hold at first is no zero.
 struct Node {
@@ -18,7 +15,7 @@ struct Node {
 
   explicit Node(uint64_t exports = 0, const std::map<uint64_t, uint64_t>& sections = {}) {
     std::array<uint64_t, 64> sizes{};
-    for (auto [bit, bytes] : sections) sizes[slotOf(bit)] = bytes;
+    for (auto [bit, bytes] : sections) sizes[walker::slotOf(bit)] = bytes;
     EXPECT_EQ(0u, trelCreateNodeInPM(&cb, exports, sizes.data(), &size, &offset,
                                      TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
     memset(cb + 1, 0xa5, size - sizeof *cb);
@@ -33,7 +30,7 @@ struct Node {
     static const uint8_t id[8] = {};
     return trelInitNode(&cb, offset, 0, id, nullptr, nullptr, 0, nullptr, nullptr, options);
   }
-  ExportSlot_t& slot(uint32_t bit) { return cb->exportTable[slotOf(bit)]; }
+  ExportSlot_t& slot(uint64_t bit) { return cb->exportTable[walker::slotOf(bit)]; }
   uint8_t* at(uint64_t position) { return reinterpret_cast<uint8_t*>(cb) + position; }
   uint64_t changes() {
     uint64_t counter = 0;

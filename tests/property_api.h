@@ -15,7 +15,6 @@ inline uint32_t orderOf(uint32_t bit) {
   return static_cast<uint32_t>(std::find(kKinds, kKinds + 4, bit) - kKinds);
 }
 
-inline const uint8_t* bytes(const Text& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
 inline int32_t number(const Text& s) {
   int32_t n = 0;
   memcpy(&n, s.data(), std::min<size_t>(4, s.size()));
@@ -116,7 +115,7 @@ struct Api {
     return ALIKE(GetFirst, PropertyLocation, cb, record, count, capacity);
   }
   uint32_t next(Any record) {
-    const ExportSlot_t* slot = &cb->exportTable[__builtin_ctz(bit) - 1];
+    const ExportSlot_t* slot = &cb->exportTable[slotOf(bit)];
     return ALIKE(GetNext, PropertyLocation, cb, slot, record);
   }
 

@@ -41,6 +41,11 @@ inline std::string digitsOf(uint64_t tag) {
   return {text.rbegin(), text.rend()};
 }
 
+inline const uint8_t* bytes(const std::string& s) {
+  return reinterpret_cast<const uint8_t*>(s.data());
+}
+
+constexpr int slotOf(uint64_t bit) { return __builtin_ctzll(bit) - 1; }
 constexpr bool hasId(uint32_t bit) { return bit & (TREL_EXPORT_IR | TREL_EXPORT_IV); }
 constexpr bool hasBytes(uint32_t bit) { return bit & (TREL_EXPORT_V | TREL_EXPORT_IV); }
 // Bytes of a record, identifier and value apart, and of what chains it.
@@ -60,7 +65,7 @@ struct Section {
 
   Section(SNodeCB_t* cb, uint32_t bit)
       : node(reinterpret_cast<const uint8_t*>(cb)),
-        slot(cb->exportTable[__builtin_ctz(bit) - 1]),
+        slot(cb->exportTable[slotOf(bit)]),
         withId(hasId(bit)),
         withBytes(hasBytes(bit)),
         fixed(fixedBytes(bit)),
