@@ -404,6 +404,8 @@ typedef struct HeapIntent_t {
   TrelU64 records;    /* offset of the records, in a free block, */
   TrelU64 count;      /* how many there are, */
   TrelU64 checksum;   /* over the three and the records */
+  TrelU64 listPool;   /* domain: a pool, */
+  TrelU64 listNode;   /* and its block on the way to a shared list or from one */
 } HeapIntent_t;
 
 #define TREL_REPAIR_DUE 1u /* in allocating: an owner died, nothing was repaired yet */
@@ -459,13 +461,15 @@ typedef struct HeapHeaderTail_t {
 
 TREL_SIZE(ExclusiveLatch_t, 136);
 TREL_OFFSET(ExclusiveLatch_t, latch, 4);
-TREL_SIZE(HeapIntent_t, 48);
+TREL_SIZE(HeapIntent_t, 64);
 TREL_OFFSET(HeapIntent_t, rebuilding, 4);
 TREL_OFFSET(HeapIntent_t, freeing, 8);
 TREL_OFFSET(HeapIntent_t, space, 16);
 TREL_OFFSET(HeapIntent_t, records, 24);
 TREL_OFFSET(HeapIntent_t, count, 32);
 TREL_OFFSET(HeapIntent_t, checksum, 40);
+TREL_OFFSET(HeapIntent_t, listPool, 48);
+TREL_OFFSET(HeapIntent_t, listNode, 56);
 TREL_SIZE(LiveBlock_t, 24);
 TREL_SIZE(HeapHeader_t, 248);
 TREL_OFFSET(HeapHeader_t, handleVersion, 8);

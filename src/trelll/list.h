@@ -1,8 +1,8 @@
 // The lists of segments and of modules, written once for both memories.
 //
 // An Entry says what a list holds: the payload's type, its order, its text. A List says where: how
-// to follow a link, make a node and drop one. A new node is filled first and then linked by one
-// store, so that a list is whole at every instant.
+// to follow a link, make a node, link it, and drop one off a link. A new node is filled first and
+// then linked by one store, so that a list is whole at every instant.
 #pragma once
 
 #include <stdio.h>
@@ -119,21 +119,21 @@ uint32_t remove(const List& list, const typename List::Entry::Record& record) {
   Cursor<List> cursor;
   if (const uint32_t rc = seek(list, record, isEqual, &cursor)) return rc;
   if (!cursor.node) return TREL_RC_LIST_ABSENT;
-  *cursor.link = *List::linkOf(cursor.node);
-  return list.drop(cursor.node);
+  return list.drop(cursor.link, cursor.node);
 }
 
-// Empties the list at once, then frees its nodes until a failure.
+// Node by node, so that a death leaves what is not freed on the list. A failure ends it, and the
+// list is empty all the same.
 template <class List>
 uint32_t clear(const List& list) {
-  typename List::Link next = *list.head();
-  *list.head() = {};
   for (uint64_t steps = 0;; ++steps) {
     typename List::Node* node = nullptr;
-    if (const uint32_t rc = list.follow(&next, steps, &node)) return rc;
-    if (!node) return 0;
-    next = *List::linkOf(node);
-    if (const uint32_t rc = list.drop(node)) return rc;
+    uint32_t rc = list.follow(list.head(), steps, &node);
+    if (rc == 0 && !node) return 0;
+    if (rc == 0) rc = list.drop(list.head(), node);
+    if (rc == 0) continue;
+    *list.head() = {};
+    return rc;
   }
 }
 

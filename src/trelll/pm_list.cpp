@@ -27,7 +27,10 @@ class PrivateList {
   }
   static uint32_t make(Node** node) { return obtain(node); }
   static void link(Link* from, Node* node) { *from = node; }
-  static uint32_t drop(Node* node) { return release(&node); }
+  static uint32_t drop(Link* from, Node* node) {
+    *from = node->next;
+    return release(&node);
+  }
 
  private:
   Node* header_;

@@ -3,12 +3,16 @@
 //
 // Links come from shared memory: each is tested before it is followed, and a walk ends after as
 // many steps as nodes could lie in the domain.
+//
+// The domain's intent names a node from its allocation until it is linked, and from before it is
+// unlinked until it is freed, so that a death in between loses no memory.
 #pragma once
 
 #include "trel/storage.h"
 #include "treli/process_memory.h"
 #include "treli/store.h"
 #include "trelll/list.h"
+#include "trelshm/engine.h"
 #include "trelshm/heap_latch.h"
 
 namespace trel {
@@ -41,17 +45,29 @@ class SharedList {
 
   uint32_t make(Node** node) const {
     void* block = nullptr;
-    const uint32_t rc =
-        _trelAllocateShmBlock(&block, pool_, sizeof(Node), 0, function_, __LINE__, kModuleName);
+    HeapIntent_t* intent = domain_.intent();
+    intent->listPool = pool_->poolOffset;
+    const uint32_t rc = allocateBlock(&block, pool_, sizeof(Node), 0,
+                                      {function_, __LINE__, kModuleName}, &intent->listNode);
     *node = static_cast<Node*>(block);
     return rc;
   }
 
-  void link(Link* from, Node* node) const { storeLast(from, offsetOf(node, pool_->base)); }
+  void link(Link* from, Node* node) const {
+    storeLast(from, offsetOf(node, pool_->base));
+    storeLast(&domain_.intent()->listNode, 0);
+  }
 
-  uint32_t drop(Node* node) const {
+  uint32_t drop(Link* from, Node* node) const {
     void* block = node;
-    return _trelFreeShmBlock(&block, pool_, function_, __LINE__, kModuleName);
+    HeapIntent_t* intent = domain_.intent();
+    intent->listPool = pool_->poolOffset;
+    storeLast(&intent->listNode, offsetOf(node, pool_->base));
+    storeLast(from, node->nextOffset);
+    const uint32_t rc =
+        freeBlock(&block, pool_, {function_, __LINE__, kModuleName}, &intent->listNode);
+    storeLast(&intent->listNode, 0);
+    return rc;
   }
 
  private:

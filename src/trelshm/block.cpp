@@ -34,11 +34,8 @@ uint32_t locateBlock(const Flow& flow, const Heap& pool, const void* block, uint
   return 0;
 }
 
-}  // namespace trel
-
-uint32_t _trelAllocateShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t size,
-                               uint32_t options, uint32_t function, uint32_t line,
-                               const char* file) {
+uint32_t allocateBlock(void** block, ShmPoolHandle_t* handle, uint32_t size, uint32_t options,
+                       const Caller& caller, BlockName name) {
   return traced(FID__trelAllocateShmBlock, [&](const Flow& flow) -> uint32_t {
     if (const uint32_t rc = checkHandle(flow, handle)) return rc;
     if (!block) return flow.logged(TREL_RC_BLOCK_ADDRESS_NULL, block);
@@ -52,8 +49,8 @@ uint32_t _trelAllocateShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t s
     // Nearly all pools count in eights, and there a division would be the dearest instruction.
     const uint64_t rounded =
         granularity <= 8 ? round8(size) : (size + granularity - 1) / granularity * granularity;
-    Allocation wanted = {size, options, 0, rounded, 0, 0};
-    if (const uint32_t rc = allocate(&pool, &wanted, {function, line, file})) return flow.fail(rc);
+    Allocation wanted = {size, options, 0, rounded, 0, 0, name};
+    if (const uint32_t rc = allocate(&pool, &wanted, caller)) return flow.fail(rc);
     if (!liesInPool(pool, static_cast<int64_t>(wanted.blockOffset)))
       return flow.fail(TREL_RC_BLOCK_OUTSIDE_POOL);
     *block = pool.at<void>(wanted.dataOffset);
@@ -61,8 +58,7 @@ uint32_t _trelAllocateShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t s
   });
 }
 
-uint32_t _trelFreeShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t function, uint32_t line,
-                           const char* file) {
+uint32_t freeBlock(void** block, ShmPoolHandle_t* handle, const Caller& caller, BlockName name) {
   return traced(FID__trelFreeShmBlock, [&](const Flow& flow) -> uint32_t {
     if (const uint32_t rc = checkHandle(flow, handle)) return rc;
     if (!isAligned8(handle->poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
@@ -71,11 +67,24 @@ uint32_t _trelFreeShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t funct
     Heap pool = heapOf(handle);
     uint64_t blockOffset = 0, dataOffset = 0;
     if (const uint32_t rc = locateBlock(flow, pool, *block, &blockOffset, &dataOffset)) return rc;
-    if (const uint32_t rc = release(&pool, blockOffset, dataOffset, false, {function, line, file}))
+    if (const uint32_t rc = release(&pool, blockOffset, dataOffset, false, caller, name))
       return flow.fail(rc);
     *block = nullptr;
     return 0;
   });
+}
+
+}  // namespace trel
+
+uint32_t _trelAllocateShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t size,
+                               uint32_t options, uint32_t function, uint32_t line,
+                               const char* file) {
+  return allocateBlock(block, handle, size, options, {function, line, file});
+}
+
+uint32_t _trelFreeShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t function, uint32_t line,
+                           const char* file) {
+  return freeBlock(block, handle, {function, line, file});
 }
 
 namespace {

@@ -63,12 +63,13 @@ uint32_t allocateInside(Heap* heap, Allocation* wanted, const Debug& debug, cons
   writePads(*heap, node, *debug.mode, debug.frontWords, debug.backWords, wanted->extra, caller);
   if ((debug.flags & kFillNew) && heap->kind().kind == TREL_HEAP_POOL)
     memset(heap->at<void>(wanted->dataOffset), 0xff, wanted->requested);
+  if (wanted->name) storeLast(wanted->name, wanted->dataOffset);
   storeLast(&intent->allocating, 0);
   return 0;
 }
 
-uint32_t releaseInside(Heap* heap, uint64_t blockOffset, uint64_t dataOffset,
-                       const Caller& caller) {
+uint32_t releaseInside(Heap* heap, uint64_t blockOffset, uint64_t dataOffset, const Caller& caller,
+                       BlockName name) {
   if (const uint32_t rc = heap->openLists()) return rc;
   if (const uint32_t rc = checkAllocation(*heap, dataOffset, nullptr, caller)) return rc;
   Path path;
@@ -81,6 +82,7 @@ uint32_t releaseInside(Heap* heap, uint64_t blockOffset, uint64_t dataOffset,
 
   const uint64_t rebuilds = heap->rebuilds();
   if (const uint32_t rc = unlinkAlloc(*heap, node, path)) return rc;
+  if (name) storeLast(name, 0);
   if (const uint32_t rc = giveBlock(heap, blockOffset, record.blockSize)) {
     if (heap->rebuilds() == rebuilds)
       relinkAlloc(*heap, node, path);
@@ -119,10 +121,10 @@ uint32_t allocate(Heap* heap, Allocation* wanted, const Caller& caller) {
 }
 
 uint32_t release(Heap* heap, uint64_t blockOffset, uint64_t dataOffset, bool latched,
-                 const Caller& caller) {
+                 const Caller& caller, BlockName name) {
   if (const uint32_t rc = checkHeap(*heap)) return rc;
   if (const uint32_t rc = heap->openHeader()) return rc;
-  const auto work = [&] { return releaseInside(heap, blockOffset, dataOffset, caller); };
+  const auto work = [&] { return releaseInside(heap, blockOffset, dataOffset, caller, name); };
   return latched ? work() : insideHeap(heap, work);
 }
 

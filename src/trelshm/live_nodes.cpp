@@ -113,9 +113,9 @@ uint32_t LiveNodes::recall(Heap* heap) {
   return 0;
 }
 
-const AllocNode_t* LiveNodes::find(uint64_t blockOffset) const {
+const AllocNode_t* LiveNodes::find(uint64_t offset, TrelU64 AllocNode_t::*which) const {
   for (uint64_t i = 0; i < allocatedCount_; ++i)
-    if (allocated_[i].blockOffset == blockOffset) return &allocated_[i];
+    if (allocated_[i].*which == offset) return &allocated_[i];
   return nullptr;
 }
 

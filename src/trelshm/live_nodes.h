@@ -44,8 +44,8 @@ class LiveNodes {
   // rebuild or else from the allocated list at level 0. Opens the heap.
   uint32_t recover(Heap* heap);
 
-  // An allocated block, null if there is none at that offset.
-  const AllocNode_t* find(uint64_t blockOffset) const;
+  // The allocated block with that offset, null if there is none.
+  const AllocNode_t* find(uint64_t offset, TrelU64 AllocNode_t::*which) const;
   void drop(uint64_t blockOffset);
   // The free blocks are what lies between the allocated.
   uint32_t findGaps(const Heap& heap);

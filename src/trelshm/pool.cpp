@@ -49,19 +49,36 @@ uint32_t findChunk(const void* base, uint64_t poolOffset, uint64_t* chunkOffset)
   return 0;
 }
 
-// Takes the nodes of a shared list that lie in a pool off the list, each by one store. The first
-// word of a node is the offset of the next.
-void unlinkNodesInside(const Heap& domain, TrelU64* place, uint64_t poolOffset, uint64_t poolSize) {
-  uint64_t steps = domain.size() / sizeof(SegListNode_t);
-  while (*place != 0 && steps-- > 0) {
-    const uint64_t node = *place;
-    if (node < domain.offset() || node > domain.end() - sizeof(SegListNode_t)) return;
-    TrelU64* next = domain.at<TrelU64>(node);
-    if (node - poolOffset < poolSize)
-      *place = *next;
-    else
-      place = next;
+// From link to link of a shared list. The first word of a node is the offset of the next.
+class ListWalk {
+ public:
+  ListWalk(const Heap& domain, TrelU64* head)
+      : link(head), domain_(domain), steps_(domain.size() / sizeof(SegListNode_t)) {}
+
+  // The link in the node that `link` leads to. Null at the end, or where the list leaves the
+  // domain.
+  TrelU64* next() {
+    const uint64_t node = *link;
+    const bool inside =
+        node >= domain_.listOffset() && node <= domain_.end() - sizeof(SegListNode_t);
+    return inside && steps_-- > 0 ? domain_.at<TrelU64>(node) : nullptr;
   }
+
+  TrelU64* link;
+
+ private:
+  const Heap& domain_;
+  uint64_t steps_;
+};
+
+// Takes the nodes that lie in a pool off the list, each by one store.
+void unlinkNodesInside(const Heap& domain, TrelU64* head, uint64_t poolOffset, uint64_t poolSize) {
+  ListWalk walk(domain, head);
+  while (TrelU64* next = walk.next())
+    if (*walk.link - poolOffset < poolSize)
+      *walk.link = *next;
+    else
+      walk.link = next;
 }
 
 }  // namespace
@@ -78,6 +95,18 @@ void endPool(const Heap& domain, uint64_t poolOffset, uint64_t poolSize) {
       unlinkNodesInside(domain, head, poolOffset, poolSize);
   }
   if (top) storeLast(&domain.header()->topPool, 0);
+}
+
+bool isOnSharedList(const Heap& domain, uint64_t node) {
+  TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
+  for (TrelU64* head : heads) {
+    ListWalk walk(domain, head);
+    for (TrelU64* next = walk.next(); next; next = walk.next()) {
+      if (*walk.link == node) return true;
+      walk.link = next;
+    }
+  }
+  return false;
 }
 
 }  // namespace trel

@@ -6,6 +6,7 @@
 // rebuild that list is whole, and a rebuild keeps records. All else is written anew from it. The
 // repair is a rebuild itself, so whoever dies in it is followed by another who begins again.
 #include "treli/store.h"
+#include "trelshm/engine.h"
 #include "trelshm/heap.h"
 #include "trelshm/heap_latch.h"
 #include "trelshm/live_nodes.h"
@@ -13,13 +14,52 @@
 namespace trel {
 namespace {
 
+// Without process memory, or while the caller holds a latch out of order, the next one tries again.
+bool canBeRetried(uint32_t rc) { return rc == TREL_RC_REBUILD_NO_MEMORY || rc == TREL_RC_LATCH; }
+
+// A domain's word for a block on the way to a shared list or from one names an allocated block or
+// none, as soon as the pool is in order. The domain's owner waits for the pool's latch, or is dead.
+void settleName(const Heap& pool, const LiveNodes& nodes) {
+  const uint64_t owner = pool.header()->topPool;
+  if (owner > pool.offset() || pool.offset() - owner < TREL_HEAP_HEADER_SIZE) return;
+  const Heap domain(pool.base(), owner, kDomainKind);
+  if (checkHeap(domain)) return;
+  HeapIntent_t* intent = domain.intent();
+  const uint64_t node = intent->listNode;  // stored behind listPool, so read in front of it
+  __atomic_thread_fence(__ATOMIC_ACQUIRE);
+  if (node && intent->listPool == pool.offset() && !nodes.find(node, &AllocNode_t::dataOffset))
+    storeLast(&intent->listNode, 0);
+}
+
+// Gives that block back, unless a list leads to it.
+uint32_t settleListNode(const Heap& domain) {
+  HeapIntent_t* intent = domain.intent();
+  if (intent->listNode == 0) return 0;
+  void* const base = const_cast<void*>(domain.base());
+  ShmPoolHandle_t handle = {base, domain.offset(), intent->listPool, 0};
+  Heap pool(base, handle.poolOffset, kPoolKind);
+  if (handle.poolOffset >= domain.listOffset() &&
+      handle.poolOffset <= domain.end() - TREL_HEAP_HEADER_SIZE && checkHeap(pool) == 0 &&
+      pool.openHeader() == 0 && pool.end() <= domain.end()) {
+    uint32_t rc = insideHeap(&pool, [] { return 0u; });  // puts it in order if that is due
+    const uint64_t node = intent->listNode;
+    void* block = domain.at<void>(node);
+    if (rc == 0 && node && !isOnSharedList(domain, node))
+      rc = freeBlock(&block, &handle, {0, 0, ""}, &intent->listNode);
+    if (canBeRetried(rc)) return rc;
+  }
+  storeLast(&intent->listNode, 0);
+  return 0;
+}
+
 uint32_t repair(Heap* heap) {
   LiveNodes nodes;
   if (const uint32_t rc = nodes.recover(heap)) return rc;
   HeapIntent_t* intent = heap->intent();
   const uint32_t allocating = intent->allocating & ~TREL_REPAIR_DUE;
   if (allocating) nodes.drop(heap->offset() + allocating);  // nobody has seen it
-  if (const AllocNode_t* chunk = intent->freeing ? nodes.find(intent->freeing) : nullptr) {
+  const AllocNode_t* chunk = nodes.find(intent->freeing, &AllocNode_t::blockOffset);
+  if (chunk && heap->containsBlock(chunk->dataOffset, TREL_HEAP_HEADER_SIZE)) {
     endPool(*heap, chunk->dataOffset, chunk->blockOffset + chunk->blockSize - chunk->dataOffset);
     nodes.drop(intent->freeing);
   }
@@ -28,6 +68,11 @@ uint32_t repair(Heap* heap) {
   if (!nodes.fit(*heap, heap->space())) return heap->kind().rcState;
   nodes.commit(heap, heap->space());
   storeLast(&intent->freeing, 0);
+  if (heap->kind().kind == TREL_HEAP_POOL) {
+    settleName(*heap, nodes);
+  } else if (const uint32_t rc = settleListNode(*heap)) {
+    return rc;
+  }
   storeLast(&intent->allocating, 0);
   return 0;
 }
@@ -40,9 +85,8 @@ uint32_t enterDamagedHeap(Heap* heap, bool ownerDied) {
   if (header->heapState == heap->kind().state) {
     if (ownerDied) heap->intent()->allocating |= TREL_REPAIR_DUE;
     rc = repair(heap);
-    // Without process memory the next one tries again. Any other failure means that the heap is not
-    // sound, and nothing can be done but to say so.
-    if (rc && rc != TREL_RC_REBUILD_NO_MEMORY) storeLast(&header->heapState, 0);
+    // Any other failure means that the heap is not sound, and nothing can be done but to say so.
+    if (rc && !canBeRetried(rc)) storeLast(&header->heapState, 0);
   }
   if (rc) leaveHeap(*heap);
   return rc;
