@@ -158,9 +158,9 @@ uint32_t defragment(Heap* heap, InFlight* block) {
   // A space that is below its base, of a damaged or hand-made heap, stays as it is.
   if (newSize < base) newSize = least(base, space);
   // Rebuilds that come again and again bring little, and there is nothing to shrink: more space
-  // does. A quarter of what is used, if that is little of what is free, lets a rebuild of many
-  // nodes serve for many blocks.
-  const uint64_t steps = 1 + least(used / 4, heap->header()->freeBytes / 8) / base;
+  // does. As much as is used, if that is little of what is free, lets a rebuild of many nodes
+  // serve for many blocks.
+  const uint64_t steps = 1 + least(used, heap->header()->freeBytes / 8) / base;
   if (before > 3 && newSize < leastSpace(*heap) &&
       changeSpace(heap, space + steps * base, Direction::grow, block) == 0)
     return 0;
