@@ -26,7 +26,7 @@ struct HeapKind {
   uint32_t rcCheckRange;  // offset of an allocation under check out of range
 };
 
-constexpr HeapKind kDomainKind = {
+inline constexpr HeapKind kDomainKind = {
     TREL_HEAP_DOMAIN,           TREL_DOMAIN_STATE,         4096,
     TREL_RC_DOMAIN_STATE,       TREL_RC_DOMAIN_OFFSET,     TREL_RC_DOMAIN_MARKED,
     TREL_RC_DOMAIN_HEADER_SIZE, TREL_RC_DOMAIN_LIST_END,   TREL_RC_DOMAIN_NOT_FOUND,
@@ -34,7 +34,7 @@ constexpr HeapKind kDomainKind = {
     TREL_RC_DOMAIN_SIZE_SMALL,  TREL_RC_DOMAIN_ABOVE_FREE, TREL_RC_DOMAIN_ABOVE_HEAP,
     TREL_RC_DOMAIN_LIST_END};
 
-constexpr HeapKind kPoolKind = {
+inline constexpr HeapKind kPoolKind = {
     TREL_HEAP_POOL,           TREL_POOL_STATE,         1,
     TREL_RC_POOL_STATE,       TREL_RC_POOL_OFFSET,     TREL_RC_POOL_MARKED,
     TREL_RC_POOL_HEADER_SIZE, TREL_RC_POOL_LIST_END,   TREL_RC_POOL_NOT_FOUND,
