@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "trel/layout.h"
@@ -13,11 +14,40 @@ struct HeapBlock {
   uint64_t offset, size;
   uint64_t data, requested;  // 0 in a free block
   uint64_t node, level;
+
+  uint64_t end() const { return offset + size; }
 };
+
+// What a pad mode puts around the data: fixed bytes in front and behind, and the pad words.
+struct PadShape {
+  uint32_t mode;
+  uint64_t front, back;
+  bool hasWords;  // and a record of the caller
+  bool hasGuard, hasFile;
+
+  uint64_t frontSize(uint64_t words) const { return front + (hasWords ? 8 * words : 0); }
+  uint64_t backSize(uint64_t words) const { return back + (hasWords ? 8 * words : 0); }
+
+  static const PadShape* of(uint32_t mode);
+};
+constexpr PadShape kPadShapes[] = {{TREL_PAD_OFF, 16, 0, false, false, false},
+                                   {TREL_PAD_FRONT, 16, 0, false, false, false},
+                                   {TREL_PAD_DEFAULT, 16, 16, false, false, false},
+                                   {TREL_PAD_GUARD, 24, 24, false, true, false},
+                                   {TREL_PAD_RECORD, 32, 16, true, false, false},
+                                   {TREL_PAD_RECORD_GUARD, 40, 24, true, true, false},
+                                   {TREL_PAD_FILE, 56, 16, true, false, true},
+                                   {TREL_PAD_FILE_GUARD, 64, 24, true, true, true}};
+inline const PadShape* PadShape::of(uint32_t mode) {
+  for (const PadShape& shape : kPadShapes)
+    if (shape.mode == mode) return &shape;
+  return nullptr;
+}
 
 class HeapWalk {
  public:
   std::vector<HeapBlock> allocated, free;  // by offset
+  std::vector<HeapBlock> freeBySize;       // in the order in which a fit is looked for
   std::string fault;                       // empty: the heap is sound
 
   HeapWalk(const void* base, uint32_t kind, uint64_t h)
@@ -25,36 +55,9 @@ class HeapWalk {
     header() && allocatedList() && freeLists() && space() && tiling() && pads();
   }
 
-  uint64_t largestFree() const {
-    uint64_t largest = 0;
-    for (const HeapBlock& block : free) largest = std::max(largest, block.size);
-    return largest;
-  }
-
-  // Sizes of front pad and of both pads in a mode with f and b pad words; false: no such mode.
-  static bool padSizes(uint32_t mode, uint32_t f, uint32_t b, uint64_t* front, uint64_t* total) {
-    switch (mode) {
-      case TREL_PAD_OFF:
-      case TREL_PAD_FRONT:
-        return *front = 16, *total = 16, true;
-      case TREL_PAD_DEFAULT:
-        return *front = 16, *total = 32, true;
-      case TREL_PAD_GUARD:
-        return *front = 24, *total = 48, true;
-      case TREL_PAD_RECORD:
-        return *front = 8 * f + 32, *total = 8 * (f + b) + 48, true;
-      case TREL_PAD_RECORD_GUARD:
-        return *front = 8 * f + 40, *total = 8 * (f + b) + 64, true;
-      case TREL_PAD_FILE:
-        return *front = 8 * f + 56, *total = 8 * (f + b) + 72, true;
-      case TREL_PAD_FILE_GUARD:
-        return *front = 8 * f + 64, *total = 8 * (f + b) + 88, true;
-      default:
-        return false;
-    }
-  }
-
  private:
+  using Extents = std::vector<std::pair<uint64_t, uint64_t>>;  // offset and size
+
   uint64_t u64(uint64_t offset) const { return *reinterpret_cast<const TrelU64*>(base_ + offset); }
   uint32_t u32(uint64_t offset) const { return *reinterpret_cast<const TrelU32*>(base_ + offset); }
 
@@ -84,13 +87,18 @@ class HeapWalk {
     return same(u64(s_ + 64 + 32), m_ - 1, "level of the allocated head");
   }
 
-  bool isNode(uint64_t node, uint64_t linkBytes, HeapBlock* block) {
+  static uint64_t nodeSize(uint64_t level, uint64_t linkBytes) {
+    return 48 + linkBytes * (level + 1);
+  }
+  // Appends the block of a node to a list that may have `count` of them.
+  bool add(uint64_t node, uint64_t linkBytes, uint64_t count, std::vector<HeapBlock>* list) {
+    if (list->size() >= count) return say("more nodes than are counted");
     if (node < s_ + slHeader_ || node + 48 > s_ + slNext_ || node % 8)
       return say("link to " + std::to_string(node) + ", where no node can be");
-    const uint64_t level = u64(node + 32), size = 48 + linkBytes * (level + 1);
-    if (level >= m_ || node + size > s_ + slNext_) return say("level of a node");
-    *block = {u64(node), u64(node + 8), 0, 0, node, level};
-    nodes_.push_back({node, size, 0, 0, 0, 0});
+    const uint64_t level = u64(node + 32);
+    if (level >= m_ || node + nodeSize(level, linkBytes) > s_ + slNext_)
+      return say("level of a node");
+    list->push_back({u64(node), u64(node + 8), 0, 0, node, level});
     return true;
   }
 
@@ -113,20 +121,20 @@ class HeapWalk {
     return true;
   }
 
+  bool counted(const std::vector<HeapBlock>& list, uint64_t count, uint64_t bytes) {
+    uint64_t sum = 0;
+    for (const HeapBlock& block : list) sum += block.size;
+    return same(list.size(), count, "count of a list") && same(bytes, sum, "bytes of a list");
+  }
+
   bool allocatedList() {
     const uint64_t head = s_ + 64, count = u64(s_ + 32);
-    uint64_t slot = u64(head + 48), bytes = 0;
-    for (; slot; slot = u64(slot)) {
-      HeapBlock block;
-      if (allocated.size() >= count) return say("more allocated nodes than allocNodeCount");
-      if (!isNode(slot - 48, 8, &block)) return false;
-      block.data = u64(block.node + 16);
-      block.requested = u64(block.node + 24);
-      bytes += block.size;
-      allocated.push_back(block);
+    for (uint64_t slot = u64(head + 48); slot; slot = u64(slot)) {
+      if (!add(slot - 48, 8, count, &allocated)) return false;
+      allocated.back().data = u64(slot - 48 + 16);
+      allocated.back().requested = u64(slot - 48 + 24);
     }
-    return same(allocated.size(), count, "allocNodeCount") &&
-           same(u64(h_ + 72), bytes, "allocatedBytes") &&
+    return counted(allocated, count, u64(h_ + 72)) &&
            levels(allocated, u64(s_ + 56), "allocated list", [&](uint64_t node, uint64_t i) {
              const uint64_t next = u64((node ? node : head) + 48 + 8 * i);
              return next ? next - 48 - 8 * i : 0;
@@ -142,65 +150,59 @@ class HeapWalk {
     const uint64_t head = s_ + 120 + 8 * m_, tail = head + 48 + 32 * m_, count = u64(s_ + 40);
     for (uint64_t end : {head, tail})
       if (u64(end) || u64(end + 8) || u64(end + 32) != m_ - 1) return say("sentinel");
-    uint64_t bytes = 0;
-    for (uint64_t node = link(head, 0, 0); node != tail; node = link(node, 0, 0)) {
-      HeapBlock block;
-      if (free.size() >= count) return say("more free nodes than freeNodeCount");
-      if (!isNode(node, 32, &block)) return false;
-      bytes += block.size;
-      free.push_back(block);
-    }
-    if (!same(free.size(), count, "freeNodeCount") || !same(u64(h_ + 64), bytes, "freeBytes"))
-      return false;
-    std::vector<HeapBlock> bySize;
-    for (uint64_t node = link(head, 2, 0); node != tail; node = link(node, 2, 0)) {
-      if (bySize.size() >= count || !isNode(node, 32, &bySize.emplace_back()))
-        return say("size order");
-      nodes_.pop_back();
-      if (bySize.size() > 1 && bySize[bySize.size() - 2].size > bySize.back().size)
-        return say("sizes out of order");
-    }
-    if (!same(bySize.size(), count, "nodes by size")) return false;
     const char* const names[] = {"forward (O)", "backward (O)", "forward (S)", "backward (S)"};
+    std::vector<HeapBlock> order;
     for (uint64_t run = 0; run < 4; ++run) {
-      std::vector<HeapBlock> order = run < 2 ? free : bySize;
-      if (run % 2) std::reverse(order.begin(), order.end());
-      const uint64_t from = run % 2 ? tail : head, to = run % 2 ? head : tail;
+      const bool backward = run % 2;
+      const uint64_t from = backward ? tail : head, to = backward ? head : tail;
+      if (backward) {
+        std::reverse(order.begin(), order.end());
+      } else {
+        order.clear();
+        for (uint64_t node = link(head, run, 0); node != tail; node = link(node, run, 0))
+          if (!add(node, 32, count, &order)) return false;
+        if (!counted(order, count, u64(h_ + 64))) return false;
+        (run == 0 ? free : freeBySize) = order;
+      }
       if (!levels(order, u64(s_ + 112 + 8 * m_), names[run], [&](uint64_t node, uint64_t i) {
             const uint64_t next = link(node ? node : from, run, i);
             return next == to ? 0 : next;
           }))
         return false;
     }
-    return true;
+    const auto smaller = [](const HeapBlock& a, const HeapBlock& b) { return a.size < b.size; };
+    return std::is_sorted(freeBySize.begin(), freeBySize.end(), smaller) ||
+           say("sizes out of order");
   }
 
-  // Blocks or nodes in order of offset: none over another; with `gapless`, without gaps.
-  bool disjoint(std::vector<HeapBlock> all, bool gapless, uint64_t from, uint64_t to,
-                const std::string& what) {
-    std::sort(all.begin(), all.end(),
-              [](const HeapBlock& a, const HeapBlock& b) { return a.offset < b.offset; });
-    for (const HeapBlock& one : all) {
-      if (one.offset < from || (gapless && one.offset != from))
-        return say(what + " before " + std::to_string(one.offset));
-      from = one.offset + one.size;
+  // None may lie over another; with `gapless`, there may be nothing between them either.
+  bool disjoint(Extents all, bool gapless, uint64_t from, uint64_t to, const std::string& what) {
+    std::sort(all.begin(), all.end());
+    for (const auto& [offset, size] : all) {
+      if (offset < from || (gapless && offset != from))
+        return say(what + " before " + std::to_string(offset));
+      from = offset + size;
     }
     return gapless ? same(from, to, "end of " + what) : from <= to || say("end of " + what);
   }
 
   bool space() {
+    Extents nodes;
+    for (const HeapBlock& a : allocated) nodes.push_back({a.node, nodeSize(a.level, 8)});
+    for (const HeapBlock& f : free) nodes.push_back({f.node, nodeSize(f.level, 32)});
     uint64_t used = slHeader_;
-    for (const HeapBlock& node : nodes_) used += node.size;
+    for (const auto& node : nodes) used += node.second;
     return same(u64(s_ + 16), used, "slUsedBytes") &&
-           disjoint(nodes_, false, s_ + slHeader_, s_ + slNext_, "nodes");
+           disjoint(nodes, false, s_ + slHeader_, s_ + slNext_, "nodes");
   }
 
   bool tiling() {
-    std::vector<HeapBlock> all = allocated;
-    all.insert(all.end(), free.begin(), free.end());
+    Extents all;
+    for (const auto* list : {&allocated, &free})
+      for (const HeapBlock& block : *list) all.push_back({block.offset, block.size});
     const uint64_t start = s_ + slSpace_, end = h_ + u64(h_ + 56);
     for (size_t i = 1; i < free.size(); ++i)
-      if (free[i - 1].offset + free[i - 1].size == free[i].offset)
+      if (free[i - 1].end() == free[i].offset)
         return say("free blocks that touch at " + std::to_string(free[i].offset));
     return disjoint(all, true, start, start + ((end - start) & ~uint64_t{7}), "managed memory");
   }
@@ -212,47 +214,42 @@ class HeapWalk {
   }
 
   bool pads() {
-    for (const HeapBlock& block : allocated)
-      if (!padsOf(block)) return say("pads of block " + std::to_string(block.offset));
-    return true;
+    return std::all_of(allocated.begin(), allocated.end(), [&](const HeapBlock& block) {
+      return padsOf(block) || say("pads of block " + std::to_string(block.offset));
+    });
   }
 
   bool padsOf(const HeapBlock& block) {
-    const uint64_t d = block.data, e = block.offset + block.size;
+    const uint64_t d = block.data, e = block.end();
     if (d < block.offset + 16 || d > e) return say("dataOffset");
-    const uint32_t mode = u32(d - 4);
-    const bool guard =
-        mode == TREL_PAD_GUARD || mode == TREL_PAD_RECORD_GUARD || mode == TREL_PAD_FILE_GUARD;
-    const bool file = mode == TREL_PAD_FILE || mode == TREL_PAD_FILE_GUARD;
-    const bool record = mode == TREL_PAD_RECORD || mode == TREL_PAD_RECORD_GUARD || file;
-    const uint64_t inner = guard ? 24 : 16, recordAt = d - inner - 16;
-    const uint64_t f = record ? u32(recordAt + 8) : 0, b = record ? u32(recordAt + 12) : 0;
-    uint64_t front = 0, total = 0;
-    if (!padSizes(mode, f, b, &front, &total)) return say("pad mode");
-    if (!same(d - block.offset, front, "front pad") || !same(u64(d - 16), block.node, "frontTail"))
-      return false;
+    const PadShape* shape = PadShape::of(u32(d - 4));
+    if (!shape) return say("pad mode");
+    const uint64_t inner = shape->hasGuard ? 24 : 16, record = d - inner - 16;
+    const uint64_t f = shape->hasWords ? u32(record + 8) : 0;
+    const uint64_t b = shape->hasWords ? u32(record + 12) : 0;
+    if (!same(d - block.offset, shape->frontSize(f), "front pad")) return false;
+    if (!same(u64(d - 16), block.node, "frontTail")) return false;
     if (u32(d - 8) != TREL_PAD_FRONT_MAGIC) return say("front word");
-    if (record &&
-        (u32(recordAt) != u32(block.node + 44) || u32(recordAt + 4) != u32(block.node + 40)))
+    if (shape->hasWords &&
+        (u32(record) != u32(block.node + 44) || u32(record + 4) != u32(block.node + 40)))
       return say("caller in blockRecord");
-    if (guard && !guards(d - 24, 1, "in front")) return false;
+    if (!guards(d - 24, shape->hasGuard, "in front")) return false;
     if (!guards(block.offset, f, "at the block's start")) return false;
-    if (total == front) return true;  // no back pad
-    if (d + block.requested + total - front > e) return say("requestedSize");
+    if (!shape->back) return true;
+    const uint64_t slack = d + block.requested, back = e - shape->backSize(b);
+    if (slack > back) return say("requestedSize");
     if (!same(u64(e - 16), block.node, "backTail")) return false;
-    if (u32(e - 8) != TREL_PAD_BACK_MAGIC || u32(e - 4) != mode) return say("back words");
-    if (!guards(e - inner, guard, "behind") || !guards(e - inner - 8 * b, b, "of the back run"))
-      return false;
-    for (uint64_t i = d + block.requested; kind_ == 2 && i < e - (total - front); ++i)
-      if (base_[i] != 0xcc) return say("slack");
-    return true;
+    if (u32(e - 8) != TREL_PAD_BACK_MAGIC || u32(e - 4) != shape->mode) return say("back words");
+    if (!guards(e - inner, shape->hasGuard, "behind")) return false;
+    if (!guards(e - inner - 8 * b, b, "of the back run")) return false;
+    const auto isFilled = [](uint8_t byte) { return byte == 0xcc; };
+    return kind_ == 1 || std::all_of(base_ + slack, base_ + back, isFilled) || say("slack");
   }
 
   const uint8_t* base_;
   const uint32_t kind_;
   const uint64_t h_;
   uint64_t s_ = 0, m_ = 0, slHeader_ = 0, slSpace_ = 0, slNext_ = 0;
-  std::vector<HeapBlock> nodes_;  // offset and size of each node
 };
 
 inline std::string heapFault(const void* base, uint32_t kind, uint64_t h) {

@@ -38,6 +38,7 @@ class Key {
   operator const PLATIPCResID*() const { return &id_; }
   const PLATIPCResID& id() const { return id_; }
   bool exists() const { return shmget(static_cast<key_t>(id_.key), 0, 0) >= 0; }
+  void remove() const { remove(id_.key); }
 
  private:
   static constexpr uint32_t kKeys = 64;
