@@ -10,6 +10,13 @@ namespace {
 
 constexpr uint32_t kVersion = TREL_STRUCTURE_VERSION;
 
+uint32_t create(ShmSegInfo_t** info, const PLATIPCResID* key, uint32_t size = 0x20000,
+                uint32_t poolSize = 0) {
+  return trelGetProtectedStatusSegment(info, size, key, 0, poolSize, nullptr, nullptr);
+}
+uint32_t drop(ShmSegInfo_t** info) { return trelDeleteStatusSegment(info, 4, 2, 2); }
+uint32_t detach(ShmSegInfo_t** info) { return trelDetachStatusSegment(info, 1); }
+
 struct Tree {
   ShmSegInfo_t* info = nullptr;
   SNodeCB_t* node = nullptr;
@@ -46,7 +53,7 @@ TEST(LibraryState, CleanupForgetsWhatIsAttached) {
   Key key;
   ShmSegInfo_t* info = nullptr;
   ASSERT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
-  ASSERT_EQ(0u, trelGetProtectedStatusSegment(&info, 0x20000, key, 0, 0, nullptr, nullptr));
+  ASSERT_EQ(0u, create(&info, key));
   void* const base = info->shmDomainHandle->base;
   EXPECT_EQ(0u, TRELCleanup(1));
   EXPECT_EQ(0, shmdt(base)) << "it was still mapped";
@@ -55,27 +62,33 @@ TEST(LibraryState, CleanupForgetsWhatIsAttached) {
   EXPECT_EQ(0u, TRELCleanup(1));
 }
 
-using Attach = Library;
+// A published segment.
+struct Attach : Library {
+  Segment segment;
+  SNodeCB_t* const top = segment.makeNode(5, "top");
+  HeapHeader_t* const heap = segment.heap();
+  Tree tree;
+
+  Attach() { segment.publish(top); }
+};
 
 TEST_F(Attach, PublisherAndReaderInTwoProcesses) {
-  Segment segment;
-  EXPECT_EQ(TREL_RC_NO_TREE, Tree().attach(segment.key));
-  EXPECT_EQ(0, inOtherProcess([&] {
-              EXPECT_EQ(TREL_RC_NO_TREE, Tree().attach(segment.key));
-              EXPECT_EQ(TREL_RC_CONNECT, Tree().connect(segment.key));
-            }));
-  SNodeCB_t* top = segment.makeNode(77, "top");
-  segment.publish(top);
+  Segment treeless;
+  const auto findNoTree = [&] {
+    EXPECT_EQ(TREL_RC_NO_TREE, Tree().attach(treeless.key));
+    EXPECT_EQ(TREL_RC_CONNECT, Tree().connect(treeless.key));
+  };
+  findNoTree();
+  EXPECT_EQ(0, inOtherProcess(findNoTree));
   Child reader([&] {
-    Tree tree;
     ASSERT_EQ(0u, tree.connect(segment.key));
     EXPECT_NE(segment.domain()->base, tree.info->shmDomainHandle->base);
-    EXPECT_EQ(77u, tree.top.tag);
+    EXPECT_EQ(5u, tree.top.tag);
     uint8_t* id = nullptr;
     uint64_t idSize = 0;
     EXPECT_EQ(0u, trelGetNodeID(tree.node, &id, &idSize, 0));
     EXPECT_EQ("top", std::string(reinterpret_cast<char*>(id), idSize));
-    EXPECT_EQ(2u, segment.heap()->connectionCount);
+    EXPECT_EQ(2u, heap->connectionCount);
     WatchRecord_t watch{};
     watch.updateMode = TREL_UPDATE_BY_COUNTER;
     for (int beats = 0; beats < 3;) {
@@ -91,21 +104,18 @@ TEST_F(Attach, PublisherAndReaderInTwoProcesses) {
     usleep(1000);
   }
   EXPECT_EQ(0, reader.wait());
-  EXPECT_EQ(1u, segment.heap()->connectionCount);
+  EXPECT_EQ(1u, heap->connectionCount);
 }
 
 TEST_F(Attach, ThreadsShareOneAttachment) {
-  Segment segment;
-  segment.publish(segment.makeNode(5));
-  ShmSegInfo_t* const own = segment.info;
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i)
     threads.emplace_back([&] {
       for (int round = 0; round < 200; ++round) {
-        Tree tree;
-        EXPECT_EQ(0u, tree.connect(segment.key));
-        EXPECT_EQ(own, tree.info);
-        EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+        Tree own;
+        EXPECT_EQ(0u, own.connect(segment.key));
+        EXPECT_EQ(segment.info, own.info);
+        EXPECT_EQ(0u, detach(&own.info));
       }
     });
   for (std::thread& thread : threads) thread.join();
@@ -113,66 +123,59 @@ TEST_F(Attach, ThreadsShareOneAttachment) {
 }
 
 TEST_F(Attach, CountsPerProcess) {
-  Segment segment;
-  SNodeCB_t* top = segment.makeNode(5);
-  segment.publish(top);
-  Tree tree;
   for (uint32_t count = 2; count <= 5; ++count) {
     EXPECT_EQ(0u, tree.connect(segment.key));
     EXPECT_EQ(segment.info, tree.info);
     EXPECT_EQ(top, tree.node);
     EXPECT_EQ(count, segment.attachCount());
   }
-  EXPECT_EQ(1u, segment.heap()->connectionCount);
-  EXPECT_EQ(0u, trelAbandonNode(&top));
+  EXPECT_EQ(1u, heap->connectionCount);
+  SNodeCB_t* abandoned = top;
+  EXPECT_EQ(0u, trelAbandonNode(&abandoned));
   Tree refused;
   EXPECT_EQ(TREL_RC_ABANDONED, refused.attach(segment.key));
   EXPECT_EQ(TREL_RC_CONNECT, refused.connect(segment.key));
   EXPECT_EQ(nullptr, refused.info);
   EXPECT_EQ(5u, segment.attachCount());
   EXPECT_EQ(TREL_RC_DETACH_MODE, trelDetachStatusSegment(&tree.info, 3));
-  EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+  EXPECT_EQ(0u, detach(&tree.info));
   EXPECT_EQ(segment.info, tree.info);
   EXPECT_EQ(0u, trelDeleteStatusSegment(&tree.info, 4, 2, 1)) << "only counts down";
   EXPECT_EQ(3u, segment.attachCount());
   EXPECT_EQ(TREL_RC_COUNT_OPERATION, trelUpdateShmAttachRefCount(segment.info, 3));
-  EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, 1));
-  EXPECT_EQ(4u, segment.attachCount());
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, 2));
-  EXPECT_EQ(1u, segment.attachCount());
-  EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, 1));
-  ShmSegInfo_t* info = segment.info;
-  EXPECT_EQ(0u, trelDetachStatusSegment(&info, 2));
-  EXPECT_EQ(nullptr, info);
+  for (const auto& [operation, count] :
+       Rows<uint32_t, uint32_t>{{1, 4}, {2, 3}, {2, 2}, {2, 1}, {2, 1}, {1, 2}}) {
+    EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, operation));
+    EXPECT_EQ(count, segment.attachCount());
+  }
+  EXPECT_EQ(0u, trelDetachStatusSegment(&segment.info, 2));
+  EXPECT_EQ(nullptr, segment.info);
   EXPECT_EQ(nullptr, *pSegAttachList);
   EXPECT_TRUE(segment.key.exists());
+
   SegIdentity_t identity{kVersion, kVersion, kVersion, 2, {0, segment.key.id().key}, 1, 0};
-  ShmSegInfo_t stranger{identity, nullptr, nullptr};
-  info = &stranger;
-  EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelDetachStatusSegment(&info, 1));
-  EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelDeleteStatusSegment(&info, 4, 2, 2));
+  ShmSegInfo_t stranger{identity, nullptr, nullptr}, *info = &stranger;
+  EXPECT_EQ(TREL_RC_NOT_ATTACHED, detach(&info));
+  EXPECT_EQ(TREL_RC_NOT_ATTACHED, drop(&info));
   stranger.identity.accessMode = 4;
   EXPECT_EQ(TREL_RC_ACCESS_MODE, trelUpdateShmAttachRefCount(info, 1));
-  EXPECT_EQ(TREL_RC_ACCESS_MODE, trelDetachStatusSegment(&info, 1));
+  EXPECT_EQ(TREL_RC_ACCESS_MODE, detach(&info));
   stranger.identity.accessMode = 3;
-  EXPECT_EQ(TREL_RC_SLOT_EMPTY, trelDetachStatusSegment(&info, 1));
-  segment.info = nullptr;  // the key removes it
+  EXPECT_EQ(TREL_RC_SLOT_EMPTY, detach(&info));
 }
 
 TEST_F(Attach, MarkedSegmentRefusesEvenItsHolder) {
-  Segment segment;
-  segment.publish(segment.makeNode(5));
+  const auto refused = [&] { EXPECT_EQ(TREL_RC_DOMAIN_MARKED, Tree().attach(segment.key)); };
   EXPECT_EQ(0u, trelMarkStatusSegmentForDeletion(segment.info));
-  EXPECT_EQ(TREL_RC_DOMAIN_MARKED, Tree().attach(segment.key));
+  refused();
   EXPECT_EQ(1u, segment.attachCount());
-  EXPECT_EQ(0,
-            inOtherProcess([&] { EXPECT_EQ(TREL_RC_DOMAIN_MARKED, Tree().attach(segment.key)); }));
-  EXPECT_EQ(1u, segment.heap()->connectionCount);
+  EXPECT_EQ(0, inOtherProcess(refused));
+  EXPECT_EQ(1u, heap->connectionCount);
 }
 
 TEST_F(Attach, PoolsByOffsetAndForgottenRecords) {
-  Segment segment;  // without a tree
   const auto pool = static_cast<uint32_t>(segment.pool()->poolOffset);
+  EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(segment.domain(), 0, 0, 0));  // no tree
   EXPECT_EQ(0, inOtherProcess([&] {
               ShmSegInfo_t* info = nullptr;
               const auto attach = [&](uint32_t offset) {
@@ -181,7 +184,7 @@ TEST_F(Attach, PoolsByOffsetAndForgottenRecords) {
               EXPECT_EQ(TREL_RC_NO_TREE, attach(0));
               EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, attach(pool + 4));
               EXPECT_EQ(TREL_RC_POOL_STATE, attach(pool + 8));
-              EXPECT_EQ(1u, segment.heap()->connectionCount);
+              EXPECT_EQ(1u, heap->connectionCount);
               EXPECT_EQ(0u, attach(pool));
               EXPECT_EQ(pool, info->shmPoolHandle->poolOffset);
               *pSegAttachList = nullptr;
@@ -192,11 +195,11 @@ TEST_F(Attach, PoolsByOffsetAndForgottenRecords) {
               info->shmPoolHandle = handle;
               EXPECT_EQ(0u, trelDestroySegInfoAndHandles(&info));
               EXPECT_EQ(TREL_RC_SEGMENT_NULL, trelDestroySegInfoAndHandles(&info));
-              EXPECT_EQ(2u, segment.heap()->connectionCount);
+              EXPECT_EQ(2u, heap->connectionCount);
             }));
 }
 
-TEST_F(Attach, MemoryOfTheCallerUsesTheSlot) {
+TEST_F(Library, MemoryOfTheCallerUsesTheSlot) {
   constexpr uint32_t kSize = 0x20000;
   void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(MAP_FAILED, memory);
@@ -216,9 +219,8 @@ TEST_F(Attach, MemoryOfTheCallerUsesTheSlot) {
   SNodeCB_t* node = segment.makeNode(9);
   segment.publish(node);
   EXPECT_EQ(0, inOtherProcess([&] {  // the memory is this process's too, at the same address
-              Tree other;
-              EXPECT_EQ(0u, other.attach(nullptr, &param, address));
-              EXPECT_EQ(9u, other.top.tag);
+              EXPECT_EQ(0u, tree.attach(nullptr, &param, address));
+              EXPECT_EQ(9u, tree.top.tag);
               EXPECT_EQ(2u, segment.heap()->connectionCount);
               const SNodeInfo_t record = segment.recordOf(node, segment);
               SNodeCB_t* found = nullptr;
@@ -230,7 +232,7 @@ TEST_F(Attach, MemoryOfTheCallerUsesTheSlot) {
             }));
   EXPECT_EQ(0u, tree.attach(nullptr, &param, 8)) << "the address of a further attach is ignored";
   EXPECT_EQ(2u, trelGARefCount);
-  EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+  EXPECT_EQ(0u, detach(&tree.info));
   EXPECT_EQ(0u, trelDeleteStatusSegment(&segment.info, 4, 2, 1));
   EXPECT_EQ(TREL_GA_SLOT_EMPTY, trelGASegInfo.state);
   munmap(memory, kSize);
@@ -239,7 +241,6 @@ TEST_F(Attach, MemoryOfTheCallerUsesTheSlot) {
 TEST_F(Attach, RefusesWhatIsNoStatusSegment) {
   Key key;
   const PLATIPCResID zero = {PLAT_STRUCTURE_TAG, 0};
-  Tree tree;
   EXPECT_EQ(TREL_RC_SEGMENT_NULL, tree.attach(nullptr));
   EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, tree.attach(key));
   EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, tree.attach(&zero));
@@ -251,47 +252,36 @@ TEST_F(Attach, RefusesWhatIsNoStatusSegment) {
   EXPECT_EQ(TREL_RC_HANDLE_VERSION, tree.attach(key, &param));
   for (size_t size : {size_t{100}, size_t{4096}, size_t{65536}}) {
     const int id = shmget(static_cast<key_t>(key.id().key), size, IPC_CREAT | IPC_EXCL | 0600);
-    ASSERT_GE(id, 0);
     EXPECT_EQ(TREL_RC_DOMAIN_STATE, tree.attach(key)) << size;
     shmid_ds state;
     EXPECT_EQ(0, shmctl(id, IPC_STAT, &state));
     EXPECT_EQ(0u, state.shm_nattch);
-    shmctl(id, IPC_RMID, nullptr);
+    key.remove();
   }
-  EXPECT_EQ(nullptr, *pSegAttachList);
+  EXPECT_EQ(nullptr, (*pSegAttachList)->next);
   if (geteuid() != 0) return;
-  Segment segment;
-  segment.publish(segment.makeNode(5));
-  EXPECT_EQ(0, inOtherProcess([&] {
-              EXPECT_EQ(0, setgid(65534) | setuid(65534));
-              EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, Tree().attach(segment.key));
-            }));
+  const auto attachAsNobody = [&] {
+    EXPECT_EQ(0, setgid(65534) | setuid(65534));
+    return Tree().attach(segment.key);
+  };
+  EXPECT_EQ(0, inOtherProcess([&] { EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, attachAsNobody()); }));
   const SegSecurity_t forAll = {65534, 65534, 0600};
   EXPECT_EQ(0u, trelAuthorizeStatusSegment(segment.info, &forAll));
-  EXPECT_EQ(0, inOtherProcess([&] {
-              EXPECT_EQ(0, setgid(65534) | setuid(65534));
-              EXPECT_EQ(0u, Tree().attach(segment.key));
-            }));
+  EXPECT_EQ(0, inOtherProcess([&] { EXPECT_EQ(0u, attachAsNobody()); }));
 }
 
 // Each word of a header in turn holds nonsense: a reader gets a code, or what it gets is sound.
 TEST_F(Attach, DamagedHeadersDoNoHarm) {
-  Segment segment;
-  SNodeCB_t* top = segment.makeNode(5);
-  segment.publish(top);
-  HeapHeader_t* heap = segment.heap();
   auto* words = reinterpret_cast<TrelU64*>(heap + 1);
-  TrelU64* const fields[] = {&heap->heapSize,   &heap->userAreaSize, &heap->topPool, &words[0],
-                             &heap->heapOffset, &heap->heapState,    &top->nodeSize};
   int refused = 0;
   const auto probe = [&] {
-    Tree tree;
     if (tree.attach(segment.key) != 0) return ++refused;
     EXPECT_EQ(5u, tree.node->tag);
-    EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+    EXPECT_EQ(0u, detach(&tree.info));
     return 0;
   };
-  for (TrelU64* field : fields) {
+  for (TrelU64* field : {&heap->heapSize, &heap->userAreaSize, &heap->topPool, &words[0],
+                         &heap->heapOffset, &heap->heapState, &top->nodeSize}) {
     const uint64_t sound = *field;
     for (uint64_t nonsense : {uint64_t{0}, uint64_t{8}, uint64_t{0xffff8}, uint64_t{0x100000},
                               uint64_t{0x7fffffff0}, ~uint64_t{7}, ~uint64_t{0}}) {
@@ -303,19 +293,19 @@ TEST_F(Attach, DamagedHeadersDoNoHarm) {
   }
   EXPECT_GT(refused, 25);
   EXPECT_EQ(0, probe());
-  EXPECT_EQ(1u, segment.attachCount());
   EXPECT_EQ(1u, heap->connectionCount);
-  words[0] = 0x100000 - sizeof(SNodeCB_t) + 8;
-  EXPECT_EQ(TREL_RC_TOP_NODE_BOUNDS, Tree().attach(segment.key));
-  words[0] = top->nodeOffset;
-  words[1] = 6;
-  EXPECT_EQ(TREL_RC_TOP_TAG_DIFFERS, Tree().attach(segment.key));
-  words[1] = TREL_MAX_TAG + 1;
-  EXPECT_EQ(TREL_RC_TAG_RANGE, Tree().attach(segment.key));
+  for (const auto& [offset, tag, code] :
+       Rows<uint64_t, uint64_t, uint32_t>{{0x100000 - sizeof *top + 8, 5, TREL_RC_TOP_NODE_BOUNDS},
+                                          {top->nodeOffset, 6, TREL_RC_TOP_TAG_DIFFERS},
+                                          {top->nodeOffset, TREL_MAX_TAG + 1, TREL_RC_TAG_RANGE}}) {
+    words[0] = offset;
+    words[1] = tag;
+    EXPECT_EQ(code, tree.attach(segment.key));
+  }
   EXPECT_EQ(1u, segment.attachCount());
 }
 
-TEST_F(Attach, TopNodeFieldsMoveWithTheUserArea) {
+TEST_F(Library, TopNodeFieldsMoveWithTheUserArea) {
   ShmDomainParam_t param{};
   param.userAreaSize = 12;
   Segment segment(0x100000, &param);
@@ -328,19 +318,18 @@ TEST_F(Attach, TopNodeFieldsMoveWithTheUserArea) {
   EXPECT_EQ(5u, word(268));
   EXPECT_NE(0u, word(280));
   EXPECT_EQ(0u, word(288));
-  ShmDomainHandle_t* domain = segment.domain();
+  ShmDomainHandle_t* const domain = segment.domain();
+  for (const auto& [tag, offset, pool, code] : Rows<uint64_t, uint64_t, uint32_t, uint32_t>{
+           {0, 0x100000, 0x100000, 0},
+           {0, 0x100001, 0x100001, TREL_RC_TOP_NODE_BOUNDS},
+           {0, 0x100000, 0x100001, TREL_RC_TOP_POOL_BOUNDS},
+           {TREL_MAX_TAG + 1, ~uint64_t{0}, 0, TREL_RC_TAG_RANGE}})
+    EXPECT_EQ(code, trelPutTopNodeInfoIntoDomainHeader(domain, tag, offset, pool));
   uint64_t tag = 1, offset = 1;
   uint32_t pool = 1;
-  EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(domain, 0, 0x100000, 0x100000));
   EXPECT_EQ(0u, trelGetTopNodeInfoFromDomainHeader(domain, &tag, &offset, &pool));
   EXPECT_EQ(0u, tag);
   EXPECT_EQ(0x100000u, offset);
-  EXPECT_EQ(TREL_RC_TOP_NODE_BOUNDS,
-            trelPutTopNodeInfoIntoDomainHeader(domain, 0, 0x100001, 0x100001));
-  EXPECT_EQ(TREL_RC_TOP_POOL_BOUNDS,
-            trelPutTopNodeInfoIntoDomainHeader(domain, 0, 0x100000, 0x100001));
-  EXPECT_EQ(TREL_RC_TAG_RANGE,
-            trelPutTopNodeInfoIntoDomainHeader(domain, TREL_MAX_TAG + 1, ~uint64_t{0}, 0));
   SNodeCB_t* node = nullptr;
   EXPECT_EQ(0u, trelGetTopNodeCBPtrFromShmSegInfo(segment.info, &node));
   EXPECT_EQ(0x100000u, segment.offsetOf(node)) << "an address alone: nothing is touched";
@@ -351,16 +340,15 @@ TEST_F(Attach, TopNodeFieldsMoveWithTheUserArea) {
 }
 
 TEST_F(Attach, ParentRecordsInPlace) {
-  Segment segment;
-  SNodeCB_t* node = nullptr;
+  SNodeCB_t *node = nullptr, *found = nullptr;
   uint64_t sizes[64] = {}, size = 0, offset = 0, idSize = 0;
   sizes[3] = 64 + 8;
   ASSERT_EQ(0u, trelCreateNode(segment.info, &node, TREL_EXPORT_PARENT, sizes, &size, &offset));
   SNodeInfo_t parent = {0x1000, 3, 5, 0, 8, 16, 0}, *stored = nullptr;
+  const auto mama = reinterpret_cast<const uint8_t*>("mama");
   uint8_t* id = nullptr;
-  EXPECT_EQ(
-      0u, trelInitNode(&node, offset, 0, nullptr, &parent, reinterpret_cast<const uint8_t*>("mama"),
-                       8, nullptr, nullptr, nullptr));
+  EXPECT_EQ(0u,
+            trelInitNode(&node, offset, 0, nullptr, &parent, mama, 8, nullptr, nullptr, nullptr));
   EXPECT_EQ(0u, trelGetParentNodeLocation(node, &stored));
   EXPECT_EQ(segment.offsetOf(stored), uint64_t{stored->selfOffset});
   EXPECT_EQ(0x1000u, uint64_t{stored->nodeOffset});
@@ -374,12 +362,11 @@ TEST_F(Attach, ParentRecordsInPlace) {
   node->exportTable[3].offset = 0;
   EXPECT_EQ(TREL_RC_SLOT_OFFSET, trelGetParentNodeLocation(node, &stored));
   const SNodeInfo_t inPM = {reinterpret_cast<uintptr_t>(node), 0, 0, 0, 0, 0, 0};
-  SNodeCB_t* found = nullptr;
   EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfoInPM(&inPM, &found));
   EXPECT_EQ(node, found);
 }
 
-TEST_F(Attach, SegmentDeletedByAnotherProcess) {
+TEST_F(Library, SegmentDeletedByAnotherProcess) {
   for (const bool byDetach : {true, false}) {
     Segment segment;
     segment.publish(segment.makeNode(5));
@@ -387,30 +374,23 @@ TEST_F(Attach, SegmentDeletedByAnotherProcess) {
                 Tree tree;
                 EXPECT_EQ(0u, tree.attach(segment.key));
                 EXPECT_EQ(TREL_RC_POOL_CONNECTED, trelDeleteStatusSegment(&tree.info, 3, 1, 2));
-                EXPECT_EQ(0u, trelDeleteStatusSegment(&tree.info, 4, 2, 2));
+                EXPECT_EQ(0u, drop(&tree.info));
                 EXPECT_EQ(nullptr, tree.info);
               }));
     EXPECT_FALSE(segment.key.exists());
     ShmSegInfo_t* successor = nullptr;
-    EXPECT_EQ(
-        TREL_RC_SEGMENT_EXISTS,
-        trelGetProtectedStatusSegment(&successor, 0x20000, segment.key, 0, 0, nullptr, nullptr));
+    EXPECT_EQ(TREL_RC_SEGMENT_EXISTS, create(&successor, segment.key));
     EXPECT_FALSE(segment.key.exists());
-    EXPECT_NE(0u, trelDetachStatusSegment(&segment.info, 1));
+    EXPECT_NE(0u, detach(&segment.info));
     ASSERT_NE(nullptr, segment.info);
-    EXPECT_EQ(0u, byDetach ? trelDetachStatusSegment(&segment.info, 2)
-                           : trelDeleteStatusSegment(&segment.info, 4, 2, 2));
+    EXPECT_EQ(0u, byDetach ? trelDetachStatusSegment(&segment.info, 2) : drop(&segment.info));
     EXPECT_EQ(nullptr, segment.info);
     EXPECT_EQ(nullptr, *pSegAttachList);
   }
 }
 
 TEST_F(Attach, KilledReaderLeavesNoLatchBehind) {
-  Segment segment;
-  SNodeCB_t* top = segment.makeNode(5);
-  segment.publish(top);
   const int status = inOtherProcess([&] {
-    Tree tree;
     EXPECT_EQ(0u, tree.connect(segment.key));
     EXPECT_EQ(0u, trelLatchShmDomain(tree.info->shmDomainHandle));
     EXPECT_EQ(0u, trelEnterCriticalSectionBeforeWrite(tree.node, &tree.node->nodeLatchArea));
@@ -418,7 +398,6 @@ TEST_F(Attach, KilledReaderLeavesNoLatchBehind) {
   });
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
   alarm(10);
-  Tree tree;
   EXPECT_EQ(0u, tree.connect(segment.key));
   EXPECT_EQ(0u, trelUpdateNodeStatus(top));
   EXPECT_EQ(0u, trelLatchShmDomain(segment.domain()));
@@ -441,15 +420,8 @@ struct TwoSegments : Library {
     home.publish(near);
     away.publish(far);
   }
-  // Lets go of the second segment in this process; its own handles are gone then.
-  void leaveAway() { EXPECT_EQ(0u, trelDetachStatusSegment(&away.info, 2)); }
-  // The segment as other processes have it: it is attached again to be deleted.
-  ~TwoSegments() override {
-    if (away.info) return;
-    EXPECT_EQ(0u, trelAttachToNode(&farRecord, &node));
-    SegAttachNode_t* held = nullptr;
-    EXPECT_EQ(0u, trelFindAttachInfoNodeInLList(away.key, &held));
-    if (held) away.info = held->segInfo;
+  uint32_t attach(const SNodeInfo_t& record, ShmSegInfo_t* current, uint32_t options) {
+    return trelAttachToNodeAndGetSegInfo(&record, &node, &info, current, &other, options);
   }
 };
 
@@ -457,7 +429,7 @@ TEST_F(TwoSegments, AttachToNodeAttachesOnce) {
   EXPECT_EQ(0u, trelAttachToNode(&nearRecord, &node));
   EXPECT_EQ(near, node);
   EXPECT_EQ(1u, home.attachCount());
-  EXPECT_EQ(0u, trelAttachToNodeAndGetSegInfo(&farRecord, &node, &info, home.info, &other, 64));
+  EXPECT_EQ(0u, attach(farRecord, home.info, 64));
   EXPECT_EQ(far, node);
   EXPECT_EQ(away.info, info);
   EXPECT_EQ(1u, other);
@@ -466,18 +438,17 @@ TEST_F(TwoSegments, AttachToNodeAttachesOnce) {
   EXPECT_EQ(0u, other);
   EXPECT_EQ(TREL_RC_SEGMENT_NULL,
             trelGetShmSegInfoPtrUsingSNodeInfo(&nearRecord, &node, &info, nullptr, &other, 64));
-  leaveAway();
+  EXPECT_EQ(0u, trelDetachStatusSegment(&away.info, 2));
   EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelGetControlBlockPtrFromSNodeInfo(&farRecord, &node));
   EXPECT_EQ(near, node) << "left alone";
-  EXPECT_EQ(0u, trelAttachToNodeAndGetSegInfo(&farRecord, &node, &info, home.info, &other, 64));
+  EXPECT_EQ(0u, attach(farRecord, home.info, 64));
   EXPECT_EQ(nullptr, node);
   EXPECT_EQ(home.info, info);
   EXPECT_EQ(1u, other);
   EXPECT_EQ(nullptr, (*pSegAttachList)->next) << "nothing was attached";
   EXPECT_EQ(0u, trelDetachFromNode(&farRecord, 1)) << "not attached is a success";
-  other = 0;
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(0u, trelAttachToNodeAndGetSegInfo(&farRecord, &node, &info, nullptr, &other, 0));
+    EXPECT_EQ(0u, attach(farRecord, nullptr, 0));
     ASSERT_NE(nullptr, node);
     EXPECT_EQ(2u, node->tag);
   }
@@ -490,36 +461,32 @@ TEST_F(TwoSegments, AttachToNodeAttachesOnce) {
 }
 
 TEST_F(TwoSegments, RefusedNodesStayOnlyWhereHeld) {
-  const struct {
-    uint32_t condition, code;
-  } refusals[] = {{TREL_CONDITION_CREATED, TREL_RC_CREATED},
-                  {TREL_CONDITION_INITIALISED, TREL_RC_INITIALISED},
-                  {TREL_CONDITION_ABANDONED, TREL_RC_ABANDONED},
-                  {TREL_CONDITION_DISASSOCIATED, TREL_RC_DISASSOCIATED}};
-  other = 0;
-  for (const auto& refusal : refusals) {
-    far->condition = near->condition = refusal.condition;
-    EXPECT_EQ(refusal.code, trelAttachToNode(&nearRecord, &node));
+  for (const auto& [condition, code] :
+       Rows<uint32_t, uint32_t>{{TREL_CONDITION_CREATED, TREL_RC_CREATED},
+                                {TREL_CONDITION_INITIALISED, TREL_RC_INITIALISED},
+                                {TREL_CONDITION_ABANDONED, TREL_RC_ABANDONED},
+                                {TREL_CONDITION_DISASSOCIATED, TREL_RC_DISASSOCIATED}}) {
+    far->condition = near->condition = condition;
+    EXPECT_EQ(code, trelAttachToNode(&nearRecord, &node));
     EXPECT_EQ(near, node);
+    near->condition = TREL_CONDITION_ACTIVE;
+    const uint32_t wanted = code;
     EXPECT_EQ(0, inOtherProcess([&] {
                 Tree tree;
-                node->condition = TREL_CONDITION_ACTIVE;
                 EXPECT_EQ(0u, tree.attach(home.key));
                 SNodeInfo_t record = farRecord;
                 record.segBase = reinterpret_cast<uintptr_t>(tree.info->shmDomainHandle->base);
-                EXPECT_EQ(refusal.code,
-                          trelAttachToNodeAndGetSegInfo(&record, &node, &info, nullptr, &other, 0));
+                EXPECT_EQ(wanted, attach(record, nullptr, 0));
                 EXPECT_EQ(nullptr, node);
                 EXPECT_EQ(nullptr, info);
                 node = tree.node;
-                EXPECT_EQ(refusal.code, trelAttachToNode(&record, &node));
+                EXPECT_EQ(wanted, trelAttachToNode(&record, &node));
                 EXPECT_EQ(nullptr, node);
                 EXPECT_EQ(nullptr, (*pSegAttachList)->next);
-                EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
+                EXPECT_EQ(0u, detach(&tree.info));
               }));
     EXPECT_EQ(1u, away.heap()->connectionCount);
   }
-  far->condition = near->condition = TREL_CONDITION_ACTIVE;
   nearRecord.nodeTag = 2;
   EXPECT_EQ(TREL_RC_RECORD_TAG_DIFFERS, trelAttachToNode(&nearRecord, &node));
   EXPECT_EQ(1u, home.attachCount());
@@ -527,35 +494,37 @@ TEST_F(TwoSegments, RefusedNodesStayOnlyWhereHeld) {
 
 // A stored record with nonsense in each field, and one in process memory.
 TEST_F(TwoSegments, DamagedRecordsGiveCodes) {
-  SNodeInfo_t* stored = nullptr;
   void* block = nullptr;
-  ASSERT_EQ(0u, _trelAllocateShmBlock(&block, home.pool(), sizeof *stored, 0, 0, 0, "test"));
-  stored = static_cast<SNodeInfo_t*>(block);
+  ASSERT_EQ(0u, _trelAllocateShmBlock(&block, home.pool(), sizeof nearRecord, 0, 0, 0, "test"));
+  auto* const stored = static_cast<SNodeInfo_t*>(block);
   *stored = nearRecord;
   stored->selfOffset = home.offsetOf(stored);
   stored->segBase = 1;  // not read
-  EXPECT_EQ(0u, trelAttachToNode(stored, &node));
-  const std::vector<uint64_t> nonsense = {
-      0, 1, 8, 0xfffff, 0x100000, 0x7fffffff0, 0xfffffff0u, ~uint64_t{0}, ~uint64_t{55}};
-  for (TrelU64* field : {&stored->nodeOffset, &stored->selfOffset, &stored->segInfoOffset,
-                         &nearRecord.nodeOffset, &nearRecord.segInfoOffset}) {
-    const uint64_t sound = *field;
-    const bool isStored = field >= &stored->nodeOffset && field <= &stored->segBase;
-    for (uint64_t value : nonsense) {
-      *field = value;
-      EXPECT_NE(0u, trelAttachToNode(isStored ? stored : &nearRecord, &node)) << value;
+  for (auto* record : {stored, &nearRecord}) {
+    EXPECT_EQ(0u, trelAttachToNode(record, &node));
+    for (TrelU64* field : {&record->nodeOffset, &record->segInfoOffset, &record->selfOffset}) {
+      if (record != stored && field == &record->selfOffset) continue;
+      const uint64_t sound = *field;
+      for (uint64_t nonsense :
+           {uint64_t{0}, uint64_t{1}, uint64_t{8}, uint64_t{0xfffff}, uint64_t{0x100000},
+            uint64_t{0x7fffffff0}, uint64_t{0xfffffff0}, ~uint64_t{0}, ~uint64_t{55}}) {
+        *field = nonsense;
+        EXPECT_NE(0u, trelAttachToNode(record, &node)) << nonsense;
+      }
+      *field = sound;
     }
-    *field = sound;
+    EXPECT_EQ(0u, trelAttachToNode(record, &node));
   }
-  EXPECT_EQ(0u, trelAttachToNode(stored, &node));
-  EXPECT_EQ(0u, trelAttachToNode(&nearRecord, &node));
   nearRecord.segBase = 0;
   EXPECT_EQ(TREL_RC_BASE_NULL, trelAttachToNode(&nearRecord, &node));
   EXPECT_EQ(TREL_RC_BASE_NULL, trelDetachFromNode(&nearRecord, 1));
   EXPECT_EQ(0u, _trelFreeShmBlock(&block, home.pool(), 0, 0, "test"));
 }
 
-using Creation = Library;
+struct Creation : Library {
+  Key key;
+  ShmSegInfo_t* info = nullptr;
+};
 
 TEST_F(Creation, PoolSizesAndTheirLimits) {
   constexpr uint32_t kSize = 0x100000;
@@ -566,26 +535,20 @@ TEST_F(Creation, PoolSizesAndTheirLimits) {
   trelGetHHeaderInfo(managed, TREL_HEAP_POOL, &count, &level, 0, &header, &listHeader, &space);
   const auto margin = static_cast<uint32_t>(header + space + 216);
   const uint32_t sure = managed - margin;
-  const struct {
-    uint32_t poolSize, code, atLeast;
-  } cases[] = {{0, 0, sure},
-               {1, 0, 1 + margin},
-               {sure, TREL_RC_DOMAIN_ABOVE_FREE, 0},
-               {sure + 1, 0, sure + 1 - margin},
-               {managed, 0, sure},
-               {managed + 1, TREL_RC_DOMAIN_ABOVE_HEAP, 0}};
-  for (const auto& c : cases) {
-    Key key;
-    ShmSegInfo_t* info = nullptr;
-    EXPECT_EQ(c.code,
-              trelGetProtectedStatusSegment(&info, kSize, key, 0, c.poolSize, nullptr, nullptr))
-        << c.poolSize;
-    EXPECT_EQ(c.code == 0, key.exists());
+  for (const auto& [poolSize, code, atLeast] :
+       Rows<uint32_t, uint32_t, uint32_t>{{0, 0, sure},
+                                          {1, 0, 1 + margin},
+                                          {sure, TREL_RC_DOMAIN_ABOVE_FREE, 0},
+                                          {sure + 1, 0, sure + 1 - margin},
+                                          {managed, 0, sure},
+                                          {managed + 1, TREL_RC_DOMAIN_ABOVE_HEAP, 0}}) {
+    EXPECT_EQ(code, create(&info, key, kSize, poolSize)) << poolSize;
+    EXPECT_EQ(code == 0, key.exists());
     if (!info) continue;
     ShmPoolInfo_t pool;
     EXPECT_EQ(0u, trelGetShmPoolInfo(info->shmPoolHandle, &pool));
-    EXPECT_GE(pool.freeBytes, c.atLeast);
-    EXPECT_LT(pool.freeBytes, c.atLeast + 8);
+    EXPECT_GE(pool.freeBytes, atLeast);
+    EXPECT_LT(pool.freeBytes, atLeast + 8);
     EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 3, 1, 1));
     EXPECT_EQ(nullptr, info);
   }
@@ -594,56 +557,48 @@ TEST_F(Creation, PoolSizesAndTheirLimits) {
 
 // The largest pool fits at every size, also just above the steps by which pools are sized.
 TEST_F(Creation, LargestPoolFitsAtEverySize) {
-  int made = 0;
   for (uint32_t size = 1; size < 0x1400000; size += size / 37 + 61) {
-    Key key;
-    ShmSegInfo_t* info = nullptr;
-    const uint32_t rc = trelGetProtectedStatusSegment(&info, size, key, 0, 0, nullptr, nullptr);
+    const uint32_t rc = create(&info, key, size);
     EXPECT_EQ(rc == 0, key.exists());
+    EXPECT_TRUE(rc == 0 || size < 0x8000u) << size << " " << std::hex << rc;
     if (rc == 0) {
-      ++made;
-      EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 4, 2, 2));
-    } else {
-      EXPECT_LT(size, 0x8000u) << std::hex << rc;
+      EXPECT_EQ(0u, drop(&info));
     }
   }
-  EXPECT_GT(made, 100);
 }
 
 TEST_F(Creation, RefusesInOrder) {
-  Key key;
-  ShmSegInfo_t* info = nullptr;
   ShmDomainParam_t param{};
   ShmPoolParam_t poolParam{};
-  const auto make = [&](uint32_t size, const PLATIPCResID* id) {
+  const auto make = [&](const PLATIPCResID* id, uint32_t size = 0x20000) {
     return trelGetProtectedStatusSegment(&info, size, id, 0, 0, &param, &poolParam);
   };
+  // Each row mends what the row before it has met.
   param.heapOffset = 4;
   param.userAreaSize = 0x20001;
   param.heapVersion = param.latchVersion = param.handleVersion = 1;
   param.accessMode = 2;
-  EXPECT_EQ(TREL_RC_SEGMENT_SIZE_ZERO, make(0, nullptr));
-  EXPECT_EQ(TREL_RC_HEAP_OFFSET_ALIGN, make(0x20000, nullptr));
-  param.heapOffset = 0;
-  EXPECT_EQ(TREL_RC_USER_AREA_SIZE, make(0x20000, nullptr));
-  param.userAreaSize = 0;
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, make(0x20000, nullptr));
-  param.handleVersion = 0;
-  EXPECT_EQ(TREL_RC_LATCH_VERSION, make(0x20000, nullptr));
-  param.latchVersion = 0;
-  EXPECT_EQ(TREL_RC_HEAP_VERSION, make(0x20000, nullptr));
-  param.heapVersion = 0;
-  EXPECT_EQ(TREL_RC_ACCESS_MODE, make(0x20000, nullptr));
+  EXPECT_EQ(TREL_RC_SEGMENT_SIZE_ZERO, make(nullptr, 0));
+  for (const auto& [field, code] :
+       Rows<uint64_t*, uint32_t>{{&param.heapOffset, TREL_RC_HEAP_OFFSET_ALIGN},
+                                 {&param.userAreaSize, TREL_RC_USER_AREA_SIZE},
+                                 {&param.handleVersion, TREL_RC_HANDLE_VERSION},
+                                 {&param.latchVersion, TREL_RC_LATCH_VERSION},
+                                 {&param.heapVersion, TREL_RC_HEAP_VERSION}}) {
+    EXPECT_EQ(code, make(nullptr));
+    *field = 0;
+  }
+  EXPECT_EQ(TREL_RC_ACCESS_MODE, make(nullptr));
   param.accessMode = 0;
-  EXPECT_EQ(TREL_RC_SEGMENT_NULL, make(0x20000, nullptr));
+  EXPECT_EQ(TREL_RC_SEGMENT_NULL, make(nullptr));
   poolParam.userAreaSize = 0x20001;
-  EXPECT_EQ(TREL_RC_USER_AREA_SIZE, make(0x20000, key));
+  EXPECT_EQ(TREL_RC_USER_AREA_SIZE, make(key));
   EXPECT_FALSE(key.exists());
   poolParam.userAreaSize = 0;
   param.permissions = 0600;
-  EXPECT_EQ(0u, make(0x20000, key));
+  EXPECT_EQ(0u, make(key));
   ShmSegInfo_t* const made = info;
-  EXPECT_EQ(TREL_RC_SEGMENT_EXISTS, make(0x20000, key));
+  EXPECT_EQ(TREL_RC_SEGMENT_EXISTS, make(key));
   info = made;
   EXPECT_EQ(TREL_RC_SECURITY_NULL, trelAuthorizeStatusSegment(info, nullptr));
   const SegSecurity_t security = {getuid(), getgid(), 0640};
@@ -660,22 +615,23 @@ TEST_F(Creation, RefusesInOrder) {
   EXPECT_FALSE(key.exists());
 }
 
-TEST_F(Creation, NodesComeFromThePoolAndGoBack) {
-  Segment segment;
+TEST_F(Attach, NodesComeFromThePoolAndGoBack) {
   ShmPoolInfo_t before, after;
   EXPECT_EQ(0u, trelGetShmPoolInfo(segment.pool(), &before));
   uint64_t sizes[64] = {}, size = 0, offset = 0;
   SNodeCB_t* node = nullptr;
-  EXPECT_EQ(TREL_RC_NODE_SEGMENT_NULL, trelCreateNode(nullptr, &node, 0, sizes, &size, &offset));
-  sizes[0] = before.freeBytes;
-  EXPECT_EQ(TREL_RC_NODE_ABOVE_POOL, trelCreateNode(segment.info, &node, 0, sizes, &size, &offset));
+  const auto make = [&](ShmSegInfo_t* info, uint64_t bytes) {
+    sizes[0] = bytes;
+    return trelCreateNode(info, &node, 0, sizes, &size, &offset);
+  };
+  EXPECT_EQ(TREL_RC_NODE_SEGMENT_NULL, make(nullptr, 0));
+  EXPECT_EQ(TREL_RC_NODE_ABOVE_POOL, make(segment.info, before.freeBytes));
   EXPECT_EQ(0u, size);
-  sizes[0] -= TREL_NODE_HEADER_SIZE;  // passes the first look, but leaves no room for the pads
-  EXPECT_EQ(TREL_RC_NODE_ALLOCATION, trelCreateNode(segment.info, &node, 0, sizes, &size, &offset));
+  // It passes the first look, but leaves no room for the pads.
+  EXPECT_EQ(TREL_RC_NODE_ALLOCATION, make(segment.info, before.freeBytes - TREL_NODE_HEADER_SIZE));
   EXPECT_EQ(before.freeBytes, size);
   segment.info->identity.latchVersion = 1;
-  sizes[0] = 0;
-  EXPECT_EQ(TREL_RC_LATCH_VERSION, trelCreateNode(segment.info, &node, 0, sizes, &size, &offset));
+  EXPECT_EQ(TREL_RC_LATCH_VERSION, make(segment.info, 0));
   segment.info->identity.latchVersion = kVersion;
   node = segment.makeNode(1);
   EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelDisclaimNode(&node, segment.pool(), 1));

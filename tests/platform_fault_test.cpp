@@ -1,45 +1,38 @@
 // Failures of the system below the platform library: nothing is lost, and the next try succeeds.
-
-#include <gtest/gtest.h>
-#include <sys/ipc.h>
-#include <sys/shm.h>
-#include <unistd.h>
-
 #include "faulty.h"
-#include "platsvc/platsvc.h"
+#include "segment_fixture.h"
 
 namespace {
 
 TEST(PlatformFaults, SegmentsAreNeitherLostNorLeftBehind) {
-  const PLATIPCResID id = {PLAT_STRUCTURE_TAG, 0x51000000u | static_cast<uint32_t>(getpid())};
-  const PLATIPCMemoryCreateParam param = {PLAT_STRUCTURE_TAG, id, 4096, 0, 0600, 0};
-  const auto exists = [&] { return shmget(static_cast<key_t>(id.key), 0, 0) >= 0; };
-  uint32_t n = 1;
-  for (;; ++n) {
+  const Key key;
+  const PLATIPCMemoryCreateParam param = {PLAT_STRUCTURE_TAG, key.id(), 4096, 0, 0600, 0};
+  uint32_t n = 0;
+  for (bool failed = true; failed;) {
+    SCOPED_TRACE(++n);
     PLATHIPCMemory creator, reader;
     faultyArm(kFaultyAllocation | kFaultySegment, n);
     const uint32_t created = creator.create(&param);
     ASSERT_EQ(created == 0, creator.isAttached());
     // Removing is itself one of the calls: when it fails, nothing else has.
-    ASSERT_EQ(created == 0, exists()) << "call " << n;
+    ASSERT_EQ(created == 0, key.exists());
     uint32_t attached = 0, detached = 0, destroyed = 0;
     if (created == 0) {
-      attached = reader.attach(&id, nullptr);
+      attached = reader.attach(key, nullptr);
       ASSERT_EQ(attached == 0, reader.isAttached());
       if (attached == 0) detached = reader.detach();
       ASSERT_EQ(detached != 0, reader.isAttached());
       destroyed = creator.destroy();
       ASSERT_EQ(destroyed != 0, creator.isAttached());
     }
-    const bool failed = faultyDisarm();
+    failed = faultyDisarm();
     // One failure of one call is seen in one place.
-    EXPECT_EQ((created != 0) + (attached != 0) + (detached != 0) + (destroyed != 0), failed) << n;
+    EXPECT_EQ((created != 0) + (attached != 0) + (detached != 0) + (destroyed != 0), failed);
     for (PLATHIPCMemory* object : {&reader, &creator}) {
       const bool held = object->isAttached();
       EXPECT_EQ(object->destroy(), held ? PLAT_RC_OK : PLAT_RC_NOT_ATTACHED);
     }
-    ASSERT_FALSE(exists()) << "call " << n;
-    if (!failed) break;
+    ASSERT_FALSE(key.exists());
   }
   EXPECT_GT(n, 8u);
 }

@@ -1,112 +1,97 @@
 // Segments, atomic cells, memory, time, texts, reports and the flow trace of the platform.
-
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/shm.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "platsvc/platsvc.h"
-#include "trel/codes.h"
+#include "segment_fixture.h"
 
 namespace {
-
-const PLATIPCResID kId = {PLAT_STRUCTURE_TAG, 0x52000000u | static_cast<uint32_t>(getpid())};
 
 PLATIPCMemoryCreateParam paramOf(const PLATIPCResID& id, void* address = nullptr) {
   return {PLAT_STRUCTURE_TAG, id, 10000, reinterpret_cast<uintptr_t>(address), 07640, 0};
 }
 
-void* addressOf(const PLATHIPCMemory& memory) {
+char* addressOf(const PLATHIPCMemory& memory) {
   void* address = nullptr;
   EXPECT_EQ(memory.getAddress(&address), memory.isAttached() ? 0u : PLAT_RC_NOT_ATTACHED);
-  return address;
+  return static_cast<char*>(address);
 }
 
-// A segment that is gone when the test ends, however it ends.
-class Segment : public testing::Test {
- protected:
-  ~Segment() override {
-    const int id = shmget(static_cast<key_t>(kId.key), 0, 0);
-    if (id >= 0) shmctl(id, IPC_RMID, nullptr);
-  }
-  const PLATIPCMemoryCreateParam param_ = paramOf(kId);
-  PLATHIPCMemory creator_, reader_;
+struct SegmentMemory : testing::Test {
+  const Key key;
+  const PLATIPCMemoryCreateParam param = paramOf(key.id());
+  PLATHIPCMemory creator, reader;
+  shmid_ds info;
 };
 
-TEST_F(Segment, LivesFromCreateToDestroy) {
-  EXPECT_EQ(reader_.attach(&kId, nullptr), PLAT_RC_NO_SEGMENT);
-  ASSERT_EQ(creator_.create(&param_), 0u);
-  EXPECT_EQ(creator_.create(&param_), PLAT_RC_ALREADY_ATTACHED);
-  EXPECT_EQ(reader_.create(&param_), 0x9000004au);
-  EXPECT_FALSE(reader_.isAttached());
-  EXPECT_EQ(addressOf(reader_), nullptr);
+TEST_F(SegmentMemory, LivesFromCreateToDestroy) {
+  EXPECT_EQ(reader.attach(key, nullptr), PLAT_RC_NO_SEGMENT);
+  ASSERT_EQ(creator.create(&param), 0u);
+  EXPECT_EQ(creator.create(&param), PLAT_RC_ALREADY_ATTACHED);
+  EXPECT_EQ(reader.create(&param), 0x9000004au);
+  EXPECT_FALSE(reader.isAttached());
+  EXPECT_EQ(addressOf(reader), nullptr);
 
-  ASSERT_EQ(reader_.attach(&kId, nullptr), 0u);
-  EXPECT_EQ(creator_.getSize(), 10000u);
-  EXPECT_EQ(reader_.getSize(), 10000u);
-  static_cast<char*>(addressOf(creator_))[9999] = 'x';
-  EXPECT_EQ(static_cast<char*>(addressOf(reader_))[9999], 'x');
+  ASSERT_EQ(reader.attach(key, nullptr), 0u);
+  EXPECT_EQ(creator.getSize(), 10000u);
+  EXPECT_EQ(reader.getSize(), 10000u);
+  addressOf(creator)[9999] = 'x';
+  EXPECT_EQ(addressOf(reader)[9999], 'x');
 
-  shmid_ds info;
-  ASSERT_EQ(reader_.getInfo(&info), 0u);
+  ASSERT_EQ(reader.getInfo(&info), 0u);
   EXPECT_EQ(info.shm_perm.mode & 07777, 0640);
   const PLATIPCSecurityParam security = {PLAT_STRUCTURE_TAG, getuid(), getgid(), 07604};
-  EXPECT_EQ(reader_.authorize(&security), 0u);
-  ASSERT_EQ(creator_.getInfo(&info), 0u);
+  EXPECT_EQ(reader.authorize(&security), 0u);
+  ASSERT_EQ(creator.getInfo(&info), 0u);
   EXPECT_EQ(info.shm_perm.mode & 07777, 0604);
   EXPECT_EQ(info.shm_perm.uid, getuid());
 
-  EXPECT_EQ(reader_.detach(), 0u);
-  EXPECT_EQ(reader_.detach(), PLAT_RC_NOT_ATTACHED);
-  ASSERT_EQ(reader_.attach(&kId, nullptr), 0u);
-  EXPECT_EQ(creator_.destroy(), 0u);
-  EXPECT_FALSE(creator_.isAttached());
-  EXPECT_EQ(reader_.destroy(), 0u) << "gone already";
-  EXPECT_EQ(reader_.attach(&kId, nullptr), PLAT_RC_NO_SEGMENT);
+  EXPECT_EQ(reader.detach(), 0u);
+  EXPECT_EQ(reader.detach(), PLAT_RC_NOT_ATTACHED);
+  ASSERT_EQ(reader.attach(key, nullptr), 0u);
+  EXPECT_EQ(creator.destroy(), 0u);
+  EXPECT_FALSE(creator.isAttached());
+  EXPECT_EQ(reader.destroy(), 0u) << "gone already";
+  EXPECT_EQ(reader.attach(key, nullptr), PLAT_RC_NO_SEGMENT);
 }
 
-TEST_F(Segment, TakesAHintOnlyIfItIsFree) {
+TEST_F(SegmentMemory, TakesAHintOnlyIfItIsFree) {
   void* free = mmap(nullptr, 1 << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   munmap(free, 1 << 20);
-  const PLATIPCMemoryCreateParam hinted = paramOf(kId, free);
-  ASSERT_EQ(creator_.create(&hinted), 0u);
-  EXPECT_EQ(addressOf(creator_), free);
+  const PLATIPCMemoryCreateParam hinted = paramOf(key.id(), free);
+  ASSERT_EQ(creator.create(&hinted), 0u);
+  EXPECT_EQ(addressOf(creator), free);
 
-  *static_cast<char*>(free) = 'y';
-  for (char* hint : {static_cast<char*>(free), static_cast<char*>(free) + 65537}) {
-    ASSERT_EQ(reader_.attach(&kId, hint), 0u);
-    EXPECT_NE(addressOf(reader_), hint) << "occupied, or unaligned";
-    EXPECT_EQ(*static_cast<char*>(addressOf(reader_)), 'y');
-    EXPECT_EQ(reader_.detach(), 0u);
+  *addressOf(creator) = 'y';
+  for (char* hint : {addressOf(creator), addressOf(creator) + 65537}) {
+    ASSERT_EQ(reader.attach(key, hint), 0u);
+    EXPECT_NE(addressOf(reader), hint) << "occupied, or unaligned";
+    EXPECT_EQ(*addressOf(reader), 'y');
+    EXPECT_EQ(reader.detach(), 0u);
   }
   shmdt(free);
-  shmctl(shmget(static_cast<key_t>(kId.key), 0, 0), IPC_RMID, nullptr);
-  shmid_ds info;
-  EXPECT_EQ(creator_.getInfo(&info), PLAT_RC_NO_SEGMENT);
-  EXPECT_EQ(creator_.detach(), 0u) << "no longer mapped";
+  key.remove();
+  EXPECT_EQ(creator.getInfo(&info), PLAT_RC_NO_SEGMENT);
+  EXPECT_EQ(creator.detach(), 0u) << "no longer mapped";
 }
 
-TEST_F(Segment, RefusesWhatNamesNoSegment) {
+TEST_F(SegmentMemory, RefusesWhatNamesNoSegment) {
   const PLATIPCResID none = {PLAT_STRUCTURE_TAG, 0};
   PLATIPCMemoryCreateParam bad = paramOf(none);
-  EXPECT_EQ(creator_.create(&bad), PLAT_RC_ARGUMENT);
-  EXPECT_EQ(creator_.create(nullptr), PLAT_RC_ARGUMENT);
-  EXPECT_EQ(creator_.attach(&none, nullptr), PLAT_RC_ARGUMENT);
-  bad = paramOf(kId);
+  EXPECT_EQ(creator.create(&bad), PLAT_RC_ARGUMENT);
+  EXPECT_EQ(creator.create(nullptr), PLAT_RC_ARGUMENT);
+  EXPECT_EQ(creator.attach(&none, nullptr), PLAT_RC_ARGUMENT);
+  bad = param;
   bad.size = 0;
-  EXPECT_EQ(creator_.create(&bad), PLAT_RC_SEGMENT_SIZE);
+  EXPECT_EQ(creator.create(&bad), PLAT_RC_SEGMENT_SIZE);
   const PLATIPCSecurityParam security = {};
-  shmid_ds info;
-  EXPECT_EQ(creator_.detach(), PLAT_RC_NOT_ATTACHED);
-  EXPECT_EQ(creator_.destroy(), PLAT_RC_NOT_ATTACHED);
-  EXPECT_EQ(creator_.getInfo(&info), PLAT_RC_NOT_ATTACHED);
-  EXPECT_EQ(creator_.authorize(&security), PLAT_RC_NOT_ATTACHED);
+  EXPECT_EQ(creator.detach(), PLAT_RC_NOT_ATTACHED);
+  EXPECT_EQ(creator.destroy(), PLAT_RC_NOT_ATTACHED);
+  EXPECT_EQ(creator.getInfo(&info), PLAT_RC_NOT_ATTACHED);
+  EXPECT_EQ(creator.authorize(&security), PLAT_RC_NOT_ATTACHED);
 }
 
 TEST(Platform, AtomicCellsWorkAtAnyAddress) {
@@ -119,10 +104,10 @@ TEST(Platform, AtomicCellsWorkAtAnyAddress) {
     EXPECT_EQ(value, INT32_MIN);
     EXPECT_EQ(PLATVAtomicSigned32::swap(cell, -5, &value), 0u);
     EXPECT_EQ(value, INT32_MIN) << "the value before";
-    EXPECT_EQ(PLATVAtomicSigned32::add(cell, 3, &value), 0u);
-    EXPECT_EQ(value, -2) << "the new value";
-    EXPECT_EQ(PLATVAtomicSigned32::add(cell, 0, &value), 0u);
-    EXPECT_EQ(value, -2);
+    for (const int32_t added : {3, 0}) {
+      EXPECT_EQ(PLATVAtomicSigned32::add(cell, added, &value), 0u);
+      EXPECT_EQ(value, -2) << "the new value";
+    }
     EXPECT_NE(PLATVAtomicSigned32::add(cell, 0, nullptr), 0u);
   }
 }
@@ -188,9 +173,8 @@ TEST(Platform, ReportsAreOneLineEach) {
   platAssertFailed(nullptr, nullptr, 0);
   platSetReportSink(nullptr);
   ASSERT_EQ(lines.size(), 5u);
-  for (const char* part : {"trelSetNodeTag", "900000e0", "tag above", "12", "001fa0ff"}) {
+  for (const char* part : {"trelSetNodeTag", "900000e0", "tag above", "12", "001fa0ff"})
     EXPECT_NE(lines[0].find(part), std::string::npos) << part << " in " << lines[0];
-  }
   EXPECT_LT(lines[1].size(), 300u);
   EXPECT_NE(lines[1].find("00..."), std::string::npos) << "cut";
   EXPECT_NE(lines[3].find("pad wrong found at: file.c:77"), std::string::npos);
@@ -198,29 +182,30 @@ TEST(Platform, ReportsAreOneLineEach) {
 }
 
 TEST(Platform, FlowTraceNeedsASinkAndTheSwitch) {
-  EXPECT_FALSE(flowlogIsAttached());
+  const auto expectState = [](bool attached, bool enabled) {
+    EXPECT_EQ(flowlogIsAttached() != 0, attached);
+    EXPECT_EQ(flowlogIsEnabled() != 0, enabled);
+  };
+  expectState(false, false);
   _flowlogEntry(1, FID_trelInitNode);  // no sink: nothing, and no crash
   lines.clear();
   flowlogAttach(keep);
-  EXPECT_TRUE(flowlogIsAttached());
-  EXPECT_FALSE(flowlogIsEnabled());
+  expectState(true, false);
   flowlogEnable(1);
-  EXPECT_TRUE(flowlogIsEnabled());
+  expectState(true, true);
   const uint16_t data = 0x3412;
   _flowlogEntry(platThreadID(), FID_trelInitNode);
   _flowlogErrorVar(platThreadID(), FID_trelInitNode, TREL_RC_NODE_NULL, 9, &data, 2);
   _flowlogExit(platThreadID(), FID_trelInitNode, TREL_RC_NODE_NULL);
   flowlogEnable(0);
-  EXPECT_TRUE(flowlogIsAttached());
-  EXPECT_FALSE(flowlogIsEnabled());
+  expectState(true, false);
   flowlogAttach(nullptr);
-  EXPECT_FALSE(flowlogIsAttached());
+  expectState(false, false);
 
   const std::string who = std::to_string(gettid()) + " trelInitNode ";
   const std::string code = "0x900000de node pointer null";
-  const std::vector<std::string> expected = {
-      who + "entry", who + "failure " + code + ", probe 9, data 1234", who + "exit " + code};
-  EXPECT_EQ(lines, expected);
+  EXPECT_EQ(lines, (std::vector{who + "entry", who + "failure " + code + ", probe 9, data 1234",
+                                who + "exit " + code}));
 }
 
 TEST(Platform, ThreadIds) {

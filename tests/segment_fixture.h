@@ -4,12 +4,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "platsvc/platsvc.h"
 #include "trel/trel.h"
@@ -19,6 +22,10 @@ extern "C" {
 __attribute__((used)) inline const char* __asan_default_options() { return "abort_on_error=1"; }
 __attribute__((used)) inline const char* __ubsan_default_options() { return "abort_on_error=1"; }
 }
+
+// The rows of a table, for a loop over [a, b, ...].
+template <class... Columns>
+using Rows = std::vector<std::tuple<Columns...>>;
 
 // A key that no other running test has. The segment of that key is removed at the end, and also
 // when the process dies of a signal that can be caught.
@@ -87,17 +94,23 @@ inline void beginAnew() {
   TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION);
 }
 
-// Another process, that runs work.
+// Another process, that runs work. It is gone when this object is, or its parent.
 class Child {
  public:
   template <class Work>
   explicit Child(Work&& work) : pid_(fork()) {
     if (pid_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     beginAnew();
     work();
     fflush(nullptr);
     _exit(testing::Test::HasFailure());
   }
+  Child(const Child&) = delete;
+  ~Child() { end(); }
+
+  pid_t id() const { return pid_; }
+  void signal(int number) const { kill(pid_, number); }
   bool isRunning() {
     ended_ = ended_ || waitpid(pid_, &status_, WNOHANG) != 0;
     return !ended_;
@@ -106,6 +119,11 @@ class Child {
   int wait() {
     while (isRunning()) usleep(100);
     return status_;
+  }
+  void end() {
+    if (!isRunning()) return;
+    signal(SIGKILL);
+    wait();
   }
 
  private:
