@@ -95,17 +95,18 @@ TREL_INLINE uint64_t keyOf(const Heap& heap, uint64_t node, Order order) {
 }
 
 // The one search: goes right while the next key is below the one sought, then down. *last is the
-// level 0 predecessor and *found the node behind it.
+// level 0 predecessor and *found the node behind it. A node that stopped it one level up is compared
+// again, which costs less than a branch that nobody can predict.
 template <Order order>
 TREL_INLINE uint32_t search(const Heap& heap, uint64_t key, FreePlace* last, uint64_t* found) {
   const uint64_t tail = heap.freeTail();
   FreePlace here = {heap.freeHead(), heap.maxLevel()};
-  uint64_t level = heap.freeListLevel(), rejected = tail;
+  uint64_t level = heap.freeListLevel();
   if (TREL_UNLIKELY(level >= heap.maxLevel())) return heap.kind().rcState;
   Steps steps(heap);
   for (;;) {
     const uint64_t next = forward(heap, here, order, level);
-    if (next != rejected && next != tail) {
+    if (next != tail) {
       FreePlace there;
       if (TREL_UNLIKELY(!reach(heap, next, level, &there) || steps.exhausted()))
         return heap.kind().rcState;
@@ -113,7 +114,6 @@ TREL_INLINE uint32_t search(const Heap& heap, uint64_t key, FreePlace* last, uin
         here = there;
         continue;
       }
-      rejected = next;
     }
     if (level == 0) {
       *last = here;
@@ -172,7 +172,7 @@ TREL_INLINE bool reachSlot(const Heap& heap, uint64_t slot, uint64_t level) {
 TREL_INLINE uint32_t searchAlloc(const Heap& heap, uint64_t key, Path* path, uint64_t* found) {
   uint64_t level = heap.list()->allocListLevel;
   if (TREL_UNLIKELY(level >= heap.maxLevel())) return heap.kind().rcState;
-  uint64_t here = heap.allocHead(), rejected = 0, next = 0;
+  uint64_t here = heap.allocHead(), next = 0;
   Steps steps(heap);
   for (;; --level) {
     for (;;) {
@@ -182,13 +182,9 @@ TREL_INLINE uint32_t searchAlloc(const Heap& heap, uint64_t key, Path* path, uin
         break;
       }
       next = nodeOfSlot(slot, level);
-      if (next == rejected) break;
       if (TREL_UNLIKELY(!reachSlot(heap, slot, level) || steps.exhausted()))
         return heap.kind().rcState;
-      if (heap.alloc(next)->blockOffset >= key) {
-        rejected = next;
-        break;
-      }
+      if (heap.alloc(next)->blockOffset >= key) break;
       here = next;
     }
     path->node[level] = here;
