@@ -3,6 +3,7 @@
 
 #include "trel/node.h"
 #include "treli/section.h"
+#include "treli/store.h"
 
 using namespace trel;
 
@@ -115,9 +116,10 @@ uint32_t trelSetNodeID(SNodeCB_t* node, const uint8_t* id, uint64_t idSize, uint
       auto* section = inSection<IdSection_t>(node, slot);
       if (slot->size < sizeof *section + idSize) return flow.fail(TREL_RC_SLOT_USED);
       if (const uint32_t rc = checkCondition(node, accept::settled)) return flow.fail(rc);
+      storeLast(&section->idSize, 0);  // rather none than a mixture of two
       section->maxIdSize = maximum;
-      section->idSize = idSize;
       memcpy(section + 1, id, idSize);
+      storeLast(&section->idSize, idSize);
       slot->used = sizeof *section + idSize;
       return 0;
     });

@@ -10,14 +10,19 @@ uint64_t bytesInUse(const List<K>& list) {
   return Form<K>::flatHeader + list.recordBytes();
 }
 
-// Writes the property over an earlier one, if there is any. The checks of the two kinds are their
-// own and come before.
+// Writes the property over an earlier one, if there is any; while it is written there is none. The
+// checks of the two kinds are their own and come before.
 template <class K>
 uint32_t createBase(const List<K>& list, const Key& key, const Value& value,
                     uint64_t inCriticalSection) {
   return writing(list.node, inCriticalSection, accept::settled, [&]() -> uint32_t {
     const uint64_t start = list.offset + Form<K>::flatHeader;
-    if (const uint32_t rc = fill(list, list.recordAt(start), key, value)) return rc;
+    const uint64_t before = list.slot->used;
+    commit(&list.slot->used, 0);
+    if (const uint32_t rc = fill(list, list.recordAt(start), key, value)) {
+      list.slot->used = before;
+      return rc;
+    }
     if (K::hasBytes) *wordAt(list.node, list.offset) = list.maxValueSize;
     commit(&list.slot->used, bytesInUse(list));
     return countReconfiguration(list.node);
@@ -31,9 +36,9 @@ uint32_t deleteBase(SNodeCB_t* node, uint64_t tag, uint64_t inCriticalSection) {
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (const uint32_t rc = openSection(&list)) return rc;
   return withKey<K, Access::write>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
-    commit(&record->tag, 0);
     const uint64_t used = list.slot->used;
-    list.slot->used = used > bytesInUse(list) ? used - bytesInUse(list) : 0;
+    commit(&list.slot->used, used > bytesInUse(list) ? used - bytesInUse(list) : 0);
+    commit(&record->tag, 0);
     return countReconfiguration(node);
   });
 }

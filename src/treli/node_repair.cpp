@@ -2,11 +2,11 @@
 //
 // A record of a flat list and an entry of the dependents live by their tag, a list node of a hash
 // list by its first chain: each one store. All else that a list says of itself is worked out from
-// these: `used`, the stack of freed list nodes, the further tables.
+// these: `used`, the stack of freed list nodes, the further tables. It takes no memory, so that it
+// cannot fail for want of it.
 #include "treli/dependent_list.h"
 #include "treli/flat_list.h"
 #include "treli/hash_list.h"
-#include "treli/process_memory.h"
 
 namespace trel {
 namespace {
@@ -35,38 +35,21 @@ Key keyOf(const List<K>& list, typename K::Record* record) {
   return key;
 }
 
-// The list nodes of a hash list by place: which of them are live.
-class Places {
- public:
-  Places(uint64_t first, uint64_t nodeBytes) : first_(first), nodeBytes_(nodeBytes) {}
-  Places(const Places&) = delete;
-  Places& operator=(const Places&) = delete;
-  ~Places() { release(&live_); }
+// The places of list nodes in a hash list.
+struct Places {
+  uint64_t first, nodeBytes, count;
 
-  bool allocate(uint64_t end) {
-    count_ = (end - first_) / nodeBytes_;
-    if (first_ + count_ * nodeBytes_ != end || (count_ && obtain(&live_, count_))) return false;
-    for (uint64_t i = 0; i < count_; ++i) live_[i] = 0;
-    return true;
+  uint64_t at(uint64_t i) const { return first + i * nodeBytes; }
+  bool has(uint64_t place) const {
+    const uint64_t i = (place - first) / nodeBytes;
+    return i < count && at(i) == place;
   }
-  // False if there is no place, or if it was marked before.
-  bool mark(uint64_t place) {
-    const uint64_t i = (place - first_) / nodeBytes_;
-    return i < count_ && at(i) == place && !live_[i]++;
-  }
-  bool isLive(uint64_t i) const { return live_[i] != 0; }
-  uint64_t at(uint64_t i) const { return first_ + i * nodeBytes_; }
-  uint64_t count() const { return count_; }
-  void dropLast() { --count_; }
-
- private:
-  uint64_t first_, nodeBytes_, count_ = 0;
-  uint8_t* live_ = nullptr;
 };
 
-// Marks what the first chains hold. False if one of them is not sound.
+// Whether all first chains lead through places, each to keys of its own in ascending order. Then no
+// two of them meet.
 template <class K>
-bool markLive(const List<K>& list, Places* places) {
+bool areChainsSound(const List<K>& list, const Places& places) {
   const uint64_t buckets = list.offset + Form<K>::hashHeader;
   for (uint64_t bucket = buckets; bucket < buckets + 8 * list.tables[0]; bucket += 8) {
     typename K::Record* last = nullptr;
@@ -77,7 +60,7 @@ bool markLive(const List<K>& list, Places* places) {
       }
       int order = -1;
       const Key key = keyOf(list, walk.record);
-      if (!places->mark(*walk.cell) || bucketOf(list, 0, key) != bucket ||
+      if (!places.has(*walk.cell) || bucketOf(list, 0, key) != bucket ||
           (last && compareRecord(list, last, key, &order) != 0) || order >= 0)
         return false;
       last = walk.record;
@@ -87,14 +70,27 @@ bool markLive(const List<K>& list, Places* places) {
   return true;
 }
 
+// Whether a place is on the first chain of the key that it holds.
+template <class K>
+bool isLive(const List<K>& list, uint64_t place) {
+  typename K::Record* record = list.recordAt(place + sizeof(typename K::Links));
+  if constexpr (K::hasId) {
+    if (record->idSize > list.maxIdSize) return false;
+  }
+  ChainWalk<K> walk(list, bucketOf(list, 0, keyOf(list, record)));
+  while (walk.next())
+    if (*walk.cell == place) return true;
+  return false;
+}
+
 template <class K>
 void rebuildTables(const List<K>& list, const Places& places) {
   const uint64_t first = Form<K>::hashHeader + 8 * list.tables[0];
   memset(inSection(list.node, list.slot, first), 0,
          static_cast<size_t>(8 * (list.tables[1] + list.tables[2])));
-  for (uint64_t i = 0; i < places.count(); ++i) {
-    if (!places.isLive(i)) continue;
+  for (uint64_t i = 0; i < places.count; ++i) {
     const uint64_t place = places.at(i);
+    if (!isLive(list, place)) continue;
     const Key key = keyOf(list, list.recordAt(place + sizeof(typename K::Links)));
     for (uint32_t table = 1; table < Form<K>::tables; ++table) {
       const uint64_t bucket = bucketOf(list, table, key);
@@ -109,17 +105,18 @@ bool repairHashed(const List<K>& list) {
   const uint64_t end = list.offset + list.size - sizeof(HashAnchor_t);
   auto* anchor = at<HashAnchor_t>(list.node, end);
   const uint64_t nextFree = anchor->nextFreeOffset;
-  Places places(list.offset + tablesEnd, list.nodeBytes());
-  if (nextFree < list.offset + tablesEnd || nextFree > end || !places.allocate(nextFree) ||
-      !markLive(list, &places))
+  const uint64_t first = list.offset + tablesEnd;
+  if (nextFree < first || nextFree > end || (nextFree - first) % list.nodeBytes() != 0)
     return false;
+  Places places = {first, list.nodeBytes(), (nextFree - first) / list.nodeBytes()};
+  if (!areChainsSound(list, places)) return false;
   if constexpr (K::hasId) rebuildTables(list, places);
   // A last place that is not live was just taken; the stack may have no room for it.
-  while (places.count() && !places.isLive(places.count() - 1)) places.dropLast();
-  const uint64_t newNext = places.at(places.count());
+  while (places.count && !isLive(list, places.at(places.count - 1))) --places.count;
+  const uint64_t newNext = places.at(places.count);
   uint64_t live = 0, freed = 0;
-  for (uint64_t i = 0; i < places.count(); ++i) {
-    if (places.isLive(i)) {
+  for (uint64_t i = 0; i < places.count; ++i) {
+    if (isLive(list, places.at(i))) {
       ++live;
     } else {
       if (freed == TREL_MAX_PROPERTIES || newNext + 8 * (freed + 1) > end) return false;
@@ -142,11 +139,25 @@ bool repairList(SNodeCB_t* node) {
   return list.hashed() ? repairHashed(list) : repairFlat(list);
 }
 
+// `used` alone tells whether there is a property.
+template <class K>
+bool repairBase(SNodeCB_t* node) {
+  List<K> list;
+  list.node = node;
+  if (!(node->exports & K::bit)) return true;
+  if (openSection(&list)) return false;
+  const uint64_t start = list.offset + Form<K>::flatHeader;
+  if (list.slot->used == 0 && list.holds(start, sizeof(typename K::Record)))
+    list.recordAt(start)->tag = 0;
+  return true;
+}
+
 bool repairId(SNodeCB_t* node) {
   ExportSlot_t* slot = nullptr;
   if (!(node->exports & TREL_EXPORT_ID)) return true;
   if (sectionOf(node, TREL_EXPORT_ID, &slot)) return false;
   if (slot->used == 0) return true;
+  if (slot->size < sizeof(IdSection_t)) return false;
   const uint64_t used = sizeof(IdSection_t) + inSection<IdSection_t>(node, slot)->idSize;
   if (used < sizeof(IdSection_t) || used > slot->size) return false;
   slot->used = used;
@@ -157,8 +168,13 @@ bool repairId(SNodeCB_t* node) {
 
 bool repairNode(SNodeCB_t* node) {
   recountDependents(node);
-  const bool sound[] = {repairId(node), repairList<kind::R>(node), repairList<kind::V>(node),
-                        repairList<kind::IR>(node), repairList<kind::IV>(node)};
+  const bool sound[] = {repairId(node),
+                        repairBase<kind::BaseR>(node),
+                        repairBase<kind::BaseV>(node),
+                        repairList<kind::R>(node),
+                        repairList<kind::V>(node),
+                        repairList<kind::IR>(node),
+                        repairList<kind::IV>(node)};
   for (const bool one : sound)
     if (!one) return false;
   return true;

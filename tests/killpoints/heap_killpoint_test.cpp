@@ -125,9 +125,7 @@ struct Heaps {
 };
 
 // Lets the operation die everywhere. What is left must be what was before it or what is behind it.
-// *deaths, if given, collects the bytes left by each death.
-void dieEverywhere(const Heaps& heaps, const std::string& what, const std::function<void()>& work,
-                   std::vector<Image>* deaths = nullptr) {
+void dieEverywhere(const Heaps& heaps, const std::string& what, const std::function<void()>& work) {
   SCOPED_TRACE(what);
   const Image start = heaps.memory.save();
   const Contents before = heaps.contents();
@@ -135,7 +133,6 @@ void dieEverywhere(const Heaps& heaps, const std::string& what, const std::funct
   const Contents behind = heaps.contents();
   const uint64_t tried = heaps.memory.dieEverywhere(start, work, [&](uint64_t n) {
     SCOPED_TRACE("killed in front of store " + std::to_string(n));
-    if (deaths) deaths->push_back(heaps.memory.save());
     heaps.useAll();
     const Contents is = heaps.contents();
     EXPECT_TRUE(is == before || is == behind);
@@ -321,36 +318,26 @@ TEST(HeapDeaths, Repair) {
                 runUntil(heaps, 2, c.allocates, c.effect, &work));
     const Contents before = heaps.contents();
     const Image start = heaps.memory.save();
-    std::vector<Image> deaths;
-    for (uint64_t n = 0; heaps.memory.dies(n, work); ++n) {
-      deaths.push_back(heaps.memory.save());
-      heaps.memory.restore(start);
-    }
+    const uint64_t stores = heaps.memory.dieEverywhere(start, work, [](uint64_t) {});
     const Contents behind = heaps.contents();
-    // One death in each part of the operation.
-    const size_t parts = isFullRun() ? 12 : 2;
-    for (size_t part = 1; part <= parts; ++part) {
-      const size_t n = deaths.size() * part / (parts + 1);
-      SCOPED_TRACE("repair after store " + std::to_string(n) + " of " +
-                   std::to_string(deaths.size()));
-      const uint64_t tried = heaps.memory.dieEverywhere(
-          deaths[n],
-          [&] {
-            EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
-            EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
-          },
-          [&](uint64_t k) {
-            SCOPED_TRACE("killed in front of the repair's store " + std::to_string(k));
-            heaps.useAll();
-            const Contents is = heaps.contents();
-            EXPECT_TRUE(is == before || is == behind);
-            heaps.expectBytes(start, before, is);
-          });
-      points += tried;
-      printf("%6llu  repair after store %zu of %zu\n", static_cast<unsigned long long>(tried), n,
-             deaths.size());
-      if (HasFailure()) return;
-    }
+    const uint64_t tried = heaps.memory.dieTwice(
+        start, work, stores / (isFullRun() ? 12 : 2),
+        [&] {
+          EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
+          EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
+        },
+        [&](uint64_t n) {
+          SCOPED_TRACE("killed in front of the repair's store " + std::to_string(n));
+          heaps.useAll();
+          const Contents is = heaps.contents();
+          EXPECT_TRUE(is == before || is == behind);
+          heaps.expectBytes(start, before, is);
+        });
+    EXPECT_GT(tried, 100u);
+    points += tried;
+    printf("%6llu  repairs of %llu deaths\n", static_cast<unsigned long long>(tried),
+           static_cast<unsigned long long>(stores));
+    if (HasFailure()) return;
   }
 }
 

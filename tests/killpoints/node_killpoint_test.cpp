@@ -1,7 +1,8 @@
-// A writer dies at every store of every operation on the lists of a node, on a shared list and on
-// the fields of the top node.
+// A writer dies at every store of every operation on what a node holds, on a shared list and on the
+// fields of the top node; whoever repairs the node or the list dies at every store of that.
+#include <algorithm>
 #include <array>
-#include <set>
+#include <map>
 
 #include "deaths.h"
 #include "heap_walker.h"
@@ -18,6 +19,13 @@ const char* const kNames[] = {"R", "V", "IR", "IV"};
 
 const uint8_t* bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
 
+struct Never {
+  template <class T>
+  bool operator()(const T&, const T&) const {
+    return false;
+  }
+};
+
 // An active node with all lists, in a segment.
 struct Deaths : Library {
   Segment segment{0x20000};
@@ -29,10 +37,10 @@ struct Deaths : Library {
     std::array<uint64_t, 64> sizes{};
     sizes[0] = 16 + 64;
     for (const uint32_t bit : kKinds) sizes[__builtin_ctz(bit) - 1] = 0x2000;
+    sizes[4] = sizes[5] = 0x400;
     sizes[10] = 8 + 8 * 72;
     uint64_t size = 0, offset = 0;
-    EXPECT_EQ(0u, trelCreateNode(segment.info, &node, 0x2 | 0x80 | 0x100 | 0x200 | 0x400 | 0x800,
-                                 sizes.data(), &size, &offset));
+    EXPECT_EQ(0u, trelCreateNode(segment.info, &node, 0xfe2, sizes.data(), &size, &offset));
     EXPECT_EQ(0u, trelInitNode(&node, offset, 4, bytes("node"), nullptr, nullptr, 64, nullptr,
                                nullptr, nullptr));
     EXPECT_EQ(0u, trelActivateNode(&node));
@@ -41,19 +49,23 @@ struct Deaths : Library {
     printf("%llu kill points tried\n", static_cast<unsigned long long>(points));
   }
 
-  uint32_t create(uint32_t bit, uint64_t hashed) {
+  // With the first `count` of two entries.
+  uint32_t create(uint32_t bit, uint64_t hashed, uint64_t count) {
     const uint64_t h = hashed ? 5 : 0, n = hashed ? 12 : 0;
+    const uint64_t tags[] = {1, 6}, sizes[] = {3, 4};
+    const int32_t numbers[] = {8, 9};
+    const uint8_t *ids = bytes("onesame"), *values = bytes("old and out     past it now     ");
     switch (bit) {
       case TREL_EXPORT_R:
-        return trelCreateRPropertyList(node, nullptr, nullptr, 0, n, hashed, 0);
+        return trelCreateRPropertyList(node, tags, numbers, count, n, hashed, 0);
       case TREL_EXPORT_V:
-        return trelCreateVPropertyList(node, nullptr, nullptr, nullptr, 16, 0, n, hashed, 0);
+        return trelCreateVPropertyList(node, tags, values, sizes, 16, count, n, hashed, 0);
       case TREL_EXPORT_IR:
-        return trelCreateIRPropertyList(node, nullptr, nullptr, nullptr, nullptr, 16, 0, h, h, n,
-                                        hashed, 0);
+        return trelCreateIRPropertyList(node, tags, numbers, sizes, ids, 16, count, h, h, n, hashed,
+                                        0);
       default:
-        return trelCreateIVPropertyList(node, nullptr, nullptr, nullptr, 16, nullptr, nullptr, 16,
-                                        0, h, h, n, hashed, 0);
+        return trelCreateIVPropertyList(node, tags, sizes, ids, 16, values, sizes, 16, count, h, h,
+                                        n, hashed, 0);
     }
   }
   uint32_t add(uint32_t bit, uint64_t tag, const char* id) {
@@ -94,40 +106,44 @@ struct Deaths : Library {
     }
   }
 
-  std::set<Name> namesOf(uint32_t bit) {
+  using Properties = std::multimap<Name, walker::Content>;
+
+  Properties propertiesOf(uint32_t bit) {
+    if (node->exportTable[__builtin_ctz(bit) - 1].used == 0) return {};
     const Section section(node, bit);
     EXPECT_EQ("", section.error);
-    std::set<Name> names;
-    for (const auto& property : section.properties) names.insert(property.first);
-    return names;
+    return section.properties;
   }
 
-  // The properties must be those before or behind the operation, each with a whole value; the list
-  // must go on serving.
-  void die(uint32_t bit, const std::function<void()>& work, bool setsBytes) {
+  void takeOver() {
+    uint64_t size = 0;
+    EXPECT_EQ(0u, trelGetNodeSize(node, &size, 0));
+    EXPECT_EQ(TREL_CONDITION_ACTIVE, node->condition);
+  }
+
+  // What is seen after a death must be what is seen before the operation or behind it, or what
+  // isGood allows; and use() must work.
+  template <class See, class IsGood = Never>
+  void die(const std::function<void()>& work, See&& see, const std::function<void()>& use,
+           IsGood&& isGood = {}) {
     const Image start = memory.save();
-    const auto before = Section(node, bit).properties;
-    ASSERT_FALSE(memory.dies(~uint64_t{0}, work));
-    const auto behind = Section(node, bit).properties;
-    const uint64_t tried = memory.dieEverywhere(start, work, [&](uint64_t n) {
+    const auto before = see();
+    work();
+    const auto behind = see();
+    const auto survive = [&](uint64_t n) {
       SCOPED_TRACE("killed in front of store " + std::to_string(n));
-      uint64_t counter = 0;
-      EXPECT_EQ(0u, set(bit, 1, "one"));  // whoever comes next
-      EXPECT_EQ(0u, trelGetNodeReconfigCounter(node, &counter));
-      EXPECT_EQ(TREL_CONDITION_ACTIVE, node->condition);
-      auto is = Section(node, bit).properties;
-      for (auto& property : is)
-        if (property.first.tag == 1) property.second = before.find(property.first)->second;
-      if (setsBytes)
-        EXPECT_EQ(namesOf(bit).size(), before.size());
-      else
-        EXPECT_TRUE(is == before || is == behind);
-      EXPECT_EQ(0u, add(bit, 77, "after"));
-      EXPECT_EQ(0u, remove(bit, 77, "after"));
-      namesOf(bit);
-    });
+      takeOver();
+      const auto is = see();
+      EXPECT_TRUE(is == before || is == behind || isGood(is, behind));
+      use();
+      see();
+    };
+    memory.restore(start);
+    const uint64_t tried = memory.dieEverywhere(start, work, survive);
     EXPECT_GT(tried, 2u);
     points += tried;
+    points += memory.dieTwice(
+        start, work, isFullRun() ? 1 : 17, [&] { takeOver(); }, survive);
     memory.restore(start);
   }
 };
@@ -137,72 +153,137 @@ TEST_F(Deaths, Properties) {
     for (const uint64_t hashed : {0, 1}) {
       const uint32_t bit = kKinds[k];
       SCOPED_TRACE(std::string(kNames[k]) + (hashed ? " hashed" : " flat"));
-      ASSERT_EQ(0u, create(bit, hashed));
+      const auto see = [&] { return propertiesOf(bit); };
+      const auto use = [&] {
+        EXPECT_EQ(0u, add(bit, 77, "after"));
+        EXPECT_EQ(0u, remove(bit, 77, "after"));
+      };
+      // Over the list of the round before, if there is one.
+      const auto createTwo = [&] { EXPECT_EQ(0u, create(bit, hashed, 2)); };
+      die(
+          createTwo, see, [&] { EXPECT_EQ(0u, create(bit, hashed, 0)); },
+          [](const Properties& is, const Properties& behind) {
+            return std::includes(behind.begin(), behind.end(), is.begin(), is.end(),
+                                 [](auto& a, auto& b) { return a.first < b.first; });
+          });
+      ASSERT_EQ(0u, create(bit, hashed, 0));
       ASSERT_EQ(0u, add(bit, 1, "one"));
       // Tags 1, 6, 11 meet in a bucket of some table; a freed place is there.
       for (const uint64_t tag : {6, 11, 16, 21}) ASSERT_EQ(0u, add(bit, tag, "same"));
       ASSERT_EQ(0u, remove(bit, 16, "same"));
-      die(
-          bit, [&] { EXPECT_EQ(0u, add(bit, 13, "same")); }, false);
-      die(
-          bit, [&] { EXPECT_EQ(0u, remove(bit, 6, "same")); }, false);
-      die(
-          bit, [&] { EXPECT_EQ(0u, set(bit, 11, "same")); },
-          bit & (TREL_EXPORT_V | TREL_EXPORT_IV));
+      die([&] { EXPECT_EQ(0u, add(bit, 13, "same")); }, see, use);
+      die([&] { EXPECT_EQ(0u, remove(bit, 6, "same")); }, see, use);
+      die([&] { EXPECT_EQ(0u, set(bit, 11, "same")); }, see, use,
+          [&](const Properties& is, const Properties& behind) {  // bytes may be of both
+            return bit & (TREL_EXPORT_V | TREL_EXPORT_IV) && is.size() == behind.size();
+          });
       ASSERT_EQ(0u, add(bit, 16, "same"));  // now a place never used is next
-      die(
-          bit, [&] { EXPECT_EQ(0u, add(bit, 13, "more")); }, false);
+      die([&] { EXPECT_EQ(0u, add(bit, 13, "more")); }, see, use);
       if (HasFailure()) return;
     }
 }
 
-TEST_F(Deaths, Dependents) {
-  ASSERT_EQ(0u, trelCreateDependentNodeList(node, nullptr, nullptr, nullptr, 16, 0, 0));
-  const auto record = [&](uint64_t tag) {
-    return SNodeInfo_t{node->nodeOffset, tag, 0, 0, 8, 8, 0};
+TEST_F(Deaths, IdentifierAndBaseProperties) {
+  const auto name = [&] {
+    uint8_t* id = nullptr;
+    uint64_t size = 0;
+    EXPECT_EQ(0u, trelGetNodeID(node, &id, &size, 0));
+    EXPECT_EQ(16 + size, node->exportTable[0].used);
+    return std::string(reinterpret_cast<char*>(id), size);
   };
-  const auto add = [&](uint64_t tag) {
-    SNodeInfo_t r = record(tag);
-    EXPECT_EQ(0u, trelAddDependentNode(node, &r, bytes("child"), 5, 0, 0));
+  const auto rename = [&](const char* id) {
+    EXPECT_EQ(0u, trelSetNodeID(node, bytes(id), strlen(id), 64, 0));
+  };
+  die([&] { rename("another name"); }, name, [&] { rename("third"); },
+      [](const std::string& is, const std::string&) { return is.empty(); });
+
+  // Base properties: the tag and the value, if there is one.
+  using Base = std::pair<uint64_t, std::string>;
+  for (const bool isV : {false, true}) {
+    const auto createBase = [&](uint64_t tag, const char* text) {
+      const uint64_t n = strlen(text);
+      EXPECT_EQ(0u, isV ? trelCreateBaseVProperty(node, tag, bytes(text), n, n, 0)
+                        : trelCreateBaseRProperty(node, tag, text[0], 0));
+    };
+    const auto removeBase = [&](uint64_t tag) {
+      EXPECT_EQ(
+          0u, isV ? trelDeleteBaseVProperty(node, tag, 0) : trelDeleteBaseRProperty(node, tag, 0));
+    };
+    const auto see = [&] {
+      Base base;
+      uint64_t size = 0;
+      int32_t number = 0;
+      uint8_t* value = nullptr;
+      EXPECT_EQ(0u, isV ? trelReturnBaseVProperty(node, &base.first, &size, 0)
+                        : trelReturnBaseRProperty(node, &base.first, 0));
+      if (base.first == 0) return base;
+      if (isV) {
+        EXPECT_EQ(0u, trelGetValueForBaseVProperty(node, base.first, &size, &value, nullptr, 0));
+        base.second.assign(reinterpret_cast<char*>(value), size);
+      } else {
+        EXPECT_EQ(0u, trelGetValueForBaseRProperty(node, base.first, &number, 0));
+        base.second = static_cast<char>(number);
+      }
+      return base;
+    };
+    const auto use = [&] { createBase(3, "use"); };
+    const auto isGone = [](const Base& is, const Base&) { return is.first == 0; };
+    createBase(1, "short");
+    die([&] { createBase(2, "a longer value than before"); }, see, use, isGone);
+    die([&] { removeBase(1); }, see, use);
+  }
+}
+
+TEST_F(Deaths, Dependents) {
+  const auto entry = [&](uint64_t tag, uint64_t offset = 0, uint64_t identity = 8) {
+    return SNodeInfo_t{node->nodeOffset + offset, tag, 0, 0, identity, 8, 0};
+  };
+  const auto add = [&](SNodeInfo_t record) {
+    EXPECT_EQ(0u, trelAddDependentNode(node, &record, bytes("child"), 5, TREL_ADD_REPLACE, 0));
   };
   const auto remove = [&](uint64_t tag) {
-    SNodeInfo_t r = record(tag);
-    r.idSize = 5;
-    EXPECT_EQ(0u, trelDeleteDependentNode(node, &r, bytes("child"), 0));
+    SNodeInfo_t record = entry(tag);
+    record.idSize = 5;
+    EXPECT_EQ(0u, trelDeleteDependentNode(node, &record, bytes("child"), 0));
   };
-  const auto tags = [&] {
-    std::set<uint64_t> found;
-    for (uint64_t i = 0; i < 8; ++i)
-      if (const uint64_t tag = *reinterpret_cast<TrelU64*>(
-              reinterpret_cast<uint8_t*>(node) + node->exportTable[10].offset + 8 + i * 72 + 8))
-        found.insert(tag);
+  const auto create = [&] {
+    SNodeInfo_t records[] = {entry(4), entry(5)};
+    const uint64_t sizes[] = {5, 5};
+    EXPECT_EQ(0u, trelCreateDependentNodeList(node, records, sizes, bytes("childchild"), 16, 2, 0));
+  };
+  using Entries = std::map<uint64_t, std::pair<uint64_t, uint64_t>>;  // place and segment by tag
+  const auto see = [&] {
+    Entries found;
+    const auto* section = reinterpret_cast<uint8_t*>(node) + node->exportTable[10].offset;
+    for (uint64_t i = 0; i < 8; ++i) {
+      const auto* e = reinterpret_cast<const SNodeInfo_t*>(section + 8 + i * 72);
+      if (node->exportTable[10].used && e->nodeTag) {
+        found[e->nodeTag] = {e->nodeOffset, e->segInfoOffset};
+        EXPECT_EQ(0, memcmp(e + 1, "child", e->idSize));
+      }
+    }
     uint64_t live = 0, capacity = 0;
     EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(node, &live, &capacity, 0));
     EXPECT_EQ(found.size(), live);
     return found;
   };
-  for (const uint64_t tag : {1, 2, 3}) add(tag);
+  const auto use = [&] {
+    if (node->exportTable[10].used == 0) create();
+    add(entry(8));
+    remove(8);
+  };
+  const auto isPart = [](const Entries& is, const Entries& behind) {
+    return std::includes(behind.begin(), behind.end(), is.begin(), is.end());
+  };
+  die(create, see, use, isPart);
+  create();
+  for (const uint64_t tag : {1, 2, 3}) add(entry(tag));
   remove(2);
-  for (const auto& work :
-       {std::function<void()>([&] { add(9); }), std::function<void()>([&] { remove(1); })}) {
-    const Image start = memory.save();
-    const auto before = tags();
-    work();
-    const auto behind = tags();
-    const uint64_t tried = memory.dieEverywhere(start, work, [&](uint64_t n) {
-      SCOPED_TRACE("killed in front of store " + std::to_string(n));
-      uint64_t live = 0, capacity = 0;
-      EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(node, &live, &capacity, 0));
-      const auto is = tags();
-      EXPECT_TRUE(is == before || is == behind);
-      add(8);
-      remove(8);
-      EXPECT_EQ(is, tags());
-    });
-    EXPECT_GT(tried, 2u);
-    points += tried;
-    memory.restore(start);
-  }
+  die([&] { add(entry(9)); }, see, use);
+  die([&] { remove(1); }, see, use);
+  die([&] { add(entry(3, 16)); }, see, use);              // the node has moved
+  die([&] { add(entry(3, 16, 24)); }, see, use, isPart);  // to another segment: gone in between
+  die(create, see, use, isPart);
 }
 
 // Whatever is taken from the pool is on the list, at every death of the operation and of the
