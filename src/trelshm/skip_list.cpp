@@ -95,8 +95,8 @@ TREL_INLINE uint64_t keyOf(const Heap& heap, uint64_t node, Order order) {
 }
 
 // The one search: goes right while the next key is below the one sought, then down. *last is the
-// level 0 predecessor and *found the node behind it. A node that stopped it one level up is compared
-// again, which costs less than a branch that nobody can predict.
+// level 0 predecessor and *found the node behind it. A node that stopped it one level up is
+// compared again, which costs less than a branch that nobody can predict.
 template <Order order>
 TREL_INLINE uint32_t search(const Heap& heap, uint64_t key, FreePlace* last, uint64_t* found) {
   const uint64_t tail = heap.freeTail();
