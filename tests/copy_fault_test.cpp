@@ -10,22 +10,19 @@ using namespace copies;
 // Two nodes below a top, properties, a module.
 SNodeCB_t* smallTree(const Segment& segment) {
   const HdmModuleRecord_t served = module("/served");
-  NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT | TREL_EXPORT_R,
-                {{TREL_EXPORT_R, {2}}},
-                8,
-                2};
+  const NodeSpec spec{kBare | TREL_EXPORT_R, 2, {{TREL_EXPORT_R, {2}}}};
   const Made top = makeNode(segment, spec, 1, "top", nullptr);
   const Made child = makeNode(segment, spec, 2, "child", &top, &served);
   const Made last = makeNode(segment, spec, 3, "last", &child);
   for (const Made& made : {top, child, last}) {
-    EXPECT_EQ(0u, createList(made.node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+    EXPECT_EQ(0u, (Api{made.node, TREL_EXPORT_R}.create({2})));
     EXPECT_EQ(0u, trelAddRProperty(made.node, 7, 70, 0));
   }
   return top.node;
 }
 
 // A tree in process memory, taken to a segment in order to be looked at, and freed.
-Bytes pictureOfRescued(SNodeCB_t* top, Segment& segment) {
+Text pictureOfRescued(SNodeCB_t* top, Segment& segment) {
   const uint64_t none = 0, maxIdSize = kIdRoom;
   SNodeCB_t* rescued = nullptr;
   SNodeInfo_t info = {};
@@ -46,12 +43,12 @@ Bytes pictureOfRescued(SNodeCB_t* top, Segment& segment) {
   }
   for (void* node : nodes) _platMemFree(&node, 0, 0, __FILE__, __LINE__);
   trelDeleteHDMPMLList();
-  return pictureOfTree(rescued, true).text;
+  return TreePicture(rescued, true).text;
 }
 
 // Conditions aside, which a failed abandoning may have changed.
-Bytes withoutConditions(Bytes text) {
-  for (size_t at = 0; (at = text.find("condition ", at)) != Bytes::npos; at += 10)
+Text withoutConditions(Text text) {
+  for (size_t at = 0; (at = text.find("condition ", at)) != Text::npos; at += 10)
     text[at + 10] = '*';
   return text;
 }
@@ -60,7 +57,7 @@ struct Attempt {
   Segment source{0x20000};
   Key key;
   SNodeCB_t* const top = smallTree(source);
-  const Bytes before = pictureOfTree(top).text;
+  const Text before = TreePicture(top).text;
   TreeCopy copy{top, &source.info, key};
 
   explicit Attempt(uint32_t method) {
@@ -71,7 +68,7 @@ struct Attempt {
   ~Attempt() { source.info = copy.dst = nullptr; }  // cleanup and the keys see to the rest
 
   bool sourceIsWhole() {
-    return source.info && source.key.exists() && pictureOfTree(top).text == before;
+    return source.info && source.key.exists() && TreePicture(top).text == before;
   }
   // Where a reader finds the tree that the method left behind.
   void expectTreeUnder(const Key& where) {
@@ -79,12 +76,12 @@ struct Attempt {
     SNodeCB_t* node = nullptr;
     TopNodeInfo_t found;
     ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found, where, 0, nullptr, nullptr));
-    EXPECT_EQ(before, pictureOfTree(node, true).text);
+    EXPECT_EQ(before, TreePicture(node, true).text);
   }
 };
 
 // The outcome in a few words, after it has been checked.
-Bytes judge(Attempt& a, uint32_t rc) {
+Text judge(Attempt& a, uint32_t rc) {
   const uint32_t method = a.copy.method;
   const bool viaSegment = method == TREL_TREE_COPY_VIA_SEGMENT;
   const Key& home = viaSegment ? a.source.key : a.key;
@@ -92,7 +89,7 @@ Bytes judge(Attempt& a, uint32_t rc) {
   if (rc == 0 || rc == TREL_RC_TREE_COPY_CLEANUP) {
     EXPECT_NE(nullptr, a.copy.dst);
     EXPECT_EQ(nullptr, a.source.info);
-    EXPECT_EQ(a.before, pictureOfTree(a.copy.newTop, true).text);
+    EXPECT_EQ(a.before, TreePicture(a.copy.newTop, true).text);
     a.expectTreeUnder(home);
     const bool cleaned = viaSegment ? !a.key.exists() : !a.source.key.exists();
     EXPECT_TRUE(cleaned || rc);
@@ -121,12 +118,12 @@ Bytes judge(Attempt& a, uint32_t rc) {
   }
   EXPECT_FALSE(a.key.exists());
   EXPECT_TRUE(a.source.info && a.source.key.exists());
-  EXPECT_EQ(withoutConditions(a.before), withoutConditions(pictureOfTree(a.top).text));
+  EXPECT_EQ(withoutConditions(a.before), withoutConditions(TreePicture(a.top).text));
   return a.sourceIsWhole() ? "source whole" : "source abandoned";
 }
 
-std::set<Bytes> outcomesOf(uint32_t method) {
-  std::set<Bytes> outcomes;
+std::set<Text> outcomesOf(uint32_t method) {
+  std::set<Text> outcomes;
   for (uint32_t n = 1;; ++n) {
     SCOPED_TRACE("method " + std::to_string(method) + " call " + std::to_string(n));
     alarm(60);
@@ -144,7 +141,7 @@ std::set<Bytes> outcomesOf(uint32_t method) {
   }
 }
 
-using Outcomes = std::set<Bytes>;
+using Outcomes = std::set<Text>;
 
 TEST(TreeCopyFaults, Direct) {
   EXPECT_EQ((Outcomes{"done", "not copied", "source whole", "stands", "stands beside the old"}),

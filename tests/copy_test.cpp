@@ -20,14 +20,13 @@ constexpr uint32_t kMethods[] = {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_PM,
 
 // ---- Sizing ----------------------------------------------------------------------------------
 
-uint32_t sizeR(uint64_t exports, uint64_t maximum, uint64_t hashed, uint64_t sizes[64],
-               uint64_t* total) {
-  return trelCreateMaxSpaceArray(exports, maximum, hashed, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0,
-                                 0, 0, sizes, total);
-}
-
 TEST(Sizing, ExamplesAndRefusals) {
   uint64_t sizes[64], total = 0;
+  const auto sizeR = [](uint64_t exports, uint64_t maximum, uint64_t hashed, uint64_t* to,
+                        uint64_t* sum) {
+    return trelCreateMaxSpaceArray(exports, maximum, hashed, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1,
+                                   0, 0, 0, to, sum);
+  };
   EXPECT_EQ(TREL_RC_OUT_SPACE_ARRAY, sizeR(0, 0, 0, nullptr, nullptr));
   EXPECT_EQ(TREL_RC_OUT_SPACE_TOTAL, sizeR(0, 0, 0, sizes, nullptr));
   EXPECT_EQ(0u, sizeR(0, 99999, 2, sizes, &total));
@@ -67,8 +66,8 @@ class Copy : public Library {
   void TearDown() override { alarm(0); }
 
   // Copies a node, in direction 1 to process memory. What the record said: tag 5, "id".
-  uint32_t copyNode(SNodeCB_t* source, uint32_t direction, uint32_t limits = TREL_COPY_LIMITS_KEEP,
-                    uint64_t maxIdSize = kIdRoom) {
+  uint32_t copyNode(SNodeCB_t* source, uint32_t direction = TREL_COPY_SHM_TO_SHM,
+                    uint32_t limits = TREL_COPY_LIMITS_KEEP, uint64_t maxIdSize = kIdRoom) {
     const HdmModuleRecord_t served = module("/served");
     const uint64_t tag = 5, idSize = 2;
     uint64_t idSizeOut = 0, maxIdSizeOut = 0;
@@ -78,19 +77,24 @@ class Copy : public Library {
     const uint32_t rc = trelCopyNode(
         direction == TREL_COPY_PM_TO_SHM ? nullptr : source_.info,
         direction == TREL_COPY_SHM_TO_PM ? nullptr : target.info, source, &copied, 91, 92, 93, 94,
-        &served, &tag, &idSize, &maxIdSize, bytesOf("id"), &info, idOut, &idSizeOut, &maxIdSizeOut,
+        &served, &tag, &idSize, &maxIdSize, bytes("id"), &info, idOut, &idSizeOut, &maxIdSizeOut,
         &nodeSize, direction, limits, TREL_COPY_DEPENDENTS_EMPTY);
     if (rc == 0) {
       EXPECT_EQ(nodeSize, copied->nodeSize);
-      EXPECT_EQ("id", Bytes(reinterpret_cast<char*>(idOut), idSizeOut));
+      EXPECT_EQ("id", Text(idOut, idOut + idSizeOut));
       EXPECT_EQ(maxIdSize, maxIdSizeOut);
       EXPECT_EQ(5u, info.nodeTag);
       EXPECT_EQ(copied->nodeOffset, info.nodeOffset);
       const uint64_t base = direction == TREL_COPY_SHM_TO_PM ? 0 : info.segBase;
-      const auto* entered = reinterpret_cast<HdmModuleRecord_t*>(base + info.hdmInfoOffset);
-      EXPECT_STREQ("/served", entered->modulePath);
+      EXPECT_STREQ("/served",
+                   (reinterpret_cast<HdmModuleRecord_t*>(base + info.hdmInfoOffset))->modulePath);
     }
     return rc;
+  }
+  static uint64_t roomForDependents(SNodeCB_t* node) {
+    uint64_t live = 0, room = 0;
+    EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(node, &live, &room, 0));
+    return room;
   }
 
   Segment source_{kRoom}, target{kRoom};
@@ -109,11 +113,10 @@ TEST_F(Copy, NodeInEveryDirection) {
     if (seed % 5 == 0) trelSetConcurrencyModel(made.node, seed % 6);
     for (auto* counter : {&made.node->updateCounter, &made.node->spareCounter2})
       *PLATVAtomicSigned32::word(counter) = static_cast<int32_t>(random());
-    const Bytes picture = pictureOf(made.node);
-    uint64_t adds =
-        (spec.exports & TREL_EXPORT_BASE_R ? 1 : 0) + (spec.exports & TREL_EXPORT_BASE_V ? 1 : 0);
-    for (uint32_t bit : kLists)
-      if (spec.exports & bit) adds += walker::Section(made.node, bit).properties.size();
+    const Text picture = pictureOf(made.node);
+    int32_t adds = !!(spec.exports & TREL_EXPORT_BASE_R) + !!(spec.exports & TREL_EXPORT_BASE_V);
+    for (uint32_t bit : kKinds)
+      if (spec.exports & bit) adds += Section(made.node, bit).properties.size();
 
     ASSERT_EQ(0u, copyNode(made.node, TREL_COPY_SHM_TO_PM));
     SNodeCB_t* inMemory = copied;
@@ -121,11 +124,9 @@ TEST_F(Copy, NodeInEveryDirection) {
     ASSERT_EQ(0u, copyNode(inMemory, TREL_COPY_PM_TO_SHM));
     EXPECT_EQ(picture, pictureOf(copied, true));
     EXPECT_EQ(0u, trelDisclaimNode(&copied, target.pool(), TREL_STRUCTURE_VERSION));
-    ASSERT_EQ(0u, copyNode(made.node, TREL_COPY_SHM_TO_SHM));
+    ASSERT_EQ(0u, copyNode(made.node));
     EXPECT_EQ(picture, pictureOf(copied, true));
-    uint64_t changes = 0;
-    EXPECT_EQ(0u, trelGetNodeReconfigCounter(copied, &changes));
-    EXPECT_EQ(adds, changes);
+    EXPECT_EQ(adds, *PLATVAtomicSigned32::word(&copied->reconfigCounter));
     EXPECT_EQ(0, *PLATVAtomicSigned32::word(&copied->nodeLatchArea.writeFlag));
     const auto* up = reinterpret_cast<ParentSection_t*>(reinterpret_cast<uint8_t*>(copied) +
                                                         copied->exportTable[3].offset);
@@ -143,126 +144,95 @@ TEST_F(Copy, NodeInEveryDirection) {
 
 // A hashed list reports as its maximum what would fit without the stack, so each copy is larger,
 // until the kind's limit ends it.
-TEST_F(Copy, CopyOfACopyUntilTheLimit) {
-  Segment large(0x6000000), other(0x6000000);
-  NodeSpec spec;
-  spec.exports = TREL_EXPORT_R;
-  spec.lists[TREL_EXPORT_R] = {1000, 1};
+TEST_F(Copy, HashedListsGrowUntilTheLimit) {
+  Segment large(0x800000);
+  NodeSpec spec{kBare | TREL_EXPORT_R, 0, {{TREL_EXPORT_R, {1000, 1}}}};
   SNodeCB_t* node = makeNode(large, spec, 9, "", nullptr).node;
-  EXPECT_EQ(0u, createList(node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
-  for (uint64_t tag = 1; tag <= 3; ++tag) EXPECT_EQ(0u, trelAddRProperty(node, tag, 1, 0));
-  const uint64_t none = 0;
-  uint64_t idSizeOut, maxIdSizeOut, size;
-  uint32_t rc = 0;
-  int copiesMade = 0;
-  for (; rc == 0 && copiesMade < 1000; ++copiesMade) {
-    const walker::Section list(node, TREL_EXPORT_R);
-    EXPECT_EQ(3u, list.properties.size());
-    if (copiesMade < 2) {
-      EXPECT_EQ(copiesMade ? 1061u : 1009u, list.tables[0]);
-    }
-    Segment& to = copiesMade % 2 ? large : other;
-    SNodeCB_t* next = nullptr;
-    rc = trelCopyNode(large.info, to.info, node, &next, 0, 0, 0, 0, nullptr, &none, &none, &none,
-                      nullptr, &info, nullptr, &idSizeOut, &maxIdSizeOut, &size,
-                      TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_KEEP, TREL_COPY_DEPENDENTS_EMPTY);
-    EXPECT_EQ(0u, trelDisclaimNode(&node, (copiesMade % 2 ? other : large).pool(),
-                                   TREL_STRUCTURE_VERSION));
-    node = next;
-  }
-  EXPECT_EQ(TREL_RC_COUNT_R, rc);
-  EXPECT_GT(copiesMade, 20);
-}
-
-uint64_t maximumOfR(SNodeCB_t* node) {
-  uint64_t current = 0, maximum = 0;
-  EXPECT_EQ(0u, trelGetNumberOfRProperties(node, &current, &maximum, 0));
-  return maximum;
+  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_R}.create(spec.lists[TREL_EXPORT_R])));
+  EXPECT_EQ(1009u, Section(node, TREL_EXPORT_R).tables[0]);
+  EXPECT_EQ(0u, copyNode(node));
+  EXPECT_EQ(1061u, Section(copied, TREL_EXPORT_R).tables[0]);
+  spec.lists[TREL_EXPORT_R].maximum = TREL_MAX_PROPERTIES;
+  node = makeNode(large, spec, 9, "", nullptr).node;
+  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_R}.create(spec.lists[TREL_EXPORT_R])));
+  EXPECT_EQ(TREL_RC_COUNT_R, copyNode(node));
 }
 
 TEST_F(Copy, LimitsFromTheChangeList) {
-  NodeSpec spec;
-  spec.exports = TREL_EXPORT_ID | TREL_EXPORT_CHANGE_LIST | TREL_EXPORT_R | TREL_EXPORT_DEPENDENT;
-  spec.lists[TREL_EXPORT_R] = {20};
-  spec.dependents = 4;
+  NodeSpec spec{kBare | TREL_EXPORT_CHANGE_LIST | TREL_EXPORT_R, 4, {{TREL_EXPORT_R, {20}}}};
   SNodeCB_t* node = makeNode(source_, spec, 9, "n", nullptr).node;
-  EXPECT_EQ(0u, createList(node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
-  const auto copyWith = [&](uint32_t wish) {
-    const uint32_t words[58] = {wish};
-    EXPECT_EQ(0u, trelExportListOfChangedProperties(node, 0, words));
-    EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST));
-    return maximumOfR(copied);
+  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_R}.create(spec.lists[TREL_EXPORT_R])));
+  const auto maximumOfCopy = [&](uint32_t limits) {
+    uint64_t current = 0, maximum = 0;
+    EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, limits));
+    EXPECT_EQ(0u, trelGetNumberOfRProperties(copied, &current, &maximum, 0));
+    return maximum;
   };
-  EXPECT_EQ(0u, copyWith(0));  // no wish so far, and nothing to hold
+  const auto wish = [&](uint32_t wished) {
+    const uint32_t words[58] = {wished};
+    EXPECT_EQ(0u, trelExportListOfChangedProperties(node, 0, words));
+    return maximumOfCopy(TREL_COPY_LIMITS_CHANGE_LIST);
+  };
+  EXPECT_EQ(0u, wish(0));  // no wish so far, and nothing to hold
   for (uint64_t tag = 1; tag <= 10; ++tag) EXPECT_EQ(0u, trelAddRProperty(node, tag, 1, 0));
-  EXPECT_EQ(20u, copyWith(0));
-  EXPECT_EQ(20u, copyWith(5));
-  EXPECT_EQ(40u, copyWith(40));
-  EXPECT_EQ(10u, copyWith(10));
-  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM));
-  EXPECT_EQ(20u, maximumOfR(copied));
-  uint64_t live = 9, room = 9;
-  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(copied, &live, &room, 0));
-  EXPECT_EQ(4u, room);
+  for (auto [wished, maximum] :
+       std::vector<std::pair<uint32_t, uint32_t>>{{0, 20}, {5, 20}, {40, 40}, {10, 10}})
+    EXPECT_EQ(maximum, wish(wished));
+  EXPECT_EQ(20u, maximumOfCopy(TREL_COPY_LIMITS_KEEP));
+  EXPECT_EQ(4u, roomForDependents(copied));
 
   auto* changes = reinterpret_cast<ChangeListSection_t*>(reinterpret_cast<uint8_t*>(node) +
                                                          node->exportTable[11].offset);
-  changes->exports = (spec.exports & ~uint64_t{TREL_EXPORT_R}) | TREL_EXPORT_V;
-  EXPECT_EQ(TREL_RC_COPY_NO_SECTION,
-            copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST));
+  const auto copyWithout = [&](uint64_t added) {
+    changes->exports = (spec.exports & ~uint64_t{TREL_EXPORT_R}) | added;
+    return copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST);
+  };
+  EXPECT_EQ(TREL_RC_COPY_NO_SECTION, copyWithout(TREL_EXPORT_V));
   EXPECT_NE(nullptr, copied);
-  changes->exports = spec.exports & ~uint64_t{TREL_EXPORT_R};
-  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST));
+  EXPECT_EQ(0u, copyWithout(0));
   EXPECT_EQ(0u, copied->exports & TREL_EXPORT_R);
   EXPECT_EQ(TREL_RC_COPY_LIMITS, copyNode(node, TREL_COPY_SHM_TO_SHM, 3));
   EXPECT_EQ(TREL_RC_COPY_DIRECTION, copyNode(node, 4));
-  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(node, &live, &room, 0));  // is not left latched
+  EXPECT_EQ(4u, roomForDependents(node));  // is not left latched
 }
 
 // Sections that were never filled, parents with longer names, lists of another maximum, small
 // hashed lists of IR, values of Base V above those of V.
 TEST_F(Copy, NodesThatTheFormulasDoNotFit) {
   SNodeCB_t* node = nullptr;
-  std::array<uint64_t, 64> sizes{};
-  uint64_t size = 0, offset = 0;
+  uint64_t sizes[64] = {}, size = 0, offset = 0;
   for (int slot = 0; slot < 12; ++slot) sizes[slot] = 1200 + 8 * slot;
-  EXPECT_EQ(0u, trelCreateNode(source_.info, &node, 0x1ffe, sizes.data(), &size, &offset));
-  memset(reinterpret_cast<uint8_t*>(node) + 2908, 0xa5, size - 2908);  // as freed memory may be
+  EXPECT_EQ(0u, trelCreateNode(source_.info, &node, kAllExports, sizes, &size, &offset));
+  memset(node + 1, 0xa5, size - sizeof *node);  // as freed memory may be
   node->nodeOffset = offset;
-  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM));
+  EXPECT_EQ(0u, copyNode(node));
   for (int slot = 0; slot < 12; ++slot) {
     EXPECT_EQ(sizes[slot], +copied->exportTable[slot].size);
     EXPECT_EQ(0u, +copied->exportTable[slot].used);
   }
   EXPECT_EQ(TREL_CONDITION_CREATED, copied->condition);
 
-  NodeSpec spec;
-  spec.exports = TREL_EXPORT_PARENT | TREL_EXPORT_BASE_V | TREL_EXPORT_V | TREL_EXPORT_IR |
-                 TREL_EXPORT_DEPENDENT;
-  spec.lists[TREL_EXPORT_V] = {3, 0, 0, 10};
-  spec.lists[TREL_EXPORT_IR] = {1, 1};
-  spec.baseValueMax = 100;
-  spec.dependents = 5;
-  spec.more[8] = 16;
-  const Made top = makeNode(source_, NodeSpec{TREL_EXPORT_ID | TREL_EXPORT_DEPENDENT, {}, 8, 3}, 1,
-                            "a long name of a top", nullptr);
+  NodeSpec spec{kBare | TREL_EXPORT_BASE_V | TREL_EXPORT_V | TREL_EXPORT_IR,
+                5,
+                {{TREL_EXPORT_V, {3, 0, 0, 10}}, {TREL_EXPORT_IR, {1, 1}}},
+                100,
+                {{TREL_EXPORT_IR, 16}}};
+  const Made top = makeNode(source_, {kBare, 3}, 1, "a long name of a top", nullptr);
   node = makeNode(source_, spec, 9, "", &top).node;
-  for (uint32_t bit : {TREL_EXPORT_V, TREL_EXPORT_IR})
-    EXPECT_EQ(0u, createList(node, bit, spec.lists[bit]));
-  EXPECT_EQ(0u, trelAddIRProperty(node, 3, 0, bytesOf(""), 44, 0));
-  EXPECT_EQ(0u, trelCreateBaseVProperty(node, 3, bytesOf(Bytes(100, 'b')), 100, 100, 0));
+  for (const auto& [bit, list] : spec.lists) EXPECT_EQ(0u, (Api{node, bit}.create(list)));
+  EXPECT_EQ(0u, trelAddIRProperty(node, 3, 0, bytes(""), 44, 0));
+  EXPECT_EQ(0u, trelCreateBaseVProperty(node, 3, bytes(Text(100, 'b')), 100, 100, 0));
   EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_KEEP, 100));
-  uint64_t live = 0, room = 0, maxIdSize = 0;
-  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(copied, &live, &room, 0));
-  EXPECT_EQ(5u, room);
+  uint64_t maxIdSize = 0;
+  EXPECT_EQ(5u, roomForDependents(copied));
   EXPECT_EQ(0u, trelGetMaxIDSizeForDependentNode(copied, TREL_EXPORT_DEPENDENT, &maxIdSize));
   EXPECT_EQ(104u, maxIdSize);
-  const auto but = [](Bytes picture) { return picture.substr(0, picture.find("\n2048: ")); };
+  const auto but = [](const Text& picture) { return picture.substr(0, picture.find("\n2048: ")); };
   EXPECT_EQ(but(pictureOf(node)), but(pictureOf(copied, true)));
 
   // Not yet active, and with properties.
   node->condition = TREL_CONDITION_INITIALISED;
-  EXPECT_EQ(TREL_RC_INITIALISED, copyNode(node, TREL_COPY_SHM_TO_SHM));
+  EXPECT_EQ(TREL_RC_INITIALISED, copyNode(node));
 }
 
 // ---- Trees -----------------------------------------------------------------------------------
@@ -279,28 +249,10 @@ struct Source {
       places.push_back(segments.back().get());
     }
     top = makeTree(places, nodes, random).node;
-    segments[0]->publish(top);
+    first().publish(top);
   }
   Segment& first() { return *segments[0]; }
 };
-
-// Tells each node that has a change list to be larger in the next copy.
-void wishForMore(SNodeCB_t* node) {
-  const uint32_t words[58] = {40, 40, 40, 40, 40};
-  if (node->exports & TREL_EXPORT_CHANGE_LIST) {
-    EXPECT_EQ(0u, trelExportListOfChangedProperties(node, 0, words));
-  }
-  std::vector<SNodeInfo_t> records(16);
-  std::vector<uint8_t> ids(16 * kIdRoom);
-  uint64_t returned = 0, live = 0;
-  trelReturnDependentNodes(node, records.data(), ids.data(), &returned, &live, 16, kIdRoom, 0);
-  for (uint64_t i = 0; i < returned; ++i) {
-    SNodeCB_t* child = nullptr;
-    trelAttachToNode(&records[i], &child);
-    ASSERT_NE(nullptr, child);
-    wishForMore(child);
-  }
-}
 
 // A copy of it, to a key of its own.
 struct Result : TreeCopy {
@@ -317,32 +269,35 @@ TEST_F(Copy, TreesByEveryMethod) {
   for (unsigned seed = 1; seed <= 18; ++seed) {  // there are 64 keys
     SCOPED_TRACE("seed " + std::to_string(seed));
     Random random(seed);
-    const uint32_t method = kMethods[seed % 3];
-    const uint32_t limits = seed % 2 ? TREL_COPY_LIMITS_KEEP : TREL_COPY_LIMITS_CHANGE_LIST;
     Source source(1 + seed % 3, 1 + seed * 4, random);
-    const Key& oldKey = source.first().key;
-    const TreePicture before = pictureOfTree(source.top);
-    if (limits == TREL_COPY_LIMITS_CHANGE_LIST) wishForMore(source.top);
-    const TreePicture wished = pictureOfTree(source.top);
-    Result result(source, method);
-    result.limits = limits;
+    Result result(source, kMethods[seed % 3]);
+    if (seed % 2 == 0) {
+      result.limits = TREL_COPY_LIMITS_CHANGE_LIST;
+      const uint32_t words[58] = {40, 40, 40, 40, 40};
+      for (SNodeCB_t* node : TreePicture(source.top).nodes)
+        if (node->exports & TREL_EXPORT_CHANGE_LIST) {
+          EXPECT_EQ(0u, trelExportListOfChangedProperties(node, 0, words));
+        }
+    }
+    const TreePicture before(source.top);
     ASSERT_EQ(0u, result.run());
     EXPECT_EQ(nullptr, source.first().info);
-    const TreePicture after = pictureOfTree(result.newTop, true);
-    EXPECT_EQ(wished.text, after.text);
-    EXPECT_EQ(before.nodes, after.nodes);
+    const TreePicture after(result.newTop, true);
+    EXPECT_EQ(before.text, after.text);
     EXPECT_EQ(after.bytes, result.bytes);
-    EXPECT_EQ(after.nodes, TreeWalker({result.dst}).walk(result.newTop));
-    EXPECT_EQ(method == TREL_TREE_COPY_VIA_SEGMENT, oldKey.exists());
-    EXPECT_EQ(method != TREL_TREE_COPY_VIA_SEGMENT, result.ownKey.exists());
-    const Key& key = method == TREL_TREE_COPY_VIA_SEGMENT ? oldKey : result.ownKey;
+    EXPECT_EQ(before.nodes.size(), TreeWalker({result.dst}).walk(result.newTop));
+    const bool viaSegment = result.method == TREL_TREE_COPY_VIA_SEGMENT;
+    EXPECT_EQ(viaSegment, source.first().key.exists());
+    EXPECT_NE(viaSegment, result.ownKey.exists());
     const int reader = inOtherProcess([&] {
       ShmSegInfo_t* seg = nullptr;
       SNodeCB_t* node = nullptr;
       TopNodeInfo_t found;
       *pSegAttachList = nullptr;
-      ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found, key, 0, nullptr, nullptr));
-      EXPECT_EQ(wished.text, pictureOfTree(node, true).text);
+      ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found,
+                                       viaSegment ? source.first().key : result.ownKey, 0, nullptr,
+                                       nullptr));
+      EXPECT_EQ(before.text, TreePicture(node, true).text);
     });
     EXPECT_EQ(0, reader);
   }
@@ -354,7 +309,7 @@ TEST_F(Copy, WhatIsLeftOut) {
     Random random(method);
     Segment other(kRoom);
     Source source(1, 1, random);
-    NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT, {}, 8, 3};
+    const NodeSpec spec{kBare, 3};
     const Made top{source.top, &source.first()};
     Made first = makeNode(source.first(), spec, 11, "first", &top);
     Made second = makeNode(source.first(), spec, 12, "second", &top);
@@ -366,14 +321,14 @@ TEST_F(Copy, WhatIsLeftOut) {
     Result result(source, method);
     result.flags = 1u << TREL_CONDITION_ACTIVE | TREL_TREE_COPY_STAY_IN_SEGMENT;
     ASSERT_EQ(0u, result.run());
-    const Bytes text = pictureOfTree(result.newTop, true).text;
-    EXPECT_NE(Bytes::npos, text.find("-> 11 first"));
+    const Text text = TreePicture(result.newTop, true).text;
+    EXPECT_NE(Text::npos, text.find("-> 11 first"));
     for (const char* name : {"second", "third", "below", "last"})
-      EXPECT_EQ(Bytes::npos, text.find(name)) << name;
+      EXPECT_EQ(Text::npos, text.find(name)) << name;
     EXPECT_EQ(2u, TreeWalker({result.dst}).walk(result.newTop));
     EXPECT_EQ(TREL_CONDITION_ABANDONED, third.node->condition);
     // first lost its dependent by the walk's own judgement, and with it the list.
-    EXPECT_NE(Bytes::npos,
+    EXPECT_NE(Text::npos,
               text.find("exports " + std::to_string(TREL_EXPORT_ID | TREL_EXPORT_PARENT)));
   }
 }
@@ -381,28 +336,28 @@ TEST_F(Copy, WhatIsLeftOut) {
 TEST_F(Copy, DepthAndRefusedArguments) {
   Random random(5);
   Source source(2, 12, random);
-  const Bytes before = pictureOfTree(source.top).text;
+  const Text before = TreePicture(source.top).text;
   Segment taken;
-  const auto refused = [&](uint32_t method, uint32_t code, bool clearsDst, auto change) {
+  const auto refused = [&](uint32_t method, uint32_t code, auto change) {
     Result result(source, method);
     change(result);
     result.dst = target.info;
     EXPECT_EQ(code, result.run());
-    EXPECT_EQ(clearsDst ? nullptr : target.info, result.dst);
+    EXPECT_EQ(code == TREL_RC_TREE_NOT_COPIED ? nullptr : target.info, result.dst);
     result.dst = nullptr;
     EXPECT_FALSE(result.ownKey.exists());
-    EXPECT_EQ(before, pictureOfTree(source.top).text);
+    EXPECT_EQ(before, TreePicture(source.top).text);
   };
+  refused(4, TREL_RC_COPY_DIRECTION, [](Result&) {});
   const uint32_t no = TREL_RC_TREE_NOT_COPIED;
-  refused(4, TREL_RC_COPY_DIRECTION, false, [](Result&) {});
   for (uint32_t method : kMethods) {
-    refused(method, no, true, [](Result& r) { r.maxDepth = 32769; });
-    refused(method, no, true, [](Result& r) { r.flags = 1u << TREL_CONDITION_ABANDONED; });
-    refused(method, no, true, [](Result& r) { r.limits = 3; });
+    refused(method, no, [](Result& r) { r.maxDepth = 32769; });
+    refused(method, no, [](Result& r) { r.flags = 1u << TREL_CONDITION_ABANDONED; });
+    refused(method, no, [](Result& r) { r.limits = 3; });
     if (method == TREL_TREE_COPY_VIA_PM) continue;
-    refused(method, TREL_RC_SEGMENT_NULL, false, [](Result& r) { r.key = nullptr; });
-    refused(method, no, true, [&](Result& r) { r.key = taken.key; });
-    refused(method, no, true, [](Result& r) { r.size = 0x8000; });
+    refused(method, TREL_RC_SEGMENT_NULL, [](Result& r) { r.key = nullptr; });
+    refused(method, no, [&](Result& r) { r.key = taken.key; });
+    refused(method, no, [](Result& r) { r.size = 0x8000; });
   }
   Result result(source, TREL_TREE_COPY_VIA_PM);
   result.maxDepth = 1;
@@ -417,39 +372,36 @@ TEST_F(Copy, ASourceAtAnAddress) {
   ShmDomainParam_t param = {};
   param.accessMode = 3;
   for (uint32_t method : {TREL_TREE_COPY_VIA_PM, TREL_TREE_COPY_VIA_SEGMENT}) {
-    const bool viaMemory = method == TREL_TREE_COPY_VIA_PM;
     Segment there(kRoom, &param, reinterpret_cast<uintptr_t>(memory.get()));
     Random random(method);
     SNodeCB_t* top = makeTree({&there}, 15, random).node;
-    const Bytes before = pictureOfTree(top).text;
+    const Text before = TreePicture(top).text;
     Key key;
-    TreeCopy copy{top, &there.info, viaMemory ? nullptr : &key.id(), method};
+    TreeCopy copy{top, &there.info, method == TREL_TREE_COPY_VIA_PM ? nullptr : &key.id(), method};
     copy.size = kRoom;
     ASSERT_EQ(0u, copy.run());
     EXPECT_EQ(memory.get(), copy.dst->shmDomainHandle->base);
-    EXPECT_EQ(before, pictureOfTree(copy.newTop, true).text);
+    EXPECT_EQ(before, TreePicture(copy.newTop, true).text);
     EXPECT_FALSE(key.exists());
   }
 }
 
 // Neither depth nor a circle uses up the stack.
 TEST_F(Copy, DeepTreesAndCircles) {
-  const NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT, {}, 8, 2};
+  const NodeSpec spec{kBare, 2};
   constexpr uint32_t kDepth = 3000, kLarge = 0x2000000;
   Segment deep(kLarge);
   std::vector<Made> chain{makeNode(deep, spec, 1, "top", nullptr)};
   while (chain.size() < kDepth) chain.push_back(makeNode(deep, spec, 2, "n", &chain.back()));
-  SNodeInfo_t back = {};
-  EXPECT_EQ(0u, trelAddStatusNodeInfo(&back, deep.info, deep.info, chain[0].node->nodeOffset, 1, 3,
-                                      nullptr, nullptr));
-  EXPECT_EQ(0u, trelAddDependentNode(chain.back().node, &back, bytesOf("top"), 3, 0, 0));
+  SNodeInfo_t back = recordOf(deep, chain[0].node, deep);
+  EXPECT_EQ(0u, trelAddDependentNode(chain.back().node, &back, bytes("top"), 3, 0, 0));
   Key key;
   TreeCopy copy{chain[0].node, &deep.info, key};
   copy.size = kLarge;
   EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy.run());
   copy.method = TREL_TREE_COPY_VIA_PM;
   EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, copy.run());
-  EXPECT_EQ(0u, trelDeleteDependentNode(chain.back().node, &back, bytesOf("top"), 0));
+  EXPECT_EQ(0u, trelDeleteDependentNode(chain.back().node, &back, bytes("top"), 0));
   ASSERT_EQ(0u, copy.run());
   TreeInfo_t counted;
   EXPECT_EQ(0u, trelGetTreeInfo(copy.newTop, copy.dst, 0, 2, 0, &counted));
@@ -459,7 +411,7 @@ TEST_F(Copy, DeepTreesAndCircles) {
 
 // A pass attaches nothing: what it meets has been attached before it, whatever its condition.
 TEST_F(Copy, SegmentsThatAreNotAttached) {
-  const NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT, {}, 8, 2};
+  const NodeSpec spec{kBare, 2};
   Segment first, second, third, fourth;
   const Made top = makeNode(first, spec, 1, "top", nullptr);
   Made resting = makeNode(second, spec, 2, "resting", &top);
@@ -471,14 +423,9 @@ TEST_F(Copy, SegmentsThatAreNotAttached) {
   for (Segment* segment : {&second, &third, &fourth})
     EXPECT_EQ(0u, trelDetachStatusSegment(&segment->info, 1));
   const Key key;
-  SNodeCB_t* copy = nullptr;
-  ShmSegInfo_t* segment = nullptr;
-  uint64_t bytes = 0;
-  ASSERT_EQ(0u, trelCopyTreeIntoSingleShmSegment(
-                    top.node, &copy, &first.info, &segment, 0x100000, key, 0, 0, nullptr, nullptr,
-                    TREL_TREE_COPY_ALL, TREL_TREE_COPY_DIRECT, TREL_COPY_LIMITS_KEEP, 0, &bytes));
-  EXPECT_EQ(3u, TreeWalker({segment}).walk(copy));
-  EXPECT_EQ(0u, trelDeleteStatusSegment(&segment, 4, 2, 2));
+  TreeCopy copy{top.node, &first.info, key};
+  ASSERT_EQ(0u, copy.run());
+  EXPECT_EQ(3u, TreeWalker({copy.dst}).walk(copy.newTop));
 }
 
 // ---- Recreation ------------------------------------------------------------------------------
@@ -488,11 +435,8 @@ struct Family {
   std::vector<Made> children;
 
   Family(const Segment& segment, const Segment& elsewhere, uint64_t room) {
-    NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT | TREL_EXPORT_R |
-                      TREL_EXPORT_CHANGE_LIST,
-                  {{TREL_EXPORT_R, {4}}},
-                  8,
-                  room};
+    const NodeSpec spec{
+        kBare | TREL_EXPORT_R | TREL_EXPORT_CHANGE_LIST, room, {{TREL_EXPORT_R, {4}}}};
     const HdmModuleRecord_t served = module("/served");
     top = makeNode(segment, spec, 1, "top", nullptr);
     node = makeNode(segment, spec, 2, "", &top, &served);
@@ -500,17 +444,18 @@ struct Family {
     for (uint64_t i = 0; i < room; ++i)
       children.push_back(makeNode(i % 2 ? elsewhere : segment, spec, 10 + i,
                                   i ? "child" + std::to_string(i) : "", &node, &served));
-    EXPECT_EQ(0u, createList(node.node, TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+    EXPECT_EQ(0u, (Api{node.node, TREL_EXPORT_R}.create({4})));
     EXPECT_EQ(0u, trelAddRProperty(node.node, 4, 44, 0));
   }
+  // The node that a search finds below the top, and the codes of searches.
+  uint32_t search(const Made& child, SNodeCB_t** found) const {
+    const Text id = idOf(child.node);
+    SNodeInfo_t* record = nullptr;
+    const uint32_t rc =
+        trelFindNodeSoft(&record, top.node, child.node->tag, id.size(), bytes(id), 0);
+    return rc ? rc : trelAttachToNode(record, found);
+  }
 };
-
-// The node that a search finds below the top, and the codes of searches.
-uint32_t search(SNodeCB_t* top, uint64_t tag, const Bytes& id, SNodeCB_t** node) {
-  SNodeInfo_t* found = nullptr;
-  const uint32_t rc = trelFindNodeSoft(&found, top, tag, id.size(), bytesOf(id), 0);
-  return rc ? rc : trelAttachToNode(found, node);
-}
 
 TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
   for (const bool moves : {false, true}) {
@@ -526,9 +471,9 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
                                                    moves ? 1 : 50, &size));
     EXPECT_EQ(size, made->nodeSize);
     EXPECT_EQ(TREL_CONDITION_ACTIVE, made->condition);
-    EXPECT_EQ(0u, made->optionWord0 & 1);
+    EXPECT_EQ(0u, made->optionWord0 & TREL_OPTION_RECREATION);
     EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, old->condition);
-    EXPECT_EQ(1u, old->optionWord0 & 1);
+    EXPECT_EQ(TREL_OPTION_RECREATION, old->optionWord0 & TREL_OPTION_RECREATION);
     EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(made, &live, &room, 0));
     EXPECT_EQ(3u, live);
     EXPECT_EQ(moves ? 3u : 50u, room);
@@ -536,20 +481,10 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
     EXPECT_EQ(2u, live) << "the sibling of the same tag keeps its entry";
     for (const Made& child : family.children) {
       SNodeCB_t* found = nullptr;
-      const uint64_t tag = child.node->tag;
-      EXPECT_EQ(0u, search(family.top.node, tag,
-                           tag == 10 ? "" : "child" + std::to_string(tag - 10), &found));
+      EXPECT_EQ(0u, family.search(child, &found));
       EXPECT_EQ(child.node, found);
-      auto* up = reinterpret_cast<SNodeInfo_t*>(reinterpret_cast<uint8_t*>(child.node) +
-                                                child.node->exportTable[3].offset + 8);
-      const SNodeInfo_t named = [&] {  // what the header asks of the caller
-        SNodeInfo_t record = {};
-        EXPECT_EQ(0u, trelAddStatusNodeInfo(&record, child.segment->info, to.info, made->nodeOffset,
-                                            made->tag, 0, nullptr, nullptr));
-        return record;
-      }();
-      up->nodeOffset = named.nodeOffset, up->segInfoOffset = named.segInfoOffset;
-      up->hdmInfoOffset = named.hdmInfoOffset;
+      SNodeInfo_t up = recordOf(*child.segment, made, to);  // what the header asks of the caller
+      EXPECT_EQ(0u, trelAddParentNode(child.node, &up, 0, nullptr));
     }
     EXPECT_EQ(6u, TreeWalker({source_.info, target.info, third.info}).walk(family.top.node));
   }
@@ -558,20 +493,15 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
 TEST_F(Copy, SearchesDuringRecreation) {
   Family family(source_, target, 2);
   std::atomic<bool> done{false};
-  std::atomic<uint64_t> answers{0}, retries{0};
+  std::atomic<uint64_t> answers{0};
   std::vector<std::thread> readers;
   for (int i = 0; i < 2; ++i)
     readers.emplace_back([&] {
       while (!done) {
         SNodeCB_t* found = nullptr;
-        const uint32_t rc = search(family.top.node, 11, "child1", &found);
-        if (rc == 0) {
-          EXPECT_EQ(family.children[1].node, found);
-          ++answers;
-        } else {
-          EXPECT_EQ(TREL_RC_BEING_RECREATED, rc);
-          ++retries;
-        }
+        const uint32_t rc = family.search(family.children[1], &found);
+        EXPECT_TRUE(rc == TREL_RC_BEING_RECREATED || found == family.children[1].node) << rc;
+        answers += rc == 0;
       }
     });
   SNodeCB_t* node = family.node.node;
@@ -593,10 +523,7 @@ TEST_F(Copy, SearchesDuringRecreation) {
 // Two processes copy trees that reach into each other's segments, while a third writes, attaches
 // and detaches. Nobody may wait for ever, and a copied node is one state of its source.
 TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
-  NodeSpec spec{TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT | TREL_EXPORT_R,
-                {{TREL_EXPORT_R, {30, 1}}},
-                8,
-                30};
+  const NodeSpec spec{kBare | TREL_EXPORT_R, 30, {{TREL_EXPORT_R, {30, 1}}}};
   auto* copiesMade = static_cast<std::atomic<int>*>(
       mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   for (int round = 0; round < 12; ++round) {
@@ -604,61 +531,49 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
     Key newA, newB;
     const Segment* sides[] = {&a, &b};
     std::vector<SNodeCB_t*> nodes;
-    Made tops[2];
     for (int side = 0; side < 2; ++side) {
-      tops[side] = makeNode(*sides[side], spec, 1, "top", nullptr);
+      const Made top = makeNode(*sides[side], spec, 1, "top", nullptr);
+      EXPECT_EQ(0u, (Api{top.node, TREL_EXPORT_R}.create({30, 1})));
       for (uint64_t i = 0; i < 20; ++i) {
-        nodes.push_back(makeNode(*sides[(side + i) % 2], spec, 10 + i, "n", &tops[side]).node);
-        EXPECT_EQ(0u, createList(nodes.back(), TREL_EXPORT_R, spec.lists[TREL_EXPORT_R]));
+        nodes.push_back(makeNode(*sides[(side + i) % 2], spec, 10 + i, "n", &top).node);
+        EXPECT_EQ(0u, (Api{nodes.back(), TREL_EXPORT_R}.create({30, 1})));
         for (uint64_t tag : {1, 2}) EXPECT_EQ(0u, trelAddRProperty(nodes.back(), tag, 0, 0));
       }
-      sides[side]->publish(tops[side].node);
+      sides[side]->publish(top.node);
     }
-    const auto run = [](auto work) {
-      const pid_t child = fork();
-      if (child == 0) {
-        *pSegAttachList = nullptr;
-        beginAnew();
-        alarm(60);
-        work();
-        _exit(testing::Test::HasFailure());
-      }
-      return child;
-    };
-    const auto copier = [&](const Key& from, const Key& to, uint32_t method) {
+    const auto connect = [](const Key& key, auto work) {
       ShmSegInfo_t* seg = nullptr;
       SNodeCB_t* top = nullptr;
       TopNodeInfo_t found;
-      if (trelConnectToATree(&seg, &top, &found, from, 0, nullptr, nullptr)) return;
-      TreeCopy copy{top, &seg, to, method};
-      if (copy.run()) return;  // the other was faster, and has deleted what this one needs
-      ++*copiesMade;
-      std::vector<SNodeInfo_t> records(30);
-      std::vector<uint8_t> ids(30 * kIdRoom);
-      uint64_t returned = 0, live = 0;
-      EXPECT_EQ(0u, trelReturnDependentNodes(copy.newTop, records.data(), ids.data(), &returned,
-                                             &live, 30, kIdRoom, 0));
-      for (uint64_t i = 0; i < returned; ++i) {
-        SNodeCB_t* node = nullptr;
-        int32_t one = 0, two = 1;
-        ASSERT_EQ(0u, trelAttachToNode(&records[i], &node));
-        EXPECT_EQ(0u, trelGetValueForRProperty(node, 1, &one, 0));
-        EXPECT_EQ(0u, trelGetValueForRProperty(node, 2, &two, 0));
-        EXPECT_EQ(one, two);
-      }
+      if (trelConnectToATree(&seg, &top, &found, key, 0, nullptr, nullptr) == 0) work(seg, top);
     };
-    const pid_t children[] = {
-        run([&] { copier(a.key, newA, kMethods[round % 3]); }),
-        run([&] { copier(b.key, newB, kMethods[round / 3 % 3]); }), run([&] {
-          for (int i = 0; i < 300; ++i) {
-            ShmSegInfo_t* seg = nullptr;
-            SNodeCB_t* top = nullptr;
-            TopNodeInfo_t found;
-            if (trelConnectToATree(&seg, &top, &found, i % 2 ? a.key : b.key, 0, nullptr, nullptr))
-              continue;
-            trelDetachStatusSegment(&seg, 2);
-          }
-        })};
+    const auto begin = [] {
+      *pSegAttachList = nullptr;
+      alarm(60);
+    };
+    const auto copier = [&](const Key& from, const Key& to, uint32_t method) {
+      begin();
+      connect(from, [&](ShmSegInfo_t* seg, SNodeCB_t* top) {
+        TreeCopy copy{top, &seg, to, method};
+        if (copy.run()) return;  // the other was faster, and has deleted what this one needs
+        ++*copiesMade;
+        for (SNodeCB_t* node : TreePicture(copy.newTop).nodes) {
+          int32_t one = 0, two = 0;
+          const uint32_t rc = trelGetValueForRProperty(node, 1, &one, 0);
+          EXPECT_EQ(node == copy.newTop ? uint32_t{TREL_RC_KEY_ABSENT_R} : 0u, rc);
+          EXPECT_EQ(rc, trelGetValueForRProperty(node, 2, &two, 0));
+          EXPECT_EQ(one, two);
+        }
+      });
+    };
+    Child children[] = {Child([&] { copier(a.key, newA, kMethods[round % 3]); }),
+                        Child([&] { copier(b.key, newB, kMethods[round / 3 % 3]); }), Child([&] {
+                          begin();
+                          for (int i = 0; i < 300; ++i)
+                            connect(i % 2 ? a.key : b.key, [](ShmSegInfo_t* seg, SNodeCB_t*) {
+                              trelDetachStatusSegment(&seg, 2);
+                            });
+                        })};
     // This process still maps the old segments, whatever becomes of them.
     for (int32_t value = 1; value < 400; ++value) {
       SNodeCB_t* node = nodes[value % nodes.size()];
@@ -668,11 +583,7 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
       }
       EXPECT_EQ(0u, trelExitCriticalSectionAfterWrite(node, &node->nodeLatchArea));
     }
-    for (pid_t child : children) {
-      int status = 0;
-      EXPECT_EQ(child, waitpid(child, &status, 0));
-      EXPECT_EQ(0, status);
-    }
+    for (Child& child : children) EXPECT_EQ(0, child.wait());
     for (const Segment* side : sides)
       trelDetachStatusSegment(const_cast<ShmSegInfo_t**>(&side->info), 2);
   }

@@ -131,7 +131,7 @@ TEST_F(Dependents, KeepTheirOrderAndReuseVacantPlaces) {
   EXPECT_EQ(0u, add(6, "x"));  // a name with identifier differs from one without
   EXPECT_EQ(TREL_RC_TAG_RANGE, add(0, "x"));
   EXPECT_EQ(TREL_RC_TAG_RANGE, add(0x100001, "x"));
-  EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, add(6, std::string(17, 'x')));
+  EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, add(6, std::string(kIdRoom + 1, 'x')));
   uint64_t live = 0, capacity = 0;
   EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(parent, &live, &capacity, 0));
   EXPECT_EQ(2u, live);

@@ -1,15 +1,12 @@
 // Nodes that can stand in a tree, and the records that make them one.
 #pragma once
 
-#include <string>
-
+#include "section_walker.h"
 #include "segment_fixture.h"
 
-inline const uint8_t* bytes(const std::string& s) {
-  return reinterpret_cast<const uint8_t*>(s.data());
-}
+using walker::bytes;
 
-constexpr uint64_t kIdRoom = 16;
+constexpr uint64_t kIdRoom = 24;  // for the names of nodes, in all of a tree
 
 // A node with identifier, parent, list of dependents and wishes; initialised or active.
 inline SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& id, uint64_t places,
@@ -44,20 +41,21 @@ inline std::string idOf(SNodeCB_t* node) {
 }
 
 // A record of a node, to be stored in another node of `where`.
-inline SNodeInfo_t recordOf(const Segment& where, SNodeCB_t* node, const Segment& of) {
+inline SNodeInfo_t recordOf(const Segment& where, SNodeCB_t* node, const Segment& of,
+                            const HdmModuleRecord_t* served = nullptr) {
   SNodeInfo_t record;
   EXPECT_EQ(0u, trelAddStatusNodeInfo(&record, where.info, of.info, node->nodeOffset, node->tag,
-                                      idOf(node).size(), nullptr, nullptr));
+                                      idOf(node).size(), nullptr, served));
   return record;
 }
 
 // Makes the child a dependent of the parent, and tells the child.
-inline uint32_t adopt(const Segment& home, SNodeCB_t* parent, const Segment& of, SNodeCB_t* child) {
-  SNodeInfo_t down = recordOf(home, child, of);
+inline uint32_t adopt(const Segment& home, SNodeCB_t* parent, const Segment& of, SNodeCB_t* child,
+                      const HdmModuleRecord_t* served = nullptr) {
+  SNodeInfo_t down = recordOf(home, child, of, served), up = recordOf(of, parent, home, served);
   const std::string id = idOf(child), parentId = idOf(parent);
   if (const uint32_t rc = trelAddDependentNode(parent, &down, bytes(id), id.size(), 0, 0))
     return rc;
-  SNodeInfo_t up = recordOf(of, parent, home);
   const uint32_t condition = child->condition;
   child->condition = TREL_CONDITION_ACTIVE;
   EXPECT_EQ(0u, trelAddParentNode(child, &up, parentId.size(), bytes(parentId)));
