@@ -55,7 +55,8 @@ struct Search {
     return 0;
   }
 
-  uint32_t visit(const DependentWalk& walk, SNodeInfo_t* entry, SNodeCB_t** below, bool* isOver) {
+  uint32_t visit(uint64_t, const DependentWalk& walk, SNodeInfo_t* entry, SNodeCB_t** below,
+                 bool* isOver) {
     SNodeCB_t* child = nullptr;
     if (const uint32_t rc = reachSearched(entry, &child))
       return rc == TREL_RC_ENTRY_DIFFERS ? 0 : rc;
@@ -92,9 +93,10 @@ uint32_t searchByName(SNodeInfo_t** found, SNodeCB_t* node, uint64_t* foundCount
                              [&](SNodeInfo_t* candidate, uint32_t maxIdSize, bool* isHit) {
                                return hasName(candidate, maxIdSize, name, isHit);
                              });
-  if (count.total) *found = entry;
+  if (rc || count.total == 0) return rc;
+  *found = entry;
   *foundCount += count.total;
-  return rc;
+  return 0;
 }
 
 uint32_t searchByTag(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, uint64_t length,
@@ -133,54 +135,47 @@ uint32_t checkPathName(const TraverseInfo_t& name) {
   return name.traverseIdSize && !name.traverseId ? uint32_t{TREL_RC_ID_NULL} : 0;
 }
 
-// Where one name of a path leads to. An empty list leads nowhere: the path stays at its node.
-struct Step {
-  SNodeInfo_t* entry;
-  SNodeCB_t* node;
-  uint64_t hasList;
-};
+// Follows one name at each level, and comes back from none. An empty list leads nowhere: the path
+// stays at its node.
+struct PathSearch {
+  struct Gathered {};
 
-uint32_t followName(SNodeCB_t* node, const TraverseInfo_t& name, Step* step) {
-  DependentList list;
-  if (const uint32_t rc = locateDependents(node, &list)) return rc;
-  if (const uint32_t rc = checkPathName(name)) return rc;
-  *step = {nullptr, node, 1};
-  if (list.live == 0) return 0;
-  const SoughtName sought = {name.traverseTag, name.traverseId, name.traverseIdSize};
-  DependentWalk walk(list);
-  uint32_t rc = 0;
-  do {
-    ExportSlot_t* slot = nullptr;
-    rc = walk.next(&step->entry);
-    if (rc == 0 && !step->entry) rc = TREL_RC_NOT_FOUND;
-    if (rc == 0)
-      rc = testEntry(step->entry, list.maxIdSize, sought, &step->node, &slot, &step->hasList);
-  } while (rc == TREL_RC_ENTRY_DIFFERS);
-  return rc;
-}
+  const TraverseInfo_t* path;
+  uint64_t length;
+  SNodeInfo_t* found;
+  Gathered gathered;
 
-uint32_t followPath(SNodeInfo_t** found, SNodeCB_t* node, uint64_t length,
-                    const TraverseInfo_t* path) {
-  for (uint64_t i = 0; i < length; ++i) {
-    Step step;
-    for (uint32_t rereadings = 0;;) {
-      const int32_t stamp = stampOf(node);
-      const uint32_t rc = followName(node, path[i], &step);
-      if (!mayHaveChanged(node, stamp)) {
-        if (rc) return rc;
-        break;
-      }
-      if (const uint32_t late = awaitWriter(node, &rereadings)) return late;
-    }
-    if (step.entry && i + 1 == length) {
-      *found = step.entry;
-      return 0;
-    }
-    if (!step.hasList) return TREL_RC_NOT_FOUND;
-    node = step.node;
+  uint32_t open(SNodeCB_t* node, uint64_t depth, DependentWalk* walk) {
+    if (depth && !(node->exports & TREL_EXPORT_DEPENDENT)) return TREL_RC_NOT_FOUND;
+    DependentList list;
+    if (const uint32_t rc = locateDependents(node, &list)) return rc;
+    do {
+      if (const uint32_t rc = checkPathName(path[depth])) return rc;
+    } while (list.live == 0 && ++depth < length);
+    *walk = DependentWalk(list);
+    return 0;
   }
-  return TREL_RC_NOT_FOUND;
-}
+
+  uint32_t visit(uint64_t depth, const DependentWalk& walk, SNodeInfo_t* entry, SNodeCB_t** below,
+                 bool* isOver) {
+    const SoughtName name = {path[depth].traverseTag, path[depth].traverseId,
+                             path[depth].traverseIdSize};
+    SNodeCB_t* child = nullptr;
+    ExportSlot_t* slot = nullptr;
+    uint64_t hasList = 0;
+    if (const uint32_t rc = testEntry(entry, walk.maxIdSize(), name, &child, &slot, &hasList))
+      return rc == TREL_RC_ENTRY_DIFFERS ? 0 : rc;
+    *isOver = depth + 1 == length;
+    if (*isOver) {
+      found = entry;
+    } else {
+      *below = child;
+    }
+    return 0;
+  }
+
+  uint32_t leave(SNodeCB_t*) { return TREL_RC_NOT_FOUND; }
+};
 
 }  // namespace
 }  // namespace trel
@@ -228,10 +223,11 @@ uint32_t trelFindNodeHard(SNodeInfo_t** found, SNodeCB_t* node, uint64_t pathLen
     if (pathLength > depthLimit) return flow.fail(TREL_RC_PATH_LENGTH);
     ExportSlot_t* slot = nullptr;
     if (const uint32_t rc = sectionOf(node, TREL_EXPORT_DEPENDENT, &slot)) return flow.fail(rc);
-    SNodeInfo_t* entry = nullptr;
-    const uint32_t rc = followPath(&entry, node, pathLength, path);
-    if (rc == 0) *found = entry;
-    return rc;
+    if (pathLength == 0) return flow.fail(TREL_RC_NOT_FOUND);
+    PathSearch search = {path, pathLength, nullptr, {}};
+    if (const uint32_t rc = StableWalk<PathSearch>(&search).run(node)) return rc;
+    *found = search.found;
+    return 0;
   });
 }
 

@@ -1,7 +1,8 @@
 // Walks over whole trees, children before their parent: status operations and sums.
 //
 // A sum is of lists that stood still while they were read. A status operation changes what it walks
-// over, so it goes on from where it stands, whatever others do.
+// over, so it goes on from where it stands, whatever others do; a list that has changed meanwhile
+// may end early.
 #include "treli/tree_walk.h"
 
 #include "trel/node.h"
@@ -19,11 +20,11 @@ struct WalkLevel {
   DependentWalk walk;
   uint64_t depth;
   uint32_t options;
+  int32_t stamp;
 };
 
 // Begins at the children of a node, if they lie within the limit.
 uint32_t openDependents(SNodeCB_t* node, uint64_t depth, uint64_t limit, DependentWalk* walk) {
-  if (!node) return TREL_RC_NODE_NULL;
   if (!(node->exports & TREL_EXPORT_DEPENDENT) || (limit && depth >= limit)) return 0;
   DependentList list;
   if (const uint32_t rc = locateDependents(node, &list)) return rc;
@@ -57,12 +58,13 @@ class StatusWalk {
 
   uint32_t run(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment, uint64_t depth,
                uint32_t options) {
-    WalkLevel top = {*node, segment, walkSegment, {}, depth, options};
+    WalkLevel top = {*node, segment, walkSegment, {}, depth, options, 0};
     uint32_t rc = enter(&top);
     while (rc == 0 && !levels_.empty()) {
       WalkLevel& level = levels_.top();
       SNodeInfo_t* entry = nullptr;
       rc = level.walk.next(&entry);
+      if (rc && mayHaveChanged(level.node, level.stamp)) rc = 0;
       if (rc == 0 && entry) {
         WalkLevel below = {};
         rc = treat(level, entry, &below);
@@ -79,6 +81,7 @@ class StatusWalk {
 
  private:
   uint32_t enter(WalkLevel* level) {
+    level->stamp = stampOf(level->node);
     if (const uint32_t rc = openDependents(level->node, level->depth, limit_, &level->walk))
       return rc;
     return level->walk.isDone() ? apply(level) : levels_.push(*level);
@@ -106,7 +109,7 @@ class StatusWalk {
       leaveReached(&child);
       return 0;
     }
-    *below = {child.node, child.segInfo, level.walkSegment, {}, level.depth + 1, level.options};
+    *below = {child.node, child.segInfo, level.walkSegment, {}, level.depth + 1, level.options, 0};
     return 0;
   }
 
@@ -118,7 +121,7 @@ class StatusWalk {
     if (const uint32_t rc = reading(level.node, 0, accept::any, [] { return 0u; })) return rc;
     if (const uint32_t rc = unlinkChild(level.node, entry, child.node)) return rc;
     if (const uint32_t rc = reading(child.node, 0, accept::any, [] { return 0u; })) return rc;
-    *below = {child.node, child.segInfo, child.segInfo, {}, 1, options};
+    *below = {child.node, child.segInfo, child.segInfo, {}, 1, options, 0};
     return 0;
   }
 
@@ -235,7 +238,8 @@ struct TreeSum {
   uint32_t open(SNodeCB_t* node, uint64_t levels, DependentWalk* walk) {
     return openDependents(node, depth + levels, limit, walk);
   }
-  uint32_t visit(const DependentWalk& walk, const SNodeInfo_t* entry, SNodeCB_t** below, bool*) {
+  uint32_t visit(uint64_t, const DependentWalk& walk, const SNodeInfo_t* entry, SNodeCB_t** below,
+                 bool*) {
     Reached child;
     bool inside = false;
     uint32_t refusal = 0;

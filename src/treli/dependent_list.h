@@ -128,7 +128,8 @@ TREL_INLINE uint32_t hasName(const SNodeInfo_t* entry, uint32_t maxIdSize, const
 }
 
 // For those who read a list without the node's latch: whether it may have changed since stampOf().
-// A writer is inside from before its first store until after it has counted the change.
+// A writer is inside from before its first store until after it has counted the change; one that is
+// inside now is waited for.
 inline int32_t stampOf(SNodeCB_t* node) {
   return __atomic_load_n(PLATVAtomicSigned32::word(&node->reconfigCounter), __ATOMIC_ACQUIRE);
 }

@@ -13,17 +13,11 @@ namespace trel {
 // How often one list is read again before the walk gives up.
 constexpr uint32_t kRereadings = 32;
 
-// Before a list is read again: waits until its writer is gone, or found dead and cleared up after.
-inline uint32_t awaitWriter(SNodeCB_t* node, uint32_t* rereadings) {
-  if (++*rereadings > kRereadings) return TREL_RC_BEING_RECREATED;
-  reading(node, 0, accept::any, [] { return 0u; });
-  return 0;
-}
-
 // A Task has
 //   Gathered gathered;
 //   uint32_t open(SNodeCB_t*, uint64_t depth, DependentWalk*);  the node's list; none: leave it
-//   uint32_t visit(const DependentWalk&, SNodeInfo_t*, SNodeCB_t** below, bool* isOver);
+//   uint32_t visit(uint64_t depth, const DependentWalk&, SNodeInfo_t*, SNodeCB_t** below,
+//                  bool* isOver);
 //   uint32_t leave(SNodeCB_t*);  all below the node is done
 // The top node has depth 0.
 template <class Task>
@@ -32,19 +26,21 @@ class StableWalk {
   explicit StableWalk(Task* task) : task_(task) {}
 
   uint32_t run(SNodeCB_t* top) {
-    if (const uint32_t rc = enter(top)) return rc;
+    if (const uint32_t rc = enter(top, nullptr, 0)) return rc;
     while (!levels_.empty()) {
       Level* level = &levels_.top();
       SNodeInfo_t* entry = nullptr;
-      bool isOver = false;
+      bool isOver = false, isStale = false;
       uint32_t rc = level->walk.next(&entry);
       if (rc == 0 && entry) {
         SNodeCB_t* below = nullptr;
-        rc = task_->visit(level->walk, entry, &below, &isOver);
-        if (rc == 0 && below) rc = enter(below);
+        const uint64_t nodeOffset = entry->nodeOffset;
+        rc = task_->visit(levels_.count() - 1, level->walk, entry, &below, &isOver);
+        if (rc == 0 && below) rc = enter(below, entry, nodeOffset);
         if (rc == 0 && !isOver) continue;
       }
-      if (rc == 0 && !mayHaveChanged(level->node, level->stamp)) {
+      if (rc == 0) isStale = hasChanged(*level) || (isOver && isCutOff());
+      if (rc == 0 && !isStale) {
         if (isOver) return 0;
         rc = task_->leave(level->node);
         if (rc == 0) {
@@ -52,12 +48,7 @@ class StableWalk {
           continue;
         }
       }
-      if (rc) {  // counts unless a list on the way here has changed
-        while (!levels_.empty() && !mayHaveChanged(levels_.top().node, levels_.top().stamp))
-          levels_.pop();
-        if (levels_.empty()) return rc;
-      }
-      if ((rc = readAgain(&levels_.top()))) return rc;
+      if ((rc = goBack(rc, isStale))) return rc;
     }
     return 0;
   }
@@ -65,34 +56,61 @@ class StableWalk {
  private:
   struct Level {
     SNodeCB_t* node;
-    uint32_t depth;
+    const SNodeInfo_t* entry;  // that led to the node
+    uint64_t nodeOffset;       // in that entry, before it was followed
     uint32_t rereadings;
     int32_t stamp;
     DependentWalk walk;
     typename Task::Gathered before;
   };
 
-  uint32_t enter(SNodeCB_t* node) {
+  static bool hasChanged(const Level& level) { return mayHaveChanged(level.node, level.stamp); }
+
+  uint32_t enter(SNodeCB_t* node, const SNodeInfo_t* entry, uint64_t nodeOffset) {
     Level level;
     level.node = node;
-    level.depth = levels_.count();
-    if (const uint32_t rc = read(&level)) return rc;
-    if (level.walk.isDone() && !mayHaveChanged(node, level.stamp)) return task_->leave(node);
+    level.entry = entry;
+    level.nodeOffset = nodeOffset;
+    const uint32_t rc = read(&level, levels_.count());
+    if ((rc || level.walk.isDone()) && !hasChanged(level)) return rc ? rc : task_->leave(node);
     level.rereadings = 0;
     level.before = task_->gathered;
     return levels_.push(level);
   }
 
-  uint32_t read(Level* level) {
+  uint32_t read(Level* level, uint64_t depth) {
     level->stamp = stampOf(level->node);
     level->walk = DependentWalk();
-    return task_->open(level->node, level->depth, &level->walk);
+    return task_->open(level->node, depth, &level->walk);
   }
 
-  uint32_t readAgain(Level* level) {
-    if (const uint32_t rc = awaitWriter(level->node, &level->rereadings)) return rc;
-    task_->gathered = level->before;
-    return read(level);
+  // A node that was taken off its list on the way here may have been freed, and be another node by
+  // now: what is found there counts only while the entries stand that led to it. Else the walk is
+  // left at the list that has changed.
+  bool isCutOff() {
+    for (uint32_t i = 1; i < levels_.count(); ++i) {
+      if (levels_[i].entry->nodeTag && levels_[i].entry->nodeOffset == levels_[i].nodeOffset)
+        continue;
+      while (levels_.count() > i) levels_.pop();
+      return true;
+    }
+    return false;
+  }
+
+  // Reads the last list again, if it is stale, or goes up to the first that is. A failure counts
+  // only if there is none.
+  uint32_t goBack(uint32_t rc, bool isStale) {
+    for (; !levels_.empty(); isStale = false) {
+      Level* level = &levels_.top();
+      if (!isStale && !hasChanged(*level)) {
+        levels_.pop();
+        continue;
+      }
+      if (++level->rereadings > kRereadings) return TREL_RC_BEING_RECREATED;
+      task_->gathered = level->before;
+      if ((rc = read(level, levels_.count() - 1)) == 0) return 0;
+    }
+    return rc;
   }
 
   Task* task_;
