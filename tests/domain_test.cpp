@@ -125,23 +125,20 @@ TEST_F(Domain, RefusesInOrder) {
     p.accessMode = mode;
     EXPECT_EQ(code, createAt(0)) << mode;
   }
-  const struct {
-    uint64_t* field;
-    uint64_t value;
-    uint32_t code, connectCode;
-  } rows[] = {{&p.granularity, 12, TREL_RC_DOMAIN_GRANULARITY_ALIGN, TREL_RC_BASE_NULL},
-              {&p.granularity, 4, TREL_RC_DOMAIN_GRANULARITY, TREL_RC_BASE_NULL},
-              {&p.granularity, 0x10008, TREL_RC_DOMAIN_GRANULARITY, TREL_RC_BASE_NULL},
-              {&p.heapVersion, 1, TREL_RC_HEAP_VERSION, TREL_RC_HEAP_VERSION},
-              {&p.latchVersion, 1, TREL_RC_LATCH_VERSION, TREL_RC_HEAP_VERSION},
-              {&p.handleVersion, 0x1000000000000 | TREL_STRUCTURE_VERSION, TREL_RC_HANDLE_VERSION,
-               TREL_RC_HANDLE_VERSION},
-              {&p.userAreaSize, 0x10001, TREL_RC_USER_AREA_SIZE, TREL_RC_HANDLE_VERSION},
-              {&p.heapOffset, 4, TREL_RC_HEAP_OFFSET_ALIGN, TREL_RC_HEAP_OFFSET_ALIGN}};
-  for (const auto& row : rows) {
-    *row.field = row.value;
-    EXPECT_EQ(row.code, createAt(0)) << &row - rows;
-    EXPECT_EQ(row.connectCode, connectAt(0)) << &row - rows;
+  for (const auto& [field, value, createCode, connectCode] :
+       Rows<uint64_t*, uint64_t, uint32_t, uint32_t>{
+           {&p.granularity, 12, TREL_RC_DOMAIN_GRANULARITY_ALIGN, TREL_RC_BASE_NULL},
+           {&p.granularity, 4, TREL_RC_DOMAIN_GRANULARITY, TREL_RC_BASE_NULL},
+           {&p.granularity, 0x10008, TREL_RC_DOMAIN_GRANULARITY, TREL_RC_BASE_NULL},
+           {&p.heapVersion, 1, TREL_RC_HEAP_VERSION, TREL_RC_HEAP_VERSION},
+           {&p.latchVersion, 1, TREL_RC_LATCH_VERSION, TREL_RC_HEAP_VERSION},
+           {&p.handleVersion, 1ull << 48 | TREL_STRUCTURE_VERSION, TREL_RC_HANDLE_VERSION,
+            TREL_RC_HANDLE_VERSION},
+           {&p.userAreaSize, 0x10001, TREL_RC_USER_AREA_SIZE, TREL_RC_HANDLE_VERSION},
+           {&p.heapOffset, 4, TREL_RC_HEAP_OFFSET_ALIGN, TREL_RC_HEAP_OFFSET_ALIGN}}) {
+    *field = value;
+    EXPECT_EQ(createCode, createAt(0)) << value;
+    EXPECT_EQ(connectCode, connectAt(0)) << value;
   }
   p = {};
   p.heapOffset = 8;  // a segment has no room below a heap
@@ -167,20 +164,17 @@ TEST_F(Domain, RefusesInOrder) {
 
 TEST_F(Domain, HeaderOfASegmentIsNotTrusted) {
   ASSERT_EQ(0u, create(0x10000));
-  const struct {
-    uint64_t wanted, size, offset;
-    uint32_t code;
-  } rows[] = {{0xfff8, 0x10000, 0, TREL_RC_DOMAIN_STATE},  // at the very end of the segment
-              {0x10000000, 0x10000, 0, TREL_RC_DOMAIN_STATE},
-              {0, 0x10008, 0, TREL_RC_DOMAIN_STATE},
-              {0, ~uint64_t{7}, 0, TREL_RC_DOMAIN_STATE},
-              {0, 0x10000, 8, TREL_RC_DOMAIN_OFFSET},
-              {0, 0x10000, 0, 0}};
-  for (const auto& row : rows) {
-    header()->heapSize = row.size;
-    header()->heapOffset = row.offset;
+  for (const auto& [wanted, size, offset, code] : Rows<uint64_t, uint64_t, uint64_t, uint32_t>{
+           {0xfff8, 0x10000, 0, TREL_RC_DOMAIN_STATE},  // at the very end of the segment
+           {0x10000000, 0x10000, 0, TREL_RC_DOMAIN_STATE},
+           {0, 0x10008, 0, TREL_RC_DOMAIN_STATE},
+           {0, ~uint64_t{7}, 0, TREL_RC_DOMAIN_STATE},
+           {0, 0x10000, 8, TREL_RC_DOMAIN_OFFSET},
+           {0, 0x10000, 0, 0}}) {
+    header()->heapSize = size;
+    header()->heapOffset = offset;
     EXPECT_EQ(1u, header()->connectionCount);
-    EXPECT_EQ(row.code, connect(row.wanted));
+    EXPECT_EQ(code, connect(wanted));
   }
   EXPECT_EQ(0u, trelDisconnectFromShmDomain(&other));
   EXPECT_EQ(0u, trelFreeShmDomain(&domain, 1));

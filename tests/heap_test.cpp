@@ -234,33 +234,26 @@ TEST(HeapPads, EveryModeFindsItsDamage) {
 
     const bool back = shape.back, record = shape.hasWords, guard = shape.hasGuard;
     const uint64_t d = found.data, e = found.offset + found.size, inner = guard ? 24 : 16;
-    const struct {
-      bool there;
-      uint64_t at;
-      const char* message;
-    } damages[] = {
-        {true, d - 8, "Front memory pad corruption found at:"},
-        {record, d - inner - 8,
-         "Allocation size does not match between front and back pad structures found at:"},
-        {record, found.offset, "Front pad corruption found at:"},
-        {record, found.offset + 15, "Front pad corruption found at:"},
-        {guard, d - 24, "Front memory pad checksum corruption found at:"},
-        {back, e - 5, "Back memory pad corruption found at:"},
-        {back, e - 1, "Back memory pad corruption found at:"},
-        {guard, e - 20, "Back memory pad checksum corruption found at:"},
-        {back, d + 13, "Back memory pad aligned size corruption found at"},
-        {record, e - inner - 16, "back pad corruption found at:"},
-        {back, e - 16, "Memory pad node offset corruption found at:"},
-    };
-    for (const auto& damage : damages) {
-      if (!damage.there) continue;
+    for (const auto& [there, at, message] : Rows<bool, uint64_t, const char*>{
+             {true, d - 8, "Front memory pad corruption found at:"},
+             {record, d - inner - 8, "match between front and back pad structures found at:"},
+             {record, found.offset, "Front pad corruption found at:"},
+             {record, found.offset + 15, "Front pad corruption found at:"},
+             {guard, d - 24, "Front memory pad checksum corruption found at:"},
+             {back, e - 5, "Back memory pad corruption found at:"},
+             {back, e - 1, "Back memory pad corruption found at:"},
+             {guard, e - 20, "Back memory pad checksum corruption found at:"},
+             {back, d + 13, "Back memory pad aligned size corruption found at"},
+             {record, e - inner - 16, "back pad corruption found at:"},
+             {back, e - 16, "Memory pad node offset corruption found at:"}}) {
+      if (!there) continue;
       const Reports reports;
       EXPECT_EQ(0u, heap.check(block));
       EXPECT_EQ(0u, reports.lines.size()) << reports.lines[0];
-      heap.memory[damage.at] ^= 1;  // word counts: 2 becomes 3
+      heap.memory[at] ^= 1;  // word counts: 2 becomes 3
       heap.check(block);
-      heap.memory[damage.at] ^= 1;
-      EXPECT_EQ(1u, reports.count(damage.message)) << damage.message << damage.at;
+      heap.memory[at] ^= 1;
+      EXPECT_EQ(1u, reports.count(message)) << message << at;
       EXPECT_NE(0u, reports.count("heap_test:8"));
     }
     const Reports reports;
@@ -366,18 +359,12 @@ TEST(HeapCodes, BlocksRefuseInOrder) {
   uint8_t* const forged = static_cast<uint8_t*>(block) + 48;
   const PadTail_t pad = {heap.walk().allocated[0].node, TREL_PAD_FRONT_MAGIC, TREL_PAD_DEFAULT};
   memcpy(forged - sizeof pad, &pad, sizeof pad);
-  const struct {
-    uint8_t* address;
-    uint32_t code;
-  } strangers[] = {
-      {heap.memory - 8, TREL_RC_BLOCK_BELOW_BASE},
-      {static_cast<uint8_t*>(blocks[1]) + 8, TREL_RC_PAD_MODE},
-      {heap.memory + heap.pool->poolOffset, TREL_RC_BLOCK_OUTSIDE_POOL},  // the domain's block
-      {forged, TREL_RC_POOL_NOT_FOUND}};
-  for (const auto& stranger : strangers) {
-    void* address = stranger.address;
-    EXPECT_EQ(stranger.code, release(&address, heap.pool));
-  }
+  for (auto [stranger, code] : Rows<void*, uint32_t>{
+           {heap.memory - 8, TREL_RC_BLOCK_BELOW_BASE},
+           {static_cast<uint8_t*>(blocks[1]) + 8, TREL_RC_PAD_MODE},
+           {heap.header(heap.pool->poolOffset), TREL_RC_BLOCK_OUTSIDE_POOL},  // the domain's block
+           {forged, TREL_RC_POOL_NOT_FOUND}})
+    EXPECT_EQ(code, release(&stranger, heap.pool));
   EXPECT_EQ("", heap.fault());
 }
 
@@ -387,15 +374,12 @@ TEST(HeapCodes, ListOperationsRefuse) {
   void* const base = heap.memory;
   const uint64_t h = heap.pool->poolOffset;
   uint64_t a = 0, b = 0;
-  const struct {
-    uint32_t kind;
-    uint64_t at;
-    uint32_t absent, end, noBlock, state, offset;
-  } heaps[] = {{TREL_HEAP_DOMAIN, 0, TREL_RC_DOMAIN_NOT_FOUND, TREL_RC_DOMAIN_LIST_END,
-                TREL_RC_DOMAIN_NO_BLOCK, TREL_RC_DOMAIN_STATE, TREL_RC_DOMAIN_OFFSET},
-               {TREL_HEAP_POOL, h, TREL_RC_POOL_NOT_FOUND, TREL_RC_POOL_LIST_END,
-                TREL_RC_POOL_NO_BLOCK, TREL_RC_POOL_STATE, TREL_RC_POOL_OFFSET}};
-  for (const auto& [kind, at, absent, end, noBlock, state, offset] : heaps) {
+  using Codes = Rows<uint32_t, uint64_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>;
+  for (const auto& [kind, at, absent, end, noBlock, state, offset] :
+       Codes{{TREL_HEAP_DOMAIN, 0, TREL_RC_DOMAIN_NOT_FOUND, TREL_RC_DOMAIN_LIST_END,
+              TREL_RC_DOMAIN_NO_BLOCK, TREL_RC_DOMAIN_STATE, TREL_RC_DOMAIN_OFFSET},
+             {TREL_HEAP_POOL, h, TREL_RC_POOL_NOT_FOUND, TREL_RC_POOL_LIST_END,
+              TREL_RC_POOL_NO_BLOCK, TREL_RC_POOL_STATE, TREL_RC_POOL_OFFSET}}) {
     EXPECT_EQ(TREL_RC_BASE_NULL, trelFindFreeBlockInSList(nullptr, kind, at, 8, &a, &b));
     EXPECT_EQ(absent, trelFindFreeBlockInSList(base, kind, at, 8, &a, &b));
     EXPECT_EQ(TREL_RC_BASE_NULL, trelDeleteAllocMemBlock(nullptr, kind, at, 8, &a));
