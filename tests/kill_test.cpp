@@ -83,7 +83,8 @@ struct Kills : Library {
     board->returning[who] = 0;
   }
 
-  // Adds, sets and deletes properties of its own, gets and frees blocks, until it is killed.
+  // Adds, sets and deletes properties of its own and entries of a shared list, gets and frees
+  // blocks, until it is killed.
   void write(uint64_t who) {
     std::mt19937 random(static_cast<uint32_t>(getpid()));
     srand(static_cast<uint32_t>(getpid()));
@@ -97,6 +98,10 @@ struct Kills : Library {
       const uint64_t gone = first + random() % kTags;
       trelDeleteRProperty(node, gone, 0);
       trelDeleteIVProperty(node, gone, 3, bytes("abc"), 0);
+      const HdmModuleRecord_t module = {{static_cast<char>('a' + random() % 4)}, {}};
+      HdmModuleRecord_t* entry = nullptr;
+      trelInsertHDMNodeIntoLList(segment.pool(), &module, &entry);
+      trelDeleteHDMNodeFromLList(segment.pool(), &module);
       for (int i = 0; i < 4; ++i) {
         std::atomic<uint64_t>& place = board->blocks[who][random() % kBlocks];
         if (place) {
@@ -120,6 +125,8 @@ struct Kills : Library {
       trelLatchShmPool(segment.pool());
       trelGetShmPoolInfo(segment.pool(), &info);
       trelUnlatchShmPool(segment.pool());
+      trelLatchShmDomain(segment.domain());
+      trelUnlatchShmDomain(segment.domain());
       const auto waited = static_cast<uint64_t>(
           std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
       if (rc != 0 || value != 5) ++board->refusals;
@@ -224,6 +231,7 @@ TEST_F(Kills, WritersAtRandomMoments) {
     EXPECT_EQ(0, status);
   }
   expectSound();
+  EXPECT_EQ(0u, trelDeleteHDMLList(segment.pool()));
   printf(
       "%d kills, %llu reads, %llu rounds of writes, longest wait of a reader %llu us, %zu blocks "
       "on their way to a writer\n",
