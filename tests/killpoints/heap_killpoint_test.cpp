@@ -92,10 +92,17 @@ struct Heaps {
     return found;
   }
 
-  // Takes both latches, and uses both heaps.
-  void useAll() const {
+  // Takes both latches.
+  void takeOver() const {
     EXPECT_EQ(0u, trelLatchShmDomain(domain));
     EXPECT_EQ(0u, trelUnlatchShmDomain(domain));
+    if (!hasPool()) return;
+    EXPECT_EQ(0u, trelLatchShmPool(pool));
+    EXPECT_EQ(0u, trelUnlatchShmPool(pool));
+  }
+
+  // Uses both heaps, then takes both latches.
+  void useAll() const {
     uint64_t size = 4096, block = 0, data = 0;
     const uint32_t rc = trelGetMemChunkFromShmHeap(domain->base, 1, 0, 4096, 0, 0, &size, &block,
                                                    &data, 1, 2, "after");
@@ -103,15 +110,13 @@ struct Heaps {
     if (rc == 0) {
       EXPECT_EQ(0u, trelReturnMemChunkToShmHeap(domain->base, 1, 0, block, data, 0, 1, 2, "after"));
     }
-    if (!hasPool()) return;
     for (const uint32_t bytes : {8u, 40u}) {
-      void* one = allocate(bytes);
+      void* one = hasPool() ? allocate(bytes) : nullptr;
       if (one) {
         EXPECT_EQ(0u, _trelFreeShmBlock(&one, pool, 5, 6, "after"));
       }
     }
-    EXPECT_EQ(0u, trelLatchShmPool(pool));
-    EXPECT_EQ(0u, trelUnlatchShmPool(pool));
+    takeOver();
   }
 
   // All blocks that stood before and stand now have their bytes.
@@ -124,24 +129,29 @@ struct Heaps {
   }
 };
 
-// Lets the operation die everywhere. What is left must be what was before it or what is behind it.
+// Lets the operation die everywhere, and after some of these deaths the repair too. What is left
+// must be what was before the operation or what is behind it.
 void dieEverywhere(const Heaps& heaps, const std::string& what, const std::function<void()>& work) {
   SCOPED_TRACE(what);
   const Image start = heaps.memory.save();
   const Contents before = heaps.contents();
   ASSERT_FALSE(heaps.memory.dies(~uint64_t{0}, work));
   const Contents behind = heaps.contents();
-  const uint64_t tried = heaps.memory.dieEverywhere(start, work, [&](uint64_t n) {
+  const auto survive = [&](uint64_t n) {
     SCOPED_TRACE("killed in front of store " + std::to_string(n));
     heaps.useAll();
     const Contents is = heaps.contents();
     EXPECT_TRUE(is == before || is == behind);
     heaps.expectBytes(start, before, is);
-  });
-  points += tried;
+  };
+  const uint64_t tried = heaps.memory.dieEverywhere(start, work, survive);
   EXPECT_GT(tried, 2u);
+  const uint64_t repairs = heaps.memory.dieTwice(
+      start, work, (tried + 1) / (isFullRun() ? 12 : 1), [&] { heaps.takeOver(); }, survive);
+  points += tried + repairs;
   heaps.memory.restore(start);
-  printf("%6llu  %s\n", static_cast<unsigned long long>(tried), what.c_str());
+  printf("%6llu, in repairs %6llu: %s\n", static_cast<unsigned long long>(tried),
+         static_cast<unsigned long long>(repairs), what.c_str());
 }
 
 // Some allocations and frees, and what each did to the node space. Stops in front of the first
@@ -303,42 +313,6 @@ TEST(HeapDeaths, Pools) {
   EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(heaps.domain, 7, heaps.pool->poolOffset,
                                                    static_cast<uint32_t>(heaps.pool->poolOffset)));
   dieEverywhere(heaps, "free the top pool", freeIt);
-}
-
-TEST(HeapDeaths, Repair) {
-  struct Case {
-    bool allocates;
-    Effect effect;
-  };
-  for (const Case& c : {Case{true, Effect::none}, Case{false, Effect::none},
-                        Case{true, Effect::rebuilds}, Case{false, Effect::grows}}) {
-    Heaps heaps;
-    std::function<void()> work;
-    ASSERT_TRUE(runUntil(heaps, 1, c.allocates, c.effect, &work) ||
-                runUntil(heaps, 2, c.allocates, c.effect, &work));
-    const Contents before = heaps.contents();
-    const Image start = heaps.memory.save();
-    const uint64_t stores = heaps.memory.dieEverywhere(start, work, [](uint64_t) {});
-    const Contents behind = heaps.contents();
-    const uint64_t tried = heaps.memory.dieTwice(
-        start, work, stores / (isFullRun() ? 12 : 2),
-        [&] {
-          EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
-          EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
-        },
-        [&](uint64_t n) {
-          SCOPED_TRACE("killed in front of the repair's store " + std::to_string(n));
-          heaps.useAll();
-          const Contents is = heaps.contents();
-          EXPECT_TRUE(is == before || is == behind);
-          heaps.expectBytes(start, before, is);
-        });
-    EXPECT_GT(tried, 100u);
-    points += tried;
-    printf("%6llu  repairs of %llu deaths\n", static_cast<unsigned long long>(tried),
-           static_cast<unsigned long long>(stores));
-    if (HasFailure()) return;
-  }
 }
 
 }  // namespace
