@@ -97,7 +97,7 @@ void boostBlocks(benchmark::State& state) {
 }
 
 BENCHMARK_CAPTURE(trelBlocks, told, 0, true)
-    ->Name("blocks/trel, node count given")
+    ->Name("blocks/trel told the node count")
     ->RangeMultiplier(10)
     ->Range(1000, 100000);
 BENCHMARK_CAPTURE(trelBlocks, plain, 0, false)
