@@ -91,13 +91,13 @@ class StatusWalk {
     return options & (TREL_WALK_ALL | 1u << condition);
   }
 
-  uint32_t treat(const WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) {
+  uint32_t treat(WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) {
     Reached child;
     bool inside = false;
     uint32_t refusal = 0;
     if (const uint32_t rc = reachWalked(level.walk, entry, level.walkSegment, level.options, &child,
                                         &inside, &refusal))
-      return rc;
+      return entry->nodeTag ? rc : 0;  // taken off the list meanwhile
     if (!inside) return 0;
     if (operation_ == TREL_STATUS_DISCLAIM) {
       if (refusal == TREL_RC_ABANDONED) return remove(level, entry, child, TREL_WALK_ALL, below);
@@ -114,12 +114,13 @@ class StatusWalk {
   }
 
   // Takes the child off the list, then begins with it as the top of a tree of its own.
-  uint32_t remove(const WalkLevel& level, SNodeInfo_t* entry, const Reached& child, uint32_t added,
+  uint32_t remove(WalkLevel& level, SNodeInfo_t* entry, const Reached& child, uint32_t added,
                   WalkLevel* below) {
     if (limit_ > kMaxDepth || isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
     const uint32_t options = (level.options | added) & ~TREL_WALK_REMOVE_TOP;
     if (const uint32_t rc = reading(level.node, 0, accept::any, [] { return 0u; })) return rc;
     if (const uint32_t rc = unlinkChild(level.node, entry, child.node)) return rc;
+    level.stamp = static_cast<int32_t>(static_cast<uint32_t>(level.stamp) + 1);  // this change
     if (const uint32_t rc = reading(child.node, 0, accept::any, [] { return 0u; })) return rc;
     *below = {child.node, child.segInfo, child.segInfo, {}, 1, options, 0};
     return 0;
