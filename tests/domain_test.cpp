@@ -26,7 +26,7 @@ struct Domain : testing::Test {
   HeapHeader_t* header() const { return static_cast<HeapHeader_t*>(domain->base); }
 };
 
-TEST_F(Domain, LivesInASegmentBetweenProcesses) {
+TEST_F(Domain, LivesInASegmentUnderTwoHandles) {
   ASSERT_EQ(0u, create(0x100000));
   EXPECT_EQ(TREL_RC_SEGMENT_EXISTS, trelCreateShmDomain(key, 0, 0x100000, nullptr, &other));
   ShmDomainInfo_t info{};
@@ -44,30 +44,22 @@ TEST_F(Domain, LivesInASegmentBetweenProcesses) {
   EXPECT_EQ(432u, segment.shm_perm.mode & 0777u);
   EXPECT_EQ(0x100000u, segment.shm_segsz);
 
-  ShmPoolHandle_t* pool = nullptr;
+  ShmPoolHandle_t *pool = nullptr, *theirs = nullptr;
+  void* block = nullptr;
   ASSERT_EQ(0u, _trelCreateShmPool(&pool, domain, 0x40000, nullptr, 1, 1, ""));
-  EXPECT_EQ(0, inOtherProcess([&] {  // it allocates and writes
-              ShmPoolHandle_t* theirs = nullptr;
-              void* block = nullptr;
-              ASSERT_EQ(0u, connect());
-              ASSERT_EQ(0u, trelConnectToShmPool(&theirs, other,
-                                                 static_cast<uint32_t>(pool->poolOffset), nullptr));
-              EXPECT_NE(domain->base, other->base);
-              EXPECT_EQ(pool->chunkOffset, theirs->chunkOffset);
-              ASSERT_EQ(0u, _trelAllocateShmBlock(&block, theirs, 6, 0, 1, 1, ""));
-              EXPECT_EQ(2u, header()->connectionCount);
-              strcpy(static_cast<char*>(block), "hello");
-              EXPECT_EQ(0u, trelDisconnectFromShmPool(&theirs));
-              EXPECT_EQ(0u, trelDisconnectFromShmDomain(&other));
-              EXPECT_EQ(nullptr, other);
-            }));
-  EXPECT_EQ(1u, header()->connectionCount);
-  const HeapWalk walk(pool->base, TREL_HEAP_POOL, pool->poolOffset);
+  const uint32_t offset = static_cast<uint32_t>(pool->poolOffset);
+  ASSERT_EQ(0u, connect());
+  ASSERT_EQ(0u, trelConnectToShmPool(&theirs, other, offset, nullptr));
+  EXPECT_NE(domain->base, other->base);
+  EXPECT_EQ(pool->chunkOffset, theirs->chunkOffset);
+  ASSERT_EQ(0u, _trelAllocateShmBlock(&block, theirs, 6, 0, 1, 1, ""));
+  strcpy(static_cast<char*>(block), "hello");
+  EXPECT_EQ(0u, trelDisconnectFromShmPool(&theirs));
+  const HeapWalk walk(pool->base, TREL_HEAP_POOL, offset);
   ASSERT_EQ("", walk.fault);
   ASSERT_EQ(1u, walk.allocated.size());
   EXPECT_STREQ("hello", static_cast<char*>(pool->base) + walk.allocated[0].data);
 
-  ASSERT_EQ(0u, connect());
   ShmDomainHandle_t* const second = other;
   EXPECT_EQ(TREL_RC_DOMAIN_FREE_MODE, trelFreeShmDomain(&domain, 3));
   EXPECT_EQ(TREL_RC_DOMAIN_CONNECTED, trelFreeShmDomain(&domain, 1));
@@ -76,6 +68,8 @@ TEST_F(Domain, LivesInASegmentBetweenProcesses) {
   EXPECT_EQ(second, other);
   EXPECT_EQ(2u, header()->connectionCount);
   EXPECT_EQ(0u, trelDisconnectFromShmDomain(&other));
+  EXPECT_EQ(nullptr, other);
+  EXPECT_EQ(1u, header()->connectionCount);
   EXPECT_EQ(0u, trelDestroyShmPoolHandle(&pool));
   EXPECT_EQ(0u, trelFreeShmDomain(&domain, 1));
   EXPECT_EQ(nullptr, domain);

@@ -120,30 +120,17 @@ TEST_F(LatchTest, TakenOverFromADeadProcess) {
     EXPECT_LT(best, 100ms);
     EXPECT_TRUE(isFree());
   }
-  uint32_t died = 9;
-  EXPECT_EQ(platVLatchGetNoticing(cell(), &died), 0u);
-  EXPECT_EQ(died, 0u) << "told once";
-  EXPECT_EQ(platVLatchRelease(cell()), 0u);
+  EXPECT_EQ(getAside(cell()).get(), 0u) << "told once";
 }
 
 TEST_F(LatchTest, TakenOverFromAnEndedThreadAndAReusedThreadId) {
   std::thread([&] { platVLatchGet(cell()); }).join();
-  uint32_t died = 0;
-  EXPECT_EQ(platVLatchGetNoticing(cell(), &died), 0u);
-  EXPECT_EQ(died, 1u);
+  EXPECT_EQ(getAside(cell()).get(), 1u);
 
   // The id of a living process, under the start time of another one.
-  const uint64_t own = word() & ~0x80000000ull;
-  platVLatchRelease(cell());
-  Child other([] {
-    for (;;) pause();
-  });
-  const uint64_t startOfAnother = ((own >> 32) - 1) << 32;
-  setWord(startOfAnother | static_cast<uint64_t>(other.id()));
-  died = 0;
-  EXPECT_EQ(platVLatchGetNoticing(cell(), &died), 0u);
-  EXPECT_EQ(died, 1u);
-  platVLatchRelease(cell());
+  Holder other(cell());
+  setWord(word() - (1ull << 32));
+  EXPECT_EQ(getAside(cell()).get(), 1u);
 
   // A thread that did not know its start time is alive as long as the id is.
   setWord(static_cast<uint64_t>(other.id()));
@@ -183,7 +170,7 @@ TEST_F(LatchTest, WaitersAreLetGoWhenTheCellIsPutToOtherUse) {
   for (const int fill : {0xff, 0}) {
     platVLatchInit(cell(), 1);
     Holder holder(cell());
-    Child waiter([&] { _exit(platVLatchGet(cell()) == PLAT_RC_NO_LATCH ? 0 : 1); });
+    Child waiter([&] { EXPECT_EQ(platVLatchGet(cell()), PLAT_RC_NO_LATCH); });
     std::this_thread::sleep_for(20ms);
     memset(cell(), fill, PLAT_LATCH_BYTES);
     EXPECT_EQ(waiter.wait(), 0);
@@ -229,8 +216,7 @@ TEST_F(LatchTest, ExcludesThreadsAndProcesses) {
   std::thread third(work), fourth(work);
   third.join();
   fourth.join();
-  EXPECT_EQ(first.wait(), 0);
-  EXPECT_EQ(second.wait(), 0);
+  EXPECT_EQ(first.wait() | second.wait(), 0);
   EXPECT_EQ(shared()[0], 4 * kRounds);
   EXPECT_TRUE(isFree());
 }

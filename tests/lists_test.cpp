@@ -4,6 +4,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "segment_fixture.h"
@@ -22,59 +23,29 @@ HdmModuleRecord_t moduleOf(int name) {
   return record;
 }
 
-// One flavour behind names that are numbers. find: -1 for none.
-struct List {
-  bool sorted;
-  std::function<uint32_t(int, int*)> find;
-  std::function<uint32_t(int)> insert, remove;
-  std::function<uint32_t()> clear, print;
-};
-
-template <class Record, class Find, class Insert, class Remove, class Clear, class Print>
-List makeList(Record make(int), Find find, Insert insert, Remove remove, Clear clear, Print print) {
-  List list{std::is_same_v<Record, HdmModuleRecord_t>, {}, {}, {}, clear, print};
-  list.find = [=](int name, int* found) {
-    const Record record = make(name);
-    Record* payload = nullptr;
-    const uint32_t rc = find(&record, &payload);
-    *found = payload ? name : -1;
-    EXPECT_TRUE(!payload || memcmp(payload, &record, sizeof record) == 0);
-    return rc;
-  };
-  list.insert = [=](int name) {
-    const Record record = make(name);
-    Record* payload = nullptr;
-    const uint32_t rc = insert(&record, &payload);
-    EXPECT_EQ(rc == 0, payload != nullptr);
-    return rc;
-  };
-  list.remove = [=](int name) {
-    const Record record = make(name);
-    return remove(&record);
-  };
-  return list;
-}
-
 struct Lists : Library {
   Segment segment;
 
-  // Two in shared memory, two in that of the process.
-  std::vector<List> flavours() {
-    const auto shared = [pool = segment.pool()](auto operation) {
+  // Calls use(make, find, insert, remove, clear, print) for the lists in shared memory.
+  template <class Use>
+  void onSharedLists(Use&& use) {
+    const auto on = [pool = segment.pool()](auto operation) {
       return [=](auto... arguments) { return operation(pool, arguments...); };
     };
-    return {makeList(segmentOf, shared(trelFindAttachSegInfoNodeInLList),
-                     shared(trelInsertAttachSegInfoNodeIntoLList),
-                     shared(trelDeleteAttachSegInfoNodeFromLList),
-                     shared(trelDeleteAttachSegInfoLList), shared(trelPrintAttachSegInfoNodeLList)),
-            makeList(moduleOf, shared(trelFindHDMNodeInLList), shared(trelInsertHDMNodeIntoLList),
-                     shared(trelDeleteHDMNodeFromLList), shared(trelDeleteHDMLList),
-                     shared(trelPrintHDMNodeLList)),
-            makeList(segmentOf, trelFindAttachSegInfoNodeInPMLList,
-                     trelInsertAttachSegInfoNodeIntoPMLList, trelDeleteAttachSegInfoNodeFromPMLList,
-                     trelDeleteAttachSegInfoPMLList, trelPrintAttachSegInfoNodePMLList),
-            makeList(moduleOf, trelFindHDMNodeInPMLList, trelInsertHDMNodeIntoPMLList,
-                     trelDeleteHDMNodeFromPMLList, trelDeleteHDMPMLList, trelPrintHDMNodePMLList)};
+    use(segmentOf, on(trelFindAttachSegInfoNodeInLList), on(trelInsertAttachSegInfoNodeIntoLList),
+        on(trelDeleteAttachSegInfoNodeFromLList), on(trelDeleteAttachSegInfoLList),
+        on(trelPrintAttachSegInfoNodeLList));
+    use(moduleOf, on(trelFindHDMNodeInLList), on(trelInsertHDMNodeIntoLList),
+        on(trelDeleteHDMNodeFromLList), on(trelDeleteHDMLList), on(trelPrintHDMNodeLList));
+  }
+  // The same for those in the memory of the process.
+  template <class Use>
+  void onPrivateLists(Use&& use) {
+    use(segmentOf, trelFindAttachSegInfoNodeInPMLList, trelInsertAttachSegInfoNodeIntoPMLList,
+        trelDeleteAttachSegInfoNodeFromPMLList, trelDeleteAttachSegInfoPMLList,
+        trelPrintAttachSegInfoNodePMLList);
+    use(moduleOf, trelFindHDMNodeInPMLList, trelInsertHDMNodeIntoPMLList,
+        trelDeleteHDMNodeFromPMLList, trelDeleteHDMPMLList, trelPrintHDMNodePMLList);
   }
   uint64_t freeBytes() {
     ShmPoolInfo_t info;
@@ -108,35 +79,42 @@ TEST_F(Lists, BehaveAsTheirModel) {
   const unsigned seed = std::random_device()();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
-  for (const List& list : flavours()) {
+  const auto behaves = [&](auto make, auto find, auto insert, auto remove, auto clear, auto print) {
+    using Record = decltype(make(0));
+    const bool sorted = std::is_same_v<Record, HdmModuleRecord_t>;
     std::vector<int> model;
     for (int step = 0; step < 400 && !HasFailure(); ++step) {
       const int name = static_cast<int>(random() % 12);
+      const Record record = make(name);
+      Record* payload = nullptr;
       const auto at = std::find(model.begin(), model.end(), name);
+      const bool present = at != model.end();
       const uint32_t what = random() % 36;
       if (what < 14) {
         auto place = model.begin();
-        if (list.sorted)
-          while (place != model.end() && *place > name) ++place;
+        while (sorted && place != model.end() && *place > name) ++place;
         const bool met = place != model.end() && *place == name;
-        EXPECT_EQ(met ? uint32_t{TREL_RC_LIST_PRESENT} : 0u, list.insert(name));
+        EXPECT_EQ(met ? uint32_t{TREL_RC_LIST_PRESENT} : 0u, insert(&record, &payload));
+        EXPECT_EQ(met, payload == nullptr);
         if (!met) model.insert(place, name);
       } else if (what < 24) {
-        EXPECT_EQ(at == model.end() ? uint32_t{TREL_RC_LIST_ABSENT} : 0u, list.remove(name));
-        if (at != model.end()) model.erase(at);
+        EXPECT_EQ(present ? 0u : uint32_t{TREL_RC_LIST_ABSENT}, remove(&record));
+        if (present) model.erase(at);
       } else if (what < 35) {
-        int found = -1;
-        EXPECT_EQ(0u, list.find(name, &found));
-        EXPECT_EQ(at == model.end() ? -1 : name, found);
+        EXPECT_EQ(0u, find(&record, &payload));
+        EXPECT_EQ(present, payload != nullptr);
+        EXPECT_TRUE(!payload || memcmp(payload, &record, sizeof record) == 0);
       } else {
-        EXPECT_EQ(0u, list.clear());
+        EXPECT_EQ(0u, clear());
         model.clear();
       }
-      EXPECT_EQ(textOf(list.sorted, model), printed(list.print));
+      EXPECT_EQ(textOf(sorted, model), printed(print));
     }
-    EXPECT_EQ(0u, list.clear());
-    EXPECT_EQ(0u, list.clear());
-  }
+    EXPECT_EQ(0u, clear());
+    EXPECT_EQ(0u, clear());
+  };
+  onSharedLists(behaves);
+  onPrivateLists(behaves);
   EXPECT_EQ(atFirst, freeBytes());
 }
 
@@ -175,31 +153,34 @@ TEST_F(Lists, ArgumentsAndEmptyLists) {
 
 // Damaged heads and links, loops among them: a code within a moment, whatever is asked.
 TEST_F(Lists, DamageGivesCodes) {
-  auto* heads = reinterpret_cast<TrelU64*>(segment.heap() + 1) + 2;
-  for (size_t kind = 0; kind < 2; ++kind) {
-    const List list = flavours()[kind];
-    for (int name : {1, 2, 3}) EXPECT_EQ(0u, list.insert(name));
+  auto* head = reinterpret_cast<TrelU64*>(segment.heap() + 1) + 2;
+  onSharedLists([&](auto make, auto find, auto insert, auto remove, auto clear, auto print) {
+    auto sought = make(0), *payload = &sought;
+    for (int name : {1, 2, 3}) {
+      const auto record = make(name);
+      EXPECT_EQ(0u, insert(&record, &payload));
+    }
     auto* firstLink =
-        reinterpret_cast<TrelU64*>(static_cast<uint8_t*>(segment.domain()->base) + heads[kind]);
-    int found = 0;
-    for (TrelU64* link : {&heads[kind], firstLink}) {
-      const uint64_t sound = *link, loop = heads[kind];
+        reinterpret_cast<TrelU64*>(static_cast<uint8_t*>(segment.domain()->base) + *head);
+    for (TrelU64* link : {head, firstLink}) {
+      const uint64_t sound = *link, loop = *head;
       for (uint64_t nonsense : {uint64_t{0x100000}, uint64_t{0xfffff}, uint64_t{0x100000 - 39},
                                 uint64_t{1} << 32, ~uint64_t{0}, ~uint64_t{39}, loop}) {
         if (nonsense == sound) continue;
         *link = nonsense;
-        EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, list.find(0, &found)) << std::hex << nonsense;
-        EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, list.remove(0));
-        if (nonsense != loop) printed(list.print, TREL_RC_BLOCK_OUTSIDE_POOL);
+        EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, find(&sought, &payload)) << std::hex << nonsense;
+        EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, remove(&sought));
+        if (nonsense != loop) printed(print, TREL_RC_BLOCK_OUTSIDE_POOL);
       }
       *link = sound;
     }
-    EXPECT_EQ(0u, list.find(1, &found));
-    EXPECT_EQ(1, found);
-    heads[kind] = 0x100000;
-    EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, list.clear());
-    EXPECT_EQ(0u, heads[kind]) << "emptied all the same";
-  }
+    sought = make(1);
+    EXPECT_EQ(0u, find(&sought, &payload));
+    EXPECT_EQ(0, memcmp(payload, &sought, sizeof sought));
+    *head = 0x100000;
+    EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, clear());
+    EXPECT_EQ(0u, *head++) << "emptied all the same";
+  });
 }
 
 TEST_F(Lists, AttachList) {
