@@ -125,10 +125,7 @@ TEST_F(Dependents, NamesMayBeReplacedAndTheLastTakesTheExportBit) {
   EXPECT_EQ(0u, add(6, "x"));  // a name with identifier differs from one without
   for (uint64_t tag : {0u, TREL_MAX_TAG + 1}) EXPECT_EQ(TREL_RC_TAG_RANGE, add(tag, "x"));
   EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, add(6, std::string(kIdRoom + 1, 'x')));
-  uint64_t live = 0, capacity = 0;
-  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(parent, &live, &capacity, 0));
-  EXPECT_EQ(2u, live);
-  EXPECT_EQ(3u, capacity);
+  EXPECT_EQ((Count{2, 3}), dependentsOf(parent));
 }
 
 TEST_F(Dependents, CreatedFromRecords) {

@@ -34,10 +34,23 @@ inline SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& i
   return node;
 }
 
+template <class Header>
+Header* sectionOf(SNodeCB_t* node, uint32_t bit) {
+  return reinterpret_cast<Header*>(reinterpret_cast<uint8_t*>(node) +
+                                   node->exportTable[walker::slotOf(bit)].offset);
+}
+
 inline std::string idOf(SNodeCB_t* node) {
-  const auto* section = reinterpret_cast<const IdSection_t*>(reinterpret_cast<uint8_t*>(node) +
-                                                             node->exportTable[0].offset);
+  const auto* section = sectionOf<IdSection_t>(node, TREL_EXPORT_ID);
   return std::string(reinterpret_cast<const char*>(section + 1), section->idSize);
+}
+
+// Live dependents and room for them.
+using Count = std::pair<uint64_t, uint64_t>;
+inline Count dependentsOf(SNodeCB_t* node) {
+  Count count;
+  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(node, &count.first, &count.second, 0));
+  return count;
 }
 
 // A record of a node, to be stored in another node of `where`.

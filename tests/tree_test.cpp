@@ -29,6 +29,14 @@ struct Model {
       if (m) all.push_back(m);
     return all;
   }
+  // This and all below it, down to a depth; 0 has no limit.
+  std::vector<Model*> subtree(uint64_t depth = 0) {
+    std::vector<Model*> all{this};
+    if (depth == 1) return all;
+    for (Model* child : children())
+      for (Model* m : child->subtree(depth ? depth - 1 : 0)) all.push_back(m);
+    return all;
+  }
   uint32_t condition() const { return node->condition; }
   bool isNamed(uint64_t t, const std::string& i) const {
     return tag == t && (i.empty() || id == i);
@@ -56,16 +64,6 @@ class Forest : public Library {
     all_.push_back(std::move(m));
     return all_.back().get();
   }
-  void forget(Model* m) {
-    for (Model* child : m->children()) forget(child);
-    all_.erase(std::find_if(all_.begin(), all_.end(), [&](auto& p) { return p.get() == m; }));
-  }
-  static void vacate(Model* m) {
-    auto& places = m->parent->places;
-    *std::find(places.begin(), places.end(), m) = nullptr;
-    while (!places.empty() && !places.back()) places.pop_back();
-  }
-
   uint64_t pick(uint64_t below) { return random_() % below; }
   Model* any() { return all_[pick(all_.size())].get(); }
   std::string anyId() { return std::string(pick(3) * 5, static_cast<char>('a' + pick(3))); }
@@ -109,17 +107,17 @@ class Forest : public Library {
   void deleteSubtree() {
     Model* m = any();
     if (m == top_) return;
-    uint64_t size = 0;
-    std::function<void(Model*)> measure = [&](Model* of) {
-      ++size;
-      for (Model* child : of->children()) measure(child);
-    };
-    measure(m);
-    if (size > all_.size() / 8) return;  // keep the tree alive
+    const std::vector<Model*> gone = m->subtree();
+    if (gone.size() > all_.size() / 8) return;  // keep the tree alive
     SNodeInfo_t record = recordOf(*m->parent->home, m->node, *m->home);
     ASSERT_EQ(0u, trelDeleteDependentNodeAndSubtree(m->parent->node, &record, m->home->info, 0, 1));
-    vacate(m);
-    forget(m);
+    auto& places = m->parent->places;
+    *std::find(places.begin(), places.end(), m) = nullptr;
+    while (!places.empty() && !places.back()) places.pop_back();
+    all_.erase(
+        std::remove_if(all_.begin(), all_.end(),
+                       [&](auto& p) { return std::count(gone.begin(), gone.end(), p.get()); }),
+        all_.end());
   }
 
   void changeCondition() {
@@ -238,25 +236,14 @@ class Forest : public Library {
     Model* from = pick(2) ? top_ : any();
     const uint64_t tag = anyTag(), limit = pick(4);
     TreeInfo_t expected{}, info;
-    std::function<void(Model*, uint64_t)> addUp = [&](Model* m, uint64_t depth) {
-      struct {
-        uint64_t* bytes;
-        uint32_t* nodes;
-      } sums[] = {{},
-                  {&expected.createdBytes, &expected.createdNodes},
-                  {&expected.initialisedBytes, &expected.initialisedNodes},
-                  {&expected.activeBytes, &expected.activeNodes},
-                  {&expected.abandonedBytes, &expected.abandonedNodes},
-                  {&expected.disassociatedBytes, &expected.disassociatedNodes}};
-      *sums[m->condition()].bytes += m->node->nodeSize;
-      ++*sums[m->condition()].nodes;
-      expected.totalBytes += m->node->nodeSize;
-      ++expected.totalNodes;
+    for (const Model* m : from->subtree(limit)) {
+      const int places[] = {0, 3, 2, 1, 5, 4};  // of conditions, behind the total
+      for (int place : {0, places[m->condition()]}) {
+        (&expected.totalBytes)[place] += m->node->nodeSize;
+        ++(&expected.totalNodes)[place];
+      }
       expected.taggedNodes += m->tag == tag;
-      if (limit == 0 || depth < limit)
-        for (Model* child : m->children()) addUp(child, depth + 1);
-    };
-    addUp(from, 1);
+    }
     ASSERT_EQ(0u, trelGetTreeInfo(from->node, from->home->info, 0, tag, limit, &info));
     EXPECT_EQ(0, memcmp(&expected, &info, offsetof(TreeInfo_t, taggedNodes) + 4));
   }
@@ -267,14 +254,9 @@ class Forest : public Library {
       uint8_t ids[8 * kIdRoom];
       uint64_t returned = 0, live = 0;
       const std::vector<Model*> children = m->children();
-      const uint32_t rc =
-          trelReturnDependentNodes(m->node, records, ids, &returned, &live, 8,
-                                   m->capacity && m->places.size() ? kIdRoom : 0, 0);
-      if (children.empty()) {
-        ASSERT_EQ(TREL_RC_DEPENDENTS_EMPTY, rc);
-        continue;
-      }
-      ASSERT_EQ(0u, rc);
+      ASSERT_EQ(children.empty() ? uint32_t{TREL_RC_DEPENDENTS_EMPTY} : 0,
+                trelReturnDependentNodes(m->node, records, ids, &returned, &live, 8,
+                                         m->capacity && m->places.size() ? kIdRoom : 0, 0));
       ASSERT_EQ(children.size(), live);
       for (uint64_t i = 0; i < returned; ++i) {
         EXPECT_EQ(children[i]->tag, +records[i].nodeTag);
@@ -430,22 +412,16 @@ TEST_F(Reach, StatusWalks) {
   EXPECT_EQ(0u, status(TREL_STATUS_ACTIVATE, TREL_WALK_ALL | TREL_WALK_ONE_SEGMENT));
   EXPECT_EQ(TREL_CONDITION_ACTIVE, +near->condition);
   EXPECT_EQ(0u, status(TREL_STATUS_UPDATE, TREL_WALK_ALL));
-  int32_t beats = 9;
-  EXPECT_EQ(0u, PLATVAtomicSigned32::add(&leaf->updateCounter, 0, &beats));
-  EXPECT_EQ(0, beats);
+  EXPECT_EQ(0, *PLATVAtomicSigned32::word(&leaf->updateCounter));
   EXPECT_EQ(0u, status(TREL_STATUS_UPDATE, 8));
-  EXPECT_EQ(0u, PLATVAtomicSigned32::add(&leaf->updateCounter, 0, &beats));
-  EXPECT_EQ(1, beats);
+  EXPECT_EQ(1, *PLATVAtomicSigned32::word(&leaf->updateCounter));
   // Nodes that are abandoned go, whatever the options select; those of other segments stay.
   EXPECT_EQ(0u, trelAbandonNode(&near));
   EXPECT_EQ(0u, trelAbandonNode(&far));
   EXPECT_EQ(0u, status(TREL_STATUS_DISCLAIM, 2 | TREL_WALK_ONE_SEGMENT));
-  uint64_t live = 0, capacity = 0;
-  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(top, &live, &capacity, 0));
-  EXPECT_EQ(1u, live);
+  EXPECT_EQ(1u, dependentsOf(top).first);
   EXPECT_EQ(0u, status(TREL_STATUS_DISCLAIM, 2));
-  EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(top, &live, &capacity, 0));
-  EXPECT_EQ(0u, live);
+  EXPECT_EQ(0u, dependentsOf(top).first);
 }
 
 TEST_F(Reach, TheTopCanBeTakenOffItsParentsList) {
@@ -549,9 +525,9 @@ TEST_F(Reach, DamagedTreesGiveCodes) {
   for (SNodeCB_t* node : {top, near, far}) {
     take(node, offsetof(SNodeCB_t, reconfigCounter));
     take(&node->concurrencyModel, 4 + 12 * 24);
-    take(reinterpret_cast<uint8_t*>(node) + node->exportTable[10].offset, 8 + 2 * (56 + kIdRoom));
-    take(reinterpret_cast<uint8_t*>(node) + node->exportTable[0].offset, 16);
-    take(reinterpret_cast<uint8_t*>(node) + node->exportTable[3].offset, 64);
+    take(sectionOf<uint8_t>(node, TREL_EXPORT_DEPENDENT), 8 + 2 * (56 + kIdRoom));
+    take(sectionOf<uint8_t>(node, TREL_EXPORT_ID), 16);
+    take(sectionOf<uint8_t>(node, TREL_EXPORT_PARENT), 64);
   }
   for (SNodeCB_t* child : {near, far}) {
     SNodeInfo_t* entry = nullptr;
