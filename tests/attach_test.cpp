@@ -17,20 +17,6 @@ uint32_t create(ShmSegInfo_t** info, const PLATIPCResID* key, uint32_t size = 0x
 uint32_t drop(ShmSegInfo_t** info) { return trelDeleteStatusSegment(info, 4, 2, 2); }
 uint32_t detach(ShmSegInfo_t** info) { return trelDetachStatusSegment(info, 1); }
 
-struct Tree {
-  ShmSegInfo_t* info = nullptr;
-  SNodeCB_t* node = nullptr;
-  TopNodeInfo_t top{};
-
-  uint32_t connect(const PLATIPCResID* key) {
-    return trelConnectToATree(&info, &node, &top, key, 0, nullptr, nullptr);
-  }
-  uint32_t attach(const PLATIPCResID* key, const ShmDomainParam_t* param = nullptr,
-                  uintptr_t address = 0) {
-    return trelAttachToTopNode(&info, &node, &top, key, address, param, nullptr);
-  }
-};
-
 TEST(LibraryState, CountsInitialisations) {
   EXPECT_EQ(TREL_RC_NOT_INITIALISED, TRELCleanup(1));
   EXPECT_EQ(TREL_RC_LATCH_VERSION, TRELOneTimeOnlyInitialization(1, 1));

@@ -72,11 +72,9 @@ struct Attempt {
   }
   // Where a reader finds the tree that the method left behind.
   void expectTreeUnder(const Key& where) {
-    ShmSegInfo_t* seg = nullptr;
-    SNodeCB_t* node = nullptr;
-    TopNodeInfo_t found;
-    ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found, where, 0, nullptr, nullptr));
-    EXPECT_EQ(before, TreePicture(node, true).text);
+    Tree tree;
+    ASSERT_EQ(0u, tree.connect(where));
+    EXPECT_EQ(before, TreePicture(tree.node, true).text);
   }
 };
 
@@ -141,22 +139,21 @@ std::set<Text> outcomesOf(uint32_t method) {
   }
 }
 
-using Outcomes = std::set<Text>;
-
 TEST(TreeCopyFaults, Direct) {
-  EXPECT_EQ((Outcomes{"done", "not copied", "source whole", "stands", "stands beside the old"}),
-            outcomesOf(TREL_TREE_COPY_DIRECT));
+  EXPECT_EQ(
+      (std::set<Text>{"done", "not copied", "source whole", "stands", "stands beside the old"}),
+      outcomesOf(TREL_TREE_COPY_DIRECT));
 }
 
 TEST(TreeCopyFaults, ViaProcessMemory) {
-  EXPECT_EQ(
-      (Outcomes{"done", "not copied", "source whole", "source abandoned", "in process memory"}),
-      outcomesOf(TREL_TREE_COPY_VIA_PM));
+  EXPECT_EQ((std::set<Text>{"done", "not copied", "source whole", "source abandoned",
+                            "in process memory"}),
+            outcomesOf(TREL_TREE_COPY_VIA_PM));
 }
 
 TEST(TreeCopyFaults, ViaSegment) {
-  EXPECT_EQ((Outcomes{"done", "not copied", "source whole", "source abandoned", "stands",
-                      "stands beside the old", "under the temporary key"}),
+  EXPECT_EQ((std::set<Text>{"done", "not copied", "source whole", "source abandoned", "stands",
+                            "stands beside the old", "under the temporary key"}),
             outcomesOf(TREL_TREE_COPY_VIA_SEGMENT));
 }
 

@@ -91,12 +91,6 @@ class Copy : public Library {
     }
     return rc;
   }
-  static uint64_t roomForDependents(SNodeCB_t* node) {
-    uint64_t live = 0, room = 0;
-    EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(node, &live, &room, 0));
-    return room;
-  }
-
   Segment source_{kRoom}, target{kRoom};
   SNodeCB_t* copied = nullptr;
   SNodeInfo_t info = {};
@@ -128,8 +122,7 @@ TEST_F(Copy, NodeInEveryDirection) {
     EXPECT_EQ(picture, pictureOf(copied, true));
     EXPECT_EQ(adds, *PLATVAtomicSigned32::word(&copied->reconfigCounter));
     EXPECT_EQ(0, *PLATVAtomicSigned32::word(&copied->nodeLatchArea.writeFlag));
-    const auto* up = reinterpret_cast<ParentSection_t*>(reinterpret_cast<uint8_t*>(copied) +
-                                                        copied->exportTable[3].offset);
+    const auto* up = sectionOf<ParentSection_t>(copied, TREL_EXPORT_PARENT);
     EXPECT_EQ(target.offsetOf(&up->parent), +up->parent.selfOffset);
     EXPECT_EQ(91u + 92 + 93 + 94, up->parent.nodeOffset + up->parent.segInfoOffset +
                                       up->parent.hdmInfoOffset + up->parent.segBase);
@@ -179,10 +172,9 @@ TEST_F(Copy, LimitsFromTheChangeList) {
        std::vector<std::pair<uint32_t, uint32_t>>{{0, 20}, {5, 20}, {40, 40}, {10, 10}})
     EXPECT_EQ(maximum, wish(wished));
   EXPECT_EQ(20u, maximumOfCopy(TREL_COPY_LIMITS_KEEP));
-  EXPECT_EQ(4u, roomForDependents(copied));
+  EXPECT_EQ(4u, dependentsOf(copied).second);
 
-  auto* changes = reinterpret_cast<ChangeListSection_t*>(reinterpret_cast<uint8_t*>(node) +
-                                                         node->exportTable[11].offset);
+  auto* changes = sectionOf<ChangeListSection_t>(node, TREL_EXPORT_CHANGE_LIST);
   const auto copyWithout = [&](uint64_t added) {
     changes->exports = (spec.exports & ~uint64_t{TREL_EXPORT_R}) | added;
     return copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST);
@@ -193,7 +185,7 @@ TEST_F(Copy, LimitsFromTheChangeList) {
   EXPECT_EQ(0u, copied->exports & TREL_EXPORT_R);
   EXPECT_EQ(TREL_RC_COPY_LIMITS, copyNode(node, TREL_COPY_SHM_TO_SHM, 3));
   EXPECT_EQ(TREL_RC_COPY_DIRECTION, copyNode(node, 4));
-  EXPECT_EQ(4u, roomForDependents(node));  // is not left latched
+  EXPECT_EQ(4u, dependentsOf(node).second);  // is not left latched
 }
 
 // Sections that were never filled, parents with longer names, lists of another maximum, small
@@ -224,7 +216,7 @@ TEST_F(Copy, NodesThatTheFormulasDoNotFit) {
   EXPECT_EQ(0u, trelCreateBaseVProperty(node, 3, bytes(Text(100, 'b')), 100, 100, 0));
   EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_KEEP, 100));
   uint64_t maxIdSize = 0;
-  EXPECT_EQ(5u, roomForDependents(copied));
+  EXPECT_EQ(5u, dependentsOf(copied).second);
   EXPECT_EQ(0u, trelGetMaxIDSizeForDependentNode(copied, TREL_EXPORT_DEPENDENT, &maxIdSize));
   EXPECT_EQ(104u, maxIdSize);
   const auto but = [](const Text& picture) { return picture.substr(0, picture.find("\n2048: ")); };
@@ -290,14 +282,10 @@ TEST_F(Copy, TreesByEveryMethod) {
     EXPECT_EQ(viaSegment, source.first().key.exists());
     EXPECT_NE(viaSegment, result.ownKey.exists());
     const int reader = inOtherProcess([&] {
-      ShmSegInfo_t* seg = nullptr;
-      SNodeCB_t* node = nullptr;
-      TopNodeInfo_t found;
+      Tree tree;
       *pSegAttachList = nullptr;
-      ASSERT_EQ(0u, trelConnectToATree(&seg, &node, &found,
-                                       viaSegment ? source.first().key : result.ownKey, 0, nullptr,
-                                       nullptr));
-      EXPECT_EQ(before.text, TreePicture(node, true).text);
+      ASSERT_EQ(0u, tree.connect(viaSegment ? source.first().key : result.ownKey));
+      EXPECT_EQ(before.text, TreePicture(tree.node, true).text);
     });
     EXPECT_EQ(0, reader);
   }
@@ -463,7 +451,7 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
     SNodeCB_t *old = family.node.node, *made = nullptr;
     Segment third;
     const Segment& to = moves ? third : source_;
-    uint64_t size = 0, live = 0, room = 0;
+    uint64_t size = 0;
     EXPECT_EQ(TREL_RC_DEPENDENT_COUNT,
               trelRecreateNodeWithMoreDepNodes(&old, &made, source_.info, to.info, 32769, &size));
     EXPECT_EQ(TREL_CONDITION_ACTIVE, old->condition);
@@ -474,11 +462,8 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
     EXPECT_EQ(0u, made->optionWord0 & TREL_OPTION_RECREATION);
     EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, old->condition);
     EXPECT_EQ(TREL_OPTION_RECREATION, old->optionWord0 & TREL_OPTION_RECREATION);
-    EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(made, &live, &room, 0));
-    EXPECT_EQ(3u, live);
-    EXPECT_EQ(moves ? 3u : 50u, room);
-    EXPECT_EQ(0u, trelReturnNumberOfDependentNodes(family.top.node, &live, &room, 0));
-    EXPECT_EQ(2u, live) << "the sibling of the same tag keeps its entry";
+    EXPECT_EQ((Count{3, moves ? 3 : 50}), dependentsOf(made));
+    EXPECT_EQ(2u, dependentsOf(family.top.node).first) << "the sibling of the tag keeps its entry";
     for (const Made& child : family.children) {
       SNodeCB_t* found = nullptr;
       EXPECT_EQ(0u, family.search(child, &found));
@@ -533,7 +518,6 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
     std::vector<SNodeCB_t*> nodes;
     for (int side = 0; side < 2; ++side) {
       const Made top = makeNode(*sides[side], spec, 1, "top", nullptr);
-      EXPECT_EQ(0u, (Api{top.node, TREL_EXPORT_R}.create({30, 1})));
       for (uint64_t i = 0; i < 20; ++i) {
         nodes.push_back(makeNode(*sides[(side + i) % 2], spec, 10 + i, "n", &top).node);
         EXPECT_EQ(0u, (Api{nodes.back(), TREL_EXPORT_R}.create({30, 1})));
@@ -541,39 +525,35 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
       }
       sides[side]->publish(top.node);
     }
-    const auto connect = [](const Key& key, auto work) {
-      ShmSegInfo_t* seg = nullptr;
-      SNodeCB_t* top = nullptr;
-      TopNodeInfo_t found;
-      if (trelConnectToATree(&seg, &top, &found, key, 0, nullptr, nullptr) == 0) work(seg, top);
-    };
     const auto begin = [] {
       *pSegAttachList = nullptr;
       alarm(60);
     };
     const auto copier = [&](const Key& from, const Key& to, uint32_t method) {
       begin();
-      connect(from, [&](ShmSegInfo_t* seg, SNodeCB_t* top) {
-        TreeCopy copy{top, &seg, to, method};
-        if (copy.run()) return;  // the other was faster, and has deleted what this one needs
-        ++*copiesMade;
-        for (SNodeCB_t* node : TreePicture(copy.newTop).nodes) {
-          int32_t one = 0, two = 0;
-          const uint32_t rc = trelGetValueForRProperty(node, 1, &one, 0);
-          EXPECT_EQ(node == copy.newTop ? uint32_t{TREL_RC_KEY_ABSENT_R} : 0u, rc);
-          EXPECT_EQ(rc, trelGetValueForRProperty(node, 2, &two, 0));
-          EXPECT_EQ(one, two);
-        }
-      });
+      Tree tree;
+      if (tree.connect(from)) return;
+      TreeCopy copy{tree.node, &tree.info, to, method};
+      if (copy.run()) return;  // the other was faster, and has deleted what this one needs
+      ++*copiesMade;
+      for (SNodeCB_t* node : TreePicture(copy.newTop).nodes) {
+        if (node == copy.newTop) continue;
+        int32_t one = 0, two = 1;
+        EXPECT_EQ(0u, trelGetValueForRProperty(node, 1, &one, 0));
+        EXPECT_EQ(0u, trelGetValueForRProperty(node, 2, &two, 0));
+        EXPECT_EQ(one, two);
+      }
+    };
+    const auto attacher = [&] {
+      begin();
+      for (int i = 0; i < 300; ++i) {
+        Tree tree;
+        if (tree.connect(i % 2 ? a.key : b.key) == 0) trelDetachStatusSegment(&tree.info, 2);
+      }
     };
     Child children[] = {Child([&] { copier(a.key, newA, kMethods[round % 3]); }),
-                        Child([&] { copier(b.key, newB, kMethods[round / 3 % 3]); }), Child([&] {
-                          begin();
-                          for (int i = 0; i < 300; ++i)
-                            connect(i % 2 ? a.key : b.key, [](ShmSegInfo_t* seg, SNodeCB_t*) {
-                              trelDetachStatusSegment(&seg, 2);
-                            });
-                        })};
+                        Child([&] { copier(b.key, newB, kMethods[round / 3 % 3]); }),
+                        Child(attacher)};
     // This process still maps the old segments, whatever becomes of them.
     for (int32_t value = 1; value < 400; ++value) {
       SNodeCB_t* node = nodes[value % nodes.size()];

@@ -137,6 +137,21 @@ int inOtherProcess(Work&& work) {
   return Child(work).wait();
 }
 
+// The tree under a key, as a reader finds it.
+struct Tree {
+  ShmSegInfo_t* info = nullptr;
+  SNodeCB_t* node = nullptr;
+  TopNodeInfo_t top{};
+
+  uint32_t connect(const PLATIPCResID* key) {
+    return trelConnectToATree(&info, &node, &top, key, 0, nullptr, nullptr);
+  }
+  uint32_t attach(const PLATIPCResID* key, const ShmDomainParam_t* param = nullptr,
+                  uintptr_t address = 0) {
+    return trelAttachToTopNode(&info, &node, &top, key, address, param, nullptr);
+  }
+};
+
 // A status segment of this process, deleted at the end.
 struct Segment {
   Key key;

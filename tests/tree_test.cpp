@@ -320,15 +320,13 @@ class Reach : public Library {
   // In a process that holds the first segment alone.
   void inReader(const std::function<void(SNodeCB_t*, ShmSegInfo_t*)>& work) {
     const int status = inOtherProcess([&] {
-      ShmSegInfo_t* info = nullptr;
-      SNodeCB_t* node = nullptr;
-      TopNodeInfo_t found;
-      EXPECT_EQ(0u, trelConnectToATree(&info, &node, &found, home.key, 0, nullptr, nullptr));
-      if (node) work(node, info);
+      Tree tree;
+      EXPECT_EQ(0u, tree.connect(home.key));
+      if (tree.node) work(tree.node, tree.info);
       uint32_t count = 0;
-      EXPECT_EQ(0u, trelGetShmAttachRefCount(info, &count));
+      EXPECT_EQ(0u, trelGetShmAttachRefCount(tree.info, &count));
       EXPECT_EQ(1u, count);
-      EXPECT_EQ(0u, trelDetachStatusSegment(&info, 1));
+      EXPECT_EQ(0u, trelDetachStatusSegment(&tree.info, 1));
     });
     EXPECT_EQ(0, status);
   }

@@ -6,18 +6,12 @@
 
 #include "deaths.h"
 #include "heap_walker.h"
-#include "section_walker.h"
+#include "property_api.h"
 #include "segment_fixture.h"
 
 namespace {
 
-using walker::Name;
-using walker::Section;
-
-constexpr uint32_t kKinds[] = {TREL_EXPORT_R, TREL_EXPORT_V, TREL_EXPORT_IR, TREL_EXPORT_IV};
-const char* const kNames[] = {"R", "V", "IR", "IV"};
-
-const uint8_t* bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
+using namespace walker;
 
 struct Never {
   template <class T>
@@ -51,62 +45,25 @@ struct Deaths : Library {
 
   // With the first `count` of two entries.
   uint32_t create(uint32_t bit, uint64_t hashed, uint64_t count) {
-    const uint64_t h = hashed ? 5 : 0, n = hashed ? 12 : 0;
-    const uint64_t tags[] = {1, 6}, sizes[] = {3, 4};
-    const int32_t numbers[] = {8, 9};
-    const uint8_t *ids = bytes("onesame"), *values = bytes("old and out     past it now     ");
-    switch (bit) {
-      case TREL_EXPORT_R:
-        return trelCreateRPropertyList(node, tags, numbers, count, n, hashed, 0);
-      case TREL_EXPORT_V:
-        return trelCreateVPropertyList(node, tags, values, sizes, 16, count, n, hashed, 0);
-      case TREL_EXPORT_IR:
-        return trelCreateIRPropertyList(node, tags, numbers, sizes, ids, 16, count, h, h, n, hashed,
-                                        0);
-      default:
-        return trelCreateIVPropertyList(node, tags, sizes, ids, 16, values, sizes, 16, count, h, h,
-                                        n, hashed, 0);
-    }
+    Api::Entries entries{{{1, "one"}, valueOf(bit, 8, "old")},
+                         {{6, "same"}, valueOf(bit, 9, "past")}};
+    entries.resize(count);
+    return Api{node, bit}.create({hashed * 12, hashed, 16, 16, hashed * 5, hashed * 5}, entries);
   }
   uint32_t add(uint32_t bit, uint64_t tag, const char* id) {
-    switch (bit) {
-      case TREL_EXPORT_R:
-        return trelAddRProperty(node, tag, 3, 0);
-      case TREL_EXPORT_V:
-        return trelAddVProperty(node, tag, 5, bytes("value"), 0);
-      case TREL_EXPORT_IR:
-        return trelAddIRProperty(node, tag, strlen(id), bytes(id), 3, 0);
-      default:
-        return trelAddIVProperty(node, tag, strlen(id), bytes(id), 5, bytes("value"), 0);
-    }
+    return Api{node, bit}.add({tag, id}, valueOf(bit, 3, "value"));
   }
   uint32_t remove(uint32_t bit, uint64_t tag, const char* id) {
-    switch (bit) {
-      case TREL_EXPORT_R:
-        return trelDeleteRProperty(node, tag, 0);
-      case TREL_EXPORT_V:
-        return trelDeleteVProperty(node, tag, 0);
-      case TREL_EXPORT_IR:
-        return trelDeleteIRProperty(node, tag, strlen(id), bytes(id), 0);
-      default:
-        return trelDeleteIVProperty(node, tag, strlen(id), bytes(id), 0);
-    }
+    return Api{node, bit}.remove({tag, id});
   }
   uint32_t set(uint32_t bit, uint64_t tag, const char* id) {
-    switch (bit) {
-      case TREL_EXPORT_R:
-        return trelSetValueForRProperty(node, tag, 9, 0);
-      case TREL_EXPORT_V:
-        return trelSetValueForVProperty(node, tag, 11, bytes("other value"), 0);
-      case TREL_EXPORT_IR:
-        return trelSetValueForIRProperty(node, tag, strlen(id), bytes(id), 9, 0);
-      default:
-        return trelSetValueForIVProperty(node, tag, strlen(id), bytes(id), 11, bytes("other value"),
-                                         0);
-    }
+    return Api{node, bit}.set({tag, id}, valueOf(bit, 9, "other value"));
+  }
+  static Text valueOf(uint32_t bit, int32_t number, const char* text) {
+    return hasBytes(bit) ? Text(text) : registerOf(number);
   }
 
-  using Properties = std::multimap<Name, walker::Content>;
+  using Properties = std::multimap<Name, Content>;
 
   Properties propertiesOf(uint32_t bit) {
     if (node->exportTable[__builtin_ctz(bit) - 1].used == 0) return {};
@@ -149,10 +106,9 @@ struct Deaths : Library {
 };
 
 TEST_F(Deaths, Properties) {
-  for (int k = 0; k < 4; ++k)
+  for (const uint32_t bit : kKinds)
     for (const uint64_t hashed : {0, 1}) {
-      const uint32_t bit = kKinds[k];
-      SCOPED_TRACE(std::string(kNames[k]) + (hashed ? " hashed" : " flat"));
+      SCOPED_TRACE("kind " + std::to_string(bit) + (hashed ? " hashed" : " flat"));
       const auto see = [&] { return propertiesOf(bit); };
       const auto use = [&] {
         EXPECT_EQ(0u, add(bit, 77, "after"));
