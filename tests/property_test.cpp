@@ -215,8 +215,9 @@ class Model {
       ASSERT_EQ(all, current);
       ASSERT_EQ(shape.limits.maximum + shape.extra / before.recordBytes, maximum);
       for (uint64_t seen = 0; seen < all;) {
-        if (*record) {
-          ASSERT_EQ(before.inOrder[seen++].tag, *record);
+        const uint64_t there = *record;
+        if (there) {
+          ASSERT_EQ(before.inOrder[seen++].tag, there);
         }
         ASSERT_EQ(0u, api.next(&record));
       }
