@@ -206,7 +206,7 @@ TEST(HeapTraffic, BusyDefaultPoolFillsAndEmpties) {
       for (int refusals = 0; refusals < 20;)
         if (traffic.allocate(1 + traffic.upTo(200))) ++refusals;
       ASSERT_EQ("", traffic.difference(true));
-      EXPECT_LT(heap.info().freeBytes, fresh.freeBytes / (round == 0 ? 50 : 4)) << traffic.blocks();
+      EXPECT_LT(heap.info().freeBytes, fresh.freeBytes / (round == 0 ? 12 : 2)) << traffic.blocks();
       while (traffic.blocks() > (round == 2 ? 0u : 50u)) traffic.release();
       ASSERT_EQ("", traffic.difference(true));
     }
