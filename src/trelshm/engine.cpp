@@ -64,6 +64,7 @@ uint32_t allocateInside(Heap* heap, Allocation* wanted, const Debug& debug, cons
   if ((debug.flags & kFillNew) && heap->kind().kind == TREL_HEAP_POOL)
     memset(heap->at<void>(wanted->dataOffset), 0xff, wanted->requested);
   if (wanted->name) storeLast(wanted->name, wanted->dataOffset);
+  if (wanted->work) wanted->work(wanted->context, wanted->dataOffset);
   storeLast(&intent->allocating, 0);
   return 0;
 }

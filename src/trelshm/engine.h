@@ -19,6 +19,9 @@ struct Allocation {
   uint64_t size;       // both, rounded; comes back with the pads added
   uint64_t blockOffset, dataOffset;
   BlockName name = nullptr;  // gets the new block
+  // Work on the new block while a death still takes it back, inside heapLatch. May be null.
+  void (*work)(void* context, uint64_t dataOffset) = nullptr;
+  void* context = nullptr;
 };
 
 // Takes the block, writes its pads. Enters debugLatch, then heapLatch. A failure leaves every block

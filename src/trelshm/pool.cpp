@@ -12,6 +12,18 @@ ShmPoolParam_t complete(const ShmPoolParam_t* given) {
   return completed(given, kDefaultLevel, kDefaultGranularity);
 }
 
+// A pool is made while its chunk is still in flight, so that a death leaves both or none.
+struct NewPool {
+  void* base;
+  const HeapPlan& plan;
+  uint32_t rc;
+
+  static void create(void* context, uint64_t dataOffset) {
+    auto* pool = static_cast<NewPool*>(context);
+    pool->rc = createHeap(pool->base, dataOffset, kPoolKind, pool->plan);
+  }
+};
+
 uint32_t makeHandle(ShmPoolHandle_t** handle) {
   void* block = nullptr;
   if (_platMemAlloc(&block, 0, sizeof(ShmPoolHandle_t), 1, __FILE__, __LINE__) != 0)
@@ -133,14 +145,11 @@ uint32_t _trelCreateShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domainH
     plan.size = (poolSize + extra + param.granularity - 1) / param.granularity * param.granularity;
 
     const Caller caller = {function, line, file};
-    Allocation chunk = {poolSize, 0, extra, plan.size, 0, 0};
+    NewPool pool = {domainHandle->base, plan, 0};
+    Allocation chunk = {poolSize, 0, extra, plan.size, 0, 0, nullptr, NewPool::create, &pool};
     if (const uint32_t rc = allocate(&domain, &chunk, caller)) return flow.fail(rc);
-    uint32_t rc = 0;
     ShmPoolHandle_t* made = nullptr;
-    if (createHeap(domainHandle->base, chunk.dataOffset, kPoolKind, plan) != 0)
-      rc = TREL_RC_POOL_HEAP;
-    else
-      rc = makeHandle(&made);
+    const uint32_t rc = pool.rc ? uint32_t{TREL_RC_POOL_HEAP} : makeHandle(&made);
     if (rc) {
       Heap(domain.base(), chunk.dataOffset, kPoolKind).header()->heapState = 0;
       release(&domain, chunk.blockOffset, chunk.dataOffset, false, caller);

@@ -52,17 +52,23 @@ uint32_t settleListNode(const Heap& domain) {
   return 0;
 }
 
+// A block of a domain may hold a pool, whole or half made.
+void takeBack(const Heap& heap, uint64_t blockOffset, LiveNodes* nodes) {
+  const AllocNode_t* n = nodes->find(blockOffset, &AllocNode_t::blockOffset);
+  if (!n) return;
+  if (heap.kind().kind == TREL_HEAP_DOMAIN &&
+      heap.containsBlock(n->dataOffset, TREL_HEAP_HEADER_SIZE))
+    endPool(heap, n->dataOffset, n->blockOffset + n->blockSize - n->dataOffset);
+  nodes->drop(blockOffset);
+}
+
 uint32_t repair(Heap* heap) {
   LiveNodes nodes;
   if (const uint32_t rc = nodes.recover(heap)) return rc;
   HeapIntent_t* intent = heap->intent();
-  const uint32_t allocating = intent->allocating & ~TREL_REPAIR_DUE;
-  if (allocating) nodes.drop(heap->offset() + allocating);  // nobody has seen it
-  const AllocNode_t* chunk = nodes.find(intent->freeing, &AllocNode_t::blockOffset);
-  if (chunk && heap->containsBlock(chunk->dataOffset, TREL_HEAP_HEADER_SIZE)) {
-    endPool(*heap, chunk->dataOffset, chunk->blockOffset + chunk->blockSize - chunk->dataOffset);
-    nodes.drop(intent->freeing);
-  }
+  // What was being handed out, which nobody has seen, and what was being given back.
+  takeBack(*heap, heap->offset() + (intent->allocating & ~TREL_REPAIR_DUE), &nodes);
+  takeBack(*heap, intent->freeing, &nodes);
   if (const uint32_t rc = nodes.findGaps(*heap)) return rc;
   nodes.flatten();
   if (!nodes.fit(*heap, heap->space())) return heap->kind().rcState;

@@ -25,7 +25,10 @@ using Blocks = std::map<uint64_t, uint64_t>;
 
 struct Contents {
   Blocks chunks, blocks;
-  bool operator==(const Contents& o) const { return chunks == o.chunks && blocks == o.blocks; }
+  size_t pools;
+  bool operator==(const Contents& o) const {
+    return chunks == o.chunks && blocks == o.blocks && pools == o.pools;
+  }
 };
 
 constexpr uint32_t kSegment = 0x20000;
@@ -81,10 +84,11 @@ struct Heaps {
   Contents contents() const {
     const HeapWalk whole(memory.base(), TREL_HEAP_DOMAIN, 0);
     EXPECT_EQ("", whole.fault) << "domain";
-    Contents found{blocksOf(whole), {}};
+    Contents found{blocksOf(whole), {}, 0};
     for (const auto& chunk : found.chunks) {
       const auto* header = reinterpret_cast<HeapHeader_t*>(memory.base() + chunk.first);
       if (header->heapState != TREL_POOL_STATE || header->heapOffset != chunk.first) continue;
+      ++found.pools;
       const HeapWalk walk(memory.base(), TREL_HEAP_POOL, chunk.first);
       EXPECT_EQ("", walk.fault) << "pool";
       found.blocks.merge(blocksOf(walk));
@@ -297,7 +301,6 @@ TEST(HeapDeaths, Pools) {
   fillWithHoles(heaps, 6);
   ShmPoolParam_t param{};
   param.nodeCount = 4;
-  // The chunk of a pool under way is what its creator was about to take: it may stay allocated.
   const auto create = [&] {
     ShmPoolHandle_t* made = nullptr;
     EXPECT_EQ(0u, _trelCreateShmPool(&made, heaps.domain, 0x2000, &param, 1, 2, "killpoints"));
