@@ -314,8 +314,11 @@ class Reach : public Library {
     home.publish(top);
     other.publish(far);
   }
-  static uint32_t soft(SNodeCB_t* from, uint64_t tag, SNodeInfo_t** entry) {
-    return trelFindNodeSoft(entry, from, tag, 0, nullptr, 0);
+  uint32_t soft(SNodeCB_t* from, uint64_t tag, uint64_t limit = 0) {
+    return trelFindNodeSoft(&entry_, from, tag, 0, nullptr, limit);
+  }
+  uint32_t addUp(SNodeCB_t* from, ShmSegInfo_t* info, uint32_t options = 0) {
+    return trelGetTreeInfo(from, info, options, 4, 0, &sum_);
   }
   // In a process that holds the first segment alone.
   void inReader(const std::function<void(SNodeCB_t*, ShmSegInfo_t*)>& work) {
@@ -337,6 +340,8 @@ class Reach : public Library {
     return node ? node->refCount : 0;
   }
 
+  SNodeInfo_t* entry_ = nullptr;  // found
+  TreeInfo_t sum_;
   Segment home, other;
   SNodeCB_t* top = makeNode(home, 1, "top", 4);
   SNodeCB_t* near = makeNode(home, 2, "near", 2);
@@ -345,14 +350,12 @@ class Reach : public Library {
 };
 
 TEST_F(Reach, AttachesWhatItUsesAndNoMore) {
-  SNodeInfo_t* entry = nullptr;
   for (uint32_t condition :
        {TREL_CONDITION_CREATED, TREL_CONDITION_INITIALISED, TREL_CONDITION_ABANDONED}) {
     far->condition = condition;
     inReader([&](SNodeCB_t* node, ShmSegInfo_t* info) {
-      SNodeInfo_t* found = nullptr;
-      EXPECT_EQ(0u, soft(node, 2, &found));
-      EXPECT_EQ(TREL_RC_NOT_FOUND, soft(node, 4, &found));
+      EXPECT_EQ(0u, soft(node, 2));
+      EXPECT_EQ(TREL_RC_NOT_FOUND, soft(node, 4));
       EXPECT_EQ(0u, otherCount()) << "a node that was passed over is left";
       EXPECT_EQ(0u, trelSetStatusForEachNodeInATree(node, info, 0, TREL_STATUS_ACTIVATE, 32));
       EXPECT_EQ(condition != TREL_CONDITION_ABANDONED, otherCount());
@@ -361,37 +364,32 @@ TEST_F(Reach, AttachesWhatItUsesAndNoMore) {
   trelDisassociateNode(&far);
   far->optionWord0 = TREL_OPTION_RECREATION;
   inReader([&](SNodeCB_t* node, ShmSegInfo_t*) {
-    SNodeInfo_t* found = nullptr;
-    EXPECT_EQ(TREL_RC_BEING_RECREATED, soft(node, 4, &found));
+    EXPECT_EQ(TREL_RC_BEING_RECREATED, soft(node, 4));
     EXPECT_EQ(0u, otherCount());
   });
   far->optionWord0 = 0;
   inReader([&](SNodeCB_t* node, ShmSegInfo_t* info) {
-    TreeInfo_t sum;
-    EXPECT_EQ(0u, trelGetTreeInfo(node, info, TREL_WALK_ONE_SEGMENT, 0, 0, &sum));
-    EXPECT_EQ(2u, sum.totalNodes);
+    EXPECT_EQ(0u, addUp(node, info, TREL_WALK_ONE_SEGMENT));
+    EXPECT_EQ(2u, sum_.totalNodes);
     EXPECT_EQ(0u, otherCount());
-    EXPECT_EQ(0u, trelGetTreeInfo(node, info, 0, 4, 0, &sum));
-    EXPECT_EQ(4u, sum.totalNodes);
-    EXPECT_EQ(1u, sum.taggedNodes);
+    EXPECT_EQ(0u, addUp(node, info));
+    EXPECT_EQ(4u, sum_.totalNodes);
+    EXPECT_EQ(1u, sum_.taggedNodes);
     EXPECT_EQ(1u, otherCount());
-    SNodeInfo_t* found = nullptr;
-    EXPECT_EQ(0u, soft(node, 4, &found));
+    EXPECT_EQ(0u, soft(node, 4));
     SNodeCB_t* reached = nullptr;
-    EXPECT_EQ(0u, trelAttachToNode(found, &reached));
+    EXPECT_EQ(0u, trelAttachToNode(entry_, &reached));
     EXPECT_EQ(4u, +reached->tag);
     EXPECT_EQ(1u, otherCount());
   });
   // A segment that is gone for new attaches: a code, and no trace of the attempt.
   EXPECT_EQ(0u, trelMarkStatusSegmentForDeletion(other.info));
   inReader([&](SNodeCB_t* node, ShmSegInfo_t* info) {
-    SNodeInfo_t* found = nullptr;
-    TreeInfo_t sum;
-    EXPECT_EQ(TREL_RC_DOMAIN_MARKED, soft(node, 4, &found));
-    EXPECT_EQ(TREL_RC_DOMAIN_MARKED, trelGetTreeInfo(node, info, 0, 0, 0, &sum));
+    EXPECT_EQ(TREL_RC_DOMAIN_MARKED, soft(node, 4));
+    EXPECT_EQ(TREL_RC_DOMAIN_MARKED, addUp(node, info));
     EXPECT_EQ(0u, otherCount());
   });
-  EXPECT_EQ(0u, soft(top, 4, &entry));
+  EXPECT_EQ(0u, soft(top, 4));
 }
 
 TEST_F(Reach, StatusWalks) {
@@ -436,9 +434,8 @@ TEST_F(Reach, TheTopCanBeTakenOffItsParentsList) {
   ASSERT_EQ(0u, trelAddDependentNode(far, &first, bytes("twin"), 4, 0, 0));
   EXPECT_EQ(0u, trelSetStatusForEachNodeInATree(nameless, other.info, 0, TREL_STATUS_DISCLAIM,
                                                 TREL_WALK_ALL | TREL_WALK_REMOVE_TOP));
-  SNodeInfo_t* entry = nullptr;
-  EXPECT_EQ(0u, trelFindDependentNode(&entry, far, 5, 0, nullptr, 0));
-  EXPECT_EQ(+twin->nodeOffset, +entry->nodeOffset);
+  EXPECT_EQ(0u, trelFindDependentNode(&entry_, far, 5, 0, nullptr, 0));
+  EXPECT_EQ(+twin->nodeOffset, +entry_->nodeOffset);
   // The subtree of a child that its record in process memory names.
   SNodeInfo_t down = recordOf(home, far, other);
   down.idSize = 2;
@@ -446,7 +443,7 @@ TEST_F(Reach, TheTopCanBeTakenOffItsParentsList) {
             trelDeleteDependentNodeAndSubtree(top, &down, other.info, 0, TREL_WALK_ALL));
   down.idSize = 3;
   EXPECT_EQ(0u, trelDeleteDependentNodeAndSubtree(top, &down, other.info, 0, TREL_WALK_ALL));
-  EXPECT_EQ(TREL_RC_NOT_FOUND, soft(top, 3, &entry));
+  EXPECT_EQ(TREL_RC_NOT_FOUND, soft(top, 3));
 }
 
 // ---- Deep, cyclic and damaged trees -------------------------------------------------------------
@@ -455,14 +452,12 @@ TEST_F(Reach, CyclesEndInACode) {
   SNodeInfo_t back = recordOf(other, top, home);
   for (const char* id : {"one", "two"})  // a cycle that forks
     ASSERT_EQ(0u, trelAddDependentNode(far, &back, bytes(id), 3, 0, 0));
-  SNodeInfo_t* entry = nullptr;
   SNodeInfo_t* found[2];
   uint64_t returned = 0, total = 0;
-  TreeInfo_t sum;
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(top, 77, &entry));
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelFindNodeSoft(&entry, top, 77, 0, nullptr, 1000));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(top, 77));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(top, 77, 1000));
   EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelFindNodesByTag(top, 77, 0, 2, found, &returned, &total));
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelGetTreeInfo(top, home.info, 0, 0, 0, &sum));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, addUp(top, home.info));
   EXPECT_EQ(TREL_RC_DEPTH_LIMIT,
             trelSetStatusForEachNodeInATree(top, home.info, 0, TREL_STATUS_UPDATE, 8));
   EXPECT_EQ(TREL_RC_DEPTH_LIMIT,
@@ -479,10 +474,8 @@ TEST_F(Reach, ForksThatMeetAgainEndInACode) {
       ASSERT_EQ(0u, trelAddDependentNode(node, &record, bytes(id), 3, 0, 0));
     node = next;
   }
-  SNodeInfo_t* entry = nullptr;
-  TreeInfo_t sum;
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(top, 77, &entry));
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelGetTreeInfo(top, home.info, 0, 0, 0, &sum));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(top, 77));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, addUp(top, home.info));
 }
 
 TEST_F(Reach, ThirtyThousandLevels) {
@@ -495,15 +488,13 @@ TEST_F(Reach, ThirtyThousandLevels) {
     SNodeInfo_t record = recordOf(deep, nodes.back(), deep);
     ASSERT_EQ(0u, trelAddDependentNode(nodes[i - 2], &record, nullptr, 0, 0, 0));
   }
-  SNodeInfo_t* entry = nullptr;
-  TreeInfo_t sum;
-  EXPECT_EQ(0u, soft(nodes[0], 32768, &entry));
-  EXPECT_EQ(+nodes[32767]->nodeOffset, +entry->nodeOffset);
-  EXPECT_EQ(TREL_RC_NOT_FOUND, trelFindNodeSoft(&entry, nodes[0], 32768, 0, nullptr, 32766));
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(nodes[0], 77777, &entry));
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, trelGetTreeInfo(nodes[0], deep.info, 0, 0, 0, &sum));
-  EXPECT_EQ(0u, trelGetTreeInfo(nodes[3], deep.info, 0, 0, 0, &sum));
-  EXPECT_EQ(32768u, sum.totalNodes);
+  EXPECT_EQ(0u, soft(nodes[0], 32768));
+  EXPECT_EQ(+nodes[32767]->nodeOffset, +entry_->nodeOffset);
+  EXPECT_EQ(TREL_RC_NOT_FOUND, soft(nodes[0], 32768, 32766));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(nodes[0], 77777));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, addUp(nodes[0], deep.info));
+  EXPECT_EQ(0u, addUp(nodes[3], deep.info));
+  EXPECT_EQ(32768u, sum_.totalNodes);
   EXPECT_EQ(0u, trelDeleteDependentNodeAndSubtree(nodes[3], nullptr, deep.info, 0, 1));
 }
 
@@ -528,9 +519,8 @@ TEST_F(Reach, DamagedTreesGiveCodes) {
     take(sectionOf<uint8_t>(node, TREL_EXPORT_PARENT), 64);
   }
   for (SNodeCB_t* child : {near, far}) {
-    SNodeInfo_t* entry = nullptr;
-    ASSERT_EQ(0u, trelFindDependentNode(&entry, top, child->tag, 0, nullptr, 0));
-    take(base + entry->segInfoOffset, 32);
+    ASSERT_EQ(0u, trelFindDependentNode(&entry_, top, child->tag, 0, nullptr, 0));
+    take(base + entry_->segInfoOffset, 32);
   }
   int refused = 0;
   for (int round = 0; round < 3000; ++round) {
@@ -541,20 +531,18 @@ TEST_F(Reach, DamagedTreesGiveCodes) {
           ~0ull, random(), 0x100000,  8,         4097};
       *word = values[random() % 10];
     }
-    SNodeInfo_t* entry = nullptr;
     SNodeInfo_t* found[4];
     SNodeInfo_t records[8];
     uint8_t ids[8 * 4096];
     uint64_t returned = 0, total = 0;
-    TreeInfo_t sum;
     uint8_t path0[] = "far", path1[] = "leaf";
     const TraverseInfo_t path[] = {{3, 3, path0}, {4, 4, path1}};
     SNodeInfo_t added = {near->nodeOffset, 9, 1, 0, 0, 0, 0}, removed = {0, 9, 1, 0, 0, 0, 0};
     const uint32_t results[] = {
-        trelFindNodeSoft(&entry, top, 4, 4, path1, 0),
-        trelFindNodeHard(&entry, top, 2, path, 8),
+        trelFindNodeSoft(&entry_, top, 4, 4, path1, 0),
+        trelFindNodeHard(&entry_, top, 2, path, 8),
         trelFindNodesByTag(top, 4, 0, 4, found, &returned, &total),
-        trelGetTreeInfo(top, home.info, 0, 4, 0, &sum),
+        addUp(top, home.info),
         trelSetStatusForEachNodeInATree(top, home.info, 0, TREL_STATUS_UPDATE, 8),
         trelReturnDependentNodes(top, records, ids, &returned, &total, 8, 0, 0),
         trelAddDependentNode(top, &added, bytes("x"), 1, TREL_ADD_REPLACE, 0),
@@ -565,8 +553,7 @@ TEST_F(Reach, DamagedTreesGiveCodes) {
     memcpy(otherBase, savedOther.data(), savedOther.size());
   }
   EXPECT_GT(refused, 3000);
-  SNodeInfo_t* entry = nullptr;
-  EXPECT_EQ(0u, soft(top, 4, &entry));
+  EXPECT_EQ(0u, soft(top, 4));
   EXPECT_EQ(1u, otherCount());
   EXPECT_EQ(1u, home.attachCount());
 }
@@ -574,13 +561,11 @@ TEST_F(Reach, DamagedTreesGiveCodes) {
 // ---- A tree that changes under its readers ------------------------------------------------------
 
 TEST_F(Reach, AWriterReadsItsOwnList) {
-  SNodeInfo_t* entry = nullptr;
   uint64_t count = 0;
-  TreeInfo_t sum;
   ASSERT_EQ(0u, trelEnterCriticalSectionBeforeWrite(top, &top->nodeLatchArea));
-  EXPECT_EQ(0u, trelSearchForNodeSoft(&entry, top, &count, 4, 0, nullptr, 0, 0));
-  EXPECT_EQ(0u, trelGetTreeInfo(top, home.info, 0, 0, 0, &sum));
-  EXPECT_EQ(4u, sum.totalNodes);
+  EXPECT_EQ(0u, trelSearchForNodeSoft(&entry_, top, &count, 4, 0, nullptr, 0, 0));
+  EXPECT_EQ(0u, addUp(top, home.info));
+  EXPECT_EQ(4u, sum_.totalNodes);
   EXPECT_EQ(0u, trelExitCriticalSectionAfterWrite(top, &top->nodeLatchArea));
 }
 
