@@ -3,18 +3,17 @@
 // node and the pool, and answers. Exits 0 if all was right.
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <string>
 
 #include "platsvc/platsvc.h"
-#include "trel/trel.h"
+#include "property_api.h"
 
 namespace {
 
-constexpr uint64_t kCount = 500, kMaxValue = 40, kMaxId = 16, kAnswer = 9000;
+using namespace walker;
+
+constexpr uint64_t kCount = 500, kAnswer = 9000;
+constexpr ListLimits kLimits{2 * kCount, 1, 16, 40, 50, 50};
 
 void must(uint32_t rc, int line) {
   if (rc == 0) return;
@@ -24,52 +23,45 @@ void must(uint32_t rc, int line) {
 #define MUST(expression) must(expression, __LINE__)
 #define CHECK(condition) must((condition) ? 0 : 1, __LINE__)
 
-const uint8_t* bytes(const std::string& text) {
-  return reinterpret_cast<const uint8_t*>(text.data());
+Name nameOf(uint32_t bit, uint64_t i) {
+  return {i, hasId(bit) ? "id" + std::to_string(i % 7) : ""};
 }
-int32_t valueOf(uint64_t i) { return static_cast<int32_t>(i * 2654435761u); }
-std::string textOf(uint64_t i) { return "value " + std::to_string(i); }
-std::string idOf(uint64_t i) { return "id" + std::to_string(i % 7); }
+Text valueOf(uint32_t bit, uint64_t i) {
+  return hasBytes(bit) ? "value " + std::to_string(i)
+                       : registerOf(static_cast<int32_t>(i * 2654435761u));
+}
 
 void publish(const PLATIPCResID& key) {
   ShmSegInfo_t* segment = nullptr;
   SNodeCB_t* node = nullptr;
-  std::array<uint64_t, 64> sizes{};
-  sizes[0] = 16 + 13;  // the sections behind lie at odd places
-  for (int slot = 6; slot <= 9; ++slot) sizes[static_cast<size_t>(slot)] = 2000003;
+  uint64_t sizes[64] = {16 + 13};  // the sections behind lie at odd places
+  for (uint32_t bit : kKinds) sizes[slotOf(bit)] = 2000003;
   uint64_t size = 0, offset = 0;
   MUST(trelGetProtectedStatusSegment(&segment, 20 << 20, &key, 0, 0, nullptr, nullptr));
   MUST(trelCreateNode(
       segment, &node,
-      TREL_EXPORT_ID | TREL_EXPORT_R | TREL_EXPORT_V | TREL_EXPORT_IR | TREL_EXPORT_IV,
-      sizes.data(), &size, &offset));
+      TREL_EXPORT_ID | TREL_EXPORT_R | TREL_EXPORT_V | TREL_EXPORT_IR | TREL_EXPORT_IV, sizes,
+      &size, &offset));
   MUST(trelInitNode(&node, offset, 4, bytes("name"), nullptr, nullptr, 8, nullptr, nullptr,
                     nullptr));
   MUST(trelSetNodeTag(node, 77, 0));
   MUST(trelActivateNode(&node));
-  MUST(trelCreateRPropertyList(node, nullptr, nullptr, 0, 2 * kCount, 1, 0));
-  MUST(trelCreateVPropertyList(node, nullptr, nullptr, nullptr, kMaxValue, 0, kCount, 1, 0));
-  MUST(trelCreateIRPropertyList(node, nullptr, nullptr, nullptr, nullptr, kMaxId, 0, 50, 50, kCount,
-                                1, 0));
-  MUST(trelCreateIVPropertyList(node, nullptr, nullptr, nullptr, kMaxId, nullptr, nullptr,
-                                kMaxValue, 0, 50, 50, kCount, 1, 0));
-  for (uint64_t i = 1; i <= kCount; ++i) {
-    const std::string text = textOf(i), id = idOf(i);
-    MUST(trelAddRProperty(node, i, valueOf(i), 0));
-    MUST(trelAddVProperty(node, i, text.size(), bytes(text), 0));
-    MUST(trelAddIRProperty(node, i, id.size(), bytes(id), valueOf(i), 0));
-    MUST(trelAddIVProperty(node, i, id.size(), bytes(id), text.size(), bytes(text), 0));
+  for (uint32_t bit : kKinds) {
+    Api list{node, bit};
+    MUST(list.create(kLimits));
+    for (uint64_t i = 1; i <= kCount; ++i) MUST(list.add(nameOf(bit, i), valueOf(bit, i)));
   }
   MUST(trelPutTopNodeInfoIntoDomainHeader(
       segment->shmDomainHandle, 77, offset,
       static_cast<uint32_t>(segment->shmPoolHandle->poolOffset)));
-  int32_t answer = 0;
-  for (int i = 0; i < 2000 && trelGetValueForRProperty(node, kAnswer, &answer, 0) != 0; ++i) {
+  Api registers{node, TREL_EXPORT_R};
+  Text answer;
+  for (int i = 0; i < 2000 && registers.get({kAnswer, ""}, &answer) != 0; ++i) {
     MUST(trelUpdateNodeStatus(node));
     usleep(10000);
   }
-  CHECK(answer == valueOf(kAnswer));
-  CHECK(trelGetValueForRProperty(node, 1, &answer, 0) == TREL_RC_KEY_ABSENT_R);
+  CHECK(answer == valueOf(TREL_EXPORT_R, kAnswer));
+  CHECK(registers.get({1, ""}, &answer) == TREL_RC_KEY_ABSENT_R);
   void* block = nullptr;
   MUST(_trelAllocateShmBlock(&block, segment->shmPoolHandle, 100, 0, 0, 0, ""));
   MUST(_trelFreeShmBlock(&block, segment->shmPoolHandle, 0, 0, ""));
@@ -85,20 +77,12 @@ void read(const PLATIPCResID& key) {
     rc = trelConnectToATree(&segment, &node, &top, &key, 0, nullptr, nullptr);
   MUST(rc);
   CHECK(top.tag == 77);
-  for (uint64_t i = 1; i <= kCount; ++i) {
-    const std::string text = textOf(i), id = idOf(i);
-    int32_t value = 0;
-    uint64_t size = 0;
-    uint8_t* address = nullptr;
-    MUST(trelGetValueForRProperty(node, i, &value, 0));
-    CHECK(value == valueOf(i));
-    MUST(trelGetValueForIRProperty(node, i, id.size(), bytes(id), &value, 0));
-    CHECK(value == valueOf(i));
-    MUST(trelGetValueForVProperty(node, i, &size, &address, nullptr, 0));
-    CHECK(std::string(reinterpret_cast<char*>(address), size) == text);
-    MUST(trelGetValueForIVProperty(node, i, id.size(), bytes(id), &size, &address, nullptr, 0));
-    CHECK(std::string(reinterpret_cast<char*>(address), size) == text);
-  }
+  for (uint32_t bit : kKinds)
+    for (uint64_t i = 1; i <= kCount; ++i) {
+      Text value;
+      MUST((Api{node, bit}.get(nameOf(bit, i), &value)));
+      CHECK(value == valueOf(bit, i));
+    }
   void* blocks[200];
   for (size_t i = 0; i < 200; ++i)
     MUST(_trelAllocateShmBlock(&blocks[i], segment->shmPoolHandle, static_cast<uint32_t>(1 + i), 0,
@@ -111,7 +95,7 @@ void read(const PLATIPCResID& key) {
   for (int i = 0; i < 500 && rc; ++i, usleep(1000)) rc = trelIsStillBeingUpdated(node, &watch);
   MUST(rc);
   MUST(trelDeleteRProperty(node, 1, 0));
-  MUST(trelAddRProperty(node, kAnswer, valueOf(kAnswer), 0));
+  MUST((Api{node, TREL_EXPORT_R}.add({kAnswer, ""}, valueOf(TREL_EXPORT_R, kAnswer))));
   MUST(trelDetachFromTopNode(&segment, 1));
 }
 
@@ -124,5 +108,5 @@ int main(int argc, char** argv) {
   MUST(TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
   std::strcmp(argv[1], "publish") == 0 ? publish(key) : read(key);
   MUST(TRELCleanup(1));
-  return 0;
+  return testing::Test::HasFailure();
 }
