@@ -151,7 +151,7 @@ void dieEverywhere(const Heaps& heaps, const std::string& what, const std::funct
   const uint64_t tried = heaps.memory.dieEverywhere(start, work, survive);
   EXPECT_GT(tried, 2u);
   const uint64_t repairs = heaps.memory.dieTwice(
-      start, work, (tried + 1) / (isFullRun() ? 12 : 1), [&] { heaps.takeOver(); }, survive);
+      start, work, (tried + 1) / (isFullRun() ? 4 : 1), [&] { heaps.takeOver(); }, survive);
   points += tried + repairs;
   heaps.memory.restore(start);
   printf("%6llu, in repairs %6llu: %s\n", static_cast<unsigned long long>(tried),
