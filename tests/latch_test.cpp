@@ -179,9 +179,10 @@ TEST_F(LatchTest, WaitersAreLetGoWhenTheCellIsPutToOtherUse) {
 }
 
 TEST_F(LatchTest, ReleaseWakesOneWaiterAfterTheOther) {
-  // Sleepers look again after 50 ms anyway; the best of a few tries shows that they were woken.
-  auto best = Clock::duration::max();
-  for (int i = 0; i < 5; ++i) {
+  // Sleepers look again after 50 ms anyway, but hardly ever all at once; and a busy machine may
+  // delay any one try.
+  int prompt = 0;
+  for (int i = 0; i < 8; ++i) {
     platVLatchGet(cell());
     std::future<uint32_t> waiters[3];
     for (auto& waiter : waiters) waiter = getAside(cell());
@@ -192,9 +193,9 @@ TEST_F(LatchTest, ReleaseWakesOneWaiterAfterTheOther) {
       EXPECT_TRUE(isDoneWithin(10s, waiter));
       EXPECT_EQ(waiter.get(), 0u);
     }
-    best = std::min(best, Clock::now() - released);
+    prompt += Clock::now() - released < 8ms;
   }
-  EXPECT_LT(best, 8ms);
+  EXPECT_GE(prompt, 4);
 }
 
 // Adds 1 to a counter so that two adders at once would lose something.
