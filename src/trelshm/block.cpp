@@ -87,44 +87,28 @@ uint32_t _trelFreeShmBlock(void** block, ShmPoolHandle_t* handle, uint32_t funct
   return freeBlock(block, handle, {function, line, file});
 }
 
-namespace {
-
-template <class Work>
-uint32_t onEngine(uint32_t function, void* base, uint32_t heapKind, uint64_t heapOffset,
-                  Work&& work) {
-  return traced(function, [&](const Flow& flow) -> uint32_t {
-    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
-    const HeapKind* kind = heapKindOf(heapKind);
-    if (!kind) return flow.fail(TREL_RC_HEAP_KIND, &heapKind, sizeof heapKind);
-    Heap heap(base, heapOffset, *kind);
-    return work(flow, &heap);
-  });
-}
-
-}  // namespace
-
 uint32_t trelGetMemChunkFromShmHeap(void* base, uint32_t heapKind, uint64_t heapOffset,
                                     uint64_t requestedSize, uint64_t options, uint64_t extraSize,
                                     uint64_t* size, uint64_t* blockOffset, uint64_t* dataOffset,
                                     uint32_t function, uint32_t line, const char* file) {
-  return onEngine(FID_trelGetMemChunkFromShmHeap, base, heapKind, heapOffset,
-                  [&](const Flow& flow, Heap* heap) -> uint32_t {
-                    if (!size) return flow.fail(TREL_RC_BLOCK_SIZE_NULL);
-                    if (!blockOffset || !dataOffset) return flow.fail(TREL_RC_BLOCK_OFFSET_NULL);
-                    Allocation wanted = {requestedSize, options, extraSize, *size, 0, 0};
-                    const uint32_t rc = allocate(heap, &wanted, {function, line, file});
-                    *size = wanted.size;
-                    if (rc) return flow.fail(rc);
-                    *blockOffset = wanted.blockOffset;
-                    *dataOffset = wanted.dataOffset;
-                    return 0;
-                  });
+  return onHeap(FID_trelGetMemChunkFromShmHeap, base, heapKind, heapOffset,
+                [&](const Flow& flow, Heap* heap) -> uint32_t {
+                  if (!size) return flow.fail(TREL_RC_BLOCK_SIZE_NULL);
+                  if (!blockOffset || !dataOffset) return flow.fail(TREL_RC_BLOCK_OFFSET_NULL);
+                  Allocation wanted = {requestedSize, options, extraSize, *size, 0, 0};
+                  const uint32_t rc = allocate(heap, &wanted, {function, line, file});
+                  *size = wanted.size;
+                  if (rc) return flow.fail(rc);
+                  *blockOffset = wanted.blockOffset;
+                  *dataOffset = wanted.dataOffset;
+                  return 0;
+                });
 }
 
 uint32_t trelReturnMemChunkToShmHeap(void* base, uint32_t heapKind, uint64_t heapOffset,
                                      uint64_t blockOffset, uint64_t dataOffset, uint64_t latchHeld,
                                      uint32_t function, uint32_t line, const char* file) {
-  return onEngine(
+  return onHeap(
       FID_trelReturnMemChunkToShmHeap, base, heapKind, heapOffset, [&](const Flow&, Heap* heap) {
         return release(heap, blockOffset, dataOffset, latchHeld != 0, {function, line, file});
       });

@@ -120,39 +120,33 @@ using namespace trel;
 
 uint32_t trelSetShmDebug(void* base, uint32_t heapKind, uint64_t heapOffset, uint32_t debugFlags,
                          uint32_t debugMode, uint32_t frontPadWords, uint32_t backPadWords) {
-  return traced(FID_trelSetShmDebug, [&](const Flow& flow) -> uint32_t {
-    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
-    const HeapKind* kind = heapKindOf(heapKind);
-    if (!kind) return flow.fail(TREL_RC_HEAP_KIND);
-    Heap heap(base, heapOffset, *kind);
-    if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
-    if (!padWordsInRange(frontPadWords)) return flow.fail(TREL_RC_FRONT_PAD_WORDS);
-    if (!padWordsInRange(backPadWords)) return flow.fail(TREL_RC_BACK_PAD_WORDS);
-    if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
-    return insideDebug(heap, [&]() -> uint32_t {
-      DebugRecord_t* debug = &heap.tail()->debug;
-      if (debug->debugModeLocked && (debug->debugMode == 0) != (debugMode == 0))
-        return flow.fail(TREL_RC_DEBUG_MODE_LOCKED);
-      debug->debugFlags = debugFlags;
-      debug->debugMode = debugMode;
-      debug->frontPadWords = frontPadWords;
-      debug->backPadWords = backPadWords;
-      return 0;
-    });
-  });
+  return onHeap(FID_trelSetShmDebug, base, heapKind, heapOffset,
+                [&](const Flow& flow, Heap* heap) -> uint32_t {
+                  if (const uint32_t rc = checkHeap(*heap)) return flow.fail(rc);
+                  if (!padWordsInRange(frontPadWords)) return flow.fail(TREL_RC_FRONT_PAD_WORDS);
+                  if (!padWordsInRange(backPadWords)) return flow.fail(TREL_RC_BACK_PAD_WORDS);
+                  if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
+                  return insideDebug(*heap, [&]() -> uint32_t {
+                    DebugRecord_t* debug = &heap->tail()->debug;
+                    if (debug->debugModeLocked && (debug->debugMode == 0) != (debugMode == 0))
+                      return flow.fail(TREL_RC_DEBUG_MODE_LOCKED);
+                    debug->debugFlags = debugFlags;
+                    debug->debugMode = debugMode;
+                    debug->frontPadWords = frontPadWords;
+                    debug->backPadWords = backPadWords;
+                    return 0;
+                  });
+                });
 }
 
 uint32_t _trelCheckAllocShmChunk(void* base, uint32_t heapKind, uint64_t heapOffset,
                                  uint64_t dataOffset, char* fileName, uint32_t function,
                                  uint32_t line, const char* file) {
-  return traced(FID__trelCheckAllocShmChunk, [&](const Flow& flow) -> uint32_t {
-    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
-    const HeapKind* kind = heapKindOf(heapKind);
-    if (!kind) return flow.fail(TREL_RC_HEAP_KIND);
-    Heap heap(base, heapOffset, *kind);
-    if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
-    if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
-    if (const uint32_t rc = heap.openLists()) return flow.fail(rc);
-    return checkAllocation(heap, dataOffset, fileName, {function, line, file});
-  });
+  return onHeap(FID__trelCheckAllocShmChunk, base, heapKind, heapOffset,
+                [&](const Flow& flow, Heap* heap) -> uint32_t {
+                  if (const uint32_t rc = checkHeap(*heap)) return flow.fail(rc);
+                  if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
+                  if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
+                  return checkAllocation(*heap, dataOffset, fileName, {function, line, file});
+                });
 }

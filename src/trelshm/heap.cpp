@@ -155,26 +155,14 @@ uint32_t disconnectHeap(Heap* heap) {
 
 namespace {
 
-// The beginning of every exported operation on the inside of a heap: base, kind, offset.
-template <class Work>
-uint32_t onHeap(uint32_t function, void* base, uint32_t heapKind, uint64_t heapOffset,
-                bool testOffset, Work&& work) {
-  return traced(function, [&](const Flow& flow) -> uint32_t {
-    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
-    const HeapKind* kind = heapKindOf(heapKind);
-    if (!kind) return flow.fail(TREL_RC_HEAP_KIND, &heapKind, sizeof heapKind);
-    Heap heap(base, heapOffset, *kind);
-    if (testOffset && heap.header()->heapOffset != heapOffset) return flow.fail(kind->rcOffset);
-    return work(flow, &heap);
-  });
-}
-
-// The same for the skip lists; heapLatch is the caller's.
+// An operation on the skip lists; heapLatch is the caller's.
 template <class Work>
 uint32_t onLists(uint32_t function, void* base, uint32_t heapKind, uint64_t heapOffset,
                  bool testOffset, Work&& work) {
-  return onHeap(function, base, heapKind, heapOffset, testOffset,
+  return onHeap(function, base, heapKind, heapOffset,
                 [&](const Flow& flow, Heap* heap) -> uint32_t {
+                  if (testOffset && heap->header()->heapOffset != heapOffset)
+                    return flow.fail(heap->kind().rcOffset);
                   if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
                   if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
                   return work(heap);
@@ -273,7 +261,7 @@ uint32_t trelCreateInitStorageHeap(void* base, uint32_t heapKind, uint64_t size,
                                    uint64_t userAreaSize, const void* userData,
                                    uint64_t latchVersion, uint64_t heapVersion,
                                    uint64_t handleVersion, uint64_t flags, uint64_t ownerOffset) {
-  return onHeap(FID_trelCreateInitStorageHeap, base, heapKind, heapOffset, false,
+  return onHeap(FID_trelCreateInitStorageHeap, base, heapKind, heapOffset,
                 [&](const Flow&, Heap* heap) {
                   const HeapPlan plan = {
                       size,        {nodeCount, maxLevel, heapHeaderSize, slHeaderSize, slSpaceSize},
@@ -286,12 +274,12 @@ uint32_t trelCreateInitStorageHeap(void* base, uint32_t heapKind, uint64_t size,
 }
 
 uint32_t trelConnectToStorageHeap(void* base, uint32_t heapKind, uint64_t heapOffset) {
-  return onHeap(FID_trelConnectToStorageHeap, base, heapKind, heapOffset, false,
+  return onHeap(FID_trelConnectToStorageHeap, base, heapKind, heapOffset,
                 [](const Flow&, Heap* heap) { return connectHeap(heap); });
 }
 
 uint32_t trelDisconnectFromStorageHeap(void* base, uint32_t heapKind, uint64_t heapOffset) {
-  return onHeap(FID_trelDisconnectFromStorageHeap, base, heapKind, heapOffset, false,
+  return onHeap(FID_trelDisconnectFromStorageHeap, base, heapKind, heapOffset,
                 [](const Flow&, Heap* heap) { return disconnectHeap(heap); });
 }
 

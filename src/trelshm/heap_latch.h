@@ -52,6 +52,19 @@ TREL_INLINE uint32_t insideDebug(const Heap& heap, Work&& work) {
   return firstOf(rc, leaveLatch(latch));
 }
 
+// An operation on a heap that its caller names by base, kind and offset: work(flow, &heap).
+template <class Work>
+uint32_t onHeap(uint32_t function, void* base, uint32_t heapKind, uint64_t heapOffset,
+                Work&& work) {
+  return traced(function, [&](const Flow& flow) -> uint32_t {
+    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
+    const HeapKind* kind = heapKindOf(heapKind);
+    if (!kind) return flow.fail(TREL_RC_HEAP_KIND, &heapKind, sizeof heapKind);
+    Heap heap(base, heapOffset, *kind);
+    return work(flow, &heap);
+  });
+}
+
 // The tests that most operations on a heap begin with.
 inline uint32_t checkHeap(const Heap& heap) {
   if (TREL_UNLIKELY(heap.header()->heapState != heap.kind().state)) return heap.kind().rcState;

@@ -226,16 +226,13 @@ uint32_t _trelCheckAllocShmBlock(void** block, ShmPoolHandle_t* pool, uint32_t f
 
 uint32_t _trelShmAllocSList(void* base, uint32_t heapKind, uint64_t heapOffset, uint32_t function,
                             uint32_t line, const char* file) {
-  return traced(FID__trelShmAllocSList, [&](const Flow& flow) -> uint32_t {
-    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
-    const HeapKind* kind = heapKindOf(heapKind);
-    if (!kind) return flow.fail(TREL_RC_HEAP_KIND);
-    Heap heap(base, heapOffset, *kind);
-    if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
-    if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
-    if (const uint32_t rc = heap.openLists()) return flow.fail(rc);
-    return printAllocated(heap, function, line, file);
-  });
+  return onHeap(FID__trelShmAllocSList, base, heapKind, heapOffset,
+                [&](const Flow& flow, Heap* heap) -> uint32_t {
+                  if (const uint32_t rc = checkHeap(*heap)) return flow.fail(rc);
+                  if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
+                  if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
+                  return printAllocated(*heap, function, line, file);
+                });
 }
 
 uint32_t trelPrintOutSkipLists(ShmPoolHandle_t* pool, uint32_t heapKind, uint64_t detailLevel) {
