@@ -116,24 +116,33 @@ struct Kills : Library {
     }
   }
 
+  // A reader's visit to one latch.
+  void visit(const std::function<void()>& work) {
+    const auto start = Clock::now();
+    work();
+    const auto waited = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+    uint64_t longest = board->longestWaitUs;
+    while (waited > longest && !board->longestWaitUs.compare_exchange_weak(longest, waited)) {
+    }
+  }
+
   void read() {
-    while (!board->stop) {
-      const auto start = Clock::now();
-      int32_t value = 0;
-      const uint32_t rc = trelGetValueForRProperty(node, 99, &value, 0);
-      ShmPoolInfo_t info;
-      trelLatchShmPool(segment.pool());
-      trelGetShmPoolInfo(segment.pool(), &info);
-      trelUnlatchShmPool(segment.pool());
-      trelLatchShmDomain(segment.domain());
-      trelUnlatchShmDomain(segment.domain());
-      const auto waited = static_cast<uint64_t>(
-          std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
-      if (rc != 0 || value != 5) ++board->refusals;
-      uint64_t longest = board->longestWaitUs;
-      while (waited > longest && !board->longestWaitUs.compare_exchange_weak(longest, waited)) {
-      }
-      ++board->reads;
+    for (; !board->stop; ++board->reads) {
+      visit([&] {
+        int32_t value = 0;
+        if (trelGetValueForRProperty(node, 99, &value, 0) != 0 || value != 5) ++board->refusals;
+      });
+      visit([&] {
+        ShmPoolInfo_t info;
+        trelLatchShmPool(segment.pool());
+        trelGetShmPoolInfo(segment.pool(), &info);
+        trelUnlatchShmPool(segment.pool());
+      });
+      visit([&] {
+        trelLatchShmDomain(segment.domain());
+        trelUnlatchShmDomain(segment.domain());
+      });
       usleep(200);
     }
   }
