@@ -371,6 +371,23 @@ TEST_F(Library, SegmentDeletedByAnotherProcess) {
   }
 }
 
+TEST_F(Attach, KilledReaderLeavesNoLatchBehind) {
+  const int status = inOtherProcess([&] {
+    EXPECT_EQ(0u, tree.connect(segment.key));
+    EXPECT_EQ(0u, trelLatchShmDomain(tree.info->shmDomainHandle));
+    EXPECT_EQ(0u, trelEnterCriticalSectionBeforeWrite(tree.node, &tree.node->nodeLatchArea));
+    if (!HasFailure()) kill(getpid(), SIGKILL);
+  });
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  alarm(10);
+  EXPECT_EQ(0u, tree.connect(segment.key));
+  EXPECT_EQ(0u, trelUpdateNodeStatus(top));
+  EXPECT_EQ(0u, trelLatchShmDomain(segment.domain()));
+  EXPECT_EQ(0u, trelUnlatchShmDomain(segment.domain()));
+  segment.publish(segment.makeNode(6));
+  alarm(0);
+}
+
 struct TwoSegments : Library {
   Segment home, away;
   SNodeCB_t* near = home.makeNode(1);
