@@ -128,6 +128,23 @@ TEST_F(Dependents, NamesMayBeReplacedAndTheLastTakesTheExportBit) {
   EXPECT_EQ((Count{2, 3}), dependentsOf(parent));
 }
 
+TEST_F(Dependents, ListingsRefuseInOrder) {
+  SNodeInfo_t record;
+  uint8_t id;
+  uint64_t out;
+  const auto list = [&](SNodeInfo_t* records, uint8_t* ids, uint64_t* returned, uint64_t* live,
+                        uint64_t length) {
+    return trelReturnDependentNodes(parent, records, ids, returned, live, length, 999, 0);
+  };
+  EXPECT_EQ(TREL_RC_NODE_INFOS_NULL, list(nullptr, nullptr, nullptr, nullptr, 0));
+  EXPECT_EQ(TREL_RC_OUT_RETURNED, list(&record, nullptr, nullptr, nullptr, 0));
+  EXPECT_EQ(TREL_RC_OUT_RETURN_LIVE, list(&record, nullptr, &out, nullptr, 0));
+  EXPECT_EQ(TREL_RC_ID_NULL, list(&record, nullptr, &out, &out, 0));
+  for (uint64_t length : {0, 32769})
+    EXPECT_EQ(TREL_RC_DEPENDENT_COUNT, list(&record, &id, &out, &out, length));
+  EXPECT_EQ(TREL_RC_ID_STRIDE, list(&record, &id, &out, &out, 1));
+}
+
 TEST_F(Dependents, CreatedFromRecords) {
   const SNodeInfo_t one = recordOf(segment, child, segment);
   SNodeInfo_t records[] = {one, one};
