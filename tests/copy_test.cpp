@@ -422,14 +422,14 @@ struct Family {
   Made top, node;
   std::vector<Made> children;
 
-  Family(const Segment& segment, const Segment& elsewhere, uint64_t room) {
+  Family(const Segment& segment, const Segment& elsewhere, uint64_t count) {
     const NodeSpec spec{
-        kBare | TREL_EXPORT_R | TREL_EXPORT_CHANGE_LIST, room, {{TREL_EXPORT_R, {4}}}};
+        kBare | TREL_EXPORT_R | TREL_EXPORT_CHANGE_LIST, count + 1, {{TREL_EXPORT_R, {4}}}};
     const HdmModuleRecord_t served = module("/served");
     top = makeNode(segment, spec, 1, "top", nullptr);
     node = makeNode(segment, spec, 2, "", &top, &served);
     makeNode(segment, spec, 2, "sibling of the tag", &top);
-    for (uint64_t i = 0; i < room; ++i)
+    for (uint64_t i = 0; i < count; ++i)
       children.push_back(makeNode(i % 2 ? elsewhere : segment, spec, 10 + i,
                                   i ? "child" + std::to_string(i) : "", &node, &served));
     EXPECT_EQ(0u, (Api{node.node, TREL_EXPORT_R}.create({4})));
@@ -462,7 +462,7 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
     EXPECT_EQ(0u, made->optionWord0 & TREL_OPTION_RECREATION);
     EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, old->condition);
     EXPECT_EQ(TREL_OPTION_RECREATION, old->optionWord0 & TREL_OPTION_RECREATION);
-    EXPECT_EQ((Count{3, moves ? 3 : 50}), dependentsOf(made));
+    EXPECT_EQ((Count{3, moves ? 4 : 50}), dependentsOf(made));
     EXPECT_EQ(2u, dependentsOf(family.top.node).first) << "the sibling of the tag keeps its entry";
     for (const Made& child : family.children) {
       SNodeCB_t* found = nullptr;
