@@ -424,7 +424,7 @@ struct Family {
 
   Family(const Segment& segment, const Segment& elsewhere, uint64_t count) {
     const NodeSpec spec{
-        kBare | TREL_EXPORT_R | TREL_EXPORT_CHANGE_LIST, count + 1, {{TREL_EXPORT_R, {4}}}};
+        kBare | TREL_EXPORT_R | TREL_EXPORT_CHANGE_LIST, count + 2, {{TREL_EXPORT_R, {4}}}};
     const HdmModuleRecord_t served = module("/served");
     top = makeNode(segment, spec, 1, "top", nullptr);
     node = makeNode(segment, spec, 2, "", &top, &served);
@@ -456,13 +456,13 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
               trelRecreateNodeWithMoreDepNodes(&old, &made, source_.info, to.info, 32769, &size));
     EXPECT_EQ(TREL_CONDITION_ACTIVE, old->condition);
     EXPECT_EQ(0u, trelRecreateNodeWithMoreDepNodes(&old, &made, source_.info, to.info,
-                                                   moves ? 1 : 50, &size));
+                                                   moves ? 4 : 50, &size));
     EXPECT_EQ(size, made->nodeSize);
     EXPECT_EQ(TREL_CONDITION_ACTIVE, made->condition);
     EXPECT_EQ(0u, made->optionWord0 & TREL_OPTION_RECREATION);
     EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, old->condition);
     EXPECT_EQ(TREL_OPTION_RECREATION, old->optionWord0 & TREL_OPTION_RECREATION);
-    EXPECT_EQ((Count{3, moves ? 4 : 50}), dependentsOf(made));
+    EXPECT_EQ((Count{3, moves ? 5 : 50}), dependentsOf(made));
     EXPECT_EQ(2u, dependentsOf(family.top.node).first) << "the sibling of the tag keeps its entry";
     for (const Made& child : family.children) {
       SNodeCB_t* found = nullptr;
