@@ -25,12 +25,15 @@ namespace {
 struct TaskState {
   char letter;     // R, S, D, T, Z, ...
   uint32_t start;  // low 32 bits of the start time in clock ticks since boot, 0 if not known
+  bool isExiting;  // on its way out in the kernel, which can take long: it runs no more code
 };
 
-// Reads a stat file of procfs: "id (name) letter ..." with the start time as its 22nd field. The
-// name may hold anything. False with errno if the file cannot be opened.
+constexpr unsigned long kExiting = 4;  // of a task's flags in procfs
+
+// Reads a stat file of procfs: "id (name) letter ..." with flags as the 9th field, the start time
+// as the 22nd. The name may hold anything. False with errno if the file cannot be opened.
 bool readTaskState(const char* path, TaskState* state) {
-  *state = {0, 0};
+  *state = {0, 0, false};
   const int file = open(path, O_RDONLY | O_CLOEXEC);
   if (file < 0) return false;
   char text[1024];
@@ -43,6 +46,7 @@ bool readTaskState(const char* path, TaskState* state) {
   field += 2;
   state->letter = *field;
   for (int number = 3; field && number < 22; ++number) {
+    if (number == 9) state->isExiting = (strtoul(field, nullptr, 10) & kExiting) != 0;
     field = strchr(field, ' ');
     if (field) ++field;
   }
@@ -94,7 +98,8 @@ bool threadHasEnded(uint64_t owner) {
   TaskState state;
   // A mount option can hide the tasks of other users, but not their existence from a signal.
   if (!readTaskState(path, &state)) return syscall(SYS_tkill, thread, 0) != 0 && errno == ESRCH;
-  if (state.letter == 'Z' || state.letter == 'X' || state.letter == 'x') return true;
+  if (state.isExiting || state.letter == 'Z' || state.letter == 'X' || state.letter == 'x')
+    return true;
   return start != 0 && state.start != 0 && state.start != start;
 }
 
