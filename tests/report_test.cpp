@@ -146,28 +146,4 @@ TEST_F(Report, UnfreedMemory) {
   EXPECT_EQ(1u, reports.count("Invalid pad type (0xEFBC011A) found at:"));
 }
 
-TEST_F(Report, ChecksRefuseInOrder) {
-  const Reports reports;
-  void* block = nullptr;
-  EXPECT_EQ(TREL_RC_DOMAIN_HANDLE_NULL, _trelCheckAllocShmPool(nullptr, 1, 1, 1, ""));
-  EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, _trelCheckAllocShmPool(heap.domain, h + 1, 1, 1, ""));
-  EXPECT_EQ(TREL_RC_DOMAIN_LIST_END, _trelCheckAllocShmPool(heap.domain, 8, 1, 1, ""));
-  EXPECT_EQ(0u, _trelCheckAllocShmPool(heap.domain, h, 1, 1, ""));
-  EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, _trelCheckAllocShmBlock(nullptr, nullptr, 1, 1, ""));
-  EXPECT_EQ(TREL_RC_BLOCK_ADDRESS_NULL, _trelCheckAllocShmBlock(nullptr, heap.pool, 1, 1, ""));
-  EXPECT_EQ(TREL_RC_BLOCK_NULL, heap.check(block));
-  EXPECT_EQ(TREL_RC_BLOCK_BELOW_BASE, heap.check(heap.memory - 16));
-  EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, heap.check(heap.memory + h));
-  ASSERT_EQ(0u, heap.allocate(&block, 8));
-  EXPECT_EQ(TREL_RC_PAD_MODE, heap.check(static_cast<uint8_t*>(block) + 8));
-  ShmPoolHandle_t bad = *heap.pool;
-  bad.poolOffset += 4;
-  EXPECT_EQ(TREL_RC_POOL_OFFSET_ALIGN, _trelCheckAllocShmBlock(nullptr, &bad, 1, 1, ""));
-  EXPECT_EQ(TREL_RC_HEAP_KIND, report(0, h));
-  EXPECT_EQ(TREL_RC_POOL_STATE, report(TREL_HEAP_POOL, 0));
-  EXPECT_EQ(TREL_RC_POOL_HANDLE_NULL, trelPrintOutSkipLists(nullptr, 9, 5));
-  EXPECT_EQ(TREL_RC_HEAP_KIND, trelPrintOutSkipLists(heap.pool, 3, 5));
-  EXPECT_EQ("", heap.fault());
-}
-
 }  // namespace
