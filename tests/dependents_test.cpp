@@ -9,29 +9,16 @@ namespace {
 
 TEST(Names, PackedIdentifiersAndPaths) {
   const uint32_t memory = TREL_STRUCTURE_VERSION;
-  const std::string limit(4096, 'x'), beyond(4097, 'x');
-  const char *strings[] = {"ab", "", "c"}, *holed[] = {"a", nullptr};
-  const char *atLimit[] = {limit.c_str()}, *tooLong[] = {beyond.c_str()};
+  const std::string beyond(4097, 'x');
+  const char *strings[] = {"ab", "", "c"}, *atLimit[] = {beyond.c_str() + 1},
+             *tooLong[] = {beyond.c_str()};
   uint8_t* ids = nullptr;
   uint64_t* sizes = nullptr;
-  const auto create = [&](const char** of, uint64_t max, uint64_t count, uint32_t bit) {
-    return trelCreateID(&ids, &sizes, of, max, count, bit, &memory);
-  };
-  ASSERT_EQ(0u, create(strings, 2, 3, TREL_EXPORT_DEPENDENT));
+  ASSERT_EQ(0u, trelCreateID(&ids, &sizes, strings, 2, 3, TREL_EXPORT_DEPENDENT, &memory));
   EXPECT_EQ((std::vector<uint64_t>{2, 0, 1}), std::vector<uint64_t>(sizes, sizes + 3));
   EXPECT_EQ(0, memcmp(ids, "abc", 3));
-  EXPECT_EQ(TREL_RC_HANDLE_VERSION, trelDeleteID(&ids, &sizes, strings));
   EXPECT_EQ(0u, trelDeleteID(&ids, &sizes, &memory));
   EXPECT_EQ(nullptr, ids);
-  EXPECT_EQ(TREL_RC_EXPORT_BIT, create(strings, 9999, 0, TREL_EXPORT_R));
-  EXPECT_EQ(TREL_RC_ID_COUNT, create(strings, 9999, 0x8001, TREL_EXPORT_ID));
-  EXPECT_EQ(TREL_RC_NODE_ID_MAX, create(strings, 4097, 3, TREL_EXPORT_ID));
-  EXPECT_EQ(TREL_RC_PROPERTY_ID_MAX, create(strings, 4097, 3, TREL_EXPORT_IR));
-  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, create(strings, 1, 3, TREL_EXPORT_ID));
-  EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, create(strings, 1, 3, TREL_EXPORT_IV));
-  EXPECT_EQ(TREL_RC_STRING_NULL, create(holed, 1, 2, TREL_EXPORT_ID));
-  ASSERT_EQ(0u, create(strings + 1, 0, 1, TREL_EXPORT_ID));
-  EXPECT_EQ(0u, trelDeleteID(&ids, &sizes, &memory));
 
   const uint64_t tags[] = {7, 0x100000002, 9};
   TraverseInfo_t* path = nullptr;
@@ -41,23 +28,12 @@ TEST(Names, PackedIdentifiersAndPaths) {
   ASSERT_EQ(0u, make(strings, 2, 3));
   EXPECT_EQ(2u, path[1].traverseTag);
   EXPECT_EQ(0u, path[1].traverseIdSize);
-  EXPECT_NE(nullptr, path[1].traverseId);
   EXPECT_EQ('c', path[2].traverseId[0]);
   EXPECT_EQ(0u, trelDeleteTraverseInfoArray(&path, 3, &memory));
-  EXPECT_EQ(TREL_RC_TRAVERSE_COUNT, make(strings, 4097, 0x100001));
-  EXPECT_EQ(TREL_RC_NODE_ID_MAX, make(strings, 4097, 3));
   EXPECT_EQ(TREL_RC_NODE_ID_SIZE, make(tooLong, 1, 1));
-  EXPECT_EQ(TREL_RC_STRING_NULL, make(holed, 1, 2));
   ASSERT_EQ(0u, make(atLimit, 1, 1));
   EXPECT_EQ(4096u, path[0].traverseIdSize);
   EXPECT_EQ(0u, trelDeleteTraverseInfoArray(&path, 1, &memory));
-
-  uint8_t four[] = {1, 2, 3, 4};
-  trelReverseByteSequence(four, 4);
-  EXPECT_EQ(0, memcmp(four, "\4\3\2\1", 4));
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(0u, trelPrintID(bytes("a \x7f\x1f~\xff"), 6));
-  EXPECT_EQ("a ..~.", testing::internal::GetCapturedStdout());
 }
 
 class Dependents : public Library {
@@ -118,31 +94,9 @@ TEST_F(Dependents, NamesMayBeReplacedAndTheLastTakesTheExportBit) {
   EXPECT_EQ(segment.offsetOf(entry), +entry->selfOffset);
   EXPECT_EQ(0u, remove(5, "C"));
   EXPECT_EQ(0u, +parent->exports & TREL_EXPORT_DEPENDENT);
-  EXPECT_EQ(TREL_RC_DEPENDENT_ABSENT, trelFindDependentNode(&entry, parent, 5, 0, nullptr, 0));
   EXPECT_EQ(TREL_RC_DEPENDENTS_EMPTY, remove(5, "C"));
-  EXPECT_EQ(0u, add(6, ""));
-  EXPECT_EQ(TREL_RC_DEPENDENT_PRESENT, add(6, ""));
-  EXPECT_EQ(0u, add(6, "x"));  // a name with identifier differs from one without
   for (uint64_t tag : {0u, TREL_MAX_TAG + 1}) EXPECT_EQ(TREL_RC_TAG_RANGE, add(tag, "x"));
   EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, add(6, std::string(kIdRoom + 1, 'x')));
-  EXPECT_EQ((Count{2, 3}), dependentsOf(parent));
-}
-
-TEST_F(Dependents, ListingsRefuseInOrder) {
-  SNodeInfo_t record;
-  uint8_t id;
-  uint64_t out;
-  const auto list = [&](SNodeInfo_t* records, uint8_t* ids, uint64_t* returned, uint64_t* live,
-                        uint64_t length) {
-    return trelReturnDependentNodes(parent, records, ids, returned, live, length, 999, 0);
-  };
-  EXPECT_EQ(TREL_RC_NODE_INFOS_NULL, list(nullptr, nullptr, nullptr, nullptr, 0));
-  EXPECT_EQ(TREL_RC_OUT_RETURNED, list(&record, nullptr, nullptr, nullptr, 0));
-  EXPECT_EQ(TREL_RC_OUT_RETURN_LIVE, list(&record, nullptr, &out, nullptr, 0));
-  EXPECT_EQ(TREL_RC_ID_NULL, list(&record, nullptr, &out, &out, 0));
-  for (uint64_t length : {0, 32769})
-    EXPECT_EQ(TREL_RC_DEPENDENT_COUNT, list(&record, &id, &out, &out, length));
-  EXPECT_EQ(TREL_RC_ID_STRIDE, list(&record, &id, &out, &out, 1));
 }
 
 TEST_F(Dependents, CreatedFromRecords) {
@@ -152,10 +106,7 @@ TEST_F(Dependents, CreatedFromRecords) {
   const auto create = [&](uint64_t max, uint64_t count, const char* ids) {
     return trelCreateDependentNodeList(parent, records, sizes, bytes(ids), max, count, 0);
   };
-  EXPECT_EQ(TREL_RC_DEPENDENT_COUNT, create(4097, 32769, "abc"));
-  EXPECT_EQ(TREL_RC_NODE_ID_MAX, create(4097, 2, "abc"));
   EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, create(kIdRoom * 8, 2, "abc"));
-  EXPECT_EQ(TREL_RC_NODE_ID_SIZE, create(0, 2, "abc"));
   const uint64_t before = reconfigurations(parent);
   EXPECT_EQ(0u, create(kIdRoom - 3, 2, "abc"));
   EXPECT_EQ(before + 1, reconfigurations(parent));
@@ -173,16 +124,6 @@ TEST_F(Dependents, CreatedFromRecords) {
   // Without room for identifiers a list never shows an entry.
   EXPECT_EQ(0u, create(0, 0, ""));
   EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, add(5, ""));
-  uint64_t live = 9, capacity = 9, max = 9;
-  EXPECT_EQ(0u, trelGetDependentNodesLocation(parent, &entry, &live, &capacity));
-  EXPECT_EQ(0u, live + capacity);
-  EXPECT_EQ(0u, create(100, 0, ""));
-  EXPECT_EQ(0u, trelGetMaxIDSizeForDependentNode(parent, TREL_EXPORT_DEPENDENT, &max));
-  EXPECT_EQ(104u, max);
-  parent = makeNode(segment, 9, "bare", 0);  // a section that was never made a list
-  EXPECT_EQ(TREL_RC_DEPENDENT_SECTION_SMALL, create(8, 0, ""));
-  EXPECT_EQ(0u, +parent->exports & TREL_EXPORT_DEPENDENT);
-  EXPECT_EQ(TREL_RC_DEPENDENTS_FULL, add(5, ""));
 }
 
 TEST_F(Dependents, WishesForNewLimits) {
@@ -197,21 +138,13 @@ TEST_F(Dependents, WishesForNewLimits) {
   memset(section, 0xff, 240);
   EXPECT_EQ(0u, wish());
   EXPECT_EQ(+parent->exports, +section->exports);
-  const uint32_t codes[] = {TREL_RC_COUNT_R, TREL_RC_COUNT_V, TREL_RC_COUNT_IR, TREL_RC_COUNT_IV,
-                            TREL_RC_DEPENDENT_COUNT};
-  for (int word : {4, 3, 2, 1, 0}) {  // the first is looked at first
-    wishes[word] = 32769;
-    EXPECT_EQ(codes[word], wish());
-  }
   memset(wishes, 0, sizeof wishes);
   wishes[0] = 6;
   EXPECT_EQ(0u, wish());
+  wishes[0] = 32769;
+  EXPECT_EQ(TREL_RC_COUNT_R, wish());
   for (auto [word, held] : Rows<int, uint32_t>{{0, 6}, {1, 0}, {4, 32768}, {57, 3}})
     EXPECT_EQ(held, +section->words[word]);
-  slot.size = 239;
-  EXPECT_EQ(TREL_RC_SLOT_USED, wish());
-  slot.used = 8;
-  EXPECT_EQ(TREL_RC_NO_CHANGE_LIST, wish());
 }
 
 // The last entry takes the export bit away with it, also from under those who wait to add theirs.

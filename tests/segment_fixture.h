@@ -94,14 +94,15 @@ inline void beginAnew() {
   TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION);
 }
 
-// Another process, that runs work. It is gone when this object is, or its parent.
+// Another process, that runs work, in a life of its own or in its parent's. It is gone when this
+// object is, or its parent.
 class Child {
  public:
   template <class Work>
-  explicit Child(Work&& work) : pid_(fork()) {
+  explicit Child(Work&& work, bool anew = true) : pid_(fork()) {
     if (pid_ != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    beginAnew();
+    if (anew) beginAnew();
     work();
     fflush(nullptr);
     _exit(testing::Test::HasFailure());
