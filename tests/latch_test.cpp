@@ -15,6 +15,12 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
+// Adds 1 to a counter so that two adders at once would lose something.
+void addSlowly(volatile uint32_t* counter) {
+  const uint32_t before = *counter;
+  *counter = before + 1;
+}
+
 // A page that children share, with a latch cell at an odd place.
 struct LatchTest : testing::Test {
   LatchTest() {
@@ -34,6 +40,16 @@ struct LatchTest : testing::Test {
   void setWord(uint64_t value) { __atomic_store_n(&latch()->word, value, __ATOMIC_RELEASE); }
   // Words of the page for the tests' own use.
   volatile uint32_t* shared() const { return reinterpret_cast<uint32_t*>(page + 1024); }
+
+  // What processes and threads do at once.
+  static constexpr uint32_t kRounds = 300000;
+  void addRounds(uint32_t* died) const {
+    for (uint32_t i = 0; i < kRounds; ++i) {
+      plat::latchGet(cell(), died);
+      addSlowly(shared());
+      plat::latchRelease(cell());
+    }
+  }
 
   const int file = memfd_create("latch", 0);
   uint8_t* page = nullptr;
@@ -201,21 +217,8 @@ TEST_F(LatchTest, ReleaseWakesOneWaiterAfterTheOther) {
   EXPECT_GE(prompt, 4);
 }
 
-// Adds 1 to a counter so that two adders at once would lose something.
-void addSlowly(volatile uint32_t* counter) {
-  const uint32_t before = *counter;
-  *counter = before + 1;
-}
-
 TEST_F(LatchTest, ExcludesThreadsAndProcesses) {
-  constexpr uint32_t kRounds = 300000;
-  const auto work = [&] {
-    for (uint32_t i = 0; i < kRounds; ++i) {
-      plat::latchGet(cell(), nullptr);
-      addSlowly(shared());
-      plat::latchRelease(cell());
-    }
-  };
+  const auto work = [&] { addRounds(nullptr); };
   Child first(work), second(work);
   std::thread third(work), fourth(work);
   third.join();
@@ -227,7 +230,6 @@ TEST_F(LatchTest, ExcludesThreadsAndProcesses) {
 
 #ifdef TREL_PEER
 TEST_F(LatchTest, SharedWithAProcessOfTheOtherWidth) {
-  constexpr uint32_t kRounds = 400000;
   Child peer([&] {
     execl(TREL_PEER, TREL_PEER, std::to_string(file).c_str(), std::to_string(kRounds).c_str(),
           nullptr);
@@ -235,11 +237,7 @@ TEST_F(LatchTest, SharedWithAProcessOfTheOtherWidth) {
   });
   while (shared()[0] == 0 && peer.isRunning()) usleep(50);
   uint32_t died = 0;
-  for (uint32_t i = 0; i < kRounds; ++i) {
-    plat::latchGet(cell(), &died);
-    addSlowly(shared());
-    plat::latchRelease(cell());
-  }
+  addRounds(&died);
   EXPECT_EQ(peer.wait(), 0);
   EXPECT_EQ(shared()[0], 2 * kRounds);
   EXPECT_EQ(plat::latchGet(cell(), &died), 0u);

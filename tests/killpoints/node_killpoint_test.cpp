@@ -25,7 +25,6 @@ struct Deaths : Library {
   Segment segment{0x20000};
   Memory memory{segment.domain()->base, 0x20000};
   SNodeCB_t* node = nullptr;
-  uint64_t points = 0;
 
   Deaths() {
     std::array<uint64_t, 64> sizes{};
@@ -39,10 +38,6 @@ struct Deaths : Library {
                                nullptr, nullptr));
     EXPECT_EQ(0u, trelActivateNode(&node));
   }
-  ~Deaths() override {
-    printf("%llu kill points tried\n", static_cast<unsigned long long>(points));
-  }
-
   // With the first `count` of two entries.
   uint32_t create(uint32_t bit, uint64_t hashed, uint64_t count) {
     Api::Entries entries{{{1, "one"}, valueOf(bit, 8, "old")},
@@ -98,8 +93,7 @@ struct Deaths : Library {
     memory.restore(start);
     const uint64_t tried = memory.dieEverywhere(start, work, survive);
     EXPECT_GT(tried, 2u);
-    points += tried;
-    points += memory.dieTwice(
+    memory.dieTwice(
         start, work, isFullRun() ? 1 : 17, [&] { takeOver(); }, survive);
     memory.restore(start);
   }
@@ -299,8 +293,8 @@ TEST_F(Deaths, SharedLists) {
   insert(2);
   const auto die = [&](const std::function<void()>& work) {
     const Image start = memory.save();
-    points += memory.dieEverywhere(start, work, survive);
-    points += memory.dieTwice(start, work, isFullRun() ? 3 : 41, takeOver, survive);
+    memory.dieEverywhere(start, work, survive);
+    memory.dieTwice(start, work, isFullRun() ? 3 : 41, takeOver, survive);
     memory.restore(start);
   };
   die([&] { insert(1); });
@@ -316,7 +310,7 @@ TEST_F(Deaths, TopNode) {
                                                      pool));
   };
   publish(0x10);
-  points += memory.dieEverywhere(
+  memory.dieEverywhere(
       memory.save(), [&] { publish(0x20); },
       [&](uint64_t) {
         uint64_t tag = 0, offset = 0;
