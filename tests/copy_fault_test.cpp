@@ -54,6 +54,7 @@ Text withoutConditions(Text text) {
 }
 
 struct Attempt {
+  const Life life;
   Segment source{0x20000};
   Key key;
   SNodeCB_t* const top = smallTree(source);
@@ -125,16 +126,11 @@ std::set<Text> outcomesOf(uint32_t method) {
   for (uint32_t n = 1;; ++n) {
     SCOPED_TRACE("method " + std::to_string(method) + " call " + std::to_string(n));
     alarm(60);
-    EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
-    bool failed;
-    {
-      Attempt attempt(method);
-      faultyArm(kFaultyAll, n);
-      const uint32_t rc = attempt.copy.run();
-      failed = faultyDisarm();
-      outcomes.insert(judge(attempt, rc));
-    }
-    EXPECT_EQ(0u, TRELCleanup(2));
+    Attempt attempt(method);
+    faultyArm(kFaultyAll, n);
+    const uint32_t rc = attempt.copy.run();
+    const bool failed = faultyDisarm();
+    outcomes.insert(judge(attempt, rc));
     if (!failed || testing::Test::HasFailure()) return outcomes;
   }
 }
@@ -160,16 +156,12 @@ TEST(TreeCopyFaults, ViaSegment) {
 // A failure that only the last pass meets, in the methods that have two.
 TEST(TreeCopyFaults, ADestinationTooSmall) {
   for (uint32_t method = TREL_TREE_COPY_DIRECT; method <= TREL_TREE_COPY_VIA_SEGMENT; ++method) {
-    EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
-    {
-      Attempt attempt(method);
-      attempt.copy.size = 0x4000;
-      const uint32_t rc = attempt.copy.run();
-      attempt.copy.size = 0x20000;
-      EXPECT_EQ(method == TREL_TREE_COPY_VIA_PM ? "in process memory" : "not copied",
-                judge(attempt, rc));
-    }
-    EXPECT_EQ(0u, TRELCleanup(2));
+    Attempt attempt(method);
+    attempt.copy.size = 0x4000;
+    const uint32_t rc = attempt.copy.run();
+    attempt.copy.size = 0x20000;
+    EXPECT_EQ(method == TREL_TREE_COPY_VIA_PM ? "in process memory" : "not copied",
+              judge(attempt, rc));
   }
 }
 

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <numeric>
 #include <thread>
 
 #include "copy_fixture.h"
@@ -268,34 +267,26 @@ TEST_F(Copy, WhatIsLeftOut) {
       EXPECT_EQ(Text::npos, text.find(name)) << name;
     EXPECT_EQ(2u, TreeWalker({result.dst}).walk(result.newTop));
     EXPECT_EQ(TREL_CONDITION_ABANDONED, third.node->condition);
-    // first lost its dependent by the walk's own judgement, and with it the list.
-    EXPECT_NE(Text::npos,
-              text.find("exports " + std::to_string(TREL_EXPORT_ID | TREL_EXPORT_PARENT)));
   }
 }
 
-TEST_F(Copy, DepthAndWhatIsNotCopied) {
+TEST_F(Copy, DepthAndTakenKeys) {
   Random random(5);
   Source source(2, 12, random);
   const Text before = TreePicture(source.top).text;
-  Segment taken;
-  const auto refused = [&](uint32_t method, auto change) {
-    Result result(source, method);
-    change(result);
+  const Segment taken;
+  Result result(source);
+  result.key = taken.key;
+  for (uint32_t method : {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_SEGMENT}) {
+    result.method = method;
     result.dst = target.info;
     EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.run());
     EXPECT_EQ(nullptr, result.dst);
-    EXPECT_FALSE(result.ownKey.exists());
+    EXPECT_TRUE(taken.key.exists());
     EXPECT_EQ(before, TreePicture(source.top).text);
-  };
-  for (uint32_t method : kMethods) {
-    refused(method, [](Result& r) { r.maxDepth = 32769; });
-    refused(method, [](Result& r) { r.flags = 1u << TREL_CONDITION_ABANDONED; });
-    if (method == TREL_TREE_COPY_VIA_PM) continue;
-    refused(method, [&](Result& r) { r.key = taken.key; });
-    refused(method, [](Result& r) { r.size = 0x8000; });
   }
-  Result result(source, TREL_TREE_COPY_VIA_PM);
+  result.key = result.ownKey;
+  result.method = TREL_TREE_COPY_VIA_PM;
   result.maxDepth = 1;
   ASSERT_EQ(0u, result.run());
   EXPECT_EQ(1u, TreeWalker({result.dst}).walk(result.newTop));
@@ -371,8 +362,7 @@ struct Family {
   std::vector<Made> children;
 
   Family(const Segment& segment, const Segment& elsewhere, uint64_t count) {
-    const NodeSpec spec{
-        kBare | TREL_EXPORT_R | TREL_EXPORT_CHANGE_LIST, count + 2, {{TREL_EXPORT_R, {4}}}};
+    const NodeSpec spec{kBare | TREL_EXPORT_CHANGE_LIST, count + 2};
     const HdmModuleRecord_t served = module("/served");
     top = makeNode(segment, spec, 1, "top", nullptr);
     node = makeNode(segment, spec, 2, "", &top, &served);
@@ -380,8 +370,6 @@ struct Family {
     for (uint64_t i = 0; i < count; ++i)
       children.push_back(makeNode(i % 2 ? elsewhere : segment, spec, 10 + i,
                                   i ? "child" + std::to_string(i) : "", &node, &served));
-    EXPECT_EQ(0u, (Api{node.node, TREL_EXPORT_R}.create({4})));
-    EXPECT_EQ(0u, trelAddRProperty(node.node, 4, 44, 0));
   }
   // The node that a search finds below the top, and the codes of searches.
   uint32_t search(const Made& child, SNodeCB_t** found) const {
@@ -400,9 +388,6 @@ TEST_F(Copy, RecreationInTheSameAndInAnotherSegment) {
     Segment third;
     const Segment& to = moves ? third : source_;
     uint64_t size = 0;
-    EXPECT_EQ(TREL_RC_DEPENDENT_COUNT,
-              trelRecreateNodeWithMoreDepNodes(&old, &made, source_.info, to.info, 32769, &size));
-    EXPECT_EQ(TREL_CONDITION_ACTIVE, old->condition);
     EXPECT_EQ(0u, trelRecreateNodeWithMoreDepNodes(&old, &made, source_.info, to.info,
                                                    moves ? 4 : 50, &size));
     EXPECT_EQ(size, made->nodeSize);

@@ -78,12 +78,15 @@ class Key {
 };
 
 // One use of the library.
-class Library : public testing::Test {
- protected:
-  Library() {
+struct Life {
+  Life() {
     EXPECT_EQ(0u, TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
   }
-  ~Library() override { EXPECT_EQ(0u, TRELCleanup(2)); }
+  ~Life() { EXPECT_EQ(0u, TRELCleanup(2)); }
+};
+
+class Library : public testing::Test {
+  const Life life_;
 };
 
 // The start of the library's life in a forked child. The parent's attachments are none of this

@@ -8,9 +8,9 @@ using walker::bytes;
 
 constexpr uint64_t kIdRoom = 24;  // for the names of nodes, in all of a tree
 
-// A node with identifier, parent, list of dependents and wishes; initialised or active.
-inline SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& id, uint64_t places,
-                           bool activate = true) {
+// A node with identifier, parent, list of dependents and wishes; active.
+inline SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& id,
+                           uint64_t places) {
   std::array<uint64_t, 64> sizes{};
   sizes[0] = 16 + kIdRoom;
   sizes[3] = 64 + kIdRoom;
@@ -25,9 +25,7 @@ inline SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& i
   EXPECT_EQ(0u, trelInitNode(&node, offset, id.size(), bytes(id), &none, nullptr, kIdRoom, nullptr,
                              nullptr, nullptr));
   EXPECT_EQ(0u, trelSetNodeTag(node, tag, 0));
-  if (activate) {
-    EXPECT_EQ(0u, trelActivateNode(&node));
-  }
+  EXPECT_EQ(0u, trelActivateNode(&node));
   if (places) {
     EXPECT_EQ(0u, trelCreateDependentNodeList(node, nullptr, nullptr, nullptr, kIdRoom, 0, 0));
   }

@@ -2,15 +2,7 @@
 // lists that agree with their counts, records of parents and children that agree with each other.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
-
-#include "trel/trel.h"
+#include "tree_fixture.h"
 
 class TreeWalker {
  public:
@@ -46,12 +38,6 @@ class TreeWalker {
     for (const auto& [key, memory] : segments_)
       if (a >= memory.base && a < memory.base + memory.size) return memory;
     throw std::runtime_error("address in no segment");
-  }
-
-  static std::string idOf(SNodeCB_t* node) {
-    const ExportSlot_t& slot = node->exportTable[0];
-    const auto* section = at<IdSection_t>(reinterpret_cast<uintptr_t>(node), slot.offset);
-    return std::string(reinterpret_cast<const char*>(section + 1), section->idSize);
   }
 
   SNodeCB_t* behind(const SNodeInfo_t& record) {
@@ -107,7 +93,7 @@ class TreeWalker {
   void checkParent(SNodeCB_t* child, SNodeCB_t* parent) {
     const ExportSlot_t& slot = child->exportTable[3];
     if (!(child->exports & TREL_EXPORT_PARENT) || slot.used < sizeof(ParentSection_t)) return;
-    const auto* section = at<ParentSection_t>(reinterpret_cast<uintptr_t>(child), slot.offset);
+    const auto* section = sectionOf<ParentSection_t>(child, TREL_EXPORT_PARENT);
     EXPECT_EQ(parent, behind(section->parent));
     EXPECT_EQ(+parent->tag, +section->parent.nodeTag);
     const auto* id = reinterpret_cast<const char*>(section + 1);
