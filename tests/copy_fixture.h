@@ -200,7 +200,7 @@ inline Text pictureOf(SNodeCB_t* node, bool freshCopy = false) {
     if (!(node->exports & bit)) continue;
     const ExportSlot_t& slot = node->exportTable[slotOf(bit)];
     const uint8_t* section = reinterpret_cast<uint8_t*>(node) + slot.offset;
-    const auto* words = reinterpret_cast<const TrelU64*>(section);
+    const TrelU64* words = reinterpret_cast<const TrelU64*>(section);
     out << "\n" << bit << ": ";
     if (slot.used == 0) {
       out << "empty " << slot.size;

@@ -86,7 +86,7 @@ uint32_t writeDebug(const Heap& heap, uint64_t latchVersion) {
 uint32_t layOut(Heap* heap, const HeapPlan& plan) {
   writeHeader(*heap, plan);
   if (const uint32_t rc = heap->openHeader()) return rc;
-  for (TrelU64& word : heap->tail()->words) word = 0;
+  memset(heap->tail()->words, 0, sizeof heap->tail()->words);
   if (const uint32_t rc = writeDebug(*heap, plan.latchVersion)) return rc;
   if (heapHeaderSizeOf(plan.userAreaSize) != plan.sizes.headerSize) return heap->kind().rcHeader;
   heap->setMaxLevel(plan.sizes.maxLevel);
