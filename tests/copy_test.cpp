@@ -1,4 +1,4 @@
-// Copies of nodes and trees against pictures of their sources; sizes, limits, recreation.
+// Copies of nodes and trees against pictures of their sources; limits, recreation.
 #include <sys/mman.h>
 
 #include <atomic>
@@ -16,24 +16,6 @@ using namespace copies;
 constexpr uint32_t kRoom = 0x400000;
 constexpr uint32_t kMethods[] = {TREL_TREE_COPY_DIRECT, TREL_TREE_COPY_VIA_PM,
                                  TREL_TREE_COPY_VIA_SEGMENT};
-
-// ---- Sizing ----------------------------------------------------------------------------------
-
-TEST(Sizing, Examples) {
-  uint64_t sizes[64], total = 0;
-  const auto sizeR = [&](uint64_t exports, uint64_t maximum) {
-    return trelCreateMaxSpaceArray(exports, maximum, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0,
-                                   0, sizes, &total);
-  };
-  EXPECT_EQ(0u, sizeR(0, 99999));  // of what is not exported
-  EXPECT_EQ(2908u, total);
-  EXPECT_EQ(0u, sizeR(TREL_EXPORT_R | TREL_EXPORT_BASE_V, 10));
-  EXPECT_EQ(1864u, sizes[6]);
-  EXPECT_EQ(440u, sizes[5]);  // a maximum of 8, in multiples of 8
-  EXPECT_EQ(2908u + 1864 + 440, total);
-  EXPECT_EQ(0u, sizeR(TREL_EXPORT_R, 32768));
-  EXPECT_EQ(TREL_RC_COUNT_R, sizeR(TREL_EXPORT_R, 32769));
-}
 
 // ---- Nodes -----------------------------------------------------------------------------------
 
@@ -132,20 +114,10 @@ TEST_F(Copy, LimitsFromTheChangeList) {
   EXPECT_EQ(20u, maximumOfCopy(TREL_COPY_LIMITS_KEEP));
   EXPECT_EQ(4u, dependentsOf(copied).second);
 
-  auto* changes = sectionOf<ChangeListSection_t>(node, TREL_EXPORT_CHANGE_LIST);
-  const auto copyWithout = [&](uint64_t added) {
-    changes->exports = (spec.exports & ~uint64_t{TREL_EXPORT_R}) | added;
-    return copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_CHANGE_LIST);
-  };
-  EXPECT_EQ(TREL_RC_COPY_NO_SECTION, copyWithout(TREL_EXPORT_V));
-  EXPECT_NE(nullptr, copied);
-  EXPECT_EQ(0u, copyWithout(0));
-  EXPECT_EQ(0u, copied->exports & TREL_EXPORT_R);
   EXPECT_EQ(4u, dependentsOf(node).second);  // is not left latched
 }
 
-// Sections that were never filled, parents with longer names, lists of another maximum, small
-// hashed lists of IR, values of Base V above those of V.
+// Sections that were never filled, parents with longer names, small hashed lists of IR.
 TEST_F(Copy, NodesThatTheFormulasDoNotFit) {
   SNodeCB_t* node = nullptr;
   uint64_t sizes[64] = {}, size = 0, offset = 0;
@@ -160,23 +132,14 @@ TEST_F(Copy, NodesThatTheFormulasDoNotFit) {
   }
   EXPECT_EQ(TREL_CONDITION_CREATED, copied->condition);
 
-  NodeSpec spec{kBare | TREL_EXPORT_BASE_V | TREL_EXPORT_V | TREL_EXPORT_IR,
-                5,
-                {{TREL_EXPORT_V, {3, 0, 0, 10}}, {TREL_EXPORT_IR, {1, 1}}},
-                100,
-                {{TREL_EXPORT_IR, 16}}};
+  NodeSpec spec{kBare | TREL_EXPORT_IR, 5, {{TREL_EXPORT_IR, {1, 1}}}, 8, {{TREL_EXPORT_IR, 16}}};
   const Made top = makeNode(source_, {kBare, 3}, 1, "a long name of a top", nullptr);
   node = makeNode(source_, spec, 9, "", &top).node;
-  for (const auto& [bit, list] : spec.lists) EXPECT_EQ(0u, (Api{node, bit}.create(list)));
+  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_IR}.create(spec.lists[TREL_EXPORT_IR])));
   EXPECT_EQ(0u, trelAddIRProperty(node, 3, 0, bytes(""), 44, 0));
-  EXPECT_EQ(0u, trelCreateBaseVProperty(node, 3, bytes(Text(100, 'b')), 100, 100, 0));
-  EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, TREL_COPY_LIMITS_KEEP, 100));
-  uint64_t maxIdSize = 0;
+  EXPECT_EQ(0u, copyNode(node));
   EXPECT_EQ(5u, dependentsOf(copied).second);
-  EXPECT_EQ(0u, trelGetMaxIDSizeForDependentNode(copied, TREL_EXPORT_DEPENDENT, &maxIdSize));
-  EXPECT_EQ(104u, maxIdSize);
-  const auto but = [](const Text& picture) { return picture.substr(0, picture.find("\n2048: ")); };
-  EXPECT_EQ(but(pictureOf(node)), but(pictureOf(copied, true)));
+  EXPECT_EQ(pictureOf(node), pictureOf(copied, true));
 }
 
 // ---- Trees -----------------------------------------------------------------------------------

@@ -77,11 +77,9 @@ class Forest : public Library {
     // Given without an identifier, a name is taken as soon as its tag is.
     const bool taken =
         std::any_of(present.begin(), present.end(), [&](Model* m) { return m->isNamed(tag, id); });
-    Model* child = make(parent, tag, id, pick(3) ? 1 + pick(5) : 0);
+    Model* child = make(parent, tag, id, 1 + pick(4));
     uint32_t expected = 0;
-    if (parent->capacity == 0 && !id.empty())
-      expected = TREL_RC_PROPERTY_ID_SIZE;
-    else if (parent->condition() == TREL_CONDITION_ABANDONED)
+    if (parent->condition() == TREL_CONDITION_ABANDONED)
       expected = TREL_RC_ABANDONED;
     else if (taken)
       expected = TREL_RC_DEPENDENT_PRESENT;
@@ -160,10 +158,6 @@ class Forest : public Library {
         const int64_t use = searched(m);
         if (use > 0) return static_cast<uint32_t>(use);
         if (use < 0) continue;
-        // An emptied list may be on or off; a list that is on limits what is sought.
-        if ((m->node->exports & TREL_EXPORT_DEPENDENT) && m->capacity == 0 &&
-            (m->id.size() || id.size()))
-          return TREL_RC_NODE_ID_SIZE;
         if (m->isNamed(tag, id)) {
           next = m;
           break;
