@@ -109,31 +109,6 @@ TEST_F(Attach, CountsPerProcess) {
   EXPECT_TRUE(segment.key.exists());
 }
 
-TEST_F(Attach, MarkedSegmentRefusesEvenItsHolder) {
-  const auto refused = [&] { EXPECT_EQ(TREL_RC_DOMAIN_MARKED, Tree().attach(segment.key)); };
-  EXPECT_EQ(0u, trelMarkStatusSegmentForDeletion(segment.info));
-  refused();
-  EXPECT_EQ(1u, segment.attachCount());
-  EXPECT_EQ(0, inOtherProcess(refused));
-  EXPECT_EQ(1u, heap->connectionCount);
-}
-
-TEST_F(Attach, RecordsAreFreedWithoutDisconnecting) {
-  const auto pool = static_cast<uint32_t>(segment.pool()->poolOffset);
-  EXPECT_EQ(0, inOtherProcess([&] {
-              ShmSegInfo_t* info = nullptr;
-              const auto attach = [&](uint32_t offset) {
-                return trelAttachStatusSegment(&info, segment.key, 0, offset, 64, nullptr, nullptr);
-              };
-              EXPECT_EQ(TREL_RC_POOL_STATE, attach(pool + 8));
-              EXPECT_EQ(1u, heap->connectionCount);
-              EXPECT_EQ(0u, attach(pool));
-              *pSegAttachList = nullptr;
-              EXPECT_EQ(0u, trelDestroySegInfoAndHandles(&info));
-              EXPECT_EQ(2u, heap->connectionCount);
-            }));
-}
-
 TEST_F(Library, MemoryOfTheCallerUsesTheSlot) {
   constexpr uint32_t kSize = 0x20000;
   void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -288,23 +263,6 @@ TEST_F(Library, SegmentDeletedByAnotherProcess) {
     EXPECT_EQ(0u, byDetach ? trelDetachStatusSegment(&segment.info, 2) : drop(&segment.info));
     EXPECT_EQ(nullptr, *pSegAttachList);
   }
-}
-
-TEST_F(Attach, KilledReaderLeavesNoLatchBehind) {
-  const int status = inOtherProcess([&] {
-    EXPECT_EQ(0u, tree.connect(segment.key));
-    EXPECT_EQ(0u, trelLatchShmDomain(tree.info->shmDomainHandle));
-    EXPECT_EQ(0u, trelEnterCriticalSectionBeforeWrite(tree.node, &tree.node->nodeLatchArea));
-    if (!HasFailure()) kill(getpid(), SIGKILL);
-  });
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-  alarm(10);
-  EXPECT_EQ(0u, tree.connect(segment.key));
-  EXPECT_EQ(0u, trelUpdateNodeStatus(top));
-  EXPECT_EQ(0u, trelLatchShmDomain(segment.domain()));
-  EXPECT_EQ(0u, trelUnlatchShmDomain(segment.domain()));
-  segment.publish(segment.makeNode(6));
-  alarm(0);
 }
 
 struct TwoSegments : Library {

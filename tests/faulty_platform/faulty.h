@@ -1,12 +1,6 @@
 // A libplatsvc.so.1 whose n-th call fails. Every tests/NAME_fault_test.cpp is linked with it in
-// place of the real one, from which it differs in nothing else. A test runs an operation with
-// n = 1, 2, ... until no call is left to fail:
-//
-//   for (uint32_t n = 1;; ++n) {
-//     faultyArm(kFaultyAll, n);
-//     ... the operation ...
-//     if (!faultyDisarm()) break;
-//   }
+// place of the real one, from which it differs in nothing else. A test arms n = 1, 2, ... and runs
+// an operation, until faultyDisarm tells that no call was left to fail.
 #pragma once
 
 #include <stdint.h>

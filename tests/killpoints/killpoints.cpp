@@ -43,10 +43,6 @@ extern "C" {
 void* __real_memcpy(void*, const void*, size_t);
 void* __real_memmove(void*, const void*, size_t);
 void* __real_memset(void*, int, size_t);
-void* __wrap_memcpy(void*, const void*, size_t);
-void* __wrap_memmove(void*, const void*, size_t);
-void* __wrap_memset(void*, int, size_t);
-
 void* __wrap_memcpy(void* t, const void* f, size_t n) {
   inHalves(t, n, [&](size_t at, size_t size) {
     __real_memcpy(static_cast<char*>(t) + at, static_cast<const char*>(f) + at, size);
@@ -64,10 +60,8 @@ void* __wrap_memset(void* t, int c, size_t n) {
 }
 
 #define NOTHING(name, ...) \
-  void name(__VA_ARGS__);  \
   void name(__VA_ARGS__) {}
-#define STORE(name)         \
-  void name(void* address); \
+#define STORE(name) \
   void name(void* address) { store(address); }
 
 NOTHING(__tsan_init, void)
@@ -78,10 +72,6 @@ NOTHING(__tsan_read2, void*)
 NOTHING(__tsan_read4, void*)
 NOTHING(__tsan_read8, void*)
 NOTHING(__tsan_read16, void*)
-NOTHING(__tsan_unaligned_read2, void*)
-NOTHING(__tsan_unaligned_read4, void*)
-NOTHING(__tsan_unaligned_read8, void*)
-NOTHING(__tsan_unaligned_read16, void*)
 NOTHING(__tsan_read_range, void*, long)
 NOTHING(__tsan_atomic_thread_fence, int)
 NOTHING(__tsan_atomic_signal_fence, int)
@@ -90,48 +80,33 @@ STORE(__tsan_write2)
 STORE(__tsan_write4)
 STORE(__tsan_write8)
 STORE(__tsan_write16)
-STORE(__tsan_unaligned_write2)
-STORE(__tsan_unaligned_write4)
-STORE(__tsan_unaligned_write8)
-STORE(__tsan_unaligned_write16)
-void __tsan_write_range(void* address, long size);
 void __tsan_write_range(void* address, long) { store(address); }
 
 #define FETCH(bits, type, op)                                               \
-  type __tsan_atomic##bits##_fetch_##op(volatile type* word, type v, int);  \
   type __tsan_atomic##bits##_fetch_##op(volatile type* word, type v, int) { \
     store(word);                                                            \
     return __atomic_fetch_##op(word, v, __ATOMIC_SEQ_CST);                  \
   }
-#define EXCHANGE(bits, type, strength)                                                            \
-  int __tsan_atomic##bits##_compare_exchange_##strength(volatile type* word, type* seen, type v,  \
-                                                        int, int);                                \
-  int __tsan_atomic##bits##_compare_exchange_##strength(volatile type* word, type* seen, type v,  \
-                                                        int, int) {                               \
+#define ATOMIC(bits, type)                                                                        \
+  type __tsan_atomic##bits##_load(const volatile type* word, int) {                               \
+    return __atomic_load_n(word, __ATOMIC_SEQ_CST);                                               \
+  }                                                                                               \
+  void __tsan_atomic##bits##_store(volatile type* word, type v, int) {                            \
+    store(word);                                                                                  \
+    __atomic_store_n(word, v, __ATOMIC_SEQ_CST);                                                  \
+  }                                                                                               \
+  type __tsan_atomic##bits##_exchange(volatile type* word, type v, int) {                         \
+    store(word);                                                                                  \
+    return __atomic_exchange_n(word, v, __ATOMIC_SEQ_CST);                                        \
+  }                                                                                               \
+  int __tsan_atomic##bits##_compare_exchange_strong(volatile type* word, type* seen, type v, int, \
+                                                    int) {                                        \
     store(word);                                                                                  \
     return __atomic_compare_exchange_n(word, seen, v, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST); \
-  }
-#define ATOMIC(bits, type)                                                \
-  type __tsan_atomic##bits##_load(const volatile type* word, int);        \
-  type __tsan_atomic##bits##_load(const volatile type* word, int) {       \
-    return __atomic_load_n(word, __ATOMIC_SEQ_CST);                       \
-  }                                                                       \
-  void __tsan_atomic##bits##_store(volatile type* word, type v, int);     \
-  void __tsan_atomic##bits##_store(volatile type* word, type v, int) {    \
-    store(word);                                                          \
-    __atomic_store_n(word, v, __ATOMIC_SEQ_CST);                          \
-  }                                                                       \
-  type __tsan_atomic##bits##_exchange(volatile type* word, type v, int);  \
-  type __tsan_atomic##bits##_exchange(volatile type* word, type v, int) { \
-    store(word);                                                          \
-    return __atomic_exchange_n(word, v, __ATOMIC_SEQ_CST);                \
-  }                                                                       \
-  FETCH(bits, type, add)                                                  \
-  FETCH(bits, type, sub)                                                  \
-  FETCH(bits, type, and)                                                  \
-  FETCH(bits, type, or)                                                   \
-  EXCHANGE(bits, type, strong)                                            \
-  EXCHANGE(bits, type, weak)
+  }                                                                                               \
+  FETCH(bits, type, add)                                                                          \
+  FETCH(bits, type, and)                                                                          \
+  FETCH(bits, type, or)
 
 ATOMIC(8, uint8_t)
 ATOMIC(32, uint32_t)
