@@ -271,20 +271,6 @@ TEST(Properties, BehaveAsAMap) {
       }
 }
 
-TEST(Properties, WithoutIdentifierRoom) {
-  for (const uint64_t hashed : {0, 1}) {
-    const Shape shape{TREL_EXPORT_IR, {3, hashed, 0, 0, 2, 2}, 40};
-    ListNode node({{shape.bit, shape.sectionBytes(3)}});
-    Api api{node.cb, shape.bit};
-    ASSERT_EQ(0u, api.create(shape.limits));
-    for (uint64_t tag : {1, 2}) ASSERT_EQ(0u, api.add({tag, ""}, registerOf(1)));
-    EXPECT_EQ(TREL_RC_PROPERTY_ID_SIZE, api.add({3, "x"}, registerOf(3)));
-    const Section section(node.cb, shape.bit);
-    EXPECT_EQ("", section.error);
-    EXPECT_EQ(2u, section.properties.size());  // the second did not overwrite the first
-  }
-}
-
 TEST(Properties, ReachTheirLargestLimits) {
   const uint64_t n = TREL_MAX_PROPERTIES;
   ListNode node({{TREL_EXPORT_R, 8 + 8 * 32771 + 16 + 152 * 32771 + 8 * n},
@@ -328,10 +314,6 @@ TEST(Properties, HashAsAgreed) {
   for (auto [tag, hash] : std::map<uint64_t, uint64_t>{{1234, 0x6d4cb6}, {0, 49}, {7, 56}}) {
     EXPECT_EQ(0u, trelGetHTIndexForTag(tag, 100003, &index));
     EXPECT_EQ(hash % 100003, index);
-  }
-  for (uint64_t tag = 1; tag; tag = tag > ~0ull / 3 ? 0 : 3 * tag + tag % 2) {
-    EXPECT_EQ(0u, trelGetHTIndexForTag(tag, ~0ull, &index));
-    EXPECT_EQ(hashOf(digitsOf(tag), 0) % ~0ull, index);
   }
 }
 
