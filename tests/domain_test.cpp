@@ -39,21 +39,8 @@ TEST_F(Domain, LivesInASegmentUnderTwoHandles) {
   fresh.freeListLevel = info.freeListLevel;  // a draw
   fresh.slUsedBytes += 32 * info.freeListLevel;
   EXPECT_EQ(0, memcmp(&fresh, &info, sizeof info));
-  ShmPoolHandle_t *pool = nullptr, *theirs = nullptr;
-  void* block = nullptr;
-  ASSERT_EQ(0u, _trelCreateShmPool(&pool, domain, 0x40000, nullptr, 1, 1, ""));
-  const uint32_t offset = static_cast<uint32_t>(pool->poolOffset);
   ASSERT_EQ(0u, connect());
-  ASSERT_EQ(0u, trelConnectToShmPool(&theirs, other, offset, nullptr));
   EXPECT_NE(domain->base, other->base);
-  ASSERT_EQ(0u, _trelAllocateShmBlock(&block, theirs, 6, 0, 1, 1, ""));
-  strcpy(static_cast<char*>(block), "hello");
-  EXPECT_EQ(0u, trelDisconnectFromShmPool(&theirs));
-  const HeapWalk walk(pool->base, TREL_HEAP_POOL, offset);
-  ASSERT_EQ("", walk.fault);
-  ASSERT_EQ(1u, walk.allocated.size());
-  EXPECT_STREQ("hello", static_cast<char*>(pool->base) + walk.allocated[0].data);
-
   ShmDomainHandle_t* const second = other;
   EXPECT_EQ(TREL_RC_DOMAIN_CONNECTED, trelFreeShmDomain(&domain, 1));
   EXPECT_EQ(0u, trelMarkShmDomainForDeletion(domain));
@@ -62,7 +49,6 @@ TEST_F(Domain, LivesInASegmentUnderTwoHandles) {
   EXPECT_EQ(2u, header()->connectionCount);
   EXPECT_EQ(0u, trelDisconnectFromShmDomain(&other));
   EXPECT_EQ(1u, header()->connectionCount);
-  EXPECT_EQ(0u, trelDestroyShmPoolHandle(&pool));
   EXPECT_EQ(0u, trelFreeShmDomain(&domain, 1));
   EXPECT_FALSE(key.exists());
 }

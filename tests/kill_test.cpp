@@ -134,9 +134,7 @@ struct Kills : Library {
         if (trelGetValueForRProperty(node, 99, &value, 0) != 0 || value != 5) ++board->refusals;
       });
       visit([&] {
-        ShmPoolInfo_t info;
         trelLatchShmPool(segment.pool());
-        trelGetShmPoolInfo(segment.pool(), &info);
         trelUnlatchShmPool(segment.pool());
       });
       visit([&] {

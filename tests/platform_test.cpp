@@ -1,4 +1,4 @@
-// Segments, atomic cells, memory, time, texts, reports and the flow trace of the platform.
+// Segments, atomic cells, time, reports and the flow trace of the platform.
 #include <sys/mman.h>
 #include <time.h>
 

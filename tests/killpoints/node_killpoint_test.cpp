@@ -13,13 +13,6 @@ namespace {
 
 using namespace walker;
 
-struct Never {
-  template <class T>
-  bool operator()(const T&, const T&) const {
-    return false;
-  }
-};
-
 // An active node with all lists, in a segment.
 struct Deaths : Library {
   Segment segment{0x20000};
@@ -75,9 +68,9 @@ struct Deaths : Library {
 
   // What is seen after a death must be what is seen before the operation or behind it, or what
   // isGood allows; and use() must work.
-  template <class See, class IsGood = Never>
+  template <class See, class IsGood>
   void die(const std::function<void()>& work, See&& see, const std::function<void()>& use,
-           IsGood&& isGood = {}) {
+           IsGood&& isGood) {
     const Image start = memory.save();
     const auto before = see();
     work();
@@ -96,6 +89,10 @@ struct Deaths : Library {
     memory.dieTwice(
         start, work, isFullRun() ? 1 : 17, [&] { takeOver(); }, survive);
     memory.restore(start);
+  }
+  template <class See>
+  void die(const std::function<void()>& work, See&& see, const std::function<void()>& use) {
+    die(work, see, use, [](auto&&...) { return false; });
   }
 };
 
