@@ -61,17 +61,15 @@ class Memory {
   }
 
   // Lets work die at every store, or at every step-th, and after each death repair at every one of
-  // its own. Gives the number of deaths of repair.
-  uint64_t dieTwice(const Image& start, const std::function<void()>& work, uint64_t step,
-                    const std::function<void()>& repair,
-                    const std::function<void(uint64_t)>& survive) const {
-    uint64_t tried = 0;
+  // its own.
+  void dieTwice(const Image& start, const std::function<void()>& work, uint64_t step,
+                const std::function<void()>& repair,
+                const std::function<void(uint64_t)>& survive) const {
     dieEverywhere(start, work, [&](uint64_t n) {
       if (n % step != step / 2) return;
       SCOPED_TRACE("killed in front of store " + std::to_string(n) + ", and in the repair");
-      tried += dieEverywhere(save(), repair, survive);
+      dieEverywhere(save(), repair, survive);
     });
-    return tried;
   }
 
  private:
