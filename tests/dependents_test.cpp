@@ -1,7 +1,6 @@
 // Names and lists of dependents.
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include "tree_fixture.h"
 
@@ -42,20 +41,15 @@ class Dependents : public Library {
     EXPECT_EQ(0u, rc);
     EXPECT_EQ(live, returned);
     std::string all;
-    for (uint64_t i = 0; i < returned; ++i) {
-      EXPECT_EQ(0u, +records[i].selfOffset);
+    for (uint64_t i = 0; i < returned; ++i)
       all.append(reinterpret_cast<char*>(ids + i * kIdRoom), records[i].idSize);
-    }
     return all;
   }
   uint32_t add(uint64_t tag, const std::string& id, uint64_t mode = 0) {
     SNodeInfo_t record = recordOf(segment, child, segment);
     record.nodeTag = tag;
-    record.selfOffset = 77;
-    const uint32_t rc =
-        trelAddDependentNode(parent, &record, id.empty() ? nullptr : bytes(id), id.size(), mode, 0);
-    EXPECT_EQ(77u, record.selfOffset);
-    return rc;
+    return trelAddDependentNode(parent, &record, id.empty() ? nullptr : bytes(id), id.size(), mode,
+                                0);
   }
   uint32_t remove(uint64_t tag, const std::string& id) {
     SNodeInfo_t record{};
