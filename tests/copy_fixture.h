@@ -33,7 +33,7 @@ constexpr uint64_t kBare = TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEP
 
 constexpr uint64_t kAllExports = 0x1ffe;
 
-struct NodeSpec {
+struct NodePlan {
   uint64_t exports = kBare;
   uint64_t dependents = 0;
   std::map<uint32_t, ListLimits> lists = {};
@@ -42,39 +42,39 @@ struct NodeSpec {
 };
 
 // The sections that the library works out for such a node.
-inline std::array<uint64_t, 64> sizesOf(NodeSpec spec) {
+inline std::array<uint64_t, 64> sizesOf(NodePlan plan) {
   std::array<uint64_t, 64> sizes{};
-  const ListLimits &r = spec.lists[TREL_EXPORT_R], &v = spec.lists[TREL_EXPORT_V],
-                   &ir = spec.lists[TREL_EXPORT_IR], &iv = spec.lists[TREL_EXPORT_IV];
+  const ListLimits &r = plan.lists[TREL_EXPORT_R], &v = plan.lists[TREL_EXPORT_V],
+                   &ir = plan.lists[TREL_EXPORT_IR], &iv = plan.lists[TREL_EXPORT_IV];
   uint64_t total = 0;
-  EXPECT_EQ(0u, trelCreateMaxSpaceArray(spec.exports, r.maximum, r.hashed, v.maximum,
-                                        std::max(v.maxValue, spec.baseValueMax), v.hashed,
+  EXPECT_EQ(0u, trelCreateMaxSpaceArray(plan.exports, r.maximum, r.hashed, v.maximum,
+                                        std::max(v.maxValue, plan.baseValueMax), v.hashed,
                                         ir.maximum, ir.tagTable, ir.idTable, ir.maxId, ir.hashed,
                                         iv.maximum, iv.tagTable, iv.idTable, iv.maxId, iv.maxValue,
-                                        iv.hashed, kIdRoom, spec.dependents, sizes.data(), &total));
-  for (const auto& [bit, bytesMore] : spec.more) sizes[slotOf(bit)] += bytesMore;
+                                        iv.hashed, kIdRoom, plan.dependents, sizes.data(), &total));
+  for (const auto& [bit, bytesMore] : plan.more) sizes[slotOf(bit)] += bytesMore;
   return sizes;
 }
 
-inline NodeSpec anySpec(Random& random) {
-  NodeSpec spec;
-  spec.exports |= random() & kAllExports;
+inline NodePlan anySpec(Random& random) {
+  NodePlan plan;
+  plan.exports |= random() & kAllExports;
   for (uint32_t bit : kKinds)
-    spec.lists[bit] = {pick(random, 0, 12), pick(random, 0, 1), pick(random, 0, 20),
+    plan.lists[bit] = {pick(random, 0, 12), pick(random, 0, 1), pick(random, 0, 20),
                        pick(random, 1, 50), pick(random, 0, 9), pick(random, 0, 9)};
-  ListLimits& ir = spec.lists[TREL_EXPORT_IR];  // one bucket does not fit the size worked out
+  ListLimits& ir = plan.lists[TREL_EXPORT_IR];  // one bucket does not fit the size worked out
   ir.maximum = std::max(ir.maximum, 2 * ir.hashed);
-  spec.baseValueMax = pick(random, 1, 60);
-  spec.dependents = pick(random, 6, 9);
+  plan.baseValueMax = pick(random, 1, 60);
+  plan.dependents = pick(random, 6, 9);
   for (uint32_t bit : {TREL_EXPORT_RECORD24, TREL_EXPORT_BASE_R, TREL_EXPORT_R, TREL_EXPORT_IR})
-    spec.more[bit] = pick(random, 0, 9);  // odd places behind them
-  return spec;
+    plan.more[bit] = pick(random, 0, 9);  // odd places behind them
+  return plan;
 }
 
 // Fills an active node's properties, adding more than will stay.
-inline void fillProperties(SNodeCB_t* node, const NodeSpec& spec, Random& random) {
-  for (const auto& [bit, list] : spec.lists) {
-    if (!(spec.exports & bit)) continue;
+inline void fillProperties(SNodeCB_t* node, const NodePlan& plan, Random& random) {
+  for (const auto& [bit, list] : plan.lists) {
+    if (!(plan.exports & bit)) continue;
     Api api{node, bit};
     EXPECT_EQ(0u, api.create(list));
     for (int round = 0; round < 20; ++round) {
@@ -85,13 +85,13 @@ inline void fillProperties(SNodeCB_t* node, const NodeSpec& spec, Random& random
       if (api.add(name, value) == 0 && random() % 3 == 0) api.remove(name);
     }
   }
-  if (spec.exports & TREL_EXPORT_BASE_R) {
+  if (plan.exports & TREL_EXPORT_BASE_R) {
     EXPECT_EQ(0u, trelCreateBaseRProperty(node, 77, static_cast<int32_t>(random()), 0));
   }
-  if (spec.exports & TREL_EXPORT_BASE_V) {
-    const Text value = anyBytes(random, pick(random, 1, spec.baseValueMax));
+  if (plan.exports & TREL_EXPORT_BASE_V) {
+    const Text value = anyBytes(random, pick(random, 1, plan.baseValueMax));
     EXPECT_EQ(0u,
-              trelCreateBaseVProperty(node, 78, bytes(value), value.size(), spec.baseValueMax, 0));
+              trelCreateBaseVProperty(node, 78, bytes(value), value.size(), plan.baseValueMax, 0));
   }
 }
 
@@ -104,13 +104,13 @@ struct Made {
 };
 
 // Makes a node and hangs it below a parent of the same or another segment.
-inline Made makeNode(const Segment& segment, const NodeSpec& spec, uint64_t tag, const Text& id,
+inline Made makeNode(const Segment& segment, const NodePlan& plan, uint64_t tag, const Text& id,
                      const Made* parent, const HdmModuleRecord_t* served = nullptr) {
   Made made{nullptr, &segment};
-  std::array<uint64_t, 64> sizes = sizesOf(spec);
+  std::array<uint64_t, 64> sizes = sizesOf(plan);
   uint64_t size = 0, offset = 0;
   EXPECT_EQ(0u,
-            trelCreateNode(segment.info, &made.node, spec.exports, sizes.data(), &size, &offset));
+            trelCreateNode(segment.info, &made.node, plan.exports, sizes.data(), &size, &offset));
   const uint8_t record24[24] = {1, 2, 3};
   const HdmModuleRecord_t own = module("/own");
   SNodeInfo_t none = {};
@@ -121,7 +121,7 @@ inline Made makeNode(const Segment& segment, const NodeSpec& spec, uint64_t tag,
                              record24, &own, &options));
   EXPECT_EQ(0u, trelSetNodeTag(made.node, tag, 0));
   EXPECT_EQ(0u, trelActivateNode(&made.node));
-  if (spec.exports & TREL_EXPORT_DEPENDENT) {
+  if (plan.exports & TREL_EXPORT_DEPENDENT) {
     EXPECT_EQ(0u, trelCreateDependentNodeList(made.node, nullptr, nullptr, nullptr, kIdRoom, 0, 0));
   }
   if (parent) {
@@ -140,11 +140,11 @@ inline Made makeTree(const std::vector<const Segment*>& segments, unsigned nodes
       const ExportSlot_t& list = parent->node->exportTable[slotOf(TREL_EXPORT_DEPENDENT)];
       if (list.used + kIdRoom + sizeof(SNodeInfo_t) > list.size) continue;  // full
     }
-    const NodeSpec spec = anySpec(random);
+    const NodePlan plan = anySpec(random);
     const Text id = "n" + std::to_string(tag) + Text(pick(random, 0, 9), 'x');
-    Made child = makeNode(*segments[parent ? pick(random, 0, segments.size() - 1) : 0], spec, tag,
+    Made child = makeNode(*segments[parent ? pick(random, 0, segments.size() - 1) : 0], plan, tag,
                           id, parent, random() % 4 ? &modules[random() % 3] : nullptr);
-    fillProperties(child.node, spec, random);
+    fillProperties(child.node, plan, random);
     for (unsigned beats = random() % 4; beats; --beats)
       EXPECT_EQ(0u, trelUpdateNodeStatus(child.node));
     if (parent && random() % 6 == 0) {

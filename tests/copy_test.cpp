@@ -57,16 +57,16 @@ TEST_F(Copy, NodeInEveryDirection) {
   for (unsigned seed = 1; seed <= 150; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Random random(seed);
-    NodeSpec spec = anySpec(random);
-    Made made = makeNode(source_, spec, 9, "me", nullptr);
-    fillProperties(made.node, spec, random);
+    NodePlan plan = anySpec(random);
+    Made made = makeNode(source_, plan, 9, "me", nullptr);
+    fillProperties(made.node, plan, random);
     if (seed % 5 == 0) trelSetConcurrencyModel(made.node, seed % 6);
     for (auto* counter : {&made.node->updateCounter, &made.node->spareCounter2})
       *PLATVAtomicSigned32::word(counter) = static_cast<int32_t>(random());
     const Text picture = pictureOf(made.node);
-    int32_t adds = !!(spec.exports & TREL_EXPORT_BASE_R) + !!(spec.exports & TREL_EXPORT_BASE_V);
+    int32_t adds = !!(plan.exports & TREL_EXPORT_BASE_R) + !!(plan.exports & TREL_EXPORT_BASE_V);
     for (uint32_t bit : kKinds)
-      if (spec.exports & bit) adds += Section(made.node, bit).properties.size();
+      if (plan.exports & bit) adds += Section(made.node, bit).properties.size();
 
     ASSERT_EQ(0u, copyNode(made.node, TREL_COPY_SHM_TO_PM));
     SNodeCB_t* inMemory = copied;
@@ -92,9 +92,9 @@ TEST_F(Copy, NodeInEveryDirection) {
 }
 
 TEST_F(Copy, LimitsFromTheChangeList) {
-  NodeSpec spec{kBare | TREL_EXPORT_CHANGE_LIST | TREL_EXPORT_R, 4, {{TREL_EXPORT_R, {20}}}};
-  SNodeCB_t* node = makeNode(source_, spec, 9, "n", nullptr).node;
-  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_R}.create(spec.lists[TREL_EXPORT_R])));
+  NodePlan plan{kBare | TREL_EXPORT_CHANGE_LIST | TREL_EXPORT_R, 4, {{TREL_EXPORT_R, {20}}}};
+  SNodeCB_t* node = makeNode(source_, plan, 9, "n", nullptr).node;
+  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_R}.create(plan.lists[TREL_EXPORT_R])));
   const auto maximumOfCopy = [&](uint32_t limits) {
     uint64_t current = 0, maximum = 0;
     EXPECT_EQ(0u, copyNode(node, TREL_COPY_SHM_TO_SHM, limits));
@@ -132,10 +132,10 @@ TEST_F(Copy, NodesThatTheFormulasDoNotFit) {
   }
   EXPECT_EQ(TREL_CONDITION_CREATED, copied->condition);
 
-  NodeSpec spec{kBare | TREL_EXPORT_IR, 5, {{TREL_EXPORT_IR, {1, 1}}}, 8, {{TREL_EXPORT_IR, 16}}};
+  NodePlan plan{kBare | TREL_EXPORT_IR, 5, {{TREL_EXPORT_IR, {1, 1}}}, 8, {{TREL_EXPORT_IR, 16}}};
   const Made top = makeNode(source_, {kBare, 3}, 1, "a long name of a top", nullptr);
-  node = makeNode(source_, spec, 9, "", &top).node;
-  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_IR}.create(spec.lists[TREL_EXPORT_IR])));
+  node = makeNode(source_, plan, 9, "", &top).node;
+  EXPECT_EQ(0u, (Api{node, TREL_EXPORT_IR}.create(plan.lists[TREL_EXPORT_IR])));
   EXPECT_EQ(0u, trelAddIRProperty(node, 3, 0, bytes(""), 44, 0));
   EXPECT_EQ(0u, copyNode(node));
   EXPECT_EQ(5u, dependentsOf(copied).second);
@@ -212,13 +212,13 @@ TEST_F(Copy, WhatIsLeftOut) {
     Random random(method);
     Segment other(kRoom);
     Source source(1, 1, random);
-    const NodeSpec spec{kBare, 3};
+    const NodePlan plan{kBare, 3};
     const Made top{source.top, &source.first()};
-    Made first = makeNode(source.first(), spec, 11, "first", &top);
-    Made second = makeNode(source.first(), spec, 12, "second", &top);
-    Made third = makeNode(other, spec, 13, "third", &top);
-    Made below = makeNode(source.first(), spec, 21, "below", &first);
-    makeNode(source.first(), spec, 22, "last", &second);
+    Made first = makeNode(source.first(), plan, 11, "first", &top);
+    Made second = makeNode(source.first(), plan, 12, "second", &top);
+    Made third = makeNode(other, plan, 13, "third", &top);
+    Made below = makeNode(source.first(), plan, 21, "below", &first);
+    makeNode(source.first(), plan, 22, "last", &second);
     EXPECT_EQ(0u, trelDisassociateNode(&below.node));
     EXPECT_EQ(0u, trelAbandonNode(&second.node));
     Result result(source, method);
@@ -278,11 +278,11 @@ TEST_F(Copy, ASourceAtAnAddress) {
 
 // Neither depth nor a circle uses up the stack.
 TEST_F(Copy, DeepTreesAndCircles) {
-  const NodeSpec spec{kBare, 2};
+  const NodePlan plan{kBare, 2};
   constexpr uint32_t kDepth = 3000, kLarge = 0x2000000;
   Segment deep(kLarge);
-  std::vector<Made> chain{makeNode(deep, spec, 1, "top", nullptr)};
-  while (chain.size() < kDepth) chain.push_back(makeNode(deep, spec, 2, "n", &chain.back()));
+  std::vector<Made> chain{makeNode(deep, plan, 1, "top", nullptr)};
+  while (chain.size() < kDepth) chain.push_back(makeNode(deep, plan, 2, "n", &chain.back()));
   SNodeInfo_t back = recordOf(deep, chain[0].node, deep);
   EXPECT_EQ(0u, trelAddDependentNode(chain.back().node, &back, bytes("top"), 3, 0, 0));
   Key key;
@@ -301,12 +301,12 @@ TEST_F(Copy, DeepTreesAndCircles) {
 
 // A pass attaches nothing: what it meets has been attached before it, whatever its condition.
 TEST_F(Copy, SegmentsThatAreNotAttached) {
-  const NodeSpec spec{kBare, 2};
+  const NodePlan plan{kBare, 2};
   Segment first, second, third, fourth;
-  const Made top = makeNode(first, spec, 1, "top", nullptr);
-  Made resting = makeNode(second, spec, 2, "resting", &top);
-  const Made below = makeNode(third, spec, 3, "below", &resting);
-  Made gone = makeNode(fourth, spec, 4, "gone", &top);
+  const Made top = makeNode(first, plan, 1, "top", nullptr);
+  Made resting = makeNode(second, plan, 2, "resting", &top);
+  const Made below = makeNode(third, plan, 3, "below", &resting);
+  Made gone = makeNode(fourth, plan, 4, "gone", &top);
   for (const Made& made : {resting, below, gone}) made.segment->publish(made.node);
   EXPECT_EQ(0u, trelDisassociateNode(&resting.node));
   EXPECT_EQ(0u, trelAbandonNode(&gone.node));
@@ -325,13 +325,13 @@ struct Family {
   std::vector<Made> children;
 
   Family(const Segment& segment, const Segment& elsewhere, uint64_t count) {
-    const NodeSpec spec{kBare | TREL_EXPORT_CHANGE_LIST, count + 2};
+    const NodePlan plan{kBare | TREL_EXPORT_CHANGE_LIST, count + 2};
     const HdmModuleRecord_t served = module("/served");
-    top = makeNode(segment, spec, 1, "top", nullptr);
-    node = makeNode(segment, spec, 2, "", &top, &served);
-    makeNode(segment, spec, 2, "sibling of the tag", &top);
+    top = makeNode(segment, plan, 1, "top", nullptr);
+    node = makeNode(segment, plan, 2, "", &top, &served);
+    makeNode(segment, plan, 2, "sibling of the tag", &top);
     for (uint64_t i = 0; i < count; ++i)
-      children.push_back(makeNode(i % 2 ? elsewhere : segment, spec, 10 + i,
+      children.push_back(makeNode(i % 2 ? elsewhere : segment, plan, 10 + i,
                                   i ? "child" + std::to_string(i) : "", &node, &served));
   }
   // The node that a search finds below the top, and the codes of searches.
@@ -403,7 +403,7 @@ TEST_F(Copy, SearchesDuringRecreation) {
 // Two processes copy trees that reach into each other's segments, while a third writes, attaches
 // and detaches. Nobody may wait for ever, and a copied node is one state of its source.
 TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
-  const NodeSpec spec{kBare | TREL_EXPORT_R, 30, {{TREL_EXPORT_R, {30, 1}}}};
+  const NodePlan plan{kBare | TREL_EXPORT_R, 30, {{TREL_EXPORT_R, {30, 1}}}};
   auto* copiesMade = static_cast<std::atomic<int>*>(
       mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   for (int round = 0; round < 12; ++round) {
@@ -412,9 +412,9 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
     const Segment* sides[] = {&a, &b};
     std::vector<SNodeCB_t*> nodes;
     for (int side = 0; side < 2; ++side) {
-      const Made top = makeNode(*sides[side], spec, 1, "top", nullptr);
+      const Made top = makeNode(*sides[side], plan, 1, "top", nullptr);
       for (uint64_t i = 0; i < 20; ++i) {
-        nodes.push_back(makeNode(*sides[(side + i) % 2], spec, 10 + i, "n", &top).node);
+        nodes.push_back(makeNode(*sides[(side + i) % 2], plan, 10 + i, "n", &top).node);
         EXPECT_EQ(0u, (Api{nodes.back(), TREL_EXPORT_R}.create({30, 1})));
         for (uint64_t tag : {1, 2}) EXPECT_EQ(0u, trelAddRProperty(nodes.back(), tag, 0, 0));
       }
