@@ -181,6 +181,9 @@ TEST_F(LatchTest, WaitersAreLetGoWhenTheCellIsPutToOtherUse) {
     EXPECT_EQ(waiter.wait(), 0);
     EXPECT_EQ(platVLatchGet(cell()), PLAT_RC_NO_LATCH);
   }
+  platVLatchInit(cell(), 1);
+  latch()->mark = 0;
+  EXPECT_EQ(platVLatchGet(cell()), PLAT_RC_NO_LATCH) << "all but the mark is left of it";
 }
 
 TEST_F(LatchTest, ExcludesThreadsAndProcesses) {

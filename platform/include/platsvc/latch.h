@@ -91,7 +91,8 @@ inline uint32_t latchGet(void* cell, uint32_t* ownerDied) {
   PLATLatch* latch = latchAt(cell);
   uint64_t free = 0;
   if (__builtin_expect(
-          __atomic_load_n(&latch->space, __ATOMIC_RELAXED) == platThreadIdentity.space &&
+          __atomic_load_n(&latch->mark, __ATOMIC_RELAXED) == kLatchMark &&
+              __atomic_load_n(&latch->space, __ATOMIC_RELAXED) == platThreadIdentity.space &&
               __atomic_compare_exchange_n(&latch->word, &free, platThreadIdentity.owner, false,
                                           __ATOMIC_ACQUIRE, __ATOMIC_RELAXED),
           1)) {
