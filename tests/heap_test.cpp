@@ -238,6 +238,7 @@ TEST(HeapPads, EveryModeFindsItsDamage) {
     for (const auto& [there, at, message] : Rows<bool, uint64_t, const char*>{
              {true, d - 8, off ? nullptr : "Front memory pad corruption found at:"},
              {record, d - inner - 8, "match between front and back pad structures found at:"},
+             {record, d - inner - 4, "match between front and back pad structures found at:"},
              {record, found.offset, "Front pad corruption found at:"},
              {record, found.offset + 15, "Front pad corruption found at:"},
              {guard, d - 24, "Front memory pad checksum corruption found at:"},
@@ -252,7 +253,7 @@ TEST(HeapPads, EveryModeFindsItsDamage) {
       EXPECT_EQ(0u, heap.check(block));
       EXPECT_EQ(0u, reports.lines.size()) << reports.lines[0];
       heap.memory[at] ^= 1;  // word counts: 2 becomes 3
-      heap.check(block);
+      EXPECT_EQ(0u, heap.check(block));
       heap.memory[at] ^= 1;
       if (off) {
         EXPECT_EQ(0u, reports.lines.size());

@@ -27,6 +27,6 @@ const char* rcdGetFunctionName(uint32_t function) {
 #include "trel/functions.def"
 #undef TREL_FUNCTION
     default:
-      return "unknown function";
+      return nullptr;
   }
 }

@@ -57,6 +57,11 @@ void setFlowState(uint32_t bit, bool on) {
   }
 }
 
+const char* nameOf(uint32_t function) {
+  const char* name = rcdGetFunctionName(function);
+  return name ? name : "unknown function";
+}
+
 }  // namespace
 
 void platSetReportSink(PLATReportSink sink) {
@@ -65,9 +70,8 @@ void platSetReportSink(PLATReportSink sink) {
 
 void platLog(uint32_t, uint32_t function, uint32_t code, uint32_t probe, uint32_t, uint32_t,
              const void* data, uint32_t size, uint32_t) {
-  report(&reportSink, "platsvc: %s failed: 0x%08x %s, probe %u, data %s",
-         rcdGetFunctionName(function), code, rcdErrorGetDescription(code), probe,
-         Hex(data, size).text());
+  report(&reportSink, "platsvc: %s failed: 0x%08x %s, probe %u, data %s", nameOf(function), code,
+         rcdErrorGetDescription(code), probe, Hex(data, size).text());
 }
 
 void platAssertFailed(const char* message, const char* file, uint32_t line) {
@@ -82,17 +86,16 @@ void flowlogAttach(PLATReportSink sink) {
 void flowlogEnable(uint32_t on) { setFlowState(PLAT_FLOWLOG_ENABLED, on != 0); }
 
 void _flowlogEntry(uint32_t thread, uint32_t function) {
-  report(&flowSink, "%u %s entry", thread, rcdGetFunctionName(function));
+  report(&flowSink, "%u %s entry", thread, nameOf(function));
 }
 
 void _flowlogExit(uint32_t thread, uint32_t function, uint32_t code) {
-  report(&flowSink, "%u %s exit 0x%08x %s", thread, rcdGetFunctionName(function), code,
+  report(&flowSink, "%u %s exit 0x%08x %s", thread, nameOf(function), code,
          rcdErrorGetDescription(code));
 }
 
 void _flowlogErrorVar(uint32_t thread, uint32_t function, uint32_t code, uint32_t probe,
                       const void* data, uint32_t size) {
-  report(&flowSink, "%u %s failure 0x%08x %s, probe %u, data %s", thread,
-         rcdGetFunctionName(function), code, rcdErrorGetDescription(code), probe,
-         Hex(data, size).text());
+  report(&flowSink, "%u %s failure 0x%08x %s, probe %u, data %s", thread, nameOf(function), code,
+         rcdErrorGetDescription(code), probe, Hex(data, size).text());
 }

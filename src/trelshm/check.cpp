@@ -25,16 +25,6 @@ void checkGuards(const Heap& heap, uint64_t offset, uint64_t count, const Findin
     findings.expect(heap.word(offset + 8 * i) == TREL_PAD_GUARD_WORD, message);
 }
 
-// In a domain the data of a chunk is a pool, whose own header and node space are not what the
-// caller asked for.
-uint64_t extraSizeOf(const Heap& heap, uint64_t dataOffset) {
-  if (heap.kind().kind == TREL_HEAP_POOL || !heap.containsBlock(dataOffset, sizeof(HeapHeader_t)))
-    return 0;
-  Heap pool(heap.base(), dataOffset, kPoolKind);
-  if (pool.openHeader() || pool.end() > heap.end()) return 0;
-  return pool.headerSize() + pool.list()->slSpaceSize;
-}
-
 }  // namespace
 
 uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Caller& caller) {
@@ -83,10 +73,9 @@ uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Cal
     return offset >= heap.offset() && offset <= heap.end();
   };
   if (!inHeap(node.blockOffset) || !inHeap(node.dataOffset)) return rcRange;
-  const uint64_t padSize = mode->frontSize(f) + mode->backSize(b);
+  // The longest back pad lies in the heap, since a heap's header is longer.
+  if (!heap.containsBlock(node.blockOffset, node.blockSize)) return rcRange;
   const uint64_t E = node.blockOffset + node.blockSize;
-  if (!heap.containsBlock(node.blockOffset, node.blockSize) || node.blockSize < padSize)
-    return rcRange;
 
   if (mode->file && fileName)
     memcpy(fileName, heap.at<char>(D - (mode->guard ? 64 : 56)), TREL_PAD_FILE_FIELD);
@@ -99,8 +88,8 @@ uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Cal
                     "Back memory pad checksum corruption found at:");
   }
   // The slack of a chunk lies inside its pool, so only a pool's blocks can be tested for theirs.
-  const int64_t slack =
-      static_cast<int64_t>(node.blockSize - extraSizeOf(heap, D) - node.requestedSize - padSize);
+  const uint64_t padSize = mode->frontSize(f) + mode->backSize(b);
+  const int64_t slack = static_cast<int64_t>(node.blockSize - node.requestedSize - padSize);
   const uint64_t dataEnd = node.dataOffset + node.requestedSize;
   if (heap.kind().kind == TREL_HEAP_POOL && slack > 0 && padsLieInside(node) &&
       static_cast<uint64_t>(slack) <= E - dataEnd) {

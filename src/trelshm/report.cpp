@@ -136,28 +136,32 @@ class ListPrinter {
     }
   }
 
-  TrelU64& link(uint64_t node, Run run, uint64_t level) const {
-    return heap_.word(node + kFreeLinks + 8 * ((heap_.free(node)->level + 1) * run + level));
-  }
+  // A free node with the level that was tested: no latch is held, and the node's own may change.
+  struct Place {
+    uint64_t node, level;
+  };
 
-  void printRun(uint64_t node, Run run, const char* format) const {
-    const uint64_t level = heap_.free(node)->level;
-    for (uint64_t i = 0; i <= level; ++i)
-      printf(format, kRunNames[run], static_cast<int>(i), Wide{link(node, run, i)});
-  }
-
-  bool isFreeNode(uint64_t node) const {
+  bool openFree(uint64_t node, Place* place) const {
     if (!heap_.containsNode(node, freeNodeSize(0))) return false;
-    const uint64_t level = heap_.free(node)->level;
-    return level < heap_.maxLevel() && heap_.containsNode(node, freeNodeSize(level));
+    *place = {node, heap_.free(node)->level};
+    return place->level < heap_.maxLevel() && heap_.containsNode(node, freeNodeSize(place->level));
+  }
+
+  uint64_t link(const Place& at, Run run, uint64_t level) const {
+    return heap_.word(at.node + kFreeLinks + 8 * ((at.level + 1) * run + level));
+  }
+
+  void printRun(const Place& at, Run run, const char* format) const {
+    for (uint64_t i = 0; i <= at.level; ++i)
+      printf(format, kRunNames[run], static_cast<int>(i), Wide{link(at, run, i)});
   }
 
   void printHead() const {
-    const uint64_t head = heap_.freeHead();
-    if (!isFreeNode(head)) return;
-    const FreeNode_t* node = heap_.free(head);
+    Place head;
+    if (!openFree(heap_.freeHead(), &head)) return;
+    const FreeNode_t* node = heap_.free(head.node);
     printf("  Head %s offset = %llu, size = %llu, max level = %llu\n", words_.singular,
-           Wide{node->blockOffset}, Wide{node->blockSize}, Wide{node->level});
+           Wide{node->blockOffset}, Wide{node->blockSize}, Wide{head.level});
     for (uint32_t run = forwardO; run <= backwardS; ++run)
       printRun(head, static_cast<Run>(run), "   %s link at level %d points to offset %llu\n");
   }
@@ -165,15 +169,15 @@ class ListPrinter {
   // In the order of `first`, whose links show from level 3; those of the other order from level 5.
   void printFreeList(Run first) const {
     const Run second = first == forwardO ? forwardS : forwardO;
-    uint64_t at = heap_.freeHead();
-    if (!isFreeNode(at)) return;
+    Place at;
+    if (!openFree(heap_.freeHead(), &at)) return;
     const uint64_t most = capped(heap_, freeCount_, freeNodeSize(0));
     for (int n = 1; static_cast<uint64_t>(n) <= most; ++n) {
-      at = link(at, first, 0);
-      if (!isFreeNode(at)) return;
-      const FreeNode_t* node = heap_.free(at);
-      if (detail_ >= 3) printf("  Free %s #%d at node offset %llu\n", words_.singular, n, Wide{at});
-      if (detail_ >= 1) printBlock("Free", n, node->blockOffset, node->level, node->blockSize);
+      if (!openFree(link(at, first, 0), &at)) return;
+      const FreeNode_t* node = heap_.free(at.node);
+      if (detail_ >= 3)
+        printf("  Free %s #%d at node offset %llu\n", words_.singular, n, Wide{at.node});
+      if (detail_ >= 1) printBlock("Free", n, node->blockOffset, at.level, node->blockSize);
       // No blank between the level and "points" here.
       const char* const format = "     %s link at level %dpoints to offset %llu\n";
       const Run orders[] = {first, second};

@@ -24,8 +24,7 @@ PLAT_API void platSetReportSink(PLATReportSink sink);
 
 /* The text of a return code; for an unknown code a text that says so. Never null. */
 PLAT_API const char* rcdErrorGetDescription(uint32_t code);
-/* The name of the operation with this function identifier; "unknown function" for others. Never
- * null. */
+/* The name of the operation with this function identifier, or null. */
 PLAT_API const char* rcdGetFunctionName(uint32_t function);
 
 /* Flow trace. flowlogAttach gives it a sink; flowlogEnable switches it on (1) or off (0). Both may
