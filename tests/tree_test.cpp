@@ -321,7 +321,7 @@ class Reach : public Library {
   SNodeInfo_t* entry_ = nullptr;  // found
   TreeInfo_t sum_;
   Segment home, other;
-  SNodeCB_t* top = makeNode(home, 1, "top", 4);
+  SNodeCB_t* top = makeNode(home, 1, "top", 5);
   SNodeCB_t* near = makeNode(home, 2, "near", 2);
   SNodeCB_t* far = makeNode(other, 3, "far", 4);
   SNodeCB_t* leaf = makeNode(other, 4, "leaf", 0);
@@ -521,9 +521,41 @@ TEST_F(Reach, AWriterReadsItsOwnList) {
   EXPECT_EQ(0u, trelExitCriticalSectionAfterWrite(top, &top->nodeLatchArea));
 }
 
-// A publisher adds and deletes children of two nodes, with what lies below them, and moves one that
-// is always there from place to place. Readers must always find what is always there, or get the
-// code that says why not; they may or may not find the others, but never those of the other branch.
+int* sharedFlag() {
+  return static_cast<int*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+}
+
+// While a reader attaches the segment behind an entry, the entry comes to name the reader's own.
+TEST_F(Reach, AnEntryChangesBetweenSegments) {
+  SNodeCB_t* twin = makeNode(home, 3, "far", 0);
+  SNodeInfo_t records[] = {recordOf(home, far, other), recordOf(home, twin, home)};
+  EXPECT_EQ(0u, trelAbandonNode(&far));
+  EXPECT_EQ(0u, trelAbandonNode(&twin));
+  auto* stop = reinterpret_cast<std::atomic<int>*>(sharedFlag());
+  Child publisher(
+      [&] {
+        for (int i = 0; !*stop; ++i)
+          ASSERT_EQ(
+              0u, trelAddDependentNode(top, &records[i % 2], bytes("far"), 3, TREL_ADD_REPLACE, 0));
+      },
+      false);
+  inReader([&](SNodeCB_t* node, ShmSegInfo_t*) {
+    for (int i = 0; i < 5000; ++i) {
+      const uint32_t rc = soft(node, 77);
+      ASSERT_TRUE(rc == TREL_RC_NOT_FOUND || rc == TREL_RC_BEING_RECREATED) << rc;
+    }
+    EXPECT_EQ(0u, otherCount());
+  });
+  *stop = 1;
+  EXPECT_EQ(0, publisher.wait());
+  munmap(static_cast<void*>(stop), 4096);
+}
+
+// A publisher adds and deletes children of two nodes, with what lies below them, moves one that is
+// always there from place to place, and makes a third list anew. Readers must always find what is
+// always there, or get the code that says why not; they may or may not find the others, but never
+// those of the other branch.
 TEST_F(Reach, ReadersSeeNoTreeThatNeverWas) {
   std::vector<SNodeCB_t*> fixed;
   for (int i = 0; i < 2; ++i) {
@@ -535,8 +567,12 @@ TEST_F(Reach, ReadersSeeNoTreeThatNeverWas) {
       ASSERT_EQ(0u, adopt(home, branch, home, node));
     }
   }
-  auto* stop = static_cast<std::atomic<int>*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  SNodeCB_t* emptied = makeNode(home, 12, "emptied", 3);
+  ASSERT_EQ(0u, adopt(home, top, home, emptied));
+  std::vector<SNodeInfo_t> again;
+  for (uint64_t tag : {31, 32, 33})
+    again.push_back(recordOf(home, makeNode(home, tag, "", 0), home));
+  auto* stop = reinterpret_cast<std::atomic<int>*>(sharedFlag());
   const auto publish = [&] {
     std::mt19937 random(5);
     std::map<std::pair<int, int>, SNodeCB_t*> present;
@@ -563,6 +599,9 @@ TEST_F(Reach, ReadersSeeNoTreeThatNeverWas) {
       ASSERT_EQ(0u, trelDeleteDependentNode(fixed[branch], &record, bytes(moved), 1));
       ASSERT_EQ(0u, trelAddDependentNode(fixed[branch], &record, bytes(moved), 6, 0, 1));
       ASSERT_EQ(0u, trelExitCriticalSectionAfterWrite(fixed[branch], area));
+      ASSERT_EQ(0u, trelCreateDependentNodeList(emptied, nullptr, nullptr, nullptr, 8, 0, 0));
+      for (SNodeInfo_t& child : again)
+        ASSERT_EQ(0u, trelAddDependentNode(emptied, &child, nullptr, 0, 0, 0));
     }
   };
   const auto read = [&](unsigned seed) {

@@ -128,11 +128,14 @@ TREL_API uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t
  * Searches
  *
  * They start at the dependents of the given node, and give the stored record of what they find:
- * trelAttachToNode leads on from there. Segments on the way are attached, and stay so. Active and
- * disassociated nodes count; others are passed over with all that lies below them. A node under
- * recreation ends a search with TREL_RC_BEING_RECREATED: try again later. A depth limit (0 to
- * 32768) of 0 means no limit; a tree deeper than 32768 levels, with a cycle, or with so many ways
- * to the same nodes that no walk would end, gives TREL_RC_DEPTH_LIMIT.
+ * trelAttachToNode leads on from there. Active and disassociated nodes count; others are passed
+ * over with all that lies below them. Segments on the way are attached, and stay so, but one that
+ * was attached for a node that is passed over is detached again. So threads of one process that
+ * search or walk across segments at the same time hold these by attaches of their own: else one
+ * thread may end an attachment that another has just found. A node under recreation ends a search
+ * with TREL_RC_BEING_RECREATED: try again later. A depth limit (0 to 32768) of 0 means no limit; a
+ * tree deeper than 32768 levels, with a cycle, or with so many ways to the same nodes that no walk
+ * would end, gives TREL_RC_DEPTH_LIMIT.
  *
  * No latch is held while a list is read. A list that changes meanwhile is read again, with all that
  * lies below it, so that each list counts as it stood at some instant; a list that never stands
@@ -187,7 +190,7 @@ TREL_API uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, u
  * 1 << TREL_CONDITION_ACTIVE for all nodes, and TREL_WALK_ALL has no meaning there. */
 #define TREL_WALK_ALL 1u
 #define TREL_WALK_ONE_SEGMENT 64u /* do not go into other segments */
-/* With TREL_STATUS_DISCLAIM: take the top node off the list of its parent. */
+/* With TREL_STATUS_DISCLAIM: take the top node off the list of its parent, right before it goes. */
 #define TREL_WALK_REMOVE_TOP 128u
 
 /* Applies a status operation to each selected node. TREL_STATUS_DISCLAIM removes the entry of each

@@ -40,9 +40,7 @@ uint32_t trelGetControlBlockPtrFromSNodeInfo(const SNodeInfo_t* record, SNodeCB_
     if (!record) return flow.fail(TREL_RC_NODE_INFO_NULL);
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     Reached reached;
-    SegIdentity_t identity;
-    if (const uint32_t rc = locateNode(record, &reached, &identity, nullptr, nullptr, 0))
-      return flow.fail(rc);
+    if (const uint32_t rc = locateNode(record, &reached)) return flow.fail(rc);
     *node = reached.node;
     return 0;
   });
@@ -66,8 +64,7 @@ uint32_t trelGetShmSegInfoPtrUsingSNodeInfo(const SNodeInfo_t* record, SNodeCB_t
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!segInfo) return flow.fail(TREL_RC_SEGMENT_NULL);
     Reached reached;
-    SegIdentity_t identity;
-    if (const uint32_t rc = locateNode(record, &reached, &identity, current, otherSegment, options))
+    if (const uint32_t rc = locateNode(record, &reached, current, otherSegment, options))
       return flow.fail(rc);
     *node = reached.node;
     *segInfo = reached.segInfo;

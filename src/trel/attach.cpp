@@ -77,7 +77,7 @@ uint32_t checkTopNode(ShmSegInfo_t* segInfo, SNodeCB_t** node, TopNodeInfo_t* to
                                                              &top->nodeOffset, &top->poolOffset))
     return rc;
   if (segInfo->identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
-  if (!isNodeInDomain(domain, top->nodeOffset)) return TREL_RC_TOP_NODE_BOUNDS;
+  if (nodeSizeInDomain(domain, top->nodeOffset) == 0) return TREL_RC_TOP_NODE_BOUNDS;
   auto* found = at<SNodeCB_t>(domain->base, top->nodeOffset);
   if (const uint32_t rc = reading(found, 0, accept::settled, [] { return 0u; })) return rc;
   if (top->tag != found->tag) return TREL_RC_TOP_TAG_DIFFERS;
@@ -150,10 +150,10 @@ uint32_t detach(ShmSegInfo_t** segInfo, uint32_t detachMode) {
 
 // The hold of the segment that a record names; null if it is not attached.
 uint32_t holdOfRecord(const SNodeInfo_t* record, Hold* hold) {
-  SegIdentity_t identity;
-  if (const uint32_t rc = identityOf(record, &identity)) return rc;
-  if (identity.accessMode == kByAddress) return holdOfSlot(hold);
-  const uint32_t rc = holdOfKey(identity.segmentKey.key, hold);
+  Target target;
+  if (const uint32_t rc = targetOf(record, &target)) return rc;
+  if (target.identity.accessMode == kByAddress) return holdOfSlot(hold);
+  const uint32_t rc = holdOfKey(target.identity.segmentKey.key, hold);
   return rc == TREL_RC_NOT_ATTACHED ? 0 : rc;
 }
 

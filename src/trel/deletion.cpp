@@ -37,10 +37,10 @@ uint32_t findStored(const DependentList& list, const SNodeInfo_t& record, FoundD
 
 uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node) {
   Reached reached;
-  SegIdentity_t identity;
-  if (const uint32_t rc = locateNode(record, &reached, &identity, nullptr, nullptr, 0)) return rc;
+  if (const uint32_t rc = locateNode(record, &reached)) return rc;
   const ShmDomainHandle_t* domain = reached.segInfo->shmDomainHandle;
-  if (!isNodeInDomain(domain, offsetOf(reached.node, domain->base))) return TREL_RC_TOP_NODE_BOUNDS;
+  if (nodeSizeInDomain(domain, offsetOf(reached.node, domain->base)) == 0)
+    return TREL_RC_TOP_NODE_BOUNDS;
   *node = reached.node;
   return 0;
 }

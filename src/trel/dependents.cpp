@@ -70,6 +70,16 @@ void fillList(SNodeCB_t* node, ExportSlot_t* slot, const NewEntries& given, uint
   }
 }
 
+// The room for identifiers; 0 where the list is off.
+uint32_t readMaxIdSize(SNodeCB_t* node, uint64_t* maxIdSize) {
+  DependentList list = {};
+  if (node->exports & TREL_EXPORT_DEPENDENT) {
+    if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  }
+  *maxIdSize = list.maxIdSize;
+  return 0;
+}
+
 // Copies one entry out, with its identifier.
 uint32_t copyOut(const SNodeInfo_t* entry, uint32_t maxIdSize, SNodeInfo_t* record, uint8_t* id) {
   *record = *entry;
@@ -150,8 +160,11 @@ uint32_t trelAddDependentNode(SNodeCB_t* node, SNodeInfo_t* record, const uint8_
     if (idSize != 0 && !id) return flow.fail(TREL_RC_ID_NULL);
     const uint64_t tag = record->nodeTag;
     if (tag == 0 || tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE, &tag, sizeof tag);
+    const SoughtName name = {tag, id, idSize};
+    DependentList list;
+    if (const uint32_t rc = locateForAdd(node, name, &list)) return flow.fail(rc);
     return within<Access::write>(node, inCriticalSection, [&] {
-      return addDependent(node, record, {tag, id, idSize}, addMode == TREL_ADD_REPLACE);
+      return addDependent(node, record, name, addMode == TREL_ADD_REPLACE);
     });
   });
 }
@@ -189,9 +202,11 @@ uint32_t trelReturnDependentNodes(SNodeCB_t* node, SNodeInfo_t* records, uint8_t
     if (!live) return flow.fail(TREL_RC_OUT_RETURN_LIVE);
     if (!ids) return flow.fail(TREL_RC_ID_NULL);
     if (length == 0 || length > TREL_MAX_DEPENDENTS) return flow.fail(TREL_RC_DEPENDENT_COUNT);
+    uint64_t maxIdSize = 0;
+    if (const uint32_t rc = readMaxIdSize(node, &maxIdSize)) return flow.fail(rc);
+    if (idSlotSize > maxIdSize) return flow.fail(TREL_RC_ID_STRIDE);
     DependentList list;
     if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
-    if (idSlotSize > list.maxIdSize) return flow.fail(TREL_RC_ID_STRIDE);
     return reading(node, inCriticalSection, accept::any, [&]() -> uint32_t {
       if (const uint32_t rc = locateFilled(node, &list, TREL_RC_DEPENDENTS_EMPTY))
         return flow.fail(rc);
@@ -260,12 +275,8 @@ uint32_t trelGetMaxIDSizeForDependentNode(SNodeCB_t* node, uint32_t exportBit,
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!maxIdSize) return flow.fail(TREL_RC_OUT_DEPENDENT_ID_MAX);
     if (exportBit != TREL_EXPORT_DEPENDENT) return flow.fail(TREL_RC_EXPORT_BIT);
-    DependentList list = {};
-    if (node->exports & TREL_EXPORT_DEPENDENT) {
-      if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
-    }
-    *maxIdSize = list.maxIdSize;
-    return 0;
+    const uint32_t rc = readMaxIdSize(node, maxIdSize);
+    return rc ? flow.fail(rc) : 0;
   });
 }
 

@@ -98,13 +98,13 @@ uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
   ParentPlace place{parentRecord.nodeOffset, parentRecord.segInfoOffset, parentRecord.hdmInfoOffset,
                     parentRecord.segBase};
   if (oldSeg->shmPoolHandle->base != newSeg->shmPoolHandle->base) {
-    SegIdentity_t identity;
+    Target target;
     {
       const AttachLatch latch;
-      if (const uint32_t rc = identityOf(stored, &identity)) return rc;
+      if (const uint32_t rc = targetOf(stored, &target)) return rc;
     }
     ShmPoolHandle_t* pool = newSeg->shmPoolHandle;
-    if (const uint32_t rc = enterIdentity(pool, &identity, &place.segInfoOffset)) return rc;
+    if (const uint32_t rc = enterIdentity(pool, &target.identity, &place.segInfoOffset)) return rc;
     if (const uint32_t rc = enterModule(pool, module, &place.hdmInfoOffset)) return rc;
   }
   const NodeCopy request{oldSeg,

@@ -1,19 +1,17 @@
 // Searches below a node: by name, by path, by tag.
 #include "trel/tree.h"
-#include "treli/reach.h"
+#include "treli/attach_latch.h"
 #include "treli/stable_walk.h"
 
 namespace trel {
 namespace {
 
 // Reaches the node behind an entry, if it counts for searches. TREL_RC_ENTRY_DIFFERS: it does not.
-uint32_t reachSearched(const SNodeInfo_t* entry, SNodeCB_t** child) {
-  Reached reached;
-  uint32_t rc = reachNode(entry, &reached);
-  *child = reached.node;
+uint32_t reachSearched(const SNodeInfo_t* entry, Reached* child) {
+  uint32_t rc = reachNode(entry, child);
   switch (rc) {
     case TREL_RC_DISASSOCIATED:
-      if (!(reached.node->optionWord0 & TREL_OPTION_RECREATION)) return 0;
+      if (!(child->node->optionWord0 & TREL_OPTION_RECREATION)) return 0;
       rc = TREL_RC_BEING_RECREATED;
       break;
     case TREL_RC_INITIALISED:
@@ -24,8 +22,7 @@ uint32_t reachSearched(const SNodeInfo_t* entry, SNodeCB_t** child) {
     default:
       return rc;
   }
-  leaveReached(&reached);
-  *child = reached.node;
+  leaveReached(child);
   return rc;
 }
 
@@ -46,21 +43,22 @@ struct Search {
   IsSought isSought;
   Gathered gathered;
 
-  uint32_t open(SNodeCB_t* node, uint64_t levels, DependentWalk* walk) {
+  uint32_t open(SNodeCB_t* node, uint64_t nodeSize, uint64_t levels, DependentWalk* walk) {
     ExportSlot_t* slot = nullptr;
-    if (limit && depth + levels >= limit) return sectionOf(node, TREL_EXPORT_DEPENDENT, &slot);
+    if (limit && depth + levels >= limit)
+      return sectionOf(node, TREL_EXPORT_DEPENDENT, &slot, nodeSize);
     DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return rc;
+    if (const uint32_t rc = locateDependents(node, nodeSize, &list)) return rc;
     *walk = DependentWalk(list);
     return 0;
   }
 
-  uint32_t visit(uint64_t, const DependentWalk& walk, SNodeInfo_t* entry, SNodeCB_t** below,
+  uint32_t visit(uint64_t, const DependentWalk& walk, SNodeInfo_t* entry, Reached* below,
                  bool* isOver) {
-    SNodeCB_t* child = nullptr;
+    Reached child;
     if (const uint32_t rc = reachSearched(entry, &child))
       return rc == TREL_RC_ENTRY_DIFFERS ? 0 : rc;
-    walk.fetchAhead(entry, child);
+    walk.fetchAhead(entry, child.node);
     bool isHit = false;
     if (const uint32_t rc = isSought(entry, walk.maxIdSize(), &isHit)) return rc;
     if (isHit) {
@@ -110,15 +108,16 @@ uint32_t searchByTag(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, uint64_
 
 // Tests one entry of a list with room for identifiers of maxIdSize. A wanted identifier is also
 // refused if the child's own list could not hold it.
-uint32_t testEntry(SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& name,
-                   SNodeCB_t** child, ExportSlot_t** slot, uint64_t* hasList) {
+uint32_t testEntry(SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& name, Reached* child,
+                   ExportSlot_t** slot, uint64_t* hasList) {
   if (const uint32_t rc = reachSearched(entry, child)) return rc;
-  if (const uint32_t rc = sectionOf(*child, TREL_EXPORT_DEPENDENT, slot)) return rc;
-  *hasList = ((*child)->exports & TREL_EXPORT_DEPENDENT) != 0;
+  if (const uint32_t rc = sectionOf(child->node, TREL_EXPORT_DEPENDENT, slot, child->size))
+    return rc;
+  *hasList = (child->node->exports & TREL_EXPORT_DEPENDENT) != 0;
   uint64_t limit = TREL_MAX_ID_SIZE;
   if (*hasList) {
     DependentList list;
-    if (const uint32_t rc = locateDependents(*child, &list)) return rc;
+    if (const uint32_t rc = locateDependents(child->node, child->size, &list)) return rc;
     limit = list.maxIdSize;
   }
   if (entry->nodeTag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
@@ -127,6 +126,14 @@ uint32_t testEntry(SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& nam
   bool same = false;
   if (const uint32_t rc = hasName(entry, maxIdSize, name, &same)) return rc;
   return same ? 0 : uint32_t{TREL_RC_ENTRY_DIFFERS};
+}
+
+// How long the identifier of an entry may be whose list is not known.
+uint32_t roomForId(const SNodeInfo_t* entry) {
+  const AttachLatch latch;
+  const uint64_t idSize = entry->idSize;
+  const bool isStored = domainAround(entry, sizeof *entry) != nullptr;
+  return isStored && !domainAround(entry, sizeof *entry + idSize) ? 0 : TREL_MAX_ID_SIZE;
 }
 
 uint32_t checkPathName(const TraverseInfo_t& name) {
@@ -145,10 +152,10 @@ struct PathSearch {
   SNodeInfo_t* found;
   Gathered gathered;
 
-  uint32_t open(SNodeCB_t* node, uint64_t depth, DependentWalk* walk) {
+  uint32_t open(SNodeCB_t* node, uint64_t nodeSize, uint64_t depth, DependentWalk* walk) {
     if (depth && !(node->exports & TREL_EXPORT_DEPENDENT)) return TREL_RC_NOT_FOUND;
     DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return rc;
+    if (const uint32_t rc = locateDependents(node, nodeSize, &list)) return rc;
     do {
       if (const uint32_t rc = checkPathName(path[depth])) return rc;
     } while (list.live == 0 && ++depth < length);
@@ -156,11 +163,11 @@ struct PathSearch {
     return 0;
   }
 
-  uint32_t visit(uint64_t depth, const DependentWalk& walk, SNodeInfo_t* entry, SNodeCB_t** below,
+  uint32_t visit(uint64_t depth, const DependentWalk& walk, SNodeInfo_t* entry, Reached* below,
                  bool* isOver) {
     const SoughtName name = {path[depth].traverseTag, path[depth].traverseId,
                              path[depth].traverseIdSize};
-    SNodeCB_t* child = nullptr;
+    Reached child;
     ExportSlot_t* slot = nullptr;
     uint64_t hasList = 0;
     if (const uint32_t rc = testEntry(entry, walk.maxIdSize(), name, &child, &slot, &hasList))
@@ -238,7 +245,11 @@ uint32_t trelSearchForNodeHard(SNodeInfo_t* entry, SNodeCB_t** child, ExportSlot
     if (!entry) return flow.fail(TREL_RC_NODE_INFO_NULL);
     if (!child || !slot) return flow.fail(TREL_RC_NODE_NULL);
     if (!hasList) return flow.fail(TREL_RC_OUT_LIVE_COUNT);
-    return testEntry(entry, TREL_MAX_ID_SIZE, {tag, id, idSize}, child, slot, hasList);
+    Reached reached;
+    const uint32_t rc =
+        testEntry(entry, roomForId(entry), {tag, id, idSize}, &reached, slot, hasList);
+    *child = reached.node;
+    return rc;
   });
 }
 

@@ -12,22 +12,34 @@
 namespace trel {
 namespace {
 
+// The entry of a node in its parent's list, found before the node goes.
+struct ParentEntry {
+  SNodeCB_t* parent = nullptr;
+  SeenEntry seen;
+
+  uint32_t find(SNodeCB_t* node);
+  uint32_t remove() const;
+};
+
 // A node whose children are being walked.
 struct WalkLevel {
   SNodeCB_t* node;
+  uint64_t size;              // of the node, as tested
   ShmSegInfo_t* segment;      // the node's
   ShmSegInfo_t* walkSegment;  // the one that TREL_WALK_ONE_SEGMENT means
-  DependentWalk walk;
   uint64_t depth;
   uint32_t options;
-  int32_t stamp;
+  const ParentEntry* parent = nullptr;  // that goes with the node
+  int32_t stamp = 0;
+  DependentWalk walk = {};
 };
 
 // Begins at the children of a node, if they lie within the limit.
-uint32_t openDependents(SNodeCB_t* node, uint64_t depth, uint64_t limit, DependentWalk* walk) {
+uint32_t openDependents(SNodeCB_t* node, uint64_t nodeSize, uint64_t depth, uint64_t limit,
+                        DependentWalk* walk) {
   if (!(node->exports & TREL_EXPORT_DEPENDENT) || (limit && depth >= limit)) return 0;
   DependentList list;
-  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  if (const uint32_t rc = locateDependents(node, nodeSize, &list)) return rc;
   *walk = DependentWalk(list);
   return 0;
 }
@@ -57,14 +69,15 @@ class StatusWalk {
   StatusWalk(uint32_t operation, uint64_t limit) : operation_(operation), limit_(limit) {}
 
   uint32_t run(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment, uint64_t depth,
-               uint32_t options) {
-    WalkLevel top = {*node, segment, walkSegment, {}, depth, options, 0};
+               uint32_t options, const ParentEntry* parent) {
+    WalkLevel top = {*node, (*node)->nodeSize, segment, walkSegment, depth, options, parent};
     uint32_t rc = enter(&top);
     while (rc == 0 && !levels_.empty()) {
       WalkLevel& level = levels_.top();
       SNodeInfo_t* entry = nullptr;
       rc = level.walk.next(&entry);
-      if (rc && mayHaveChanged(level.node, level.stamp)) rc = 0;
+      if (rc && (hasBeenEmptied(level.node, level.size) || mayHaveChanged(level.node, level.stamp)))
+        rc = 0;
       if (rc == 0 && entry) {
         WalkLevel below = {};
         rc = treat(level, entry, &below);
@@ -82,7 +95,8 @@ class StatusWalk {
  private:
   uint32_t enter(WalkLevel* level) {
     level->stamp = stampOf(level->node);
-    if (const uint32_t rc = openDependents(level->node, level->depth, limit_, &level->walk))
+    if (const uint32_t rc =
+            openDependents(level->node, level->size, level->depth, limit_, &level->walk))
       return rc;
     return level->walk.isDone() ? apply(level) : levels_.push(*level);
   }
@@ -95,34 +109,38 @@ class StatusWalk {
     Reached child;
     bool inside = false;
     uint32_t refusal = 0;
+    const SeenEntry seen(entry);
     if (const uint32_t rc = reachWalked(level.walk, entry, level.walkSegment, level.options, &child,
                                         &inside, &refusal))
-      return entry->nodeTag ? rc : 0;  // taken off the list meanwhile
+      return seen.stands() ? rc : 0;  // else taken off the list meanwhile
     if (!inside) return 0;
     if (operation_ == TREL_STATUS_DISCLAIM) {
-      if (refusal == TREL_RC_ABANDONED) return remove(level, entry, child, TREL_WALK_ALL, below);
+      if (refusal == TREL_RC_ABANDONED) return remove(entry, child, TREL_WALK_ALL, below);
       uint32_t condition = 0;
       if (const uint32_t rc = readCondition(child.node, &condition)) return rc;
-      if (selects(level.options, condition)) return remove(level, entry, child, 0, below);
+      if (selects(level.options, condition)) return remove(entry, child, 0, below);
       if (isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
     } else if (refusal == TREL_RC_ABANDONED) {
       leaveReached(&child);
       return 0;
     }
-    *below = {child.node, child.segInfo, level.walkSegment, {}, level.depth + 1, level.options, 0};
+    *below = {child.node,        child.size,      child.segInfo,
+              level.walkSegment, level.depth + 1, level.options};
     return 0;
   }
 
   // Takes the child off the list, then begins with it as the top of a tree of its own.
-  uint32_t remove(WalkLevel& level, SNodeInfo_t* entry, const Reached& child, uint32_t added,
-                  WalkLevel* below) {
+  // What could hinder that is found out before.
+  uint32_t remove(SNodeInfo_t* entry, const Reached& child, uint32_t added, WalkLevel* below) {
     if (limit_ > kMaxDepth || isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
+    if (const uint32_t rc = levels_.reserve()) return rc;
+    WalkLevel& level = levels_.top();
     const uint32_t options = (level.options | added) & ~TREL_WALK_REMOVE_TOP;
     if (const uint32_t rc = reading(level.node, 0, accept::any, [] { return 0u; })) return rc;
     if (const uint32_t rc = unlinkChild(level.node, entry, child.node)) return rc;
     level.stamp = static_cast<int32_t>(static_cast<uint32_t>(level.stamp) + 1);  // this change
     if (const uint32_t rc = reading(child.node, 0, accept::any, [] { return 0u; })) return rc;
-    *below = {child.node, child.segInfo, child.segInfo, {}, 1, options, 0};
+    *below = {child.node, child.size, child.segInfo, child.segInfo, 1, options};
     return 0;
   }
 
@@ -152,6 +170,9 @@ class StatusWalk {
         return trelDisassociateNode(&level->node);
       default:
         if (!level->segment) return TREL_RC_SEGMENT_NULL;
+        if (level->parent) {
+          if (const uint32_t rc = level->parent->remove()) return rc;
+        }
         return trelDisclaimNode(&level->node, level->segment->shmPoolHandle,
                                 level->segment->identity.handleVersion);
     }
@@ -160,16 +181,6 @@ class StatusWalk {
   uint32_t operation_;
   uint64_t limit_;
   Levels<WalkLevel> levels_;
-};
-
-// The entry of a node in its parent's list, found before the node goes.
-struct ParentEntry {
-  SNodeCB_t* parent = nullptr;
-  SNodeInfo_t* entry = nullptr;
-  uint64_t nodeOffset = 0;
-
-  uint32_t find(SNodeCB_t* node);
-  uint32_t remove() const;
 };
 
 uint32_t ParentEntry::find(SNodeCB_t* node) {
@@ -188,8 +199,7 @@ uint32_t ParentEntry::find(SNodeCB_t* node) {
     FoundDependent found;
     if (const uint32_t rc = findDependent(list, name, &found)) return rc;
     if (!found.entry) return TREL_RC_DEPENDENT_ABSENT;
-    entry = found.entry;
-    nodeOffset = entry->nodeOffset;
+    seen = SeenEntry(found.entry);
     return 0;
   });
 }
@@ -199,8 +209,8 @@ uint32_t ParentEntry::remove() const {
     DependentList list;
     if (const uint32_t rc = locateDependents(parent, &list)) return rc;
     if (list.live == 0) return TREL_RC_DEPENDENTS_EMPTY;
-    if (entry->nodeTag == 0 || entry->nodeOffset != nodeOffset) return TREL_RC_DEPENDENT_ABSENT;
-    return removeDependent(list, entry);
+    if (!seen.stands()) return TREL_RC_DEPENDENT_ABSENT;
+    return removeDependent(list, seen.entry);
   });
 }
 
@@ -236,10 +246,10 @@ struct TreeSum {
   uint64_t tag, depth, limit;
   Gathered gathered;
 
-  uint32_t open(SNodeCB_t* node, uint64_t levels, DependentWalk* walk) {
-    return openDependents(node, depth + levels, limit, walk);
+  uint32_t open(SNodeCB_t* node, uint64_t nodeSize, uint64_t levels, DependentWalk* walk) {
+    return openDependents(node, nodeSize, depth + levels, limit, walk);
   }
-  uint32_t visit(uint64_t, const DependentWalk& walk, const SNodeInfo_t* entry, SNodeCB_t** below,
+  uint32_t visit(uint64_t, const DependentWalk& walk, const SNodeInfo_t* entry, Reached* below,
                  bool*) {
     Reached child;
     bool inside = false;
@@ -247,7 +257,7 @@ struct TreeSum {
     if (const uint32_t rc =
             reachWalked(walk, entry, walkSegment, options, &child, &inside, &refusal))
       return rc;
-    if (inside) *below = child.node;
+    if (inside) *below = child;
     return 0;
   }
   uint32_t leave(SNodeCB_t* node) { return count(node, tag, &gathered); }
@@ -277,8 +287,7 @@ uint32_t setStatusOfTree(SNodeCB_t* node, ShmSegInfo_t* segment, uint64_t depthL
     if (const uint32_t rc = parent.find(node)) return rc;
   }
   StatusWalk status(operation, depthLimit);
-  if (const uint32_t rc = status.run(&node, segment, segment, 1, options)) return rc;
-  return removeTop && !node ? parent.remove() : 0;
+  return status.run(&node, segment, segment, 1, options, removeTop ? &parent : nullptr);
 }
 
 }  // namespace trel
@@ -299,7 +308,7 @@ uint32_t trelSetNodeStatusRecursively(SNodeCB_t** node, ShmSegInfo_t* segment,
   return traced(FID_trelSetNodeStatusRecursively, [&](const Flow& flow) -> uint32_t {
     if (!node || !*node) return flow.fail(TREL_RC_NODE_NULL);
     StatusWalk status(statusOperation, depthLimit);
-    return status.run(node, segment, walkSegment, depth, options);
+    return status.run(node, segment, walkSegment, depth, options, nullptr);
   });
 }
 

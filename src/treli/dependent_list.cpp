@@ -60,11 +60,15 @@ void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, co
   storeLast(&place->nodeTag, tag);
 }
 
+uint32_t locateForAdd(SNodeCB_t* node, const SoughtName& name, DependentList* list) {
+  if (!(node->exports & TREL_EXPORT_DEPENDENT)) exportDependents(node, true);
+  if (const uint32_t rc = locateDependents(node, list)) return rc;
+  return name.idSize > list->maxIdSize ? uint32_t{TREL_RC_PROPERTY_ID_SIZE} : 0;
+}
+
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace) {
-  exportDependents(node, true);
   DependentList list;
-  if (const uint32_t rc = locateDependents(node, &list)) return rc;
-  if (name.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+  if (const uint32_t rc = locateForAdd(node, name, &list)) return rc;
   if (const uint32_t rc = checkCondition(node, accept::living)) return rc;
   if (list.live > TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
   FoundDependent found;

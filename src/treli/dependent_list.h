@@ -41,9 +41,9 @@ struct DependentList {
 };
 
 // Fails as the slot's lookup does, and for a stored maximum above 4096.
-TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, DependentList* list) {
+TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, uint64_t nodeSize, DependentList* list) {
   ExportSlot_t* slot = nullptr;
-  if (const uint32_t rc = sectionOf(node, TREL_EXPORT_DEPENDENT, &slot)) return rc;
+  if (const uint32_t rc = sectionOf(node, TREL_EXPORT_DEPENDENT, &slot, nodeSize)) return rc;
   const auto start = reinterpret_cast<uintptr_t>(inSection(node, slot));
   *list = {node, slot, start, start + slot->size, 0, 0};
   const uint64_t used = slot->used;
@@ -54,6 +54,20 @@ TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, DependentList* list) {
   if (maxIdSize) list->live = static_cast<uint32_t>(used - kDependentHeader) / list->stride();
   return 0;
 }
+
+TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, DependentList* list) {
+  return locateDependents(node, node->nodeSize, list);
+}
+
+// An entry that has been read without the node's latch, and whether it still names that node.
+struct SeenEntry {
+  SNodeInfo_t* entry = nullptr;
+  uint64_t nodeOffset = 0;
+
+  SeenEntry() = default;
+  explicit SeenEntry(SNodeInfo_t* e) : entry(e), nodeOffset(e->nodeOffset) {}
+  bool stands() const { return entry->nodeTag != 0 && entry->nodeOffset == nodeOffset; }
+};
 
 // The one walk over a list.
 class DependentWalk {
@@ -134,6 +148,13 @@ inline int32_t stampOf(SNodeCB_t* node) {
   return __atomic_load_n(PLATVAtomicSigned32::word(&node->reconfigCounter), __ATOMIC_ACQUIRE);
 }
 bool mayHaveChanged(SNodeCB_t* node, int32_t stamp);
+// A list that is made anew, and empty, is not counted as a change. A walk that is on its way over
+// it fails, since the entries are vacant or the section ends. To be asked before mayHaveChanged():
+// what is added to the list again is counted.
+inline bool hasBeenEmptied(SNodeCB_t* node, uint64_t nodeSize) {
+  DependentList list;
+  return locateDependents(node, nodeSize, &list) == 0 && list.live == 0;
+}
 
 // The rest is for those who are inside the node's write section.
 
@@ -149,8 +170,11 @@ void clearDependents(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize);
 // Adds an entry behind `place`, which is vacant, or overwrites the entry there.
 void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, const uint8_t* id,
                     uint64_t idSize);
+// Turns the list on, and tests whether it could hold the name. Needs no section: it is repeated in
+// it, since a list that loses its last entry is turned off.
+uint32_t locateForAdd(SNodeCB_t* node, const SoughtName& name, DependentList* list);
 // Adds the record, or with `replace` overwrites the entry of its name. Counts the change. Tests all
-// but the record's tag, in the section: a list that loses its last entry loses its export bit too.
+// but the record's tag.
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace);
 // Makes the entry vacant. Counts the change.
 uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry);

@@ -33,12 +33,17 @@ class Levels {
   Level& top() { return levels_[count_ - 1]; }
   void pop() { --count_; }
 
-  // May move the levels.
+  // Makes sure of room for one more level. May move the levels.
+  uint32_t reserve() {
+    if (!isCredible()) return TREL_RC_DEPTH_LIMIT;
+    return count_ < capacity_ ? 0 : grow();
+  }
+
+  // May move the levels. Fails only for a cycle where there is room.
   uint32_t push(const Level& level) {
-    if (closesCycle(level.node) || !isCredible()) return TREL_RC_DEPTH_LIMIT;
-    if (count_ == capacity_) {
-      if (const uint32_t rc = grow()) return rc;
-    }
+    if (closesCycle(level.node)) return TREL_RC_DEPTH_LIMIT;
+    if (const uint32_t rc = reserve()) return rc;
+    ++pushes_;
     levels_[count_++] = level;
     return 0;
   }
@@ -56,8 +61,8 @@ class Levels {
 
   // A list is read several times where it changes meanwhile, but not without end.
   bool isCredible() {
-    if (++pushes_ > mostPushes_) mostPushes_ = 64 * nodesThatFit();
-    return pushes_ <= mostPushes_;
+    if (pushes_ >= mostPushes_) mostPushes_ = 64 * nodesThatFit();
+    return pushes_ < mostPushes_;
   }
 
   __attribute__((noinline)) uint32_t grow() {

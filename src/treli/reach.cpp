@@ -7,10 +7,10 @@
 
 namespace trel {
 
-bool isNodeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
-  if (!liesInDomain(domain, nodeOffset, sizeof(SNodeCB_t))) return false;
+uint64_t nodeSizeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
+  if (!liesInDomain(domain, nodeOffset, sizeof(SNodeCB_t))) return 0;
   const uint64_t size = at<SNodeCB_t>(domain->base, nodeOffset)->nodeSize;
-  return size >= sizeof(SNodeCB_t) && liesInDomain(domain, nodeOffset, size);
+  return size >= sizeof(SNodeCB_t) && liesInDomain(domain, nodeOffset, size) ? size : 0;
 }
 
 uint64_t nodesThatFit() {
@@ -18,7 +18,7 @@ uint64_t nodesThatFit() {
   return attachedBytes() / sizeof(SNodeCB_t);
 }
 
-uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity) {
+uint32_t targetOf(const SNodeInfo_t* record, Target* target) {
   const SNodeInfo_t copy = *record;
   const void* base = copy.selfOffset ? at<const void>(record, uint64_t{0} - copy.selfOffset)
                                      : at<const void>(nullptr, copy.segBase);
@@ -26,9 +26,10 @@ uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity) {
   // What is stored in a segment can be damaged, but its base is known.
   const ShmDomainHandle_t* home = domainAround(record, sizeof *record);
   if (!home) home = domainAt(base);
-  if (home && (home->base != base || !liesInDomain(home, copy.segInfoOffset, sizeof *identity)))
+  if (home &&
+      (home->base != base || !liesInDomain(home, copy.segInfoOffset, sizeof(SegIdentity_t))))
     return TREL_RC_BLOCK_OUTSIDE_POOL;
-  *identity = *at<const SegIdentity_t>(base, copy.segInfoOffset);
+  *target = {*at<const SegIdentity_t>(base, copy.segInfoOffset), copy.nodeOffset, copy.nodeTag};
   return 0;
 }
 
@@ -46,22 +47,19 @@ uint32_t compareSegments(const ShmSegInfo_t* current, const SegIdentity_t& ident
   return 0;
 }
 
-}  // namespace
-
-uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* identity,
-                    const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
-  const AttachLatch latch;
-  if (const uint32_t rc = identityOf(record, identity)) return rc;
+// The caller holds the AttachLatch.
+uint32_t locate(const Target& target, Reached* reached, const ShmSegInfo_t* current,
+                uint32_t* otherSegment, uint32_t options) {
   Hold hold;
-  if (const uint32_t rc = identity->accessMode == kByAddress
+  if (const uint32_t rc = target.identity.accessMode == kByAddress
                               ? holdOfSlot(&hold)
-                              : holdOfKey(identity->segmentKey.key, &hold))
+                              : holdOfKey(target.identity.segmentKey.key, &hold))
     return rc;
-  if (identity->handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  if (target.identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
   const ShmDomainHandle_t* domain = hold.segInfo->shmDomainHandle;
-  const uint64_t offset = record->nodeOffset;
-  if (!domain || !liesInDomain(domain, offset, sizeof(SNodeCB_t))) return TREL_RC_TOP_NODE_BOUNDS;
-  reached->node = at<SNodeCB_t>(domain->base, offset);
+  if (!domain || !liesInDomain(domain, target.nodeOffset, sizeof(SNodeCB_t)))
+    return TREL_RC_TOP_NODE_BOUNDS;
+  reached->node = at<SNodeCB_t>(domain->base, target.nodeOffset);
   if (options & kStayInSegment) {
     bool isOther = false;
     if (const uint32_t rc = compareSegments(current, hold.segInfo->identity, &isOther)) return rc;
@@ -69,6 +67,22 @@ uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* 
   }
   reached->segInfo = hold.segInfo;
   return 0;
+}
+
+// The same, from the record on.
+uint32_t locateTarget(const SNodeInfo_t* record, Target* target, Reached* reached,
+                      const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
+  const AttachLatch latch;
+  if (const uint32_t rc = targetOf(record, target)) return rc;
+  return locate(*target, reached, current, otherSegment, options);
+}
+
+}  // namespace
+
+uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, const ShmSegInfo_t* current,
+                    uint32_t* otherSegment, uint32_t options) {
+  Target target;
+  return locateTarget(record, &target, reached, current, otherSegment, options);
 }
 
 static __thread uint32_t attachNothing __attribute__((tls_model("initial-exec")));
@@ -99,36 +113,37 @@ uint32_t attachByIdentity(const SegIdentity_t& identity, ShmSegInfo_t** segInfo)
   return trelAttachStatusSegment(segInfo, &key, 0, 0, 0, &domainParam, &poolParam);
 }
 
-uint32_t checkReached(const SNodeInfo_t* record, const Reached& reached, uint32_t otherSegment) {
-  const ShmDomainHandle_t* domain = reached.segInfo->shmDomainHandle;
-  if (!isNodeInDomain(domain, offsetOf(reached.node, domain->base))) return TREL_RC_TOP_NODE_BOUNDS;
-  if (otherSegment == 0 && record->nodeTag != reached.node->tag) return TREL_RC_RECORD_TAG_DIFFERS;
-  return reading(reached.node, 0, accept::active, [] { return 0u; });
+uint32_t checkReached(const Target& target, Reached* reached, uint32_t otherSegment) {
+  reached->size = nodeSizeInDomain(reached->segInfo->shmDomainHandle, target.nodeOffset);
+  if (reached->size == 0) return TREL_RC_TOP_NODE_BOUNDS;
+  if (otherSegment == 0 && target.nodeTag != reached->node->tag) return TREL_RC_RECORD_TAG_DIFFERS;
+  return reading(reached->node, 0, accept::active, [] { return 0u; });
 }
 
 }  // namespace
 
 uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* current,
                    uint32_t* otherSegment, uint32_t options) {
-  SegIdentity_t identity;
-  uint32_t rc = locateNode(record, reached, &identity, current, otherSegment, options);
+  Target target;
+  uint32_t rc = locateTarget(record, &target, reached, current, otherSegment, options);
   if (rc == TREL_RC_NOT_ATTACHED) {
     if (options & kStayInSegment) {
       bool isOther = false;
-      if ((rc = compareSegments(current, identity, &isOther))) return rc;
+      if ((rc = compareSegments(current, target.identity, &isOther))) return rc;
       if (isOther) {
-        *reached = {nullptr, current, false};
+        *reached = {nullptr, current};
         *otherSegment = 1;
         return 0;
       }
     }
     if (attachNothing) return rc;
     ShmSegInfo_t* attached = nullptr;
-    if ((rc = attachByIdentity(identity, &attached))) return rc;
+    if ((rc = attachByIdentity(target.identity, &attached))) return rc;
     *reached = {nullptr, attached, true};
-    rc = locateNode(record, reached, &identity, current, otherSegment, options);
+    const AttachLatch latch;
+    rc = locate(target, reached, current, otherSegment, options);
   }
-  if (rc == 0) rc = checkReached(record, *reached, *otherSegment);
+  if (rc == 0) rc = checkReached(target, reached, *otherSegment);
   if (rc && !isRefusedCondition(rc)) leaveReached(reached);
   return rc;
 }

@@ -7,11 +7,18 @@ namespace trel {
 
 constexpr uint32_t kStayInSegment = 64;  // bit of the options of walks
 
-// Whether the node can be touched: its header and all that it says to own lie in the domain.
-bool isNodeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset);
+// The size of a node that can be touched, since its header and all that it says to own lie in the
+// domain; else 0.
+uint64_t nodeSizeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset);
 
-// The identity that the record names. The caller holds the AttachLatch.
-uint32_t identityOf(const SNodeInfo_t* record, SegIdentity_t* identity);
+// What a record names, read once: others may change a stored record at any time.
+struct Target {
+  SegIdentity_t identity;
+  uint64_t nodeOffset, nodeTag;
+};
+
+// The caller holds the AttachLatch.
+uint32_t targetOf(const SNodeInfo_t* record, Target* target);
 
 // The refusals of a node that was reached all the same: it is not active.
 constexpr bool isRefusedCondition(uint32_t code) {
@@ -24,12 +31,14 @@ struct Reached {
   SNodeCB_t* node = nullptr;
   ShmSegInfo_t* segInfo = nullptr;
   bool attachedHere = false;  // the segment was not held before
+  uint64_t size = 0;          // of the node, all of which lies in its segment
 };
 
 // Finds the node, without attaching. With kStayInSegment *otherSegment tells whether it lies in
-// another segment than `current`; without it the last three may be left out.
-uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, SegIdentity_t* identity,
-                    const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options);
+// another segment than `current`.
+uint32_t locateNode(const SNodeInfo_t* record, Reached* reached,
+                    const ShmSegInfo_t* current = nullptr, uint32_t* otherSegment = nullptr,
+                    uint32_t options = 0);
 
 // Finds the node, attaching its segment if it is not held. Success means an active node of the
 // record's tag. Where the code is a refused condition, the node was reached, and stays so: whoever

@@ -25,13 +25,19 @@ TREL_INLINE uint32_t slotOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** 
   return 0;
 }
 
-// The same for an operation that is going to touch the section: it must also lie inside the node.
-TREL_INLINE uint32_t sectionOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot) {
+// The same for an operation that is going to touch the section: it must also lie inside the node,
+// whose size a walk that holds no latch has tested before.
+TREL_INLINE uint32_t sectionOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot,
+                               uint64_t nodeSize) {
   if (const uint32_t rc = slotOf(node, exportBit, slot)) return rc;
   const uint64_t size = (*slot)->size, offset = (*slot)->offset;
-  if (TREL_UNLIKELY(offset > TREL_MAX_NODE_SIZE || offset + size > node->nodeSize))
+  if (TREL_UNLIKELY(offset > TREL_MAX_NODE_SIZE || offset + size > nodeSize))
     return TREL_RC_SLOT_SIZE;
   return 0;
+}
+
+TREL_INLINE uint32_t sectionOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot) {
+  return sectionOf(node, exportBit, slot, node->nodeSize);
 }
 
 // What lies at a position of the section.

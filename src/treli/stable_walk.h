@@ -7,6 +7,7 @@
 
 #include "treli/dependent_list.h"
 #include "treli/levels.h"
+#include "treli/reach.h"
 
 namespace trel {
 
@@ -15,8 +16,9 @@ constexpr uint32_t kRereadings = 32;
 
 // A Task has
 //   Gathered gathered;
-//   uint32_t open(SNodeCB_t*, uint64_t depth, DependentWalk*);  the node's list; none: leave it
-//   uint32_t visit(uint64_t depth, const DependentWalk&, SNodeInfo_t*, SNodeCB_t** below,
+//   uint32_t open(SNodeCB_t*, uint64_t nodeSize, uint64_t depth, DependentWalk*);  the node's list;
+//                                                                       none: leave it
+//   uint32_t visit(uint64_t depth, const DependentWalk&, SNodeInfo_t*, Reached* below,
 //                  bool* isOver);
 //   uint32_t leave(SNodeCB_t*);  all below the node is done
 // The top node has depth 0.
@@ -26,17 +28,17 @@ class StableWalk {
   explicit StableWalk(Task* task) : task_(task) {}
 
   uint32_t run(SNodeCB_t* top) {
-    if (const uint32_t rc = enter(top, nullptr, 0)) return rc;
+    if (const uint32_t rc = enter(top, top->nodeSize, {})) return rc;
     while (!levels_.empty()) {
       Level* level = &levels_.top();
       SNodeInfo_t* entry = nullptr;
       bool isOver = false, isStale = false;
       uint32_t rc = level->walk.next(&entry);
       if (rc == 0 && entry) {
-        SNodeCB_t* below = nullptr;
-        const uint64_t nodeOffset = entry->nodeOffset;
+        Reached below;
+        const SeenEntry seen(entry);
         rc = task_->visit(levels_.count() - 1, level->walk, entry, &below, &isOver);
-        if (rc == 0 && below) rc = enter(below, entry, nodeOffset);
+        if (rc == 0 && below.node) rc = enter(below.node, below.size, seen);
         if (rc == 0 && !isOver) continue;
       }
       if (rc == 0) isStale = hasChanged(*level) || (isOver && isCutOff());
@@ -56,8 +58,8 @@ class StableWalk {
  private:
   struct Level {
     SNodeCB_t* node;
-    const SNodeInfo_t* entry;  // that led to the node
-    uint64_t nodeOffset;       // in that entry, before it was followed
+    uint64_t size;   // of the node, as tested
+    SeenEntry seen;  // before it was followed to the node
     uint32_t rereadings;
     int32_t stamp;
     DependentWalk walk;
@@ -66,11 +68,11 @@ class StableWalk {
 
   static bool hasChanged(const Level& level) { return mayHaveChanged(level.node, level.stamp); }
 
-  uint32_t enter(SNodeCB_t* node, const SNodeInfo_t* entry, uint64_t nodeOffset) {
+  uint32_t enter(SNodeCB_t* node, uint64_t size, const SeenEntry& seen) {
     Level level;
     level.node = node;
-    level.entry = entry;
-    level.nodeOffset = nodeOffset;
+    level.size = size;
+    level.seen = seen;
     const uint32_t rc = read(&level, levels_.count());
     if ((rc || level.walk.isDone()) && !hasChanged(level)) return rc ? rc : task_->leave(node);
     level.rereadings = 0;
@@ -81,7 +83,7 @@ class StableWalk {
   uint32_t read(Level* level, uint64_t depth) {
     level->stamp = stampOf(level->node);
     level->walk = DependentWalk();
-    return task_->open(level->node, depth, &level->walk);
+    return task_->open(level->node, level->size, depth, &level->walk);
   }
 
   // A node that was taken off its list on the way here may have been freed, and be another node by
@@ -89,8 +91,7 @@ class StableWalk {
   // left at the list that has changed.
   bool isCutOff() {
     for (uint32_t i = 1; i < levels_.count(); ++i) {
-      if (levels_[i].entry->nodeTag && levels_[i].entry->nodeOffset == levels_[i].nodeOffset)
-        continue;
+      if (levels_[i].seen.stands()) continue;
       while (levels_.count() > i) levels_.pop();
       return true;
     }
@@ -102,7 +103,7 @@ class StableWalk {
   uint32_t goBack(uint32_t rc, bool isStale) {
     for (; !levels_.empty(); isStale = false) {
       Level* level = &levels_.top();
-      if (!isStale && !hasChanged(*level)) {
+      if (!isStale && !hasBeenEmptied(level->node, level->size) && !hasChanged(*level)) {
         levels_.pop();
         continue;
       }
