@@ -175,8 +175,8 @@ void ReadTagPerEntry(benchmark::State& state) {
     }
 }
 
-BENCHMARK(SoftSearchPerNode)->Arg(100)->Arg(1000)->Arg(10000);
-BENCHMARK(TreeInfoPerNode)->Arg(1000)->Arg(10000);
+BENCHMARK(SoftSearchPerNode)->Arg(1000)->Arg(10000)->Arg(100000);
+BENCHMARK(TreeInfoPerNode)->Arg(1000)->Arg(100000);
 BENCHMARK(HardSearch)->Arg(1)->Arg(8);
 BENCHMARK(BoostMapOfPaths)->Arg(8);
 BENCHMARK(AddDeletePerEntry)->Arg(1000)->Arg(10000);

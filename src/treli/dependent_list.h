@@ -102,7 +102,7 @@ class DependentWalk {
   bool fits() const { return end_ - place_ >= stride_; }
 
   // Fetches what will be read of the node two places on, while the one behind `entry` is walked:
-  // most siblings lie in one segment. A wrong guess does no harm.
+  // most siblings lie in one segment and are laid out alike. A wrong guess does no harm.
   TREL_INLINE void fetchAhead(const SNodeInfo_t* entry, const SNodeCB_t* node) const {
     if (end_ - place_ < 2 * uint64_t{stride_}) return;
     const uint64_t offset = at<SNodeInfo_t>(nullptr, place_ + stride_)->nodeOffset;
@@ -111,7 +111,11 @@ class DependentWalk {
     __builtin_prefetch(&later->reconfigCounter);
     __builtin_prefetch(&later->nodeLatchArea.primaryLatch);
     __builtin_prefetch(&later->concurrencyModel);
-    __builtin_prefetch(&later->exportTable[bitNumber(TREL_EXPORT_DEPENDENT) - 1]);
+    __builtin_prefetch(&later->nodeLatchArea.writeFlag);
+    constexpr uint32_t kSlot = bitNumber(TREL_EXPORT_DEPENDENT) - 1;
+    __builtin_prefetch(&later->exportTable[kSlot]);
+    __builtin_prefetch(&later->exportTable[kSlot].offset);
+    __builtin_prefetch(at<uint8_t>(later, node->exportTable[kSlot].offset));
   }
 
   bool isDone() const { return left_ == 0; }
