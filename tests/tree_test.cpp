@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <thread>
 
 #include "tree_fixture.h"
 #include "tree_walker.h"
@@ -550,6 +551,21 @@ TEST_F(Reach, AnEntryChangesBetweenSegments) {
   *stop = 1;
   EXPECT_EQ(0, publisher.wait());
   munmap(static_cast<void*>(stop), 4096);
+}
+
+// What one thread attaches only to pass over, another may be reading.
+TEST_F(Reach, ThreadsSearchOneTree) {
+  EXPECT_EQ(0u, trelAbandonNode(&far));
+  inReader([&](SNodeCB_t* node, ShmSegInfo_t*) {
+    const auto search = [&] {
+      SNodeInfo_t* entry = nullptr;
+      for (int i = 0; i < 3000; ++i)
+        ASSERT_EQ(TREL_RC_NOT_FOUND, trelFindNodeSoft(&entry, node, 77, 0, nullptr, 0));
+    };
+    std::thread threads[] = {std::thread(search), std::thread(search), std::thread(search)};
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_LE(otherCount(), 1u);
+  });
 }
 
 // A publisher adds and deletes children of two nodes, with what lies below them, moves one that is

@@ -130,9 +130,8 @@ TREL_API uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t
  * They start at the dependents of the given node, and give the stored record of what they find:
  * trelAttachToNode leads on from there. Active and disassociated nodes count; others are passed
  * over with all that lies below them. Segments on the way are attached, and stay so, but one that
- * was attached for a node that is passed over is detached again. So threads of one process that
- * search or walk across segments at the same time hold these by attaches of their own: else one
- * thread may end an attachment that another has just found. A node under recreation ends a search
+ * was attached for a node that is passed over is detached again, unless another thread has come
+ * upon it. A node under recreation ends a search
  * with TREL_RC_BEING_RECREATED: try again later. A depth limit (0 to 32768) of 0 means no limit; a
  * tree deeper than 32768 levels, with a cycle, or with so many ways to the same nodes that no walk
  * would end, gives TREL_RC_DEPTH_LIMIT.

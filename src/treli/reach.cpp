@@ -47,6 +47,25 @@ uint32_t compareSegments(const ShmSegInfo_t* current, const SegIdentity_t& ident
   return 0;
 }
 
+// Segments that a reach has attached, and that no other reach has come upon since: so they can be
+// detached again. One that finds no place here stays attached. Under the AttachLatch.
+const ShmSegInfo_t* ownAttaches[16];
+uint32_t ownAttachCount = 0;
+
+void enterOwnAttach(const ShmSegInfo_t* segInfo) {
+  if (ownAttachCount < sizeof ownAttaches / sizeof *ownAttaches)
+    ownAttaches[ownAttachCount++] = segInfo;
+}
+
+bool takeOwnAttach(const ShmSegInfo_t* segInfo) {
+  for (uint32_t i = 0; i < ownAttachCount; ++i) {
+    if (ownAttaches[i] != segInfo) continue;
+    ownAttaches[i] = ownAttaches[--ownAttachCount];
+    return true;
+  }
+  return false;
+}
+
 // The caller holds the AttachLatch.
 uint32_t locate(const Target& target, Reached* reached, const ShmSegInfo_t* current,
                 uint32_t* otherSegment, uint32_t options) {
@@ -55,6 +74,7 @@ uint32_t locate(const Target& target, Reached* reached, const ShmSegInfo_t* curr
                               ? holdOfSlot(&hold)
                               : holdOfKey(target.identity.segmentKey.key, &hold))
     return rc;
+  takeOwnAttach(hold.segInfo);
   if (target.identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
   const ShmDomainHandle_t* domain = hold.segInfo->shmDomainHandle;
   if (!domain || !liesInDomain(domain, target.nodeOffset, sizeof(SNodeCB_t)))
@@ -92,7 +112,8 @@ AttachNothing::~AttachNothing() { --attachNothing; }
 
 void leaveReached(Reached* reached) {
   if (!reached->attachedHere) return;
-  trelDetachStatusSegment(&reached->segInfo, 1);
+  const AttachLatch latch;
+  if (takeOwnAttach(reached->segInfo)) trelDetachStatusSegment(&reached->segInfo, 1);
   *reached = {};
 }
 
@@ -138,10 +159,11 @@ uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* cu
     }
     if (attachNothing) return rc;
     ShmSegInfo_t* attached = nullptr;
+    const AttachLatch latch;
     if ((rc = attachByIdentity(target.identity, &attached))) return rc;
     *reached = {nullptr, attached, true};
-    const AttachLatch latch;
     rc = locate(target, reached, current, otherSegment, options);
+    enterOwnAttach(attached);
   }
   if (rc == 0) rc = checkReached(target, reached, *otherSegment);
   if (rc && !isRefusedCondition(rc)) leaveReached(reached);

@@ -65,7 +65,7 @@ class AttachNothing {
   AttachNothing& operator=(const AttachNothing&) = delete;
 };
 
-// Undoes the attach of this reach, if there was one.
+// Undoes the attach of this reach, if there was one, and if no other thread has come upon it.
 void leaveReached(Reached* reached);
 
 }  // namespace trel
