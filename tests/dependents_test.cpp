@@ -28,6 +28,40 @@ TEST(Names, PathsAndPackedIdentifiers) {
   EXPECT_EQ(0u, trelDeleteID(&ids, &sizes, &memory));
 }
 
+TEST(Names, TheirOrder) {
+  const auto sign = [](int32_t order) { return (order > 0) - (order < 0); };
+  struct {
+    uint64_t tagA;
+    std::string a;
+    uint64_t tagB;
+    std::string b;
+    int32_t byId, byName;
+  } const rows[] = {{1, "ab", 1, "ab", 0, 0},
+                    {1, "b", 1, "ab", -1, -1},
+                    {2, "a", 1, "bb", -1, 1},
+                    {1, "a\xff", 1, "ab", 1, 1},
+                    {3, "", 4, "", 0, -1}};
+  for (const auto& [tagA, a, tagB, b, byId, byName] : rows) {
+    int32_t order = 7;
+    EXPECT_EQ(0u, trelCompareID(bytes(a), a.size(), bytes(b), b.size(), TREL_EXPORT_ID, &order));
+    EXPECT_EQ(byId, sign(order)) << a << b;
+    EXPECT_EQ(0u, trelCompareTagID(tagA, bytes(a), a.size(), tagB, bytes(b), b.size(),
+                                   TREL_EXPORT_ID, &order));
+    EXPECT_EQ(byName, sign(order)) << a << b;
+  }
+  const uint8_t* none = bytes("");
+  EXPECT_EQ(TREL_RC_COMPARE_ID_SIZE, trelCompareID(none, 4097, none, 0, TREL_EXPORT_ID, nullptr));
+  EXPECT_EQ(TREL_RC_OUT_COMPARISON,
+            trelCompareTagID(0x100001, none, 0, 1, none, 0, TREL_EXPORT_ID, nullptr));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0u, trelPrintID(bytes("a~\x7f\xe4 "), 5));
+  fflush(stdout);
+  EXPECT_EQ("a~.. ", testing::internal::GetCapturedStdout());
+  std::string turned = "12345";
+  trelReverseByteSequence(reinterpret_cast<uint8_t*>(&turned[0]), 5);
+  EXPECT_EQ("54321", turned);
+}
+
 class Dependents : public Library {
  protected:
   // The names of the list, in order.

@@ -400,6 +400,44 @@ TEST_F(Reach, TheTopCanBeTakenOffItsParentsList) {
   EXPECT_EQ(+twin->nodeOffset, +entry_->nodeOffset);
 }
 
+TEST_F(Reach, Steps) {
+  SNodeInfo_t *entries[2], *found[3];
+  ASSERT_EQ(0u, trelFindDependentNode(&entries[0], top, 2, 0, nullptr, 0));
+  ASSERT_EQ(0u, trelFindDependentNode(&entries[1], top, 3, 0, nullptr, 0));
+  SNodeCB_t* node = nullptr;
+  ExportSlot_t* slot = nullptr;
+  uint64_t hasList = 7, returned = 1, total = 5;
+  const auto test = [&](const char* id) {
+    return trelSearchForNodeHard(entries[1], &node, &slot, &hasList, 3, 3, bytes(id));
+  };
+  EXPECT_EQ(0u, test("far"));
+  EXPECT_EQ(far, node);
+  EXPECT_EQ(&far->exportTable[walker::slotOf(TREL_EXPORT_DEPENDENT)], slot);
+  EXPECT_EQ(1u, hasList);
+  EXPECT_EQ(TREL_RC_ENTRY_DIFFERS, test("fra"));
+  // What is given is added to.
+  EXPECT_EQ(0u, trelSearchForNodeByTag(found, top, 3, 3, 0, 0, &returned, &total));
+  EXPECT_EQ(entries[1], found[1]);
+  EXPECT_EQ(2u, returned);
+  EXPECT_EQ(6u, total);
+  sum_ = {};
+  for (int i = 0; i < 2; ++i)
+    EXPECT_EQ(0u, trelGetTreeInfoRecursively(top, home.info, home.info, 0, 0, 4, 2, 3, &sum_));
+  EXPECT_EQ(6u, sum_.totalNodes) << "the leaf is below the limit";
+  node = near;
+  EXPECT_EQ(0u, trelSetNodeStatusRecursively(&node, home.info, home.info, 0,
+                                             TREL_STATUS_DISASSOCIATE, TREL_WALK_ALL, 1, 0));
+  EXPECT_EQ(TREL_CONDITION_DISASSOCIATED, +near->condition);
+  ShmSegInfo_t* info = nullptr;
+  uint32_t isOther = 7;
+  for (uint32_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(0u, trelGetShmSegInfoPtrUsingSNodeInfo(entries[i], &node, &info, home.info, &isOther,
+                                                     TREL_WALK_ONE_SEGMENT));
+    EXPECT_EQ(i, isOther);
+    EXPECT_EQ(i ? other.info : home.info, info);
+  }
+}
+
 // ---- Deep, cyclic and damaged trees -------------------------------------------------------------
 
 TEST_F(Reach, CyclesEndInACode) {
