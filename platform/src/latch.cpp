@@ -104,9 +104,15 @@ uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied) {
   return PLAT_RC_NO_LATCH;
 }
 
+uint32_t platVLatchIsHeld(const void* cell) {
+  if (!cell) return 0;
+  const PLATLatch* latch = latchAt(const_cast<void*>(cell));
+  return (load(&latch->word) & ~kWaiters) == threadIdentity().owner;
+}
+
 uint32_t platLatchReleaseSlow(void* cell) {
+  if (!platVLatchIsHeld(cell)) return PLAT_RC_NOT_OWNER;
   PLATLatch* latch = latchAt(cell);
-  if ((load(&latch->word) & ~kWaiters) != threadIdentity().owner) return PLAT_RC_NOT_OWNER;
   const uint64_t last = __atomic_exchange_n(&latch->word, 0, __ATOMIC_RELEASE);
   if (last & kWaiters) syscall(SYS_futex, futexOf(latch), FUTEX_WAKE, 1, nullptr, nullptr, 0);
   return 0;

@@ -118,7 +118,7 @@ uint32_t trelSetNodeID(SNodeCB_t* node, const uint8_t* id, uint64_t idSize, uint
       if (const uint32_t rc = checkCondition(node, accept::settled)) return flow.fail(rc);
       storeLast(&section->idSize, 0);  // rather none than a mixture of two
       section->maxIdSize = maximum;
-      memcpy(section + 1, id, idSize);
+      memmove(section + 1, id, idSize);
       storeLast(&section->idSize, idSize);
       slot->used = sizeof *section + idSize;
       return 0;

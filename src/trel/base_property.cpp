@@ -35,7 +35,7 @@ uint32_t deleteBase(SNodeCB_t* node, uint64_t tag, uint64_t inCriticalSection) {
   const Key key{tag};
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (const uint32_t rc = openSection(&list)) return rc;
-  return withKey<K, Access::write>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
+  return withKey<K, Access::write>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
     const uint64_t used = list.slot->used;
     commit(&list.slot->used, used > bytesInUse(list) ? used - bytesInUse(list) : 0);
     commit(&record->tag, 0);

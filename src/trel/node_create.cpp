@@ -24,6 +24,7 @@ struct Initialisation {
   uint64_t maxIdSize;
   const uint8_t* record24;
   const HdmModuleRecord_t* module;
+  uint64_t parentIdSize = 0;  // set by check()
 
   uint32_t check(uint64_t exports);
   uint32_t checkRoom(SNodeCB_t* node) const;
@@ -46,8 +47,9 @@ uint32_t Initialisation::check(uint64_t exports) {
   }
   if (exports & TREL_EXPORT_PARENT) {
     if (!parent) return TREL_RC_NODE_INFO_NULL;
-    if (parent->idSize > maxIdSize) return TREL_RC_NODE_ID_SIZE;
-    if (parent->idSize != 0 && !parentId) return TREL_RC_ID_NULL;
+    parentIdSize = parent->idSize;  // once: the record may lie in shared memory
+    if (parentIdSize > maxIdSize) return TREL_RC_NODE_ID_SIZE;
+    if (parentIdSize != 0 && !parentId) return TREL_RC_ID_NULL;
   }
   if ((exports & TREL_EXPORT_HDM_MODULE) && !module) return TREL_RC_MODULE_NULL;
   if ((exports & TREL_EXPORT_RECORD24) && !record24) return TREL_RC_RECORD24_NULL;
@@ -93,7 +95,7 @@ void Initialisation::fillSection(SNodeCB_t* node, uint32_t bit, ExportSlot_t* sl
       auto* section = inSection<IdSection_t>(node, slot);
       section->maxIdSize = maxIdSize;
       section->idSize = idSize;
-      memcpy(section + 1, id, idSize);
+      memmove(section + 1, id, idSize);
       slot->used = sizeof *section + idSize;
       break;
     }
@@ -102,8 +104,9 @@ void Initialisation::fillSection(SNodeCB_t* node, uint32_t bit, ExportSlot_t* sl
       section->maxIdSize = maxIdSize;
       section->parent = *parent;
       section->parent.selfOffset = nodeOffset + slot->offset + offsetof(ParentSection_t, parent);
-      if (parent->idSize) memcpy(section + 1, parentId, parent->idSize);
-      slot->used = sizeof *section + parent->idSize;
+      section->parent.idSize = parentIdSize;
+      if (parentIdSize) memmove(section + 1, parentId, parentIdSize);
+      slot->used = sizeof *section + parentIdSize;
       break;
     }
     case TREL_EXPORT_HDM_MODULE:

@@ -62,6 +62,7 @@ uint32_t add(SNodeCB_t* node, const Key& key, const Value& value, uint64_t inCri
   if (K::hasBytes && !value.bytes) return K::valueNull;
   if (const uint32_t rc = openList(&list)) return rc;
   return writing(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
+    if (const uint32_t rc = confirm(&list, key, value.size)) return rc;
     return list.hashed() ? addHashed(list, key, value) : addFlat(list, key, value);
   });
 }
@@ -74,8 +75,10 @@ uint32_t addToHashTable(SNodeCB_t* node, const Key& key, const Value& value,
   if (K::hasBytes && !value.bytes) return K::valueNull;
   if (const uint32_t rc = openList(&list)) return rc;
   if (!list.hashed()) return TREL_RC_TABLE_SIZE;
-  return within<Access::write>(node, inCriticalSection,
-                               [&] { return addHashed(list, key, value); });
+  return within<Access::write>(node, inCriticalSection, [&]() -> uint32_t {
+    if (const uint32_t rc = confirm(&list, key, value.size)) return rc;
+    return list.hashed() ? addHashed(list, key, value) : uint32_t{TREL_RC_TABLE_SIZE};
+  });
 }
 
 template <class K>
@@ -88,12 +91,19 @@ uint32_t findInHashTable(SNodeCB_t* node, const Key& key, typename K::Record** r
                        : uint32_t{TREL_RC_TABLE_SIZE};
 }
 
+// The caller is inside the section.
+template <class K>
+uint32_t removeFound(List<K>* list, const Key& key) {
+  if (const uint32_t rc = confirm(list, key, 1)) return rc;
+  return list->hashed() ? deleteHashed(*list, key) : deleteFlat(*list, key);
+}
+
 template <class K>
 uint32_t removeFromHashTable(SNodeCB_t* node, const Key& key) {
   List<K> list;
   if (const uint32_t rc = open(node, key, 1, &list)) return rc;
   if (!list.hashed()) return TREL_RC_TABLE_SIZE;
-  return within<Access::write>(node, 0, [&] { return deleteHashed(list, key); });
+  return within<Access::write>(node, 0, [&] { return removeFound(&list, key); });
 }
 
 // The condition is tested inside the section for a flat list, in front of it for a hashed one.
@@ -103,9 +113,9 @@ uint32_t remove(SNodeCB_t* node, const Key& key, uint64_t inCriticalSection) {
   if (const uint32_t rc = open(node, key, 1, &list)) return rc;
   if (list.hashed()) {
     if (const uint32_t rc = checkCondition(node, accept::usable)) return rc;
-    return within<Access::write>(node, inCriticalSection, [&] { return deleteHashed(list, key); });
+    return within<Access::write>(node, inCriticalSection, [&] { return removeFound(&list, key); });
   }
-  return writing(node, inCriticalSection, accept::usable, [&] { return deleteFlat(list, key); });
+  return writing(node, inCriticalSection, accept::usable, [&] { return removeFound(&list, key); });
 }
 
 // The start of a flat walk, and the counts for it; none for a list that was never created.

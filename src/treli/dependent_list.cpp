@@ -12,7 +12,9 @@ constexpr int kPatience = 1000;  // looks at a writer, some ten microseconds
 bool mayHaveChanged(SNodeCB_t* node, int32_t stamp) {
   __atomic_thread_fence(__ATOMIC_ACQUIRE);
   const int32_t* writing = PLATVAtomicSigned32::word(&node->nodeLatchArea.writeFlag);
-  for (int looks = 0; __atomic_load_n(writing, __ATOMIC_ACQUIRE) != 0; ++looks) {
+  // Under the other models nobody is inside; a writer may have died that changed the model.
+  for (int looks = 0;
+       node->concurrencyModel == 1 && __atomic_load_n(writing, __ATOMIC_ACQUIRE) != 0; ++looks) {
     if (looks == kPatience) {
       // Waits for its end, or clears up after its death. Refused to a caller who is the writer.
       reading(node, 0, accept::any, [] { return 0u; });

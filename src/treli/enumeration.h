@@ -39,8 +39,10 @@ uint32_t getNumber(SNodeCB_t* node, uint64_t* current, uint64_t* maximum,
     *current = *maximum = 0;
     return 0;
   }
-  return within<Access::read>(node, inCriticalSection,
-                              [&] { return countRecords(list, current, maximum); });
+  return within<Access::read>(node, inCriticalSection, [&] {
+    const uint32_t rc = confirm(&list);
+    return rc ? rc : countRecords(list, current, maximum);
+  });
 }
 
 // Number of properties with a tag. The caller is inside the section.
@@ -85,7 +87,10 @@ uint32_t getNumberForTag(SNodeCB_t* node, uint64_t tag, uint64_t* number,
     return 0;
   }
   if (const uint32_t rc = openList(&list)) return rc;
-  return within<Access::read>(node, inCriticalSection, [&] { return countTag(list, tag, number); });
+  return within<Access::read>(node, inCriticalSection, [&] {
+    const uint32_t rc = confirm(&list);
+    return rc ? rc : countTag(list, tag, number);
+  });
 }
 
 template <class K>
@@ -267,6 +272,7 @@ uint32_t returnProperties(SNodeCB_t* node, Listing listing, uint64_t inCriticalS
   List<K> list;
   if (const uint32_t rc = checkListing(node, listing, &list)) return rc;
   return reading(node, inCriticalSection, accept::usable, [&] {
+    if (const uint32_t rc = confirm(&list)) return rc;
     return list.hashed() ? listHashed(list, &listing) : listFlat(list, &listing);
   });
 }

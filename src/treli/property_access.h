@@ -15,8 +15,7 @@ uint32_t baseRecord(const List<K>& list, typename K::Record** record) {
   return list.holds(start, 0) ? 0 : Codes<K>::bounds;
 }
 
-// Where a key leads. What needs no section is done in front of it, while the latch is on its way:
-// the header of a list is written once, when it is made.
+// Where a key leads. What needs no section is done in front of it, while the latch is on its way.
 template <class K>
 class Road {
  public:
@@ -25,17 +24,22 @@ class Road {
       opened_ = openSection(list);
     } else {
       opened_ = openList(list);
-      if (TREL_LIKELY(opened_ == 0 && list->hashed())) bucket_ = bucketOf(*list, 0, key);
+      findBucket();
     }
   }
 
   // The whole record. The caller is inside the section.
-  TREL_INLINE uint32_t follow(typename K::Record** record) const {
+  TREL_INLINE uint32_t follow(uint64_t valueSize, typename K::Record** record) {
     if (TREL_UNLIKELY(opened_)) return opened_;
+    if (TREL_UNLIKELY(!isAsRead(*list_))) {
+      if (const uint32_t rc = confirm(list_, key_, valueSize)) return rc;
+      findBucket();
+    }
     if constexpr (K::base) {
       if (const uint32_t rc = baseRecord(*list_, record)) return rc;
       if (list_->slot->used == 0) return Codes<K>::keyAbsent;
-      if (list_->maxValueSize > list_->size ||  // it is as stored; the sum must not wrap
+      if ((K::hasBytes && list_->maxValueSize == 0) ||
+          list_->maxValueSize > list_->size ||  // it is as stored; the sum must not wrap
           !list_->holds(list_->offset + Form<K>::flatHeader, list_->recordBytes()))
         return Codes<K>::bounds;
       return (*record)->tag == key_.tag ? 0 : Codes<K>::keyAbsent;
@@ -46,21 +50,27 @@ class Road {
   }
 
  private:
-  const List<K>* list_;
+  TREL_INLINE void findBucket() {
+    if constexpr (!K::base)
+      bucket_ = TREL_LIKELY(opened_ == 0 && list_->hashed()) ? bucketOf(*list_, 0, key_) : 0;
+  }
+
+  List<K>* list_;
   const Key& key_;
   uint64_t bucket_ = 0;
   uint32_t opened_;
 };
 
-// work(record) inside a section, on the property of a key, of which checkInput approved.
+// work(record) inside a section, on the property of a key, of which checkInput approved with that
+// size of a value.
 template <class K, Access access, class Work>
-TREL_INLINE uint32_t withKey(List<K>* list, const Key& key, uint64_t inCriticalSection,
-                             Work&& work) {
-  const Road<K> road(list, key);
+TREL_INLINE uint32_t withKey(List<K>* list, const Key& key, uint64_t valueSize,
+                             uint64_t inCriticalSection, Work&& work) {
+  Road<K> road(list, key);
   return within<access>(list->node, inCriticalSection, [&]() -> uint32_t {
     if (const uint32_t rc = checkCondition(list->node, accept::usable)) return rc;
     typename K::Record* record = nullptr;
-    if (const uint32_t rc = road.follow(&record)) return rc;
+    if (const uint32_t rc = road.follow(valueSize, &record)) return rc;
     if (!record) __builtin_unreachable();  // success comes with a record
     return work(record);
   });
@@ -81,7 +91,7 @@ TREL_INLINE uint32_t getRegister(SNodeCB_t* node, const Key& key, int32_t* value
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (!value) return K::valueNull;
-  return withKey<K, Access::read>(&list, key, inCriticalSection, [&](auto* record) {
+  return withKey<K, Access::read>(&list, key, 1, inCriticalSection, [&](auto* record) {
     return loadRegister(&record->value, value);
   });
 }
@@ -91,7 +101,7 @@ TREL_INLINE uint32_t setRegister(SNodeCB_t* node, const Key& key, int32_t value,
                                  uint64_t inCriticalSection) {
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  return withKey<K, Access::write>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
+  return withKey<K, Access::write>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
     storeRegister(&record->value, value);
     return 0;
   });
@@ -130,7 +140,7 @@ TREL_INLINE uint32_t getBytes(SNodeCB_t* node, const Key& key, uint64_t* size, u
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (!size) return TREL_RC_VALUE_SIZES_NULL;
   if (!address) return K::valueNull;
-  return withKey<K, Access::read>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
+  return withKey<K, Access::read>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
     const uint64_t stored = record->valueSize;
     if (stored > list.maxValueSize) return TREL_RC_VALUE_SIZE;
     *address = list.valueOf(record);
@@ -146,11 +156,12 @@ TREL_INLINE uint32_t setBytes(SNodeCB_t* node, const Key& key, uint64_t size, co
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, size, &list)) return rc;
   if (!value) return K::valueNull;
-  return withKey<K, Access::write>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
-    copyBytes(list.valueOf(record), value, size);
-    record->valueSize = size;
-    return 0;
-  });
+  return withKey<K, Access::write>(&list, key, size, inCriticalSection,
+                                   [&](auto* record) -> uint32_t {
+                                     copyBytes(list.valueOf(record), value, size);
+                                     record->valueSize = size;
+                                     return 0;
+                                   });
 }
 
 // Whether `bytes` bytes of a held record's value lie in the section. Only the bytes are tested: the
@@ -177,7 +188,7 @@ TREL_INLINE uint32_t getHeldBytes(SNodeCB_t* node, typename K::Record* record, u
   return reading(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
     if (buffer && *size) {
       if (!holdsValue(&list, record, *size)) return Codes<K>::bounds;
-      memcpy(buffer, list.valueOf(record), static_cast<size_t>(*size));
+      copyBytes(buffer, list.valueOf(record), *size);
     }
     *address = list.valueOf(record);
     *size = record->valueSize;
@@ -199,7 +210,7 @@ TREL_INLINE uint32_t setHeldBytes(SNodeCB_t* node, typename K::Record* record, u
   if (!isValueSize(size, list.maxValueSize)) return TREL_RC_VALUE_SIZE;
   return writing(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
     if (!holdsValue(&list, record, size)) return Codes<K>::bounds;
-    memcpy(list.valueOf(record), value, static_cast<size_t>(size));
+    copyBytes(list.valueOf(record), value, size);
     record->valueSize = size;
     record->rc = rcField;
     return 0;
@@ -211,7 +222,7 @@ uint32_t getRc(SNodeCB_t* node, const Key& key, uint64_t* rcField, uint64_t inCr
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (!rcField) return TREL_RC_OUT_RC;
-  return withKey<K, Access::read>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
+  return withKey<K, Access::read>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
     *rcField = record->rc;
     return 0;
   });
@@ -221,7 +232,7 @@ template <class K>
 uint32_t setRc(SNodeCB_t* node, const Key& key, uint64_t rcField, uint64_t inCriticalSection) {
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  return withKey<K, Access::write>(&list, key, inCriticalSection, [&](auto* record) -> uint32_t {
+  return withKey<K, Access::write>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
     record->rc = rcField;
     return 0;
   });
@@ -233,7 +244,7 @@ uint32_t getAddress(SNodeCB_t* node, const Key& key, typename K::Record** addres
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (!address) return Codes<K>::recordNull;
-  return withKey<K, Access::read>(&list, key, 1, [&](auto* record) -> uint32_t {
+  return withKey<K, Access::read>(&list, key, 1, 1, [&](auto* record) -> uint32_t {
     *address = record;
     return 0;
   });
@@ -245,7 +256,7 @@ uint32_t getValueAddress(SNodeCB_t* node, const Key& key, Value** address) {
   List<K> list;
   if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
   if (!address) return K::valueNull;
-  return withKey<K, Access::read>(&list, key, 1, [&](auto* record) -> uint32_t {
+  return withKey<K, Access::read>(&list, key, 1, 1, [&](auto* record) -> uint32_t {
     if constexpr (K::hasBytes)
       *address = list.valueOf(record);
     else

@@ -24,8 +24,9 @@ struct Value {
   const uint8_t* bytes = nullptr;
 };
 
+// A caller may give a value or identifier that lies where it is to be stored.
 inline void copyBytes(void* to, const void* from, uint64_t bytes) {
-  if (bytes) memcpy(to, from, static_cast<size_t>(bytes));
+  if (bytes) memmove(to, from, static_cast<size_t>(bytes));
 }
 
 // at() would lose the attributes of the type.
@@ -93,6 +94,13 @@ constexpr bool isValueSize(uint64_t size, uint64_t maxValueSize) {
   return size == 1 || (size != 0 && size <= maxValueSize);
 }
 
+template <class K>
+TREL_INLINE uint32_t checkSizes(const List<K>& list, const Key& key, uint64_t valueSize) {
+  if (K::hasId && key.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+  return K::hasBytes && !isValueSize(valueSize, list.maxValueSize) ? uint32_t{TREL_RC_VALUE_SIZE}
+                                                                   : 0;
+}
+
 // The tests that all operations by key begin with. Reads D and M into the list.
 template <class K>
 TREL_INLINE uint32_t checkInput(SNodeCB_t* node, const Key& key, uint64_t valueSize,
@@ -101,8 +109,7 @@ TREL_INLINE uint32_t checkInput(SNodeCB_t* node, const Key& key, uint64_t valueS
   if (key.tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
   list->node = node;
   if (const uint32_t rc = readLimits(list)) return rc;
-  if (K::hasId && key.idSize > list->maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
-  if (K::hasBytes && !isValueSize(valueSize, list->maxValueSize)) return TREL_RC_VALUE_SIZE;
+  if (const uint32_t rc = checkSizes(*list, key, valueSize)) return rc;
   return K::hasId && !key.id ? uint32_t{TREL_RC_ID_NULL} : 0;
 }
 
@@ -153,6 +160,49 @@ TREL_INLINE uint32_t openList(List<K>* list) {
   return Form<K>::hashHeader + list->bucketBytes() + sizeof(HashAnchor_t) > list->size
              ? uint32_t{TREL_RC_TABLE_SIZE}
              : 0;
+}
+
+// What a section says about itself changes when its list is made anew, and that may happen while
+// the caller waits for the section. Whether it is still as it was read.
+template <class K>
+TREL_INLINE bool isAsRead(const List<K>& list) {
+  const TrelU64* word = inSection<TrelU64>(list.node, list.slot);
+  if constexpr (K::base) {
+    return !K::hasBytes || list.size < Form<K>::flatHeader || *word == list.maxValueSize;
+  } else {
+    if ((list.slot->used >= Form<K>::flatHeader) != list.created) return false;
+    if (!list.created) return true;
+    if (K::hasId && *word++ != list.maxIdSize) return false;
+    if (K::hasBytes && *word++ != list.maxValueSize) return false;
+    if (*word != list.tables[0]) return false;
+    return Form<K>::tables != 3 || !list.hashed() ||
+           (word[1] == list.tables[1] && word[2] == list.tables[2]);
+  }
+}
+
+template <class K>
+__attribute__((noinline)) uint32_t openAgain(List<K>* list) {
+  SNodeCB_t* const node = list->node;
+  *list = List<K>();
+  list->node = node;
+  if (const uint32_t rc = readLimits(list)) return rc;
+  if constexpr (K::base) {
+    return openSection(list);
+  } else {
+    return openList(list);
+  }
+}
+
+// For those who are inside now: the list as it is.
+template <class K>
+TREL_INLINE uint32_t confirm(List<K>* list) {
+  return TREL_LIKELY(isAsRead(*list)) ? 0 : openAgain(list);
+}
+template <class K>
+TREL_INLINE uint32_t confirm(List<K>* list, const Key& key, uint64_t valueSize) {
+  if (TREL_LIKELY(isAsRead(*list))) return 0;
+  const uint32_t rc = openAgain(list);
+  return rc ? rc : checkSizes(*list, key, valueSize);
 }
 
 // Orders a stored record against a key: *order is negative if the record comes first. Tests what

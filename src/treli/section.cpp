@@ -69,6 +69,8 @@ uint32_t leaveExported(uint32_t function, SNodeCB_t* node, LatchArea_t* area) {
   return traced(function, [&](const Flow& flow) -> uint32_t {
     Section section;
     if (const uint32_t rc = checkLatched(node, area, &section.latched)) return flow.fail(rc);
+    // Another writer's mark is not taken away.
+    if (section.latched && !platVLatchIsHeld(area->primaryLatch)) return flow.fail(TREL_RC_LATCH);
     return leaveSection<access>(area, section);
   });
 }

@@ -26,12 +26,12 @@ TREL_INLINE uint32_t slotOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** 
 }
 
 // The same for an operation that is going to touch the section: it must also lie inside the node,
-// whose size a walk that holds no latch has tested before.
+// behind its header. A walk that holds no latch gives the node's size as it has tested it.
 TREL_INLINE uint32_t sectionOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot,
                                uint64_t nodeSize) {
   if (const uint32_t rc = slotOf(node, exportBit, slot)) return rc;
   const uint64_t size = (*slot)->size, offset = (*slot)->offset;
-  if (TREL_UNLIKELY(offset > TREL_MAX_NODE_SIZE || offset + size > nodeSize))
+  if (TREL_UNLIKELY(offset - sizeof(SNodeCB_t) > TREL_MAX_NODE_SIZE || offset + size > nodeSize))
     return TREL_RC_SLOT_SIZE;
   return 0;
 }

@@ -27,6 +27,9 @@ PLAT_API uint32_t platVLatchGet(void* cell);
 /* The same, and sets *ownerDied to 1 if the latch was taken over from a dead owner, else to 0. */
 PLAT_API uint32_t platVLatchGetNoticing(void* cell, uint32_t* ownerDied);
 
+/* 1 if the calling thread holds the latch, else 0. */
+PLAT_API uint32_t platVLatchIsHeld(const void* cell);
+
 /* Frees the latch. PLAT_RC_NOT_OWNER, and nothing changed, if the calling thread does not hold it;
  * a forked child does not hold what its parent holds. */
 PLAT_API uint32_t platVLatchRelease(void* cell);
