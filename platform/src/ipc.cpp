@@ -119,10 +119,15 @@ uint32_t PLATHIPCMemory::detach() {
   return 0;
 }
 
-uint32_t PLATHIPCMemory::destroy() {
+uint32_t PLATHIPCMemory::remove() {
   if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
   const uint32_t code = control(state_->id, IPC_RMID, nullptr);
-  return code == 0 || code == PLAT_RC_NO_SEGMENT ? detach() : code;
+  return code == PLAT_RC_NO_SEGMENT ? 0 : code;
+}
+
+uint32_t PLATHIPCMemory::destroy() {
+  const uint32_t code = remove();
+  return code ? code : detach();
 }
 
 uint32_t PLATHIPCMemory::getInfo(shmid_ds* info) const {

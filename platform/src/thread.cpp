@@ -28,7 +28,8 @@ struct TaskState {
   bool isExiting;  // on its way out in the kernel, which can take long: it runs no more code
 };
 
-constexpr unsigned long kExiting = 4;  // of a task's flags in procfs
+// Of a task's flags in procfs: exiting, and killed by a signal, which may dump core first.
+constexpr unsigned long kExiting = 0x4 | 0x400;
 
 // Reads a stat file of procfs: "id (name) letter ..." with flags as the 9th field, the start time
 // as the 22nd. The name may hold anything. False with errno if the file cannot be opened.

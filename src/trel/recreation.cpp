@@ -44,7 +44,7 @@ struct Recreation {
 
 uint32_t Recreation::prepare() {
   SNodeInfo_t* stored = nullptr;
-  if (const uint32_t rc = trelGetParentNodeLocation(node, &stored)) return rc;
+  if (const uint32_t rc = parentRecordOf(node, &stored)) return rc;
   if (const uint32_t rc = trelGetNodeID(node, &id, &idSize, 0)) return rc;
   if (const uint32_t rc = trelGetControlBlockPtrFromSNodeInfo(stored, &parent)) return rc;
   if (const uint32_t rc = trelGetMaxIDSizeForDependentNode(node, TREL_EXPORT_DEPENDENT, &maxIdSize))

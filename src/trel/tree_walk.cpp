@@ -185,7 +185,7 @@ class StatusWalk {
 
 uint32_t ParentEntry::find(SNodeCB_t* node) {
   SNodeInfo_t* record = nullptr;
-  if (const uint32_t rc = trelGetParentNodeLocation(node, &record)) return rc;
+  if (const uint32_t rc = parentRecordOf(node, &record)) return rc;
   SoughtName name = {node->tag, nullptr, 0, true};
   uint8_t* id = nullptr;
   if (const uint32_t rc = trelGetNodeID(node, &id, &name.idSize, 0)) return rc;

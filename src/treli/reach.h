@@ -55,6 +55,9 @@ inline uint32_t reachNode(const SNodeInfo_t* record, Reached* reached) {
   return reachNode(record, reached, nullptr, &otherSegment, 0);
 }
 
+// The node's parent record, if it holds one: a writer may have died while it changed.
+uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record);
+
 // While an object lives, this thread's reachNode() attaches nothing: a segment that is not held
 // gives TREL_RC_NOT_ATTACHED.
 class AttachNothing {

@@ -7,7 +7,8 @@
 namespace trel {
 
 // Finds a record's payload on a shared list, entering it if it is not there. Another process may
-// enter it in between, and then it is found by the second look. *offset: of the payload.
+// enter it in between; then it stands there twice, or is found by the second look. *offset: of the
+// payload.
 template <class Record, class Find, class Insert>
 uint32_t enterShared(ShmPoolHandle_t* pool, const Record* record, uint64_t* offset, Find&& find,
                      Insert&& insert) {

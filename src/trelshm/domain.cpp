@@ -189,6 +189,9 @@ uint32_t trelFreeShmDomain(ShmDomainHandle_t** handle, uint32_t freeMode) {
     const bool latched = heap.openHeader() == 0 && enterHeap(&heap) == 0;
     const bool inUse = freeMode == 1 && header->connectionCount > 1;
     if (!inUse) {
+      // The key first: a death behind it leaves a key that can be taken anew. A failure comes up
+      // again below.
+      if ((*handle)->ipcMemory) (*handle)->ipcMemory->remove();
       header->heapFlags |= TREL_HEAP_MARKED;
       header->heapState = 0;
     }

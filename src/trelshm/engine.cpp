@@ -35,6 +35,12 @@ struct Debug {
   }
 };
 
+// A block as the intent names it. Not all offsets of huge heaps, and none that is odd, can be
+// named: a death loses such a block.
+uint64_t intentOf(uint64_t distance) {
+  return distance <= UINT32_MAX && !(distance & TREL_REPAIR_DUE) ? distance : 0;
+}
+
 uint32_t allocateInside(Heap* heap, Allocation* wanted, const Debug& debug, const Caller& caller) {
   if (const uint32_t rc = heap->openLists()) return rc;
   if (wanted->size > heap->header()->freeBytes) return heap->kind().rcAboveFree;
@@ -46,7 +52,7 @@ uint32_t allocateInside(Heap* heap, Allocation* wanted, const Debug& debug, cons
                               caller.line};
   // Until the block is complete, a death takes it back.
   HeapIntent_t* intent = heap->intent();
-  storeLast(&intent->allocating, taken.offset - heap->offset());
+  storeLast(&intent->allocating, intentOf(taken.offset - heap->offset()));
   uint64_t node = 0;
   uint32_t rc = 0;
   {
@@ -126,7 +132,9 @@ uint32_t release(Heap* heap, uint64_t blockOffset, uint64_t dataOffset, bool lat
   if (const uint32_t rc = checkHeap(*heap)) return rc;
   if (const uint32_t rc = heap->openHeader()) return rc;
   const auto work = [&] { return releaseInside(heap, blockOffset, dataOffset, caller, name); };
-  return latched ? work() : insideHeap(heap, work);
+  if (!latched) return insideHeap(heap, work);
+  const uint32_t rc = repairIfDue(heap);
+  return rc ? rc : work();
 }
 
 }  // namespace trel

@@ -164,6 +164,7 @@ uint32_t onLists(uint32_t function, void* base, uint32_t heapKind, uint64_t heap
                   if (testOffset && heap->header()->heapOffset != heapOffset)
                     return flow.fail(heap->kind().rcOffset);
                   if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
+                  if (const uint32_t rc = repairIfDue(heap)) return flow.fail(rc);
                   if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
                   return work(heap);
                 });

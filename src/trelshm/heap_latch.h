@@ -17,6 +17,14 @@ inline uint32_t leaveLatch(ExclusiveLatch_t* record) {
   return TREL_UNLIKELY(plat::latchRelease(record->latch) != 0) ? uint32_t{TREL_RC_LATCH} : 0;
 }
 
+// Repairs a heap whose latch the caller holds, and that nobody has repaired since an owner died.
+uint32_t repairHeld(Heap* heap);
+
+// For operations whose caller holds heapLatch. The header has been opened.
+inline uint32_t repairIfDue(Heap* heap) {
+  return TREL_LIKELY(!(heap->intent()->allocating & TREL_REPAIR_DUE)) ? 0 : repairHeld(heap);
+}
+
 // The rest of enterHeap(), once the latch is held, if its last owner died or the heap ended while
 // the caller waited: repairs the heap, or leaves the latch with a code.
 uint32_t enterDamagedHeap(Heap* heap, bool ownerDied);

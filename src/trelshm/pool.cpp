@@ -226,22 +226,28 @@ uint32_t _trelFreeShmPool(ShmPoolHandle_t** handle, uint32_t freeMode, uint32_t 
     if (const uint32_t rc = pool.openHeader()) return flow.fail(rc);
 
     const uint32_t freed = insideHeap(&domain, [&]() -> uint32_t {
-      HeapHeader_t* header = pool.header();
-      if (freeMode == 3 && header->connectionCount > 1) return TREL_RC_POOL_CONNECTED;
+      if (const uint32_t rc = checkHeap(pool)) return rc;  // another may have freed it meanwhile
       TrelU64* const words[] = {&domain.header()->topPool, &domain.segmentListHead(),
                                 &domain.hdmListHead()};
       const uint64_t before[] = {*words[0], *words[1], *words[2]};
+      TrelU64* freeing = &domain.intent()->freeing;
       // The chunk can be handed out again, and be overwritten, as soon as it is back, so the pool
       // ends before. A death from here on does not bring it back.
-      storeLast(&domain.intent()->freeing, h->chunkOffset);
-      endPool(domain, h->poolOffset, pool.size());
-      const uint32_t rc =
-          release(&domain, h->chunkOffset, h->poolOffset, true, {function, line, file});
-      if (rc) {
+      const auto end = [&]() -> uint32_t {
+        if (freeMode == 3 && pool.header()->connectionCount > 1) return TREL_RC_POOL_CONNECTED;
+        storeLast(freeing, h->chunkOffset);
+        endPool(domain, h->poolOffset, pool.size());
+        return 0;
+      };
+      // Counted, nobody connects between the look at the count and the end.
+      uint32_t rc = freeMode == 3 ? insideHeap(&pool, end) : end();
+      if (rc == 0)
+        rc = release(&domain, h->chunkOffset, h->poolOffset, true, {function, line, file});
+      if (rc && *freeing) {
         for (int i = 0; i < 3; ++i) *words[i] = before[i];
-        header->heapState = TREL_POOL_STATE;
+        pool.header()->heapState = TREL_POOL_STATE;
       }
-      storeLast(&domain.intent()->freeing, 0);
+      storeLast(freeing, 0);
       return rc;
     });
     if (freed) return flow.fail(freed);

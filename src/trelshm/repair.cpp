@@ -85,14 +85,18 @@ uint32_t repair(Heap* heap) {
 
 }  // namespace
 
+uint32_t repairHeld(Heap* heap) {
+  const uint32_t rc = repair(heap);
+  // Any other failure means that the heap is not sound, and nothing can be done but to say so.
+  if (rc && !canBeRetried(rc)) storeLast(&heap->header()->heapState, 0);
+  return rc;
+}
+
 uint32_t enterDamagedHeap(Heap* heap, bool ownerDied) {
-  HeapHeader_t* header = heap->header();
   uint32_t rc = heap->kind().rcState;
-  if (header->heapState == heap->kind().state) {
+  if (heap->header()->heapState == heap->kind().state) {
     if (ownerDied) heap->intent()->allocating |= TREL_REPAIR_DUE;
-    rc = repair(heap);
-    // Any other failure means that the heap is not sound, and nothing can be done but to say so.
-    if (rc && !canBeRetried(rc)) storeLast(&header->heapState, 0);
+    rc = repairHeld(heap);
   }
   if (rc) leaveHeap(*heap);
   return rc;

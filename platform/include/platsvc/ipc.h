@@ -56,6 +56,8 @@ class PLAT_API PLATHIPCMemory {
   size_t getSize() const { return state_ ? state_->size : 0; }
   /* Unmaps; the segment stays. An address that is no longer mapped counts as detached. */
   uint32_t detach();
+  /* Frees the key. The segment goes when the last process unmaps it. */
+  uint32_t remove();
   /* Removes the segment and unmaps it. A segment that is gone already is a success. */
   uint32_t destroy();
   uint32_t getInfo(shmid_ds* info) const;
