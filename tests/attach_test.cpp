@@ -262,6 +262,31 @@ TEST_F(Library, SegmentDeletedByAnotherProcess) {
   }
 }
 
+// A reader that finds no tree, and has to leave a segment that was deleted while it looked.
+TEST_F(Library, RefusedInASegmentThatGoes) {
+  Segment segment;
+  SNodeCB_t* node = segment.makeNode(5);
+  segment.publish(node);
+  EXPECT_EQ(0u, trelAbandonNode(&node));
+  Child holder(
+      [&] {
+        EXPECT_EQ(0u, trelEnterCriticalSectionBeforeWrite(node, &node->nodeLatchArea));
+        pause();
+      },
+      false);
+  int32_t writing = 0;
+  while (writing == 0) PLATVAtomicSigned32::add(&node->nodeLatchArea.writeFlag, 0, &writing);
+  Child reader([&] {
+    Tree tree;
+    EXPECT_EQ(TREL_RC_ABANDONED, tree.attach(segment.key));
+    EXPECT_EQ(nullptr, *pSegAttachList);
+  });
+  while (segment.heap()->connectionCount < 2) usleep(1000);
+  EXPECT_EQ(0u, drop(&segment.info));
+  holder.end();
+  EXPECT_EQ(0, reader.wait());
+}
+
 struct TwoSegments : Library {
   Segment home, away;
   SNodeCB_t* near = home.makeNode(1);

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <random>
+#include <thread>
 
 #include "heap_fixture.h"
 
@@ -145,6 +146,22 @@ TEST(Pool, ConnectFreeAndTheTopPool) {
   const HeapWalk walk(heap.memory, TREL_HEAP_DOMAIN, kStart);
   EXPECT_EQ("", walk.fault);
   EXPECT_EQ(1u, walk.free.size());
+  // Two wait to free one pool, and the second comes too late.
+  ASSERT_EQ(0u, create(0x8000));
+  const uint32_t contested = static_cast<uint32_t>(second->poolOffset);
+  ASSERT_EQ(0u, connect(contested));
+  ASSERT_EQ(0u, trelLatchShmDomain(heap.domain));
+  uint32_t first = 0, late = 0;
+  std::thread a([&] { first = _trelFreeShmPool(&second, 4, 1, 1, ""); });
+  std::thread b([&] { late = _trelFreeShmPool(&same, 4, 1, 1, ""); });
+  usleep(20000);
+  EXPECT_EQ(0u, trelUnlatchShmDomain(heap.domain));
+  a.join();
+  b.join();
+  EXPECT_EQ(TREL_RC_POOL_STATE, first + late);
+  EXPECT_NE(TREL_POOL_STATE, heap.header(contested)->heapState);
+  EXPECT_EQ(0u, trelDestroyShmPoolHandle(second ? &second : &same));
+
   EXPECT_EQ(TREL_RC_DOMAIN_ABOVE_HEAP, create(0x80000));
   EXPECT_EQ(TREL_RC_DOMAIN_ABOVE_FREE, create(0x7c000));
   EXPECT_EQ("", heap.fault());

@@ -130,11 +130,12 @@ TREL_API uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t
  * They start at the dependents of the given node, and give the stored record of what they find:
  * trelAttachToNode leads on from there. Active and disassociated nodes count; others are passed
  * over with all that lies below them. Segments on the way are attached, and stay so, but one that
- * was attached for a node that is passed over is detached again, unless another thread has come
- * upon it. A node under recreation ends a search
- * with TREL_RC_BEING_RECREATED: try again later. A depth limit (0 to 32768) of 0 means no limit; a
- * tree deeper than 32768 levels, with a cycle, or with so many ways to the same nodes that no walk
- * would end, gives TREL_RC_DEPTH_LIMIT.
+ * was attached for a node that is passed over is detached again, and kept if another thread has
+ * come to use it. A thread that detaches by itself must know that no other one searches there
+ * without an attach of its own. A node under recreation ends a search with TREL_RC_BEING_RECREATED:
+ * try again later. A depth limit (0 to 32768) of 0 means no limit; a tree deeper than 32768 levels,
+ * with a cycle, or with so many ways to the same nodes that no walk would end, gives
+ * TREL_RC_DEPTH_LIMIT.
  *
  * No latch is held while a list is read. A list that changes meanwhile is read again, with all that
  * lies below it, so that each list counts as it stood at some instant; a list that never stands

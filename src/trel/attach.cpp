@@ -92,14 +92,21 @@ uint32_t attachToTopNode(ShmSegInfo_t** segInfo, SNodeCB_t** node, TopNodeInfo_t
   if (!node) return TREL_RC_NODE_NULL;
   if (!top) return TREL_RC_OUT_TOP_TAG;
   ShmSegInfo_t* attached = nullptr;
-  if (const uint32_t rc =
-          trelAttachStatusSegment(&attached, key, address, 0, 0, domainParam, poolParam))
-    return rc;
-  if (const uint32_t rc = checkTopNode(attached, node, top)) {
-    trelDetachStatusSegment(&attached, 1);
+  {
+    const AttachLatch latch;
+    if (const uint32_t rc =
+            trelAttachStatusSegment(&attached, key, address, 0, 0, domainParam, poolParam))
+      return rc;
+    markUndecided(attached);
+  }
+  const uint32_t rc = checkTopNode(attached, node, top);
+  const AttachLatch latch;
+  if (rc) {
+    undoAttach(attached);
     *node = nullptr;
     return rc;
   }
+  decideToHold(attached);
   *segInfo = attached;
   return 0;
 }

@@ -29,6 +29,7 @@ struct Recreation {
   uint64_t wanted;
 
   SNodeCB_t* parent = nullptr;
+  ShmSegInfo_t* parentSeg = nullptr;  // most often oldSeg
   SNodeInfo_t parentRecord = {};
   const HdmModuleRecord_t* module = nullptr;
   uint8_t* id = nullptr;
@@ -46,7 +47,10 @@ uint32_t Recreation::prepare() {
   SNodeInfo_t* stored = nullptr;
   if (const uint32_t rc = parentRecordOf(node, &stored)) return rc;
   if (const uint32_t rc = trelGetNodeID(node, &id, &idSize, 0)) return rc;
-  if (const uint32_t rc = trelGetControlBlockPtrFromSNodeInfo(stored, &parent)) return rc;
+  Reached reached;
+  if (const uint32_t rc = locateNode(stored, &reached)) return rc;
+  parent = reached.node;
+  parentSeg = reached.segInfo;
   if (const uint32_t rc = trelGetMaxIDSizeForDependentNode(node, TREL_EXPORT_DEPENDENT, &maxIdSize))
     return rc;
   parentRecord = *stored;
@@ -128,7 +132,7 @@ uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
 // Points the parent's entry at the copy, then lets it be seen.
 uint32_t Recreation::replace(SNodeCB_t* made, const SNodeInfo_t& info) {
   SNodeInfo_t record = {};
-  if (const uint32_t rc = trelAddStatusNodeInfo(&record, oldSeg, newSeg, info.nodeOffset,
+  if (const uint32_t rc = trelAddStatusNodeInfo(&record, parentSeg, newSeg, info.nodeOffset,
                                                 info.nodeTag, info.idSize, nullptr, module))
     return rc;
   if (const uint32_t rc = linkDependent(parent, &record, id, idSize, 0)) return rc;

@@ -11,7 +11,10 @@ uint32_t reachSearched(const SNodeInfo_t* entry, Reached* child) {
   uint32_t rc = reachNode(entry, child);
   switch (rc) {
     case TREL_RC_DISASSOCIATED:
-      if (!(child->node->optionWord0 & TREL_OPTION_RECREATION)) return 0;
+      if (!(child->node->optionWord0 & TREL_OPTION_RECREATION)) {
+        keepReached(child);
+        return 0;
+      }
       rc = TREL_RC_BEING_RECREATED;
       break;
     case TREL_RC_INITIALISED:

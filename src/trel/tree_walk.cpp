@@ -53,14 +53,20 @@ uint32_t readCondition(const SNodeCB_t* node, uint32_t* condition) {
 }
 
 // Reaches the node behind an entry, whatever its condition; *refusal gets the code of a condition
-// other than active. *inside: the walk may go there.
+// other than active. *inside: the walk may go there. What it passes over is left.
 uint32_t reachWalked(const DependentWalk& walk, const SNodeInfo_t* entry, ShmSegInfo_t* walkSegment,
-                     uint32_t options, Reached* child, bool* inside, uint32_t* refusal) {
+                     uint32_t options, bool passesAbandoned, Reached* child, bool* inside,
+                     uint32_t* refusal) {
   uint32_t otherSegment = 0;
   *refusal = reachNode(entry, child, walkSegment, &otherSegment, options);
-  *inside = otherSegment == 0;
   if (*refusal && !isRefusedCondition(*refusal)) return *refusal;
-  if (*inside) walk.fetchAhead(entry, child->node);
+  *inside = otherSegment == 0 && !(passesAbandoned && *refusal == TREL_RC_ABANDONED);
+  if (*inside) {
+    walk.fetchAhead(entry, child->node);
+    keepReached(child);
+  } else {
+    leaveReached(child);
+  }
   return 0;
 }
 
@@ -110,8 +116,9 @@ class StatusWalk {
     bool inside = false;
     uint32_t refusal = 0;
     const SeenEntry seen(entry);
-    if (const uint32_t rc = reachWalked(level.walk, entry, level.walkSegment, level.options, &child,
-                                        &inside, &refusal))
+    if (const uint32_t rc =
+            reachWalked(level.walk, entry, level.walkSegment, level.options,
+                        operation_ != TREL_STATUS_DISCLAIM, &child, &inside, &refusal))
       return seen.stands() ? rc : 0;  // else taken off the list meanwhile
     if (!inside) return 0;
     if (operation_ == TREL_STATUS_DISCLAIM) {
@@ -120,9 +127,6 @@ class StatusWalk {
       if (const uint32_t rc = readCondition(child.node, &condition)) return rc;
       if (selects(level.options, condition)) return remove(entry, child, 0, below);
       if (isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
-    } else if (refusal == TREL_RC_ABANDONED) {
-      leaveReached(&child);
-      return 0;
     }
     *below = {child.node,        child.size,      child.segInfo,
               level.walkSegment, level.depth + 1, level.options};
@@ -255,7 +259,7 @@ struct TreeSum {
     bool inside = false;
     uint32_t refusal = 0;
     if (const uint32_t rc =
-            reachWalked(walk, entry, walkSegment, options, &child, &inside, &refusal))
+            reachWalked(walk, entry, walkSegment, options, false, &child, &inside, &refusal))
       return rc;
     if (inside) *below = child;
     return 0;

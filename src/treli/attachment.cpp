@@ -170,6 +170,48 @@ uint32_t leaveSegment(ShmSegInfo_t* segInfo, bool forced) {
   return forced && isGone(rc) ? unmap(&segInfo->shmDomainHandle) : rc;
 }
 
+namespace {
+
+// As many as there are threads that look at a node at one instant. What finds no place is not
+// marked.
+const ShmSegInfo_t* undecided[64];
+uint32_t undecidedCount = 0;
+
+}  // namespace
+
+void markUndecided(const ShmSegInfo_t* segInfo) {
+  Hold hold;
+  if (holdOf(segInfo->identity, &hold) || *hold.count != 1) return;
+  if (undecidedCount < sizeof undecided / sizeof *undecided) undecided[undecidedCount++] = segInfo;
+}
+
+bool isUndecided(const ShmSegInfo_t* segInfo) {
+  for (uint32_t i = 0; i < undecidedCount; ++i)
+    if (undecided[i] == segInfo) return true;
+  return false;
+}
+
+bool decideToHold(const ShmSegInfo_t* segInfo) {
+  for (uint32_t i = 0; i < undecidedCount; ++i) {
+    if (undecided[i] != segInfo) continue;
+    undecided[i] = undecided[--undecidedCount];
+    return true;
+  }
+  return false;
+}
+
+void undoAttach(ShmSegInfo_t* segInfo) {
+  const SegIdentity_t identity = segInfo->identity;
+  Hold hold;
+  if (holdOf(identity, &hold)) return;
+  if (*hold.count > 1) {
+    --*hold.count;
+    return;
+  }
+  decideToHold(segInfo);  // takes the mark away
+  if (leaveSegment(hold.segInfo, true) == 0) endHold(identity);
+}
+
 void undoPoolConnection(ShmPoolHandle_t** pool) {
   if (*pool && trelDisconnectFromShmPool(pool) != 0) release(pool);
 }

@@ -78,6 +78,16 @@ uint32_t leaveSegment(ShmSegInfo_t* segInfo, bool forced);
 // Removes the memory of a domain that is a domain no more, and frees the handle.
 uint32_t destroyMemory(ShmDomainHandle_t** domain);
 
+// An attach whose use is not decided yet, because the node behind it is still being looked at. As
+// long as a hold is marked so, others that come upon it join with an attach of their own, so that
+// nobody unmaps what another is looking at. Only the first attach of a hold marks it.
+void markUndecided(const ShmSegInfo_t* segInfo);
+bool isUndecided(const ShmSegInfo_t* segInfo);
+// The hold stays. False if that had been decided before.
+bool decideToHold(const ShmSegInfo_t* segInfo);
+// Undoes one attach, also of a segment that others have ended meanwhile.
+void undoAttach(ShmSegInfo_t* segInfo);
+
 // Undo what was connected or created, as far as it can be undone. Null handles are passed over.
 void undoPoolConnection(ShmPoolHandle_t** pool);
 void undoDomainConnection(ShmDomainHandle_t** domain);

@@ -47,25 +47,6 @@ uint32_t compareSegments(const ShmSegInfo_t* current, const SegIdentity_t& ident
   return 0;
 }
 
-// Segments that a reach has attached, and that no other reach has come upon since: so they can be
-// detached again. One that finds no place here stays attached. Under the AttachLatch.
-const ShmSegInfo_t* ownAttaches[16];
-uint32_t ownAttachCount = 0;
-
-void enterOwnAttach(const ShmSegInfo_t* segInfo) {
-  if (ownAttachCount < sizeof ownAttaches / sizeof *ownAttaches)
-    ownAttaches[ownAttachCount++] = segInfo;
-}
-
-bool takeOwnAttach(const ShmSegInfo_t* segInfo) {
-  for (uint32_t i = 0; i < ownAttachCount; ++i) {
-    if (ownAttaches[i] != segInfo) continue;
-    ownAttaches[i] = ownAttaches[--ownAttachCount];
-    return true;
-  }
-  return false;
-}
-
 // The caller holds the AttachLatch.
 uint32_t locate(const Target& target, Reached* reached, const ShmSegInfo_t* current,
                 uint32_t* otherSegment, uint32_t options) {
@@ -74,17 +55,16 @@ uint32_t locate(const Target& target, Reached* reached, const ShmSegInfo_t* curr
                               ? holdOfSlot(&hold)
                               : holdOfKey(target.identity.segmentKey.key, &hold))
     return rc;
-  takeOwnAttach(hold.segInfo);
   if (target.identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
   const ShmDomainHandle_t* domain = hold.segInfo->shmDomainHandle;
   if (!domain || !liesInDomain(domain, target.nodeOffset, sizeof(SNodeCB_t)))
     return TREL_RC_TOP_NODE_BOUNDS;
-  reached->node = at<SNodeCB_t>(domain->base, target.nodeOffset);
   if (options & kStayInSegment) {
     bool isOther = false;
     if (const uint32_t rc = compareSegments(current, hold.segInfo->identity, &isOther)) return rc;
     *otherSegment = isOther;
   }
+  reached->node = at<SNodeCB_t>(domain->base, target.nodeOffset);
   reached->segInfo = hold.segInfo;
   return 0;
 }
@@ -95,6 +75,19 @@ uint32_t locateTarget(const SNodeInfo_t* record, Target* target, Reached* reache
   const AttachLatch latch;
   if (const uint32_t rc = targetOf(record, target)) return rc;
   return locate(*target, reached, current, otherSegment, options);
+}
+
+// For one that attaches what is not held: joins an attach that may still be undone.
+uint32_t joinTarget(const SNodeInfo_t* record, Target* target, Reached* reached,
+                    const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
+  const AttachLatch latch;
+  const uint32_t rc = locateTarget(record, target, reached, current, otherSegment, options);
+  if (rc || !isUndecided(reached->segInfo)) return rc;
+  Hold hold;
+  if (const uint32_t failure = holdOf(reached->segInfo->identity, &hold)) return failure;
+  ++*hold.count;
+  reached->attachedHere = true;
+  return 0;
 }
 
 }  // namespace
@@ -113,8 +106,16 @@ AttachNothing::~AttachNothing() { --attachNothing; }
 void leaveReached(Reached* reached) {
   if (!reached->attachedHere) return;
   const AttachLatch latch;
-  if (takeOwnAttach(reached->segInfo)) trelDetachStatusSegment(&reached->segInfo, 1);
+  undoAttach(reached->segInfo);
   *reached = {};
+}
+
+void keepReached(Reached* reached) {
+  if (!reached->attachedHere) return;
+  const AttachLatch latch;
+  // Where another has decided so before, the attach of this reach is one too many.
+  if (!decideToHold(reached->segInfo)) undoAttach(reached->segInfo);
+  reached->attachedHere = false;
 }
 
 namespace {
@@ -146,7 +147,7 @@ uint32_t checkReached(const Target& target, Reached* reached, uint32_t otherSegm
 uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* current,
                    uint32_t* otherSegment, uint32_t options) {
   Target target;
-  uint32_t rc = locateTarget(record, &target, reached, current, otherSegment, options);
+  uint32_t rc = joinTarget(record, &target, reached, current, otherSegment, options);
   if (rc == TREL_RC_NOT_ATTACHED) {
     if (options & kStayInSegment) {
       bool isOther = false;
@@ -162,10 +163,11 @@ uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* cu
     const AttachLatch latch;
     if ((rc = attachByIdentity(target.identity, &attached))) return rc;
     *reached = {nullptr, attached, true};
+    markUndecided(attached);
     rc = locate(target, reached, current, otherSegment, options);
-    enterOwnAttach(attached);
   }
   if (rc == 0) rc = checkReached(target, reached, *otherSegment);
+  if (rc == 0) keepReached(reached);
   if (rc && !isRefusedCondition(rc)) leaveReached(reached);
   return rc;
 }

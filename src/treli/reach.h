@@ -30,7 +30,7 @@ constexpr bool isRefusedCondition(uint32_t code) {
 struct Reached {
   SNodeCB_t* node = nullptr;
   ShmSegInfo_t* segInfo = nullptr;
-  bool attachedHere = false;  // the segment was not held before
+  bool attachedHere = false;  // by an attach whose use is not decided
   uint64_t size = 0;          // of the node, all of which lies in its segment
 };
 
@@ -42,7 +42,7 @@ uint32_t locateNode(const SNodeInfo_t* record, Reached* reached,
 
 // Finds the node, attaching its segment if it is not held. Success means an active node of the
 // record's tag. Where the code is a refused condition, the node was reached, and stays so: whoever
-// asked detaches with leaveReached() if he keeps nothing. After any other failure nothing is left
+// asked ends that with keepReached() or leaveReached(). After any other failure nothing is left
 // attached by this call, and the node and segment are null if it had attached.
 //
 // With kStayInSegment, *otherSegment 1 and a segment that is not held, nothing is attached: success
@@ -68,7 +68,9 @@ class AttachNothing {
   AttachNothing& operator=(const AttachNothing&) = delete;
 };
 
-// Undoes the attach of this reach, if there was one, and if no other thread has come upon it.
+// Undoes the attach of this reach, if there was one.
 void leaveReached(Reached* reached);
+// Decides that it stays. Success of reachNode() does so itself.
+void keepReached(Reached* reached);
 
 }  // namespace trel

@@ -139,7 +139,10 @@ class Walk {
                                   pass_.copyFlags & kStayInSegment);
     const bool abandoned = rc == TREL_RC_ABANDONED, known = rc == 0 || isRefusedCondition(rc);
     // A rehearsal keeps the segment: the pass must see for itself that the child is abandoned.
-    if (abandoned && copies()) leaveReached(&child->reached);
+    if (abandoned && copies())
+      leaveReached(&child->reached);
+    else if (known)
+      keepReached(&child->reached);
     child->passedOver = known ? abandoned || otherSegment : !copies();
     return known || child->passedOver ? 0 : rc;
   }

@@ -146,8 +146,11 @@ uint32_t onUserArea(uint32_t function, const Handle* handle, const void* data, W
     if (!data) return flow.logged(HandleTraits<Handle>::rcData, data);
     const Heap heap = heapOf(handle);
     const uint64_t stored = heap.header()->userAreaSize;  // read once: others can write it
+    const uint64_t heapSize = heap.header()->heapSize;
     return work(flow, heap, stored,
-                stored <= heap.header()->heapSize ? 0 : HandleTraits<Handle>::rcUserArea);
+                stored <= heapSize && heapHeaderSizeOf(stored) <= heapSize
+                    ? 0
+                    : HandleTraits<Handle>::rcUserArea);
   });
 }
 
