@@ -2,6 +2,7 @@
 #ifndef TREL_H
 #define TREL_H
 
+#include "platsvc/memory.h" /* some operations give blocks that _platMemFree frees */
 #include "trel/codes.h"
 #include "trel/copy.h"
 #include "trel/layout.h"
