@@ -15,6 +15,43 @@ uint32_t baseRecord(const List<K>& list, typename K::Record** record) {
   return list.holds(start, 0) ? 0 : Codes<K>::bounds;
 }
 
+// The bucket of a key; 0 in flat form.
+template <class K>
+TREL_INLINE uint64_t keyBucket(const List<K>& list, const Key& key) {
+  if constexpr (K::base) {
+    return 0;
+  } else {
+    return TREL_LIKELY(list.hashed()) ? bucketOf(list, 0, key) : 0;
+  }
+}
+
+// The whole record of a key. The caller is inside the section.
+template <class K>
+TREL_INLINE uint32_t findKey(const List<K>& list, uint64_t bucket, const Key& key,
+                             typename K::Record** record) {
+  if constexpr (K::base) {
+    if (const uint32_t rc = baseRecord(list, record)) return rc;
+    if (list.slot->used == 0) return Codes<K>::keyAbsent;
+    if ((K::hasBytes && list.maxValueSize == 0) ||
+        list.maxValueSize > list.size ||  // it is as stored; the sum must not wrap
+        !list.holds(list.offset + Form<K>::flatHeader, list.recordBytes()))
+      return Codes<K>::bounds;
+    return (*record)->tag == key.tag ? 0 : Codes<K>::keyAbsent;
+  } else {
+    return TREL_LIKELY(bucket) ? findHashed(list, bucket, key, Codes<K>::keyAbsent, record)
+                               : findFlat(list, key, record);
+  }
+}
+
+// The same in a list that was made anew while the caller waited for the section.
+template <class K>
+__attribute__((noinline)) uint32_t findKeyAgain(SNodeCB_t* node, const Key& key, uint64_t valueSize,
+                                                List<K>* fresh, typename K::Record** record) {
+  if (const uint32_t rc = openAgain(node, fresh)) return rc;
+  if (const uint32_t rc = checkSizes(*fresh, key, valueSize)) return rc;
+  return findKey(*fresh, keyBucket(*fresh, key), key, record);
+}
+
 // Where a key leads. What needs no section is done in front of it, while the latch is on its way.
 template <class K>
 class Road {
@@ -24,37 +61,25 @@ class Road {
       opened_ = openSection(list);
     } else {
       opened_ = openList(list);
-      findBucket();
     }
+    if (TREL_LIKELY(opened_ == 0)) bucket_ = keyBucket(*list, key);
   }
 
-  // The whole record. The caller is inside the section.
-  TREL_INLINE uint32_t follow(uint64_t valueSize, typename K::Record** record) {
+  // The caller is inside the section. On the usual way nobody takes the list's address, so that it
+  // stays in registers.
+  TREL_INLINE uint32_t follow(uint64_t valueSize, typename K::Record** record) const {
     if (TREL_UNLIKELY(opened_)) return opened_;
-    if (TREL_UNLIKELY(!isAsRead(*list_))) {
-      if (const uint32_t rc = confirm(list_, key_, valueSize)) return rc;
-      findBucket();
-    }
-    if constexpr (K::base) {
-      if (const uint32_t rc = baseRecord(*list_, record)) return rc;
-      if (list_->slot->used == 0) return Codes<K>::keyAbsent;
-      if ((K::hasBytes && list_->maxValueSize == 0) ||
-          list_->maxValueSize > list_->size ||  // it is as stored; the sum must not wrap
-          !list_->holds(list_->offset + Form<K>::flatHeader, list_->recordBytes()))
-        return Codes<K>::bounds;
-      return (*record)->tag == key_.tag ? 0 : Codes<K>::keyAbsent;
-    } else {
-      return TREL_LIKELY(bucket_) ? findHashed(*list_, bucket_, key_, Codes<K>::keyAbsent, record)
-                                  : findFlat(*list_, key_, record);
-    }
+    if (TREL_LIKELY(isAsRead(*list_))) return findKey(*list_, bucket_, key_, record);
+    List<K> fresh;
+    typename K::Record* found = nullptr;
+    const Key key = key_;
+    const uint32_t rc = findKeyAgain(list_->node, key, valueSize, &fresh, &found);
+    *list_ = fresh;
+    *record = found;
+    return rc;
   }
 
  private:
-  TREL_INLINE void findBucket() {
-    if constexpr (!K::base)
-      bucket_ = TREL_LIKELY(opened_ == 0 && list_->hashed()) ? bucketOf(*list_, 0, key_) : 0;
-  }
-
   List<K>* list_;
   const Key& key_;
   uint64_t bucket_ = 0;
@@ -66,7 +91,7 @@ class Road {
 template <class K, Access access, class Work>
 TREL_INLINE uint32_t withKey(List<K>* list, const Key& key, uint64_t valueSize,
                              uint64_t inCriticalSection, Work&& work) {
-  Road<K> road(list, key);
+  const Road<K> road(list, key);
   return within<access>(list->node, inCriticalSection, [&]() -> uint32_t {
     if (const uint32_t rc = checkCondition(list->node, accept::usable)) return rc;
     typename K::Record* record = nullptr;

@@ -166,7 +166,7 @@ TREL_INLINE uint32_t openList(List<K>* list) {
 // the caller waits for the section. Whether it is still as it was read.
 template <class K>
 TREL_INLINE bool isAsRead(const List<K>& list) {
-  const TrelU64* word = inSection<TrelU64>(list.node, list.slot);
+  const TrelU64* word = wordAt(list.node, list.offset);
   if constexpr (K::base) {
     return !K::hasBytes || list.size < Form<K>::flatHeader || *word == list.maxValueSize;
   } else {
@@ -181,27 +181,29 @@ TREL_INLINE bool isAsRead(const List<K>& list) {
 }
 
 template <class K>
-__attribute__((noinline)) uint32_t openAgain(List<K>* list) {
-  SNodeCB_t* const node = list->node;
-  *list = List<K>();
-  list->node = node;
-  if (const uint32_t rc = readLimits(list)) return rc;
+__attribute__((noinline)) uint32_t openAgain(SNodeCB_t* node, List<K>* fresh) {
+  fresh->node = node;
+  if (const uint32_t rc = readLimits(fresh)) return rc;
   if constexpr (K::base) {
-    return openSection(list);
+    return openSection(fresh);
   } else {
-    return openList(list);
+    return openList(fresh);
   }
 }
 
-// For those who are inside now: the list as it is.
+// For those who are inside now: the list as it is. On the usual way nobody takes the list's
+// address, so that it stays in registers.
 template <class K>
 TREL_INLINE uint32_t confirm(List<K>* list) {
-  return TREL_LIKELY(isAsRead(*list)) ? 0 : openAgain(list);
+  if (TREL_LIKELY(isAsRead(*list))) return 0;
+  SNodeCB_t* const node = list->node;
+  *list = List<K>();
+  return openAgain(node, list);
 }
 template <class K>
 TREL_INLINE uint32_t confirm(List<K>* list, const Key& key, uint64_t valueSize) {
   if (TREL_LIKELY(isAsRead(*list))) return 0;
-  const uint32_t rc = openAgain(list);
+  const uint32_t rc = confirm(list);
   return rc ? rc : checkSizes(*list, key, valueSize);
 }
 
