@@ -40,16 +40,6 @@ struct LatchTest : testing::Test {
   // Words of the page for the tests' own use.
   volatile uint32_t* shared() const { return reinterpret_cast<uint32_t*>(page + 1024); }
 
-  // What processes and threads do at once.
-  static constexpr uint32_t kRounds = 300000;
-  void addRounds(uint32_t* died) const {
-    for (uint32_t i = 0; i < kRounds; ++i) {
-      plat::latchGet(cell(), died);
-      addSlowly(shared());
-      plat::latchRelease(cell());
-    }
-  }
-
   const int file = memfd_create("latch", 0);
   uint8_t* page = nullptr;
 };
@@ -187,7 +177,14 @@ TEST_F(LatchTest, WaitersAreLetGoWhenTheCellIsPutToOtherUse) {
 }
 
 TEST_F(LatchTest, ExcludesThreadsAndProcesses) {
-  const auto work = [&] { addRounds(nullptr); };
+  constexpr uint32_t kRounds = 300000;
+  const auto work = [&] {
+    for (uint32_t i = 0; i < kRounds; ++i) {
+      plat::latchGet(cell(), nullptr);
+      addSlowly(shared());
+      plat::latchRelease(cell());
+    }
+  };
   Child first(work), second(work);
   std::thread third(work), fourth(work);
   third.join();
@@ -196,23 +193,6 @@ TEST_F(LatchTest, ExcludesThreadsAndProcesses) {
   EXPECT_EQ(shared()[0], 4 * kRounds);
   EXPECT_TRUE(isFree());
 }
-
-#ifdef TREL_PEER
-TEST_F(LatchTest, SharedWithAProcessOfTheOtherWidth) {
-  Child peer([&] {
-    execl(TREL_PEER, TREL_PEER, std::to_string(file).c_str(), std::to_string(kRounds).c_str(),
-          nullptr);
-    _exit(127);
-  });
-  while (shared()[0] == 0 && peer.isRunning()) usleep(50);
-  uint32_t died = 0;
-  addRounds(&died);
-  EXPECT_EQ(peer.wait(), 0);
-  EXPECT_EQ(shared()[0], 2 * kRounds);
-  EXPECT_EQ(plat::latchGet(cell(), &died), 0u);
-  EXPECT_EQ(died, 1u) << "the peer has ended as owner, during these rounds or after them";
-}
-#endif
 
 // Two counters are equal whenever the latch is free. Whoever takes over is told, and repairs them.
 TEST_F(LatchTest, KilledAtAnyMoment) {

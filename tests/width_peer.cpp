@@ -1,6 +1,7 @@
 // One half of a pair of processes of different widths on one segment: `width_peer publish KEY`
 // makes the segment and waits for its peer, `width_peer read KEY` checks every value, changes the
-// node and the pool, and answers. Exits 0 if all was right.
+// node and the pool, counts beside the publisher, answers, and ends as owner of the node's latch.
+// Exits 0 if all was right.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -12,7 +13,8 @@ namespace {
 
 using namespace walker;
 
-constexpr uint64_t kCount = 500, kAnswer = 9000;
+constexpr uint64_t kCount = 500, kAnswer = 9000, kCounter = 9001;
+constexpr int32_t kRounds = 300000;
 constexpr ListLimits kLimits{2 * kCount, 1, 16, 40, 50, 50};
 
 void must(uint32_t rc, int line) {
@@ -29,6 +31,25 @@ Name nameOf(uint32_t bit, uint64_t i) {
 Text valueOf(uint32_t bit, uint64_t i) {
   return hasBytes(bit) ? "value " + std::to_string(i)
                        : registerOf(static_cast<int32_t>(i * 2654435761u));
+}
+
+void enter(SNodeCB_t* node) {
+  MUST(trelEnterCriticalSectionBeforeWrite(node, &node->nodeLatchArea));
+}
+
+int32_t counterOf(SNodeCB_t* node, uint64_t inCriticalSection) {
+  int32_t value = 0;
+  MUST(trelGetValueForRProperty(node, kCounter, &value, inCriticalSection));
+  return value;
+}
+
+// Both do this at once; without exclusion something of it would be lost.
+void countRounds(SNodeCB_t* node) {
+  for (int32_t i = 0; i < kRounds; ++i) {
+    enter(node);
+    MUST(trelSetValueForRProperty(node, kCounter, counterOf(node, 1) + 1, 1));
+    MUST(trelExitCriticalSectionAfterWrite(node, &node->nodeLatchArea));
+  }
 }
 
 void publish(const PLATIPCResID& key) {
@@ -51,16 +72,20 @@ void publish(const PLATIPCResID& key) {
     MUST(list.create(kLimits));
     for (uint64_t i = 1; i <= kCount; ++i) MUST(list.add(nameOf(bit, i), valueOf(bit, i)));
   }
+  MUST(trelAddRProperty(node, kCounter, 0, 0));
   MUST(trelPutTopNodeInfoIntoDomainHeader(
       segment->shmDomainHandle, 77, offset,
       static_cast<uint32_t>(segment->shmPoolHandle->poolOffset)));
   Api registers{node, TREL_EXPORT_R};
   Text answer;
-  for (int i = 0; i < 2000 && registers.get({kAnswer, ""}, &answer) != 0; ++i) {
+  for (int i = 0; i < 200000 && counterOf(node, 0) == 0; ++i) {
     MUST(trelUpdateNodeStatus(node));
-    usleep(10000);
+    usleep(50);
   }
+  countRounds(node);
+  for (int i = 0; i < 2000 && registers.get({kAnswer, ""}, &answer) != 0; ++i) usleep(10000);
   CHECK(answer == valueOf(TREL_EXPORT_R, kAnswer));
+  CHECK(counterOf(node, 0) == 2 * kRounds);
   CHECK(registers.get({1, ""}, &answer) == TREL_RC_KEY_ABSENT_R);
   void* block = nullptr;
   MUST(_trelAllocateShmBlock(&block, segment->shmPoolHandle, 100, 0, 0, 0, ""));
@@ -73,8 +98,10 @@ void read(const PLATIPCResID& key) {
   SNodeCB_t* node = nullptr;
   TopNodeInfo_t top;
   uint32_t rc = 1;
-  for (int i = 0; i < 500 && rc; ++i, usleep(10000))
-    rc = trelConnectToATree(&segment, &node, &top, &key, 0, nullptr, nullptr);
+  const auto connect = [&] {
+    return trelConnectToATree(&segment, &node, &top, &key, 0, nullptr, nullptr);
+  };
+  for (int i = 0; i < 500 && rc; ++i, usleep(10000)) rc = connect();
   MUST(rc);
   CHECK(top.tag == 77);
   for (uint32_t bit : kKinds)
@@ -94,9 +121,13 @@ void read(const PLATIPCResID& key) {
   rc = 1;
   for (int i = 0; i < 500 && rc; ++i, usleep(1000)) rc = trelIsStillBeingUpdated(node, &watch);
   MUST(rc);
+  countRounds(node);
+  MUST(trelDetachFromTopNode(&segment, 1));
+  CHECK(segment == nullptr);
+  MUST(connect());
   MUST(trelDeleteRProperty(node, 1, 0));
   MUST((Api{node, TREL_EXPORT_R}.add({kAnswer, ""}, valueOf(TREL_EXPORT_R, kAnswer))));
-  MUST(trelDetachFromTopNode(&segment, 1));
+  enter(node);
 }
 
 }  // namespace
