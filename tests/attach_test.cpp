@@ -1,6 +1,4 @@
 // Library state, status segments, attach and detach, the road from records to nodes.
-#include <sys/mman.h>
-
 #include <thread>
 #include <vector>
 
@@ -111,9 +109,8 @@ TEST_F(Attach, CountsPerProcess) {
 
 TEST_F(Library, MemoryOfTheCallerUsesTheSlot) {
   constexpr uint32_t kSize = 0x20000;
-  void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(MAP_FAILED, memory);
-  const auto address = reinterpret_cast<uintptr_t>(memory);
+  const Shared<std::array<uint8_t, kSize>> memory;
+  const auto address = reinterpret_cast<uintptr_t>(memory->data());
   ShmDomainParam_t param{};
   param.accessMode = 3;
   Tree tree;
@@ -141,7 +138,6 @@ TEST_F(Library, MemoryOfTheCallerUsesTheSlot) {
   EXPECT_EQ(0u, detach(&tree.info));
   EXPECT_EQ(0u, trelDeleteStatusSegment(&segment.info, 4, 2, 1));
   EXPECT_EQ(TREL_GA_SLOT_EMPTY, trelGASegInfo.state);
-  munmap(memory, kSize);
 }
 
 TEST_F(Attach, RefusesWhatIsNoStatusSegment) {

@@ -106,21 +106,13 @@ struct Made {
 // Makes a node and hangs it below a parent of the same or another segment.
 inline Made makeNode(const Segment& segment, const NodePlan& plan, uint64_t tag, const Text& id,
                      const Made* parent, const HdmModuleRecord_t* served = nullptr) {
-  Made made{nullptr, &segment};
-  std::array<uint64_t, 64> sizes = sizesOf(plan);
-  uint64_t size = 0, offset = 0;
-  EXPECT_EQ(0u,
-            trelCreateNode(segment.info, &made.node, plan.exports, sizes.data(), &size, &offset));
   const uint8_t record24[24] = {1, 2, 3};
   const HdmModuleRecord_t own = module("/own");
-  SNodeInfo_t none = {};
   NodeOptions_t options = {};
   options.optionWord1 = 11, options.optionWord2 = 12, options.optionWord5 = 15;
   options.updateInterval = 345;
-  EXPECT_EQ(0u, trelInitNode(&made.node, offset, id.size(), bytes(id), &none, nullptr, kIdRoom,
-                             record24, &own, &options));
-  EXPECT_EQ(0u, trelSetNodeTag(made.node, tag, 0));
-  EXPECT_EQ(0u, trelActivateNode(&made.node));
+  const Made made{
+      segment.makeActive(plan.exports, sizesOf(plan), tag, id, record24, &own, &options), &segment};
   if (plan.exports & TREL_EXPORT_DEPENDENT) {
     EXPECT_EQ(0u, trelCreateDependentNodeList(made.node, nullptr, nullptr, nullptr, kIdRoom, 0, 0));
   }

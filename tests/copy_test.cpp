@@ -1,6 +1,4 @@
 // Copies of nodes and trees against pictures of their sources; limits, recreation.
-#include <sys/mman.h>
-
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -404,8 +402,7 @@ TEST_F(Copy, SearchesDuringRecreation) {
 // and detaches. Nobody may wait for ever, and a copied node is one state of its source.
 TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
   const NodePlan plan{kBare | TREL_EXPORT_R, 30, {{TREL_EXPORT_R, {30, 1}}}};
-  auto* copiesMade = static_cast<std::atomic<int>*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const Shared<std::atomic<int>> copiesMade;
   for (int round = 0; round < 12; ++round) {
     Segment a, b;
     Key newA, newB;
@@ -463,7 +460,6 @@ TEST_F(Copy, CopiesOfEntwinedTreesWhileTheyAreUsed) {
       trelDetachStatusSegment(const_cast<ShmSegInfo_t**>(&side->info), 2);
   }
   EXPECT_GE(*copiesMade, 12);
-  munmap(copiesMade, 4096);
 }
 
 }  // namespace

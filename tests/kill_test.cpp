@@ -1,8 +1,5 @@
 // Two writers and two readers on one segment, while a supervisor kills writers at random moments
 // and starts others in their place. TREL_KILL_SECONDS makes it longer than 5 seconds.
-#include <sys/mman.h>
-
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -37,28 +34,17 @@ struct Board {
 
 struct Kills : Library {
   Segment segment{kSize};
-  SNodeCB_t* node = nullptr;
-  Board* board = nullptr;
+  SNodeCB_t* const node =
+      segment.makeActive(TREL_EXPORT_ID | TREL_EXPORT_R | TREL_EXPORT_IV,
+                         {16 + 64, 0, 0, 0, 0, 0, 0x8000, 0, 0, 0x8000}, 1, "node");
+  const Shared<Board> board;
 
   Kills() {
-    board = new (mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                      -1, 0)) Board{};
-    std::array<uint64_t, 64> sizes{};
-    sizes[0] = 16 + 64;
-    sizes[6] = sizes[9] = 0x8000;
-    uint64_t size = 0, offset = 0;
-    EXPECT_EQ(0u,
-              trelCreateNode(segment.info, &node, TREL_EXPORT_ID | TREL_EXPORT_R | TREL_EXPORT_IV,
-                             sizes.data(), &size, &offset));
-    EXPECT_EQ(0u, trelInitNode(&node, offset, 4, bytes("node"), nullptr, nullptr, 64, nullptr,
-                               nullptr, nullptr));
-    EXPECT_EQ(0u, trelActivateNode(&node));
     EXPECT_EQ(0u, trelCreateRPropertyList(node, nullptr, nullptr, 0, 40, 1, 0));
     EXPECT_EQ(0u, trelCreateIVPropertyList(node, nullptr, nullptr, nullptr, 16, nullptr, nullptr,
                                            32, 0, 7, 7, 40, 1, 0));
     EXPECT_EQ(0u, trelAddRProperty(node, 99, 5, 0));
   }
-  ~Kills() override { munmap(board, sizeof *board); }
 
   std::atomic<uint64_t>* stampOf(uint64_t block) {
     return reinterpret_cast<std::atomic<uint64_t>*>(static_cast<uint8_t*>(segment.domain()->base) +

@@ -1,6 +1,5 @@
 // Latches between processes and threads: exclusion, and what becomes of a latch whose owner dies.
 #include <sched.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <chrono>
@@ -22,15 +21,7 @@ void addSlowly(volatile uint32_t* counter) {
 
 // A page that children share, with a latch cell at an odd place.
 struct LatchTest : testing::Test {
-  LatchTest() {
-    EXPECT_EQ(ftruncate(file, 4096), 0);
-    page = static_cast<uint8_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
-    platVLatchInit(cell(), 1);
-  }
-  ~LatchTest() override {
-    munmap(page, 4096);
-    close(file);
-  }
+  LatchTest() { platVLatchInit(cell(), 1); }
 
   void* cell() const { return page + 20; }
   PLATLatch* latch() const { return plat::latchAt(cell()); }
@@ -40,8 +31,8 @@ struct LatchTest : testing::Test {
   // Words of the page for the tests' own use.
   volatile uint32_t* shared() const { return reinterpret_cast<uint32_t*>(page + 1024); }
 
-  const int file = memfd_create("latch", 0);
-  uint8_t* page = nullptr;
+  const Shared<std::array<uint8_t, 4096>> memory;
+  uint8_t* const page = memory->data();
 };
 
 // A process that has taken the latch and holds it.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -141,6 +142,23 @@ int inOtherProcess(Work&& work) {
   return Child(work).wait();
 }
 
+// What this process shares with its children; zero at first.
+template <class T>
+class Shared {
+ public:
+  Shared()
+      : value_(new (mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
+                         0)) T{}) {}
+  ~Shared() { munmap(value_, sizeof(T)); }
+  Shared(const Shared&) = delete;
+
+  T& operator*() const { return *value_; }
+  T* operator->() const { return value_; }
+
+ private:
+  T* const value_;
+};
+
 // The tree under a key, as a reader finds it.
 struct Tree {
   ShmSegInfo_t* info = nullptr;
@@ -187,20 +205,29 @@ struct Segment {
     return count;
   }
 
-  // An active node with an identifier.
-  SNodeCB_t* makeNode(uint64_t tag, const std::string& id = "node") const {
+  // An active node with sections of these sizes, that of the identifier first.
+  SNodeCB_t* makeActive(uint64_t exports, std::array<uint64_t, 64> sizes, uint64_t tag,
+                        const std::string& id, const uint8_t* record24 = nullptr,
+                        const HdmModuleRecord_t* module = nullptr,
+                        const NodeOptions_t* options = nullptr) const {
     SNodeCB_t* node = nullptr;
     uint64_t size = 0, offset = 0;
-    std::array<uint64_t, 64> sizes{};
-    sizes[0] = 16 + 64;
-    EXPECT_EQ(0u, trelCreateNode(info, &node, TREL_EXPORT_ID, sizes.data(), &size, &offset));
+    SNodeInfo_t none{}, *parent = nullptr;
+    EXPECT_EQ(0u, trelCreateNode(info, &node, exports, sizes.data(), &size, &offset));
     EXPECT_EQ(offsetOf(node), offset);
     EXPECT_EQ(0u,
               trelInitNode(&node, offset, id.size(), reinterpret_cast<const uint8_t*>(id.data()),
-                           nullptr, nullptr, 64, nullptr, nullptr, nullptr));
+                           &none, nullptr, sizes[0] - 16, record24, module, options));
+    if (exports & TREL_EXPORT_PARENT) {
+      EXPECT_EQ(0u, trelGetParentNodeLocation(node, &parent));
+      EXPECT_EQ(offsetOf(parent), +parent->selfOffset);
+    }
     EXPECT_EQ(0u, trelSetNodeTag(node, tag, 0));
     EXPECT_EQ(0u, trelActivateNode(&node));
     return node;
+  }
+  SNodeCB_t* makeNode(uint64_t tag) const {
+    return makeActive(TREL_EXPORT_ID, {16 + 64}, tag, "node");
   }
   void publish(const SNodeCB_t* node) const {
     EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(domain(), node->tag, node->nodeOffset,

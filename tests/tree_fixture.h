@@ -11,21 +11,10 @@ constexpr uint64_t kIdRoom = 24;  // for the names of nodes, in all of a tree
 // A node with identifier, parent, list of dependents and wishes; active.
 inline SNodeCB_t* makeNode(const Segment& in, uint64_t tag, const std::string& id,
                            uint64_t places) {
-  std::array<uint64_t, 64> sizes{};
-  sizes[0] = 16 + kIdRoom;
-  sizes[3] = 64 + kIdRoom;
-  sizes[10] = 8 + places * (56 + kIdRoom) + 3;
-  sizes[11] = 240;
-  SNodeCB_t* node = nullptr;
-  uint64_t size = 0, offset = 0;
-  SNodeInfo_t none{};
-  EXPECT_EQ(0u, trelCreateNode(in.info, &node,
-                               TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_CHANGE_LIST,
-                               sizes.data(), &size, &offset));
-  EXPECT_EQ(0u, trelInitNode(&node, offset, id.size(), bytes(id), &none, nullptr, kIdRoom, nullptr,
-                             nullptr, nullptr));
-  EXPECT_EQ(0u, trelSetNodeTag(node, tag, 0));
-  EXPECT_EQ(0u, trelActivateNode(&node));
+  SNodeCB_t* node = in.makeActive(
+      TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_CHANGE_LIST,
+      {16 + kIdRoom, 0, 0, 64 + kIdRoom, 0, 0, 0, 0, 0, 0, 8 + places * (56 + kIdRoom) + 3, 240},
+      tag, id);
   if (places) {
     EXPECT_EQ(0u, trelCreateDependentNodeList(node, nullptr, nullptr, nullptr, kIdRoom, 0, 0));
   }

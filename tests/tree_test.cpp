@@ -1,7 +1,5 @@
 // Searches, walks and deletion: against a model, over damaged memory, and with a publisher that
 // changes its tree under its readers.
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <atomic>
 #include <functional>
@@ -560,18 +558,13 @@ TEST_F(Reach, AWriterReadsItsOwnList) {
   EXPECT_EQ(0u, trelExitCriticalSectionAfterWrite(top, &top->nodeLatchArea));
 }
 
-int* sharedFlag() {
-  return static_cast<int*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-}
-
 // While a reader attaches the segment behind an entry, the entry comes to name the reader's own.
 TEST_F(Reach, AnEntryChangesBetweenSegments) {
   SNodeCB_t* twin = makeNode(home, 3, "far", 0);
   SNodeInfo_t records[] = {recordOf(home, far, other), recordOf(home, twin, home)};
   EXPECT_EQ(0u, trelAbandonNode(&far));
   EXPECT_EQ(0u, trelAbandonNode(&twin));
-  auto* stop = reinterpret_cast<std::atomic<int>*>(sharedFlag());
+  const Shared<std::atomic<bool>> stop;
   Child publisher(
       [&] {
         for (int i = 0; !*stop; ++i)
@@ -586,9 +579,8 @@ TEST_F(Reach, AnEntryChangesBetweenSegments) {
     }
     EXPECT_EQ(0u, otherCount());
   });
-  *stop = 1;
+  *stop = true;
   EXPECT_EQ(0, publisher.wait());
-  munmap(static_cast<void*>(stop), 4096);
 }
 
 // What one thread attaches only to pass over, another may be reading.
@@ -626,7 +618,7 @@ TEST_F(Reach, ReadersSeeNoTreeThatNeverWas) {
   std::vector<SNodeInfo_t> again;
   for (uint64_t tag : {31, 32, 33})
     again.push_back(recordOf(home, makeNode(home, tag, "", 0), home));
-  auto* stop = reinterpret_cast<std::atomic<int>*>(sharedFlag());
+  const Shared<std::atomic<bool>> stop;
   const auto publish = [&] {
     std::mt19937 random(5);
     std::map<std::pair<int, int>, SNodeCB_t*> present;
@@ -692,9 +684,8 @@ TEST_F(Reach, ReadersSeeNoTreeThatNeverWas) {
   Child children[] = {Child(publish, false), Child([&] { read(0); }, false),
                       Child([&] { read(1); }, false)};
   usleep(3000000);
-  *stop = 1;
+  *stop = true;
   for (Child& child : children) EXPECT_EQ(0, child.wait());
-  munmap(static_cast<void*>(stop), 4096);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // A writer dies at every store of every operation on what a node holds, on a shared list and on the
 // fields of the top node; whoever repairs the node or the list dies at every store of that.
 #include <algorithm>
-#include <array>
 #include <map>
 
 #include "deaths.h"
@@ -17,20 +16,10 @@ using namespace walker;
 struct Deaths : Library {
   Segment segment{0x20000};
   Memory memory{segment.domain()->base, 0x20000};
-  SNodeCB_t* node = nullptr;
+  SNodeCB_t* const node = segment.makeActive(
+      0xfe2, {16 + 64, 0, 0, 0, 0x400, 0x400, 0x2000, 0x2000, 0x2000, 0x2000, 8 + 8 * 72}, 1,
+      "node");
 
-  Deaths() {
-    std::array<uint64_t, 64> sizes{};
-    sizes[0] = 16 + 64;
-    for (const uint32_t bit : kKinds) sizes[__builtin_ctz(bit) - 1] = 0x2000;
-    sizes[4] = sizes[5] = 0x400;
-    sizes[10] = 8 + 8 * 72;
-    uint64_t size = 0, offset = 0;
-    EXPECT_EQ(0u, trelCreateNode(segment.info, &node, 0xfe2, sizes.data(), &size, &offset));
-    EXPECT_EQ(0u, trelInitNode(&node, offset, 4, bytes("node"), nullptr, nullptr, 64, nullptr,
-                               nullptr, nullptr));
-    EXPECT_EQ(0u, trelActivateNode(&node));
-  }
   // With the first `count` of two entries.
   uint32_t create(uint32_t bit, uint64_t hashed, uint64_t count) {
     Api::Entries entries{{{1, "one"}, valueOf(bit, 8, "old")},
