@@ -185,35 +185,6 @@ TEST_F(LatchTest, ExcludesThreadsAndProcesses) {
   EXPECT_TRUE(isFree());
 }
 
-// Two counters are equal whenever the latch is free. Whoever takes over is told, and repairs them.
-TEST_F(LatchTest, KilledAtAnyMoment) {
-  const auto work = [&] {
-    for (;;) {
-      uint32_t died = 0;
-      plat::latchGet(cell(), &died);
-      if (died) {
-        ++shared()[3];
-        shared()[1] = shared()[0];
-      }
-      if (shared()[0] != shared()[1]) ++shared()[2];
-      addSlowly(&shared()[0]);
-      addSlowly(&shared()[1]);
-      plat::latchRelease(cell());
-    }
-  };
-  Child survivor(work);
-  for (int i = 0; i < 60; ++i) {
-    Child victim(work);
-    std::this_thread::sleep_for(std::chrono::microseconds(2000 + 37 * i));
-    victim.end();
-    const uint32_t before = shared()[0];
-    for (int ms = 0; shared()[0] == before && ms < 10000; ++ms) std::this_thread::sleep_for(1ms);
-    ASSERT_NE(shared()[0], before) << "the survivor is stuck";
-  }
-  EXPECT_EQ(shared()[2], 0u) << "a broken pair, and nobody was told";
-  EXPECT_GT(shared()[3], 0u) << "no kill has hit an owner";
-}
-
 TEST(ByteLatch, ExcludesThreads) {
   uint8_t latch = 0;
   volatile uint32_t counter = 0;
