@@ -82,7 +82,6 @@ TEST_F(Domain, HeaderOfASegmentIsNotTrusted) {
            {0xfff8, 0x10000, 0, TREL_RC_DOMAIN_STATE},  // at the very end of the segment
            {0x10000000, 0x10000, 0, TREL_RC_DOMAIN_STATE},
            {0, 0x10008, 0, TREL_RC_DOMAIN_STATE},
-           {0, ~uint64_t{7}, 0, TREL_RC_DOMAIN_STATE},
            {0, 0x10000, 8, TREL_RC_DOMAIN_OFFSET},
            {0, 0x10000, 0, 0}}) {
     header()->heapSize = size;
