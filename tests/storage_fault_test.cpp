@@ -58,7 +58,9 @@ bool liveWithFault(const Key& key, uint32_t n) {
   twice([&] { return _trelFreeShmPool(&pool, 3, 1, 1, ""); }, [] {});
   const uint32_t freed = trelFreeShmDomain(&domain, 1);
   const bool met = faultyDisarm();
-  EXPECT_EQ(met && !failures && freed, freed != 0);
+  if (freed) {
+    EXPECT_TRUE(met && !failures);
+  }
   if (domain) {
     EXPECT_EQ(TREL_RC_SEGMENT_DESTROY, freed);
     PLATHIPCMemory* const segment = domain->ipcMemory;
