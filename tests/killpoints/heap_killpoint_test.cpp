@@ -215,35 +215,24 @@ void fillWithHoles(const Heaps& heaps, int count) {
     EXPECT_EQ(0u, _trelFreeShmBlock(&blocks[static_cast<size_t>(i)], heaps.pool, 1, 2, "holes"));
 }
 
-TEST(HeapDeaths, SpaceOfNodes) {
-  const auto latched = [](const Heaps& heaps, auto work) {
-    return [&heaps, work] {
-      EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
-      uint64_t offset = 0, size = 0;
-      EXPECT_EQ(0u, work(heaps.domain->base, heaps.pool->poolOffset, heaps.lists()->slSpaceSize,
-                         &offset, &size));
-      EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
-    };
-  };
+// Allocations and frees rebuild the space and let it grow; here it shrinks.
+TEST(HeapDeaths, SpaceOfNodesShrinks) {
   Heaps heaps;
+  heaps.allocate(64);
+  const uint64_t space = heaps.lists()->slSpaceSize;
+  const auto change = [&](uint64_t wanted, uint32_t direction) {
+    EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
+    uint64_t offset = 0, size = 0;
+    EXPECT_EQ(0u, trelChangeSlistSpace(heaps.domain->base, 2, heaps.pool->poolOffset, wanted,
+                                       direction, &offset, &size));
+    EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
+  };
+  change(space + 2048, 1);
   fillWithHoles(heaps, 14);
-  dieEverywhere(heaps, "rebuild", latched(heaps, [](void* base, uint64_t h, auto...) {
-                  return trelDefragmentSLInPlace(base, 2, h);
-                }));
-  Heaps low;
-  // The first block is freed, so that the space can grow.
-  std::vector<void*> blocks;
-  for (uint32_t i = 0; i < 10; ++i) blocks.push_back(low.allocate(64));
-  const auto grow = latched(low, [](void* base, uint64_t h, uint64_t space, auto... block) {
-    return trelChangeSlistSpace(base, 2, h, space + 2048, 1, block...);
-  });
-  dieEverywhere(low, "grow", grow);
-  grow();
-  ASSERT_FALSE(HasFailure());
-  dieEverywhere(low, "shrink",
-                latched(low, [](void* base, uint64_t h, uint64_t space, auto... block) {
-                  return trelChangeSlistSpace(base, 2, h, space - 1024, 2, block...);
-                }));
+  const uint64_t wanted = heaps.lists()->slSpaceSize - 1024;
+  dieEverywhere(heaps, "shrink", [&] { change(wanted, 2); });
+  change(wanted, 2);
+  EXPECT_EQ(wanted, heaps.lists()->slSpaceSize);
 }
 
 // A full heap has no room for the records of a rebuild. A death in the middle of one ends the heap:

@@ -59,28 +59,23 @@ void* __wrap_memset(void* t, int c, size_t n) {
   return t;
 }
 
-#define NOTHING(name, ...) \
-  void name(__VA_ARGS__) {}
-#define STORE(name) \
-  void name(void* address) { store(address); }
-
-NOTHING(__tsan_init, void)
-NOTHING(__tsan_func_entry, void*)
-NOTHING(__tsan_func_exit, void)
-NOTHING(__tsan_read1, void*)
-NOTHING(__tsan_read2, void*)
-NOTHING(__tsan_read4, void*)
-NOTHING(__tsan_read8, void*)
-NOTHING(__tsan_read16, void*)
-NOTHING(__tsan_read_range, void*, long)
-NOTHING(__tsan_atomic_thread_fence, int)
-NOTHING(__tsan_atomic_signal_fence, int)
-STORE(__tsan_write1)
-STORE(__tsan_write2)
-STORE(__tsan_write4)
-STORE(__tsan_write8)
-STORE(__tsan_write16)
+void __tsan_init() {}
+void __tsan_func_entry(void*) {}
+void __tsan_func_exit() {}
+void __tsan_atomic_thread_fence(int) {}
+void __tsan_atomic_signal_fence(int) {}
+void __tsan_read_range(void*, long) {}
 void __tsan_write_range(void* address, long) { store(address); }
+
+#define ACCESS(bytes)               \
+  void __tsan_read##bytes(void*) {} \
+  void __tsan_write##bytes(void* address) { store(address); }
+
+ACCESS(1)
+ACCESS(2)
+ACCESS(4)
+ACCESS(8)
+ACCESS(16)
 
 #define FETCH(bits, type, op)                                               \
   type __tsan_atomic##bits##_fetch_##op(volatile type* word, type v, int) { \
