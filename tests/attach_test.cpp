@@ -383,18 +383,17 @@ TEST_F(Creation, LargestPoolFitsAtEverySize) {
 }
 
 TEST_F(Attach, NodesAboveThePool) {
-  ShmPoolInfo_t pool;
-  EXPECT_EQ(0u, trelGetShmPoolInfo(segment.pool(), &pool));
+  const uint64_t freeBytes = segment.poolInfo().freeBytes;
   uint64_t sizes[64] = {}, size = 0, offset = 0;
   SNodeCB_t* node = nullptr;
   const auto make = [&](uint64_t bytes) {
     sizes[0] = bytes;
     return trelCreateNode(segment.info, &node, 0, sizes, &size, &offset);
   };
-  EXPECT_EQ(TREL_RC_NODE_ABOVE_POOL, make(pool.freeBytes));
+  EXPECT_EQ(TREL_RC_NODE_ABOVE_POOL, make(freeBytes));
   EXPECT_EQ(0u, size);
   // It passes the first look, but leaves no room for the pads.
-  EXPECT_EQ(TREL_RC_NODE_ALLOCATION, make(pool.freeBytes - TREL_NODE_HEADER_SIZE));
+  EXPECT_EQ(TREL_RC_NODE_ALLOCATION, make(freeBytes - TREL_NODE_HEADER_SIZE));
 }
 
 }  // namespace

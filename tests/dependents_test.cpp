@@ -53,10 +53,7 @@ TEST(Names, TheirOrder) {
   EXPECT_EQ(TREL_RC_COMPARE_ID_SIZE, trelCompareID(none, 4097, none, 0, TREL_EXPORT_ID, nullptr));
   EXPECT_EQ(TREL_RC_OUT_COMPARISON,
             trelCompareTagID(0x100001, none, 0, 1, none, 0, TREL_EXPORT_ID, nullptr));
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(0u, trelPrintID(bytes("a~\x7f\xe4 "), 5));
-  fflush(stdout);
-  EXPECT_EQ("a~.. ", testing::internal::GetCapturedStdout());
+  EXPECT_EQ("a~.. ", printed([] { EXPECT_EQ(0u, trelPrintID(bytes("a~\x7f\xe4 "), 5)); }));
   std::string turned = "12345";
   trelReverseByteSequence(reinterpret_cast<uint8_t*>(&turned[0]), 5);
   EXPECT_EQ("54321", turned);

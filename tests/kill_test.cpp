@@ -13,14 +13,13 @@
 
 namespace {
 
+using walker::bytes;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kSize = 0x80000;
 constexpr uint64_t kTags = 8;  // each writer's own properties
 constexpr uint64_t kStamp = 0x57a3b00;
 constexpr int kBlocks = 24;  // each writer's own blocks
-
-const uint8_t* bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
 
 // What the processes tell each other apart from the segment under test.
 struct Board {

@@ -47,18 +47,10 @@ struct Lists : Library {
     use(moduleOf, trelFindHDMNodeInPMLList, trelInsertHDMNodeIntoPMLList,
         trelDeleteHDMNodeFromPMLList, trelDeleteHDMPMLList, trelPrintHDMNodePMLList);
   }
-  uint64_t freeBytes() {
-    ShmPoolInfo_t info;
-    EXPECT_EQ(0u, trelGetShmPoolInfo(segment.pool(), &info));
-    return info.freeBytes;
-  }
 };
 
-std::string printed(const std::function<uint32_t()>& print, uint32_t code = 0) {
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(code, print());
-  fflush(stdout);
-  return testing::internal::GetCapturedStdout();
+std::string printedBy(const std::function<uint32_t()>& print, uint32_t code = 0) {
+  return printed([&] { EXPECT_EQ(code, print()); });
 }
 
 std::string textOf(bool sorted, const std::vector<int>& names) {
@@ -75,7 +67,7 @@ std::string textOf(bool sorted, const std::vector<int>& names) {
 }
 
 TEST_F(Lists, BehaveAsTheirModel) {
-  const uint64_t atFirst = freeBytes();
+  const uint64_t atFirst = segment.poolInfo().freeBytes;
   const unsigned seed = std::random_device()();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
@@ -108,14 +100,14 @@ TEST_F(Lists, BehaveAsTheirModel) {
         EXPECT_EQ(0u, clear());
         model.clear();
       }
-      EXPECT_EQ(textOf(sorted, model), printed(print));
+      EXPECT_EQ(textOf(sorted, model), printedBy(print));
     }
     EXPECT_EQ(0u, clear());
     EXPECT_EQ(0u, clear());
   };
   onSharedLists(behaves);
   onPrivateLists(behaves);
-  EXPECT_EQ(atFirst, freeBytes());
+  EXPECT_EQ(atFirst, segment.poolInfo().freeBytes);
 }
 
 TEST_F(Lists, PathsWithoutTerminator) {
@@ -125,7 +117,7 @@ TEST_F(Lists, PathsWithoutTerminator) {
   second.rest[0] = 1;
   EXPECT_EQ(0u, trelInsertHDMNodeIntoLList(segment.pool(), &first, &module));
   EXPECT_EQ(TREL_RC_LIST_PRESENT, trelInsertHDMNodeIntoLList(segment.pool(), &second, &module));
-  const std::string text = printed([&] { return trelPrintHDMNodeLList(segment.pool()); });
+  const std::string text = printedBy([&] { return trelPrintHDMNodeLList(segment.pool()); });
   EXPECT_EQ(std::string(1024, 'x') + "\"\n", text.substr(text.size() - 1026));
 }
 
@@ -148,7 +140,7 @@ TEST_F(Lists, DamageGivesCodes) {
         *link = nonsense;
         EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, find(&sought, &payload)) << std::hex << nonsense;
         EXPECT_EQ(TREL_RC_BLOCK_OUTSIDE_POOL, remove(&sought));
-        if (nonsense != loop) printed(print, TREL_RC_BLOCK_OUTSIDE_POOL);
+        if (nonsense != loop) printedBy(print, TREL_RC_BLOCK_OUTSIDE_POOL);
       }
       *link = sound;
     }
@@ -165,7 +157,7 @@ TEST_F(Lists, AttachmentsArePrintedNewestFirst) {
   const Segment second;
   const auto number = [](const Segment& of) { return static_cast<int>(of.key.id().key); };
   EXPECT_EQ(textOf(false, {number(second), number(segment)}),
-            printed(trelPrintAttachInfoNodeLList));
+            printedBy(trelPrintAttachInfoNodeLList));
 }
 
 }  // namespace

@@ -6,14 +6,6 @@
 
 namespace {
 
-template <class Work>
-std::string printed(Work&& work) {
-  testing::internal::CaptureStdout();
-  work();
-  fflush(nullptr);
-  return testing::internal::GetCapturedStdout();
-}
-
 // One level, so that the shape of the lists follows from what is stored.
 class Report : public testing::Test {
  protected:

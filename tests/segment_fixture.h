@@ -159,6 +159,15 @@ class Shared {
   T* const value_;
 };
 
+// What work() writes to the standard output.
+template <class Work>
+std::string printed(Work&& work) {
+  testing::internal::CaptureStdout();
+  work();
+  fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
 // The tree under a key, as a reader finds it.
 struct Tree {
   ShmSegInfo_t* info = nullptr;
@@ -198,6 +207,11 @@ struct Segment {
   uint64_t offsetOf(const void* address) const {
     return static_cast<uint64_t>(static_cast<const uint8_t*>(address) -
                                  static_cast<const uint8_t*>(domain()->base));
+  }
+  ShmPoolInfo_t poolInfo() const {
+    ShmPoolInfo_t found{};
+    EXPECT_EQ(0u, trelGetShmPoolInfo(pool(), &found));
+    return found;
   }
   uint32_t attachCount() const {
     uint32_t count = 0;

@@ -272,11 +272,8 @@ TEST_F(Forest, DoesWhatItsModelDoes) {
     if (step % 100 == 99) recheckMemory();
   }
   EXPECT_EQ(0u, trelDeleteDependentNodeAndSubtree(top_->node, nullptr, top_->home->info, 0, 1));
-  for (auto& s : segments_) {
-    ShmPoolInfo_t info;
-    EXPECT_EQ(0u, trelGetShmPoolInfo(s->pool(), &info));
-    EXPECT_LT(info.allocNodeCount, 6u) << "only entries of the shared lists are left";
-  }
+  for (auto& s : segments_)
+    EXPECT_LT(s->poolInfo().allocNodeCount, 6u) << "only entries of the shared lists are left";
 }
 
 // ---- Across segments ----------------------------------------------------------------------------
