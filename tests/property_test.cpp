@@ -1,5 +1,7 @@
 // Properties of all kinds and forms: against a model, at their limits, and in damaged sections.
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "node_fixture.h"
 #include "property_api.h"
@@ -269,6 +271,37 @@ TEST(Properties, BehaveAsAMap) {
         Model({bit, limits, extra}, random()).run(250);
         if (HasFailure()) return;
       }
+}
+
+// Lists change their form and limits while a writer waits to come in.
+TEST(Properties, AreMadeAnewUnderTheirWriters) {
+  for (const uint32_t bit : kKinds) {
+    SCOPED_TRACE(bit);
+    ListNode node({{bit, 20000}});
+    Api api{node.cb, bit};
+    const auto fill = [&](uint64_t i) {
+      EXPECT_EQ(0u, api.create({5, i % 2, i % 3 * 8, 8 + i % 5 * 8, 1 + i % 3, 1 + i % 2}));
+    };
+    fill(0);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+      for (uint64_t i = 0; !stop; ++i) {
+        const Name name{1 + i % 5, Text(hasId(bit) ? i % 16 : 0, 'n')};
+        const Text value(hasBytes(bit) ? 1 + i % 40 : 4, 'v');
+        api.add(name, value);
+        api.set(name, value);
+        if (i % 3 == 0) api.remove(name);
+      }
+    });
+    for (uint64_t i = 1; i < 20000 && !HasFailure(); ++i) {
+      fill(i);
+      ASSERT_EQ(0u, trelEnterCriticalSectionBeforeRead(node.cb, &node.cb->nodeLatchArea));
+      EXPECT_EQ("", Section(node.cb, bit).error) << i;
+      EXPECT_EQ(0u, trelExitCriticalSectionAfterRead(node.cb, &node.cb->nodeLatchArea));
+    }
+    stop = true;
+    writer.join();
+  }
 }
 
 TEST(Properties, ReachTheirLargestLimits) {
