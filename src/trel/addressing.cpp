@@ -3,8 +3,8 @@
 #include "treli/attach_latch.h"
 #include "treli/reach.h"
 #include "treli/section.h"
-#include "treli/store.h"
 #include "trelshm/handle.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {

@@ -2,10 +2,10 @@
 #include "trel/lists.h"
 #include "trel/storage.h"
 #include "treli/attach_latch.h"
-#include "treli/process_memory.h"
 #include "treli/reach.h"
 #include "treli/section.h"
 #include "trelshm/handle.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {

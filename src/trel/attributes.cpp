@@ -3,7 +3,7 @@
 
 #include "trel/node.h"
 #include "treli/section.h"
-#include "treli/store.h"
+#include "trelshm/store.h"
 
 using namespace trel;
 

@@ -1,8 +1,8 @@
 // The list of a node's dependents, and the record of its parent.
 #include "trel/tree.h"
 #include "treli/dependent_list.h"
-#include "treli/process_memory.h"
 #include "trelll/enter.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {

@@ -2,7 +2,7 @@
 #include "treli/identifier.h"
 
 #include "trel/tree.h"
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 
 namespace trel {
 namespace {

@@ -4,7 +4,7 @@
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
 #include "treli/byte_latch.h"
-#include "treli/process_memory.h"
+#include "trelshm/process_memory.h"
 
 uint32_t trelAPIIsInitialized = TREL_API_UNINITIALISED;
 uint32_t trelAPIInitRefCount = 0;

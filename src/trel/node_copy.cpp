@@ -10,10 +10,10 @@
 #include "trel/tree.h"
 #include "treli/attach_latch.h"
 #include "treli/dependent_list.h"
-#include "treli/process_memory.h"
 #include "treli/property_copy.h"
 #include "treli/reach.h"
 #include "trelll/enter.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {

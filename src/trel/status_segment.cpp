@@ -4,7 +4,7 @@
 #include "trel/storage.h"
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
-#include "treli/process_memory.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {

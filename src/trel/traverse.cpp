@@ -3,9 +3,9 @@
 #include <string.h>
 
 #include "trel/tree.h"
-#include "treli/flow.h"
 #include "treli/identifier.h"
-#include "treli/process_memory.h"
+#include "trelshm/flow.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "trel/lists.h"
 #include "trel/storage.h"
-#include "treli/process_memory.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 

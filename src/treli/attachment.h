@@ -3,8 +3,8 @@
 
 #include "platsvc/ipc.h"
 #include "trel/segment.h"
-#include "treli/bytes.h"
-#include "treli/flow.h"
+#include "trelshm/bytes.h"
+#include "trelshm/flow.h"
 
 namespace trel {
 

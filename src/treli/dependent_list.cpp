@@ -1,6 +1,6 @@
 #include "treli/dependent_list.h"
 
-#include "treli/store.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <stdint.h>
 
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 
 namespace trel {
 

@@ -8,7 +8,7 @@
 #include <string.h>
 
 #include "trel/codes.h"
-#include "treli/process_memory.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 

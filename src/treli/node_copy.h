@@ -2,7 +2,7 @@
 #pragma once
 
 #include "trel/records.h"
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 
 namespace trel {
 

@@ -3,8 +3,8 @@
 
 #include <string.h>
 
-#include "treli/process_memory.h"
 #include "treli/section.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 

@@ -3,7 +3,7 @@
 
 #include "platsvc/time.h"
 #include "trel/records.h"
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 
 namespace trel {
 

@@ -1,8 +1,8 @@
 // From an export bit to a section of a node.
 #pragma once
 
-#include "treli/bytes.h"
-#include "treli/flow.h"
+#include "trelshm/bytes.h"
+#include "trelshm/flow.h"
 
 namespace trel {
 

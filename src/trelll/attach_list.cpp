@@ -1,7 +1,7 @@
 // The attach list of this process. Its callers hold trelSegAttachLatch.
 #include "trel/segment.h"
-#include "treli/process_memory.h"
 #include "trelll/list.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {

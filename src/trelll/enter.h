@@ -2,7 +2,7 @@
 #pragma once
 
 #include "trel/lists.h"
-#include "treli/bytes.h"
+#include "trelshm/bytes.h"
 
 namespace trel {
 

@@ -9,7 +9,7 @@
 #include <string.h>
 
 #include "trel/lists.h"
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 
 namespace trel {
 

@@ -1,7 +1,7 @@
 // The lists in process memory.
 #include "trel/segment.h"
-#include "treli/process_memory.h"
 #include "trelll/list.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {

@@ -9,11 +9,11 @@
 #pragma once
 
 #include "trel/storage.h"
-#include "treli/process_memory.h"
-#include "treli/store.h"
 #include "trelll/list.h"
 #include "trelshm/engine.h"
 #include "trelshm/heap_latch.h"
+#include "trelshm/process_memory.h"
+#include "trelshm/store.h"
 
 namespace trel {
 

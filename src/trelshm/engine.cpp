@@ -2,9 +2,9 @@
 
 #include <string.h>
 
-#include "treli/store.h"
 #include "trelshm/free_blocks.h"
 #include "trelshm/heap_latch.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "trel/storage.h"
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 #include "trelshm/pads.h"
 
 namespace trel {

@@ -1,7 +1,5 @@
 #include "trelshm/free_blocks.h"
 
-#include "treli/flow.h"
-
 namespace trel {
 namespace {
 

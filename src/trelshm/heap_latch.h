@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platsvc/latch.h"
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 #include "trelshm/heap_view.h"
 
 namespace trel {

@@ -8,7 +8,7 @@
 #pragma once
 
 #include "platsvc/latch.h"
-#include "treli/bytes.h"
+#include "trelshm/bytes.h"
 #include "trelshm/heap_kind.h"
 
 namespace trel {

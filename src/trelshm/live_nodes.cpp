@@ -2,9 +2,8 @@
 
 #include <string.h>
 
-#include "treli/flow.h"
-#include "treli/store.h"
 #include "trelshm/pads.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {

@@ -2,8 +2,6 @@
 
 #include <string.h>
 
-#include "treli/flow.h"
-
 namespace trel {
 namespace {
 

@@ -1,7 +1,7 @@
-#include "treli/store.h"
 #include "trelshm/engine.h"
 #include "trelshm/handle.h"
 #include "trelshm/heap.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {

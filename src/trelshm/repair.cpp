@@ -5,11 +5,11 @@
 // insertion links level 0 last and a deletion unlinks it first, so at every instant but in a
 // rebuild that list is whole, and a rebuild keeps records. All else is written anew from it. The
 // repair is a rebuild itself, so whoever dies in it is followed by another who begins again.
-#include "treli/store.h"
 #include "trelshm/engine.h"
 #include "trelshm/heap.h"
 #include "trelshm/heap_latch.h"
 #include "trelshm/live_nodes.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <stdlib.h>
 
-#include "treli/flow.h"
-#include "treli/store.h"
+#include "trelshm/flow.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {

@@ -1,6 +1,6 @@
 #include "trelshm/space.h"
 
-#include "treli/flow.h"
+#include "trelshm/flow.h"
 #include "trelshm/live_nodes.h"
 
 namespace trel {
