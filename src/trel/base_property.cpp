@@ -18,13 +18,13 @@ uint32_t createBase(const List<K>& list, const Key& key, const Value& value,
   return writing(list.node, inCriticalSection, accept::settled, [&]() -> uint32_t {
     const uint64_t start = list.offset + Form<K>::flatHeader;
     const uint64_t before = list.slot->used;
-    commit(&list.slot->used, 0);
+    storeLast(&list.slot->used, 0);
     if (const uint32_t rc = fill(list, list.recordAt(start), key, value)) {
       list.slot->used = before;
       return rc;
     }
     if (K::hasBytes) *wordAt(list.node, list.offset) = list.maxValueSize;
-    commit(&list.slot->used, bytesInUse(list));
+    storeLast(&list.slot->used, bytesInUse(list));
     return countReconfiguration(list.node);
   });
 }
@@ -37,8 +37,8 @@ uint32_t deleteBase(SNodeCB_t* node, uint64_t tag, uint64_t inCriticalSection) {
   if (const uint32_t rc = openSection(&list)) return rc;
   return withKey<K, Access::write>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
     const uint64_t used = list.slot->used;
-    commit(&list.slot->used, used > bytesInUse(list) ? used - bytesInUse(list) : 0);
-    commit(&record->tag, 0);
+    storeLast(&list.slot->used, used > bytesInUse(list) ? used - bytesInUse(list) : 0);
+    storeLast(&record->tag, 0);
     return countReconfiguration(node);
   });
 }

@@ -102,7 +102,7 @@ template <class K>
 uint32_t deleteFlat(const List<K>& list, const Key& key) {
   typename K::Record* record = nullptr;
   if (const uint32_t rc = findFlat(list, key, &record)) return rc;
-  commit(&record->tag, 0);
+  storeLast(&record->tag, 0);
   list.slot->used -= list.recordBytes();
   return countReconfiguration(list.node);
 }
@@ -146,7 +146,7 @@ uint32_t fillFlat(const List<K>& list, const Entries& entries, uint64_t maxCount
   for (uint64_t place = position; list.holds(place, list.recordBytes());
        place += list.recordBytes())
     list.recordAt(place)->tag = 0;
-  commit(&list.slot->used, Form<K>::flatHeader);
+  storeLast(&list.slot->used, Form<K>::flatHeader);
   const auto append = [&](const Key& key, const Value& value) -> uint32_t {
     if (!list.holds(position, list.recordBytes())) return Codes<K>::bounds;
     const uint32_t rc = fill(list, list.recordAt(position), key, value);

@@ -116,10 +116,10 @@ uint32_t findPlace(const List<K>& list, const Stack& stack, uint64_t* place) {
 template <class K>
 void takePlace(const List<K>& list, const Stack& stack) {
   if (stack.freed) {
-    commit(&stack.anchor->freedNodeCount, stack.freed - 1);
+    storeLast(&stack.anchor->freedNodeCount, stack.freed - 1);
     list.slot->used -= 8;
   } else {
-    commit(&stack.anchor->nextFreeOffset, stack.anchor->nextFreeOffset + list.nodeBytes());
+    storeLast(&stack.anchor->nextFreeOffset, stack.anchor->nextFreeOffset + list.nodeBytes());
   }
 }
 
@@ -135,7 +135,7 @@ uint32_t checkPush(const List<K>& list, const Stack& stack) {
 template <class K>
 void push(const List<K>& list, const Stack& stack, uint64_t freed) {
   *wordAt(list.node, list.offset + list.size - stack.bytes - 8) = freed;
-  commit(&stack.anchor->freedNodeCount, stack.freed + 1);
+  storeLast(&stack.anchor->freedNodeCount, stack.freed + 1);
   list.slot->used += 8;
 }
 
@@ -162,7 +162,7 @@ template <class K>
 void linkFirst(const List<K>& list, uint64_t bucket, uint64_t head, uint64_t cell) {
   *at<ChainCell>(list.node, cell) = {head, bucket};
   if (head) at<ChainCell>(list.node, head)->prev = cell;
-  commit(wordAt(list.node, bucket), cell);
+  storeLast(wordAt(list.node, bucket), cell);
 }
 
 // Reads the links of a cell for unlink.
@@ -176,7 +176,7 @@ bool readCell(const List<K>& list, uint64_t cell, ChainCell* links) {
 template <class K>
 void unlink(const List<K>& list, const ChainCell& links) {
   if (links.next) at<ChainCell>(list.node, links.next)->prev = links.prev;
-  commit(wordAt(list.node, links.prev), links.next);
+  storeLast(wordAt(list.node, links.prev), links.next);
 }
 
 // All that can fail comes before a place is taken; until then the section is as it was.
@@ -208,7 +208,7 @@ uint32_t addHashed(const List<K>& list, const Key& key, const Value& value) {
   for (uint32_t i = 1; i < Form<K>::tables; ++i)
     linkFirst(list, buckets[i], heads[i], place + kLinkOfTable[i]);
   *wordAt(list.node, place) = *walk.cell;
-  commit(walk.cell, place);
+  storeLast(walk.cell, place);
   return countReconfiguration(list.node);
 }
 
@@ -229,7 +229,7 @@ uint32_t deleteHashed(const List<K>& list, const Key& key) {
 
   push(list, stack, place);
   for (uint32_t i = 1; i < Form<K>::tables; ++i) unlink(list, links[i]);
-  commit(walk.cell, *wordAt(list.node, place));
+  storeLast(walk.cell, *wordAt(list.node, place));
   list.slot->used -= list.nodeBytes();
   return countReconfiguration(list.node);
 }
@@ -257,7 +257,7 @@ uint32_t createHashed(List<K>& list, const Entries& entries, uint64_t maxCount, 
     *at<HashAnchor_t>(list.node, end - sizeof(HashAnchor_t)) = {list.offset + tablesEnd, 0};
     memset(inSection(list.node, list.slot, Form<K>::hashHeader), 0,
            static_cast<size_t>(list.bucketBytes()));
-    commit(&list.slot->used, tablesEnd + sizeof(HashAnchor_t));
+    storeLast(&list.slot->used, tablesEnd + sizeof(HashAnchor_t));
     list.created = true;
     return forEachEntry<K>(entries, list.maxValueSize,
                            [&](const Key& key, const Value& value) -> uint32_t {

@@ -21,7 +21,7 @@ bool repairFlat(const List<K>& list) {
        list.holds(list.offset + position, list.recordBytes()); position += list.recordBytes())
     tags += list.recordAt(list.offset + position)->tag != 0;
   if (tags == occupied + 1 || tags + 1 == occupied)
-    commit(&list.slot->used, Form<K>::flatHeader + tags * list.recordBytes());
+    storeLast(&list.slot->used, Form<K>::flatHeader + tags * list.recordBytes());
   FlatWalk<K> walk(list, occupiedRecords(list));
   while (walk.next()) {
   }
@@ -123,9 +123,10 @@ bool repairHashed(const List<K>& list) {
       *wordAt(list.node, end - 8 * ++freed) = places.at(i);
     }
   }
-  commit(&anchor->nextFreeOffset, newNext);
-  commit(&anchor->freedNodeCount, freed);
-  commit(&list.slot->used, tablesEnd + sizeof(HashAnchor_t) + live * list.nodeBytes() + 8 * freed);
+  storeLast(&anchor->nextFreeOffset, newNext);
+  storeLast(&anchor->freedNodeCount, freed);
+  storeLast(&list.slot->used,
+            tablesEnd + sizeof(HashAnchor_t) + live * list.nodeBytes() + 8 * freed);
   return true;
 }
 

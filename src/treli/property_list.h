@@ -8,6 +8,7 @@
 #include "treli/identifier.h"
 #include "treli/property_kind.h"
 #include "treli/section.h"
+#include "trelshm/store.h"
 
 namespace trel {
 
@@ -31,12 +32,6 @@ inline void copyBytes(void* to, const void* from, uint64_t bytes) {
 
 // at() would lose the attributes of the type.
 inline TrelU64* wordAt(const void* base, uint64_t offset) { return at<uint64_t>(base, offset); }
-
-// A store that takes effect behind all those before it, also for who looks after a kill.
-inline void commit(TrelU64* cell, uint64_t value) {
-  __atomic_signal_fence(__ATOMIC_RELEASE);
-  *cell = value;
-}
 
 template <class K>
 struct List {
@@ -250,14 +245,14 @@ uint32_t fill(const List<K>& list, typename K::Record* record, const Key& key, c
   } else {
     PLATVAtomicSigned32::init(&record->value, value.number, 1);
   }
-  commit(&record->tag, key.tag);
+  storeLast(&record->tag, key.tag);
   return 0;
 }
 
 // Begins a new list: D, M and as many table sizes as there are. While used is 0 nothing counts.
 template <class K>
 void writeHeader(const List<K>& list) {
-  commit(&list.slot->used, 0);
+  storeLast(&list.slot->used, 0);
   TrelU64* word = inSection<TrelU64>(list.node, list.slot);
   if (K::hasId) *word++ = list.maxIdSize;
   if (K::hasBytes) *word++ = list.maxValueSize;
