@@ -3,6 +3,7 @@
 #include "treli/dependent_list.h"
 #include "trelll/enter.h"
 #include "trelshm/process_memory.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {
@@ -184,9 +185,9 @@ uint32_t trelAddParentNode(SNodeCB_t* node, SNodeInfo_t* record, uint64_t idSize
       if (idSize > section->maxIdSize) return flow.fail(TREL_RC_NODE_ID_SIZE);
       if (idSize != 0 && !id) return flow.fail(TREL_RC_ID_NULL);
       if (slot->size < sizeof *section + idSize) return flow.fail(TREL_RC_SLOT_USED);
-      slot->used = offsetof(ParentSection_t, parent);  // no parent while it changes
+      storeLast(&slot->used, offsetof(ParentSection_t, parent));  // no parent while it changes
       storeDependent(node, &section->parent, record, id, idSize);
-      slot->used = sizeof *section + idSize;
+      storeLast(&slot->used, sizeof *section + idSize);
       return 0;
     });
   });
