@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 namespace {
 
@@ -146,4 +147,16 @@ uint32_t PLATHIPCMemory::authorize(const PLATIPCSecurityParam* param) {
   info.shm_perm.mode = static_cast<decltype(info.shm_perm.mode)>(
       (info.shm_perm.mode & ~kAccessBits) | (param->accessBits & kAccessBits));
   return control(state_->id, IPC_SET, &info);
+}
+
+uint32_t platSegmentOwner(const PLATHIPCMemory* memory, PLATOwner* owner) {
+  if (!memory || !owner) return PLAT_RC_ARGUMENT;
+  shmid_ds info;
+  if (const uint32_t code = memory->getInfo(&info)) return code;
+  *owner = {info.shm_perm.uid, info.shm_perm.gid, info.shm_perm.mode & 0xffffu};
+  return 0;
+}
+
+void platProcessOwner(uint32_t accessBits, PLATOwner* owner) {
+  *owner = {geteuid(), getegid(), accessBits};
 }

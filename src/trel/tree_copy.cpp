@@ -3,7 +3,7 @@
 // Each method reads from top to bottom as what it does, with what a failure of that step returns
 // and what goes with it. Two rules hold for all: the source goes only when the copy has taken its
 // place, or when there is another copy of the tree; and the last copy of a tree never goes.
-#include "platsvc/owner.h"
+#include "platsvc/ipc.h"
 #include "trel/copy.h"
 #include "trel/lists.h"
 #include "trel/node.h"
@@ -127,9 +127,11 @@ uint32_t TreeCopy::check(const ShmDomainParam_t* given) {
 uint32_t TreeCopy::readSecurity() {
   const ShmDomainHandle_t* domain = (*srcSeg)->shmDomainHandle;
   if (!domain) return TREL_RC_DOMAIN_HANDLE_NULL;
-  PLATOwner owner = platProcessOwner(kDefaultPermissions);
-  if (domain->ipcMemory)
-    if (const uint32_t rc = platSegmentOwner(domain->ipcMemory, &owner)) return rc;
+  PLATOwner owner = {};
+  if (!domain->ipcMemory)
+    platProcessOwner(kDefaultPermissions, &owner);
+  else if (const uint32_t rc = platSegmentOwner(domain->ipcMemory, &owner))
+    return rc;
   security = {owner.userId, owner.groupId, owner.accessBits};
   return 0;
 }

@@ -80,5 +80,20 @@ class PLAT_API PLATHIPCMemory {
 
 static_assert(sizeof(PLATHIPCMemory) == 8, "an object is 8 bytes");
 
+/* Who owns a segment. */
+struct PLATOwner {
+  uint32_t userId;
+  uint32_t groupId;
+  uint32_t accessBits; /* low 16 bits of the mode */
+};
+
+PLAT_BEGIN_C
+/* Owner, group and mode of an attached segment. Returns 0 or a code of codes.def, *owner then
+ * untouched. */
+PLAT_API uint32_t platSegmentOwner(const PLATHIPCMemory* memory, PLATOwner* owner);
+/* The user and the group for whom this process acts. */
+PLAT_API void platProcessOwner(uint32_t accessBits, PLATOwner* owner);
+PLAT_END_C
+
 #endif
 #endif
