@@ -22,23 +22,7 @@ uint32_t openDomain(Heap* domain) {
   return domain->openHeader();
 }
 
-// The parent record of a node, in its section.
-uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent) {
-  if (const uint32_t rc = sectionOf(node, TREL_EXPORT_PARENT, slot)) return rc;
-  if ((*slot)->size < sizeof(ParentSection_t)) return TREL_RC_SLOT_USED;
-  *parent = &inSection<ParentSection_t>(node, *slot)->parent;
-  return 0;
-}
-
 }  // namespace
-
-uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record) {
-  ExportSlot_t* slot = nullptr;
-  if (const uint32_t rc = trelGetParentNodeLocation(node, record)) return rc;
-  if (const uint32_t rc = parentOf(node, &slot, record)) return rc;
-  return slot->used < sizeof(ParentSection_t) ? uint32_t{TREL_RC_NO_PARENT_SECTION} : 0;
-}
-
 }  // namespace trel
 
 using namespace trel;

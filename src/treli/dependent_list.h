@@ -183,6 +183,18 @@ uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& na
 // Makes the entry vacant. Counts the change.
 uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry);
 
+// Runs find(list, &found) on a list that has entries, and removes what it found.
+template <class Find>
+uint32_t removeFound(SNodeCB_t* node, Find&& find) {
+  DependentList list;
+  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  if (list.live == 0) return TREL_RC_DEPENDENTS_EMPTY;
+  if (list.live > TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
+  FoundDependent found;
+  if (const uint32_t rc = find(list, &found)) return rc;
+  return found.entry ? removeDependent(list, found.entry) : uint32_t{TREL_RC_DEPENDENT_ABSENT};
+}
+
 // A writer died inside: makes `used` agree with the tags.
 void recountDependents(SNodeCB_t* node);
 

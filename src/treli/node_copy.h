@@ -2,7 +2,6 @@
 #pragma once
 
 #include "trel/records.h"
-#include "trelshm/flow.h"
 
 namespace trel {
 
@@ -31,11 +30,17 @@ struct NodeCopy {
 
 // The tests of trelCopyNode's arguments.
 uint32_t checkCopy(const NodeCopy& wanted, uint32_t copyDependents);
+// Those of them that concern the copy's name, and what is to come of the dependents.
+uint32_t checkCopyName(const NodeCopy& wanted, uint32_t copyDependents);
 
 // *dst is set as soon as there is a block, and the failures behind that leave it. The node latches
 // are left before the lists of the destination are used.
 uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** dst,
                   uint64_t* nodeSize);
+
+// trelCopyNodeData: fills a block that is there, and names it.
+uint32_t copyNodeData(const NodeCopy& wanted, SNodeCB_t* dst, uint64_t nodeOffset,
+                      const NodeCopyLimits_t& limits);
 
 // Adds an entry to a node's list of dependents, or overwrites that of exactly this name: without an
 // identifier an entry that has one is not the same. idSize counts, the record's own is overwritten.

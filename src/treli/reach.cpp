@@ -1,5 +1,7 @@
 #include "treli/reach.h"
 
+#include "trel/segment.h"
+#include "trel/tree.h"
 #include "treli/attach_latch.h"
 #include "treli/levels.h"
 #include "treli/section.h"
@@ -170,6 +172,30 @@ uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* cu
   if (rc == 0) keepReached(reached);
   if (rc && !isRefusedCondition(rc)) leaveReached(reached);
   return rc;
+}
+
+uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node) {
+  Reached reached;
+  if (const uint32_t rc = locateNode(record, &reached)) return rc;
+  const ShmDomainHandle_t* domain = reached.segInfo->shmDomainHandle;
+  if (nodeSizeInDomain(domain, offsetOf(reached.node, domain->base)) == 0)
+    return TREL_RC_TOP_NODE_BOUNDS;
+  *node = reached.node;
+  return 0;
+}
+
+uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent) {
+  if (const uint32_t rc = sectionOf(node, TREL_EXPORT_PARENT, slot)) return rc;
+  if ((*slot)->size < sizeof(ParentSection_t)) return TREL_RC_SLOT_USED;
+  *parent = &inSection<ParentSection_t>(node, *slot)->parent;
+  return 0;
+}
+
+uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record) {
+  ExportSlot_t* slot = nullptr;
+  if (const uint32_t rc = trelGetParentNodeLocation(node, record)) return rc;
+  if (const uint32_t rc = parentOf(node, &slot, record)) return rc;
+  return slot->used < sizeof(ParentSection_t) ? uint32_t{TREL_RC_NO_PARENT_SECTION} : 0;
 }
 
 }  // namespace trel

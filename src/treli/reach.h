@@ -55,6 +55,12 @@ inline uint32_t reachNode(const SNodeInfo_t* record, Reached* reached) {
   return reachNode(record, reached, nullptr, &otherSegment, 0);
 }
 
+// The node behind a record, whose segment must be attached.
+uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node);
+
+// The place of the node's parent record in its section. *slot and *parent are written when they are
+// known.
+uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent);
 // The node's parent record, if it holds one: a writer may have died while it changed.
 uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record);
 

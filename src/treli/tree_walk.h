@@ -1,20 +1,24 @@
-// Parts of the walks over whole trees that deletion shares with them.
+// Walks over whole trees, children before their parent: status operations and sums.
 #pragma once
 
-#include "trel/tree.h"
-#include "treli/reach.h"
+#include "trel/records.h"
 
 namespace trel {
 
 // trelSetStatusForEachNodeInATree.
 uint32_t setStatusOfTree(SNodeCB_t* node, ShmSegInfo_t* segment, uint64_t depthLimit,
                          uint32_t operation, uint32_t options);
+// The same from a node at some depth of a walk, without the tests of the arguments; *node becomes
+// null if it is given back.
+uint32_t setStatusFrom(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment,
+                       uint64_t depth, uint64_t depthLimit, uint32_t operation, uint32_t options);
+
+// Adds the node, which stands at that depth, and what is below it to the sums.
+uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* walkSegment, uint32_t options, uint64_t tag,
+                   uint64_t depth, uint64_t limit, TreeInfo_t* info);
 
 // Removes from the parent's list the entry of `child`, which a record of that list names; the
 // record may be the stored one or a copy.
 uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t* child);
-
-// The node behind a record, whose segment must be attached.
-uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node);
 
 }  // namespace trel
