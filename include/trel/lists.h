@@ -32,7 +32,8 @@ TREL_API uint32_t trelCompareSegID(const PLATIPCResID* key1, const PLATIPCResID*
 
 /* *node: the node of that key, or null. */
 TREL_API uint32_t trelFindAttachInfoNodeInLList(const PLATIPCResID* key, SegAttachNode_t** node);
-/* Links the caller's ready node at the head; segInfo has its key. A key already there is no
+/* Links the caller's ready node in front of the first node of another key: at the head, or behind
+ * the nodes of its own key that stand there. segInfo has its key. A key already there is no
  * obstacle. */
 TREL_API uint32_t trelInsertAttachInfoNodeIntoLList(const ShmSegInfo_t* segInfo,
                                                     SegAttachNode_t** node);

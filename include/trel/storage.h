@@ -42,7 +42,9 @@ TREL_API uint32_t trelMarkShmDomainForDeletion(ShmDomainHandle_t* handle);
 /* Frees the handle alone; memory and connection stay. */
 TREL_API uint32_t trelDestroyShmDomainHandle(ShmDomainHandle_t** handle);
 
-/* Enter and leave the domain's heapLatch. Leaving does so even where it reports a wrong state. */
+/* Enter and leave the domain's heapLatch. Of entering, 0 says only that the handle was good: a
+ * failure to take the latch is not told, and shows at the unlatch. Leaving does so even where it
+ * reports a wrong state. */
 TREL_API uint32_t trelLatchShmDomain(ShmDomainHandle_t* handle);
 TREL_API uint32_t trelUnlatchShmDomain(ShmDomainHandle_t* handle);
 

@@ -87,7 +87,7 @@ uint32_t Recreation::wish() {
   }
   uint64_t live = 0, capacity = 0;
   if (const uint32_t rc = trelReturnNumberOfDependentNodes(node, &live, &capacity, 0)) return rc;
-  uint32_t changes[TREL_SLOTS] = {};
+  uint32_t changes[TREL_CHANGE_WORDS] = {};
   const uint64_t raised = wanted > capacity ? wanted : capacity;
   if (wanted)
     changes[4] = static_cast<uint32_t>(raised < TREL_MAX_DEPENDENTS ? raised : TREL_MAX_DEPENDENTS);

@@ -177,9 +177,8 @@ uint32_t TreeCopy::walk(uint32_t direction, SNodeCB_t* from, ShmSegInfo_t* fromS
                         ShmSegInfo_t* to, SNodeCB_t** copy) const {
   const AttachNothing nothing;
   *totalSize = 0;
-  const ShmSegInfo_t* base = fromSeg ? fromSeg : to;
-  const TreePass pass{to,       fromSeg ? fromSeg : to, copyFlags, direction, copyLimits, maxDepth,
-                      totalSize};
+  ShmSegInfo_t* base = fromSeg ? fromSeg : to;
+  const TreePass pass{to, base, copyFlags, direction, copyLimits, maxDepth, totalSize};
   const uint64_t none = 0;
   uint64_t idSizeOut = 0, maxIdSizeOut = 0;
   SNodeInfo_t info = {};

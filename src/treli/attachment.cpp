@@ -174,7 +174,8 @@ namespace {
 
 // As many as there are threads that look at a node at one instant. What finds no place is not
 // marked.
-const ShmSegInfo_t* undecided[64];
+constexpr uint32_t kMostUndecided = 64;
+const ShmSegInfo_t* undecided[kMostUndecided];
 uint32_t undecidedCount = 0;
 
 }  // namespace
@@ -182,7 +183,7 @@ uint32_t undecidedCount = 0;
 void markUndecided(const ShmSegInfo_t* segInfo) {
   Hold hold;
   if (holdOf(segInfo->identity, &hold) || *hold.count != 1) return;
-  if (undecidedCount < sizeof undecided / sizeof *undecided) undecided[undecidedCount++] = segInfo;
+  if (undecidedCount < kMostUndecided) undecided[undecidedCount++] = segInfo;
 }
 
 bool isUndecided(const ShmSegInfo_t* segInfo) {

@@ -112,7 +112,7 @@ class DependentWalk {
     __builtin_prefetch(&later->nodeLatchArea.primaryLatch);
     __builtin_prefetch(&later->concurrencyModel);
     __builtin_prefetch(&later->nodeLatchArea.writeFlag);
-    constexpr uint32_t kSlot = bitNumber(TREL_EXPORT_DEPENDENT) - 1;
+    constexpr uint32_t kSlot = slotNumber(TREL_EXPORT_DEPENDENT);
     __builtin_prefetch(&later->exportTable[kSlot]);
     __builtin_prefetch(&later->exportTable[kSlot].offset);
     __builtin_prefetch(at<uint8_t>(later, node->exportTable[kSlot].offset));

@@ -1,7 +1,5 @@
 #include "treli/hash.h"
 
-#include "trel/property.h"
-
 namespace trel {
 namespace {
 

@@ -8,14 +8,12 @@
 #include <string.h>
 
 #include "trel/codes.h"
+#include "treli/reach.h"
 #include "trelshm/process_memory.h"
 
 namespace trel {
 
 constexpr uint32_t kMaxDepth = 32768;
-
-// How many nodes could lie in the segments that this process has attached.
-uint64_t nodesThatFit();
 
 template <class Level>
 class Levels {

@@ -176,6 +176,8 @@ class Plan {
   }
 
  private:
+  uint64_t& sizeOf(uint32_t exportBit) { return sizes[slotNumber(exportBit)]; }
+
   uint32_t readChanges(SNodeCB_t* source, uint32_t copyLimits,
                        const ChangeListSection_t** changes) {
     exports = source->exports;
@@ -240,14 +242,18 @@ class Plan {
       if (*size < need) *size = need;
     };
     const uint64_t filled = exports & filled_;
-    if (filled & TREL_EXPORT_PARENT) raise(&sizes[3], sizeof(ParentSection_t) + round8(parentMax_));
+    if (filled & TREL_EXPORT_PARENT)
+      raise(&sizeOf(TREL_EXPORT_PARENT), sizeof(ParentSection_t) + round8(parentMax_));
     if (filled & TREL_EXPORT_BASE_V)
-      raise(&sizes[5], round8(baseMax_ + Form<kind::BaseV>::flatHeader + sizeof(VProperty_t)));
-    if ((filled & TREL_EXPORT_IR) && limits.ir.hashFlag) raise(&sizes[8], leastHashedIR());
+      raise(&sizeOf(TREL_EXPORT_BASE_V),
+            round8(baseMax_ + Form<kind::BaseV>::flatHeader + sizeof(VProperty_t)));
+    if ((filled & TREL_EXPORT_IR) && limits.ir.hashFlag)
+      raise(&sizeOf(TREL_EXPORT_IR), leastHashedIR());
     if (filled & TREL_EXPORT_DEPENDENT)
-      sizes[10] = limits.maxDependents * (listMaxIdSize + sizeof(SNodeInfo_t)) + kDependentHeader;
+      sizeOf(TREL_EXPORT_DEPENDENT) =
+          limits.maxDependents * (listMaxIdSize + sizeof(SNodeInfo_t)) + kDependentHeader;
     for (const SectionForm& form : kSections) {
-      const uint32_t slot = bitNumber(form.bit) - 1;
+      const uint32_t slot = slotNumber(form.bit);
       if ((exports & form.bit) && !(filled_ & form.bit))
         sizes[slot] = source->exportTable[slot].size;
     }

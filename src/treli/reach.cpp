@@ -3,7 +3,6 @@
 #include "trel/segment.h"
 #include "trel/tree.h"
 #include "treli/attach_latch.h"
-#include "treli/levels.h"
 #include "treli/section.h"
 #include "trelll/list.h"
 

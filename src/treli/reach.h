@@ -11,6 +11,9 @@ constexpr uint32_t kStayInSegment = 64;  // bit of the options of walks
 // domain; else 0.
 uint64_t nodeSizeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset);
 
+// How many nodes could lie in the segments that this process has attached.
+uint64_t nodesThatFit();
+
 // What a record names, read once: others may change a stored record at any time.
 struct Target {
   SegIdentity_t identity;

@@ -43,7 +43,8 @@ uint32_t initialiseLatches(SNodeCB_t* node, LatchArea_t* area, uint32_t latchVer
 
 namespace {
 
-// What the two exported ways out share with the ways in: they know the model by the field alone.
+// The tests of the four exported ways in and out. *latched: the node's model asks for the latch.
+// The ways out have only the model to go by, since no Section comes to them from the way in.
 uint32_t checkLatched(SNodeCB_t* node, const LatchArea_t* area, bool* latched) {
   if (!node) return TREL_RC_NODE_NULL;
   if (!area) return TREL_RC_LATCH_AREA_NULL;

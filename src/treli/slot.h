@@ -13,6 +13,9 @@ constexpr uint32_t bitNumber(uint32_t exportBit) {
   return (exportBit & ~1u) ? static_cast<uint32_t>(__builtin_ctz(exportBit & ~1u)) : 0;
 }
 
+// The place of a section's slot in the export table.
+constexpr uint32_t slotNumber(uint32_t exportBit) { return bitNumber(exportBit) - 1; }
+
 // The tests of trelGetPExportPointer. *slot is written as soon as the bit is known to be good.
 TREL_INLINE uint32_t slotOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot) {
   const uint32_t n = bitNumber(exportBit);

@@ -72,7 +72,6 @@ uint32_t trelDeleteAttachInfoNodeInLList(const PLATIPCResID* key) {
     SegAttachNode_t* node = *link;
     if (!node) return 0;
     *link = node->next;
-    if (node->segInfo->identity.handleVersion != TREL_STRUCTURE_VERSION) return 0;
     const uint32_t rc = release(&node->segInfo);
     return firstOf(rc, release(&node));
   });

@@ -13,13 +13,12 @@ constexpr uint32_t kDefaultPermissions = 0660;
 
 bool byKey(uint32_t accessMode) { return accessMode == 1 || accessMode == 2; }
 
-uint32_t makeHandle(ShmDomainHandle_t** handle, void* base, const ShmDomainParam_t& param,
-                    PLATHIPCMemory* memory) {
+uint32_t makeHandle(ShmDomainHandle_t** handle, void* base, const ShmDomainParam_t& param) {
   void* block = nullptr;
   if (_platMemAlloc(&block, 0, sizeof(ShmDomainHandle_t), 1, __FILE__, __LINE__) != 0)
     return TREL_RC_DOMAIN_NO_MEMORY;
   *handle = static_cast<ShmDomainHandle_t*>(block);
-  **handle = {base, param.accessMode, param.heapOffset, memory};
+  **handle = {base, param.accessMode, param.heapOffset, nullptr};
   return 0;
 }
 
@@ -43,7 +42,7 @@ class Memory {
   }
   uint32_t attach(const PLATIPCResID* id, uintptr_t address) {
     if (!(object_ = new PLATHIPCMemory)) return TREL_RC_DOMAIN_NO_MEMORY;
-    if (!object_->isAttached() && object_->attach(id, reinterpret_cast<const void*>(address)) != 0)
+    if (object_->attach(id, reinterpret_cast<const void*>(address)) != 0)
       return TREL_RC_SEGMENT_ATTACH;
     return object_->getAddress(&base) ? uint32_t{TREL_RC_SEGMENT_ADDRESS} : 0;
   }
@@ -128,7 +127,7 @@ uint32_t trelCreateShmDomain(const PLATIPCResID* resId, uintptr_t address, uint3
     const HeapPlan plan = planOf(param, TREL_HEAP_DOMAIN, size, 0);
     if (const uint32_t rc = createHeap(memory.base, param.heapOffset, kDomainKind, plan))
       return flow.fail(rc);
-    if (const uint32_t rc = makeHandle(handle, memory.base, param, nullptr)) {
+    if (const uint32_t rc = makeHandle(handle, memory.base, param)) {
       Heap(memory.base, param.heapOffset, kDomainKind).header()->heapState = 0;
       return flow.fail(rc);
     }
@@ -159,7 +158,7 @@ uint32_t trelConnectToShmDomain(const PLATIPCResID* resId, uintptr_t address,
     Heap heap(memory.base, param.heapOffset, kDomainKind);
     if (!memory.holds(param.heapOffset)) return flow.fail(TREL_RC_DOMAIN_STATE);
     if (const uint32_t rc = connectHeap(&heap)) return flow.fail(rc);
-    if (const uint32_t rc = makeHandle(handle, memory.base, param, nullptr)) {
+    if (const uint32_t rc = makeHandle(handle, memory.base, param)) {
       disconnectHeap(&heap);
       return flow.fail(rc);
     }

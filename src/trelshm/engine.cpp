@@ -88,7 +88,7 @@ uint32_t releaseInside(Heap* heap, uint64_t blockOffset, uint64_t dataOffset, co
     return heap->kind().rcCheckRange;
 
   const uint64_t rebuilds = heap->rebuilds();
-  if (const uint32_t rc = unlinkAlloc(*heap, node, path)) return rc;
+  unlinkAlloc(*heap, node, path);
   if (name) storeLast(name, 0);
   if (const uint32_t rc = giveBlock(heap, blockOffset, record.blockSize)) {
     if (heap->rebuilds() == rebuilds)

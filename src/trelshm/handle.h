@@ -123,7 +123,7 @@ uint32_t latchHandle(uint32_t function, Handle* handle) {
     Heap heap = heapOf(handle);
     if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
     if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
-    enterHeap(&heap);
+    enterHeap(&heap);  // a failure is not told: it shows when the latch is to be left
     return 0;
   });
 }
@@ -209,7 +209,7 @@ uint32_t readInfo(const Flow& flow, Heap heap, Info* info) {
   const uint64_t maxLevel = list.maxLevel;
   if (maxLevel <= TREL_HEAP_MAX_LEVEL &&
       heap.headerSize() + slHeaderSizeOf(maxLevel) <= heap.size())
-    info->freeListLevel = heap.word(heap.listOffset() + 112 + 8 * maxLevel);
+    info->freeListLevel = heap.freeListLevel(maxLevel);
   info->word0 = heap.tail()->words[0];
   info->word2 = heap.tail()->words[2];
   return 0;

@@ -351,7 +351,8 @@ uint32_t trelDeleteAllocMemBlock(void* base, uint32_t heapKind, uint64_t heapOff
                    uint64_t node = 0;
                    if (const uint32_t rc = findAlloc(*heap, blockOffset, &path, &node)) return rc;
                    *blockSize = heap->alloc(node)->blockSize;
-                   return unlinkAlloc(*heap, node, path);
+                   unlinkAlloc(*heap, node, path);
+                   return 0;
                  });
 }
 

@@ -98,7 +98,11 @@ class Heap {
   SkipListHeader_t* list() const { return at<SkipListHeader_t>(listOffset()); }
   uint64_t listHeaderSize() const { return slHeaderSizeOf(maxLevel_); }
   uint64_t allocHead() const { return listOffset() + offsetof(SkipListHeader_t, allocHead); }
-  TrelU64& freeListLevel() const { return word(listOffset() + 112 + 8 * maxLevel_); }
+  TrelU64& freeListLevel() const { return freeListLevel(maxLevel_); }
+  // For a reader who has not opened the lists.
+  TrelU64& freeListLevel(uint64_t maxLevel) const {
+    return word(listOffset() + 112 + 8 * maxLevel);
+  }
   uint64_t freeHead() const { return listOffset() + 120 + 8 * maxLevel_; }
   uint64_t freeTail() const { return listOffset() + 168 + 40 * maxLevel_; }
 

@@ -37,12 +37,13 @@ TREL_INLINE uint32_t place(const Heap& heap, Placement placement, uint64_t inUse
   return size > heap.space() - heap.list()->slNextNode ? uint32_t{TREL_RC_SPACE_FULL} : 0;
 }
 
-uint64_t takePlace(const Heap& heap, uint64_t size) {
+// Where the next node goes; it is filled before the place is taken.
+uint64_t nextPlace(const Heap& heap) { return heap.listOffset() + heap.list()->slNextNode; }
+
+void takePlace(const Heap& heap, uint64_t size) {
   SkipListHeader_t* list = heap.list();
-  const uint64_t node = heap.listOffset() + list->slNextNode;
   list->slUsedBytes += size;
   list->slNextNode += size;
-  return node;
 }
 
 // A damaged list may loop: no walk is longer than nodes can be. (A node has more than 32 bytes, by
@@ -199,7 +200,7 @@ TREL_INLINE uint32_t searchAlloc(const Heap& heap, uint64_t key, Path* path, uin
 uint64_t linkAlloc(const Heap& heap, const AllocNode_t& record, uint64_t level, const Path& path) {
   SkipListHeader_t* list = heap.list();
   const uint64_t size = allocNodeSize(level);
-  const uint64_t node = heap.listOffset() + list->slNextNode;
+  const uint64_t node = nextPlace(heap);
   AllocNode_t* n = heap.alloc(node);
   *n = record;
   n->level = level;
@@ -258,7 +259,7 @@ uint32_t insertFree(const Heap& heap, uint64_t blockOffset, uint64_t blockSize, 
         return heap.kind().rcState;
   }
 
-  const FreePlace p = {heap.listOffset() + heap.list()->slNextNode, level + 1};
+  const FreePlace p = {nextPlace(heap), level + 1};
   FreeNode_t* n = heap.free(p.node);
   *n = FreeNode_t{};
   n->blockOffset = blockOffset;
@@ -382,7 +383,7 @@ uint32_t findAlloc(const Heap& heap, uint64_t blockOffset, Path* path, uint64_t*
              : heap.kind().rcState;
 }
 
-uint32_t unlinkAlloc(const Heap& heap, uint64_t node, const Path& path) {
+void unlinkAlloc(const Heap& heap, uint64_t node, const Path& path) {
   SkipListHeader_t* list = heap.list();
   const uint64_t level = heap.alloc(node)->level, inUse = list->allocListLevel;
   for (uint64_t i = 0; i <= level && i <= inUse; ++i) {
@@ -396,7 +397,6 @@ uint32_t unlinkAlloc(const Heap& heap, uint64_t node, const Path& path) {
   while (list->allocListLevel > 0 &&
          heap.word(slotOfNode(heap.allocHead(), list->allocListLevel)) == 0)
     list->allocListLevel -= 1;
-  return 0;
 }
 
 void relinkAlloc(const Heap& heap, uint64_t node, const Path& path) {

@@ -58,7 +58,7 @@ uint32_t appendAlloc(const Heap& heap, const AllocNode_t& record, Path* path, ui
 // The allocated node of exactly that block, with the way to it.
 uint32_t findAlloc(const Heap& heap, uint64_t blockOffset, Path* path, uint64_t* node);
 // Takes the node off; the path is that of findAlloc.
-uint32_t unlinkAlloc(const Heap& heap, uint64_t node, const Path& path);
+void unlinkAlloc(const Heap& heap, uint64_t node, const Path& path);
 void relinkAlloc(const Heap& heap, uint64_t node, const Path& path);
 // The node behind at level 0 (of the head: the first), 0 at the end.
 uint32_t nextAlloc(const Heap& heap, uint64_t node, uint64_t* next);
