@@ -10,6 +10,10 @@
  * Access modes: 1, a segment made by key; 2, attached by key, the default of attach; 3, memory that
  * the caller has mapped, of which a process holds at most one, in trelGASegInfo.
  *
+ * A forked child may read what it inherited, but must neither detach nor delete it: the counts are
+ * its parent's. Where another thread of the parent used the library at the time of the fork, the
+ * child must not use it: one of the two latches below may be held for good.
+ *
  * Operations return 0 or a TREL_RC_ code, the first failure, and write no out argument on failure
  * unless told otherwise. */
 #ifndef TREL_SEGMENT_H
