@@ -114,8 +114,11 @@ void leaveReached(Reached* reached) {
 void keepReached(Reached* reached) {
   if (!reached->attachedHere) return;
   const AttachLatch latch;
+  Hold hold;
   // Where another has decided so before, the attach of this reach is one too many.
-  if (!decideToHold(reached->segInfo)) undoAttach(reached->segInfo);
+  if (!decideToHold(reached->segInfo) && holdOf(reached->segInfo->identity, &hold) == 0 &&
+      *hold.count > 1)
+    --*hold.count;
   reached->attachedHere = false;
 }
 
