@@ -186,8 +186,7 @@ __attribute__((noinline)) uint32_t openAgain(SNodeCB_t* node, List<K>* fresh) {
   }
 }
 
-// For those who are inside now: the list as it is. On the usual way nobody takes the list's
-// address, so that it stays in registers.
+// For those who are inside now: the list as it is.
 template <class K>
 TREL_INLINE uint32_t confirm(List<K>* list) {
   if (TREL_LIKELY(isAsRead(*list))) return 0;

@@ -195,7 +195,6 @@ uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent) {
 
 uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record) {
   ExportSlot_t* slot = nullptr;
-  if (const uint32_t rc = trelGetParentNodeLocation(node, record)) return rc;
   if (const uint32_t rc = parentOf(node, &slot, record)) return rc;
   return slot->used < sizeof(ParentSection_t) ? uint32_t{TREL_RC_NO_PARENT_SECTION} : 0;
 }
