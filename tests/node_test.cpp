@@ -1,9 +1,14 @@
 // Status nodes in process memory: limits, critical sections, lifecycle, heartbeat.
 #include <unistd.h>
 
+#include <thread>
+
 #include "node_fixture.h"
+#include "treli/birth_stamp.h"
 
 namespace {
+
+using namespace trel;
 
 TEST(NodeCreation, MakesNoNodeAboveTheLargest) {
   SNodeCB_t* cb = nullptr;
@@ -91,6 +96,24 @@ TEST(NodeSections, FollowTheModelFoundAtEntry) {
   EXPECT_EQ(TREL_RC_LATCH_VERSION, trelExitCriticalSectionAfterWrite(node.cb, area));
   node.cb->concurrencyModel = 6;
   EXPECT_EQ(TREL_RC_MODEL_RANGE, trelEnterCriticalSectionBeforeRead(node.cb, area));
+}
+
+TEST(NodeSections, AreOfTheNodeThatWasMeant) {
+  Node node, other;
+  EXPECT_NE(birthStamp(node.cb), birthStamp(other.cb));
+  ASSERT_EQ(0u, node.init());
+  LatchArea_t* area = &node.cb->nodeLatchArea;
+  ASSERT_EQ(0u, trelEnterCriticalSectionBeforeWrite(node.cb, area));
+  uint32_t rc = 0;
+  std::thread waiter([&] { rc = trelSetNodeTag(node.cb, 7, 0); });
+  while (!(__atomic_load_n(&plat::latchAt(area->primaryLatch)->word, __ATOMIC_ACQUIRE) >> 31 & 1))
+    usleep(100);
+  *birthStampAt(node.cb) += 2;  // as if it had been given back, and another one been made here
+  ASSERT_EQ(0u, trelExitCriticalSectionAfterWrite(node.cb, area));
+  waiter.join();
+  EXPECT_EQ(TREL_RC_LATCH, rc);
+  EXPECT_EQ(0u, node.cb->tag);
+  EXPECT_EQ(0u, trelSetNodeTag(node.cb, 7, 0));
 }
 
 // Every operation against every condition.

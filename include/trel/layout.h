@@ -28,6 +28,7 @@
 
 #include "platsvc/atomic.h"
 #include "platsvc/base.h"
+#include "platsvc/latch.h"
 
 typedef uint32_t TrelU32 __attribute__((aligned(1), may_alias));
 typedef uint64_t TrelU64 __attribute__((aligned(1), may_alias));
@@ -93,7 +94,13 @@ typedef uint64_t TrelU64 __attribute__((aligned(1), may_alias));
 #define TREL_OPTION_RECREATION 1u
 
 /* Guards a node. Readers and writers take primaryLatch alike; the two counters change only under
- * it. A death of a writer shows as a writeFlag of 1 under a latch whose owner is gone. */
+ * it. A death of a writer shows as a writeFlag of 1 under a latch whose owner is gone.
+ *
+ * The first 8-aligned address behind the bytes of primaryLatch that the latch uses, node + 624
+ * where the node starts at a multiple of 8, holds the node's birth stamp: 8 bytes that are drawn
+ * when the node is made. A node that is made anew in the same memory has another one. In the area
+ * of a property these bytes are spare. */
+#define TREL_BIRTH_STAMP_OFFSET 624u
 typedef struct LatchArea_t {
   TrelU32 latchVersion;                  /* tested on each entry */
   uint8_t primaryLatch[TREL_LATCH_CELL]; /* the latch that readers and writers take */
@@ -167,6 +174,9 @@ TREL_OFFSET(SNodeCB_t, updateCounter, 208);
 TREL_OFFSET(SNodeCB_t, spareCounter1, 336);
 TREL_OFFSET(SNodeCB_t, spareCounter2, 464);
 TREL_OFFSET(SNodeCB_t, nodeLatchArea, 592);
+TREL_STATIC_ASSERT(((592u + 4u + PLAT_LATCH_BYTES + 7u) & ~7u) == TREL_BIRTH_STAMP_OFFSET &&
+                       TREL_BIRTH_STAMP_OFFSET + 8u + 7u <= 592u + 4u + TREL_LATCH_CELL,
+                   "birth stamp");
 TREL_OFFSET(SNodeCB_t, spareLatchArea, 980);
 TREL_OFFSET(SNodeCB_t, concurrencyModel, 1368);
 TREL_OFFSET(SNodeCB_t, exportTable, 1372);

@@ -33,7 +33,10 @@ TREL_API uint32_t trelCreateNode(ShmSegInfo_t* segInfo, SNodeCB_t** node, uint64
                                  uint64_t* nodeOffset);
 
 /* Gives a node's block back to its pool and sets *node to null. No test of the node's condition:
- * the caller owns the node. For nodes in pools only. */
+ * the caller owns the node. For nodes in pools only. Takes the write section, waits for whoever is
+ * inside and never leaves it: others that wait there, or come later, get TREL_RC_LATCH, or
+ * TREL_RC_CONDITION. The caller must not be inside. A failure leaves the node as it was; a death in
+ * here leaves the node or nothing that is taken for one. */
 TREL_API uint32_t trelDisclaimNode(SNodeCB_t** node, ShmPoolHandle_t* pool, uint32_t version);
 
 /* Fills the node: header, options, and of the sections those that its exports name. maxIdSize, at

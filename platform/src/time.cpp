@@ -4,6 +4,7 @@
 #include "platsvc/time.h"
 
 #include <time.h>
+#include <unistd.h>
 
 #include "platsvc/codes.h"
 
@@ -16,4 +17,27 @@ uint32_t platTimeGetUTC(PLATTime* now) {
   const uint64_t tenths = seconds * 10 + static_cast<uint64_t>(clock.tv_nsec) / 100000000;
   *now = {static_cast<uint32_t>(seconds), static_cast<uint16_t>(tenths), 0};
   return 0;
+}
+
+// Each part goes through a bijection that spreads it over all bits, so that parts that lie close
+// together do not meet in the sum.
+static uint64_t spread(uint64_t part) {
+  part = (part ^ part >> 30) * 0xbf58476d1ce4e5b9u;
+  part = (part ^ part >> 27) * 0x94d049bb133111ebu;
+  return part ^ part >> 31;
+}
+
+uint64_t platDrawStamp(void) {
+  static uint32_t counter;
+  timespec clock = {};
+  clock_gettime(CLOCK_REALTIME, &clock);
+  const uint64_t now =
+      static_cast<uint64_t>(clock.tv_sec) * 1000000000u + static_cast<uint64_t>(clock.tv_nsec);
+  // Processes of two pid namespaces may have one number; where they have the counter tells them
+  // apart as a rule.
+  const uint64_t process =
+      spread(reinterpret_cast<uintptr_t>(&counter)) + static_cast<uint64_t>(getpid());
+  const uint64_t drawn = __atomic_fetch_add(&counter, 1, __ATOMIC_RELAXED);
+  const uint64_t stamp = spread(now + spread(process + spread(drawn + 1)));
+  return stamp == 0 || stamp == ~uint64_t{0} ? 1 : stamp;
 }

@@ -2,6 +2,7 @@
 #include "trel/node.h"
 #include "trel/storage.h"
 #include "treli/node_layout.h"
+#include "treli/node_return.h"
 
 using namespace trel;
 
@@ -47,10 +48,6 @@ uint32_t trelDisclaimNode(SNodeCB_t** node, ShmPoolHandle_t* pool, uint32_t vers
     if (!node || !*node) return flow.fail(TREL_RC_NODE_NULL);
     if (!pool) return flow.fail(TREL_RC_POOL_HANDLE_NULL);
     if (version != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HANDLE_VERSION);
-    void* block = *node;
-    const uint32_t rc =
-        _trelFreeShmBlock(&block, pool, FID_trelDisclaimNode, __LINE__, kModuleName);
-    *node = static_cast<SNodeCB_t*>(block);
-    return rc;
+    return giveNodeBack(node, pool);
   });
 }

@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include "platsvc/time.h"
 #include "treli/section.h"
 #include "trelshm/process_memory.h"
 
@@ -25,16 +26,19 @@ inline uint32_t sumSizes(const uint64_t* sizes, uint64_t* total) {
   return *total > TREL_MAX_NODE_SIZE ? uint32_t{TREL_RC_NODE_SIZE} : 0;
 }
 
-// Lays a fresh block out: sections in slot order behind the header, without gaps.
+// Lays a fresh block out: sections in slot order behind the header, without gaps. Somebody may
+// still look at a node that lay there before: he sees a writer inside until all is done, and then
+// another birth stamp.
 inline uint32_t layOut(SNodeCB_t* node, uint64_t total, uint64_t exports, const uint64_t* sizes,
                        uint32_t latchVersion) {
+  __atomic_store_n(PLATVAtomicSigned32::word(&node->nodeLatchArea.writeFlag), 1, __ATOMIC_RELAXED);
+  __atomic_thread_fence(__ATOMIC_RELEASE);
+  __atomic_store_n(birthStampAt(node), platDrawStamp(), __ATOMIC_RELAXED);
+  __atomic_thread_fence(__ATOMIC_RELEASE);
   node->nodeSize = total;
   node->exports = exports;
   node->condition = TREL_CONDITION_CREATED;
   node->concurrencyModel = 1;
-  uint32_t rc = initialiseLatches(node, &node->nodeLatchArea, latchVersion);
-  if (rc == 0) rc = initialiseLatches(node, &node->spareLatchArea, latchVersion);
-  if (rc) return rc;
   uint64_t offset = TREL_NODE_HEADER_SIZE;
   ExportSlot_t table[TREL_SLOTS];
   for (uint32_t i = 0; i < TREL_SLOTS; ++i) {
@@ -42,7 +46,8 @@ inline uint32_t layOut(SNodeCB_t* node, uint64_t total, uint64_t exports, const 
     offset += sizes[i];
   }
   memcpy(node->exportTable, table, sizeof table);
-  return 0;
+  const uint32_t rc = initialiseLatches(node, &node->spareLatchArea, latchVersion);
+  return rc ? rc : initialiseLatches(node, &node->nodeLatchArea, latchVersion);
 }
 
 }  // namespace trel

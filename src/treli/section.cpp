@@ -35,9 +35,9 @@ uint32_t initialiseLatches(SNodeCB_t* node, LatchArea_t* area, uint32_t latchVer
   if (latchVersion != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
   platVLatchInit(area->primaryLatch, 1);
   platVLatchInit(area->spareLatch, 1);
-  PLATVAtomicSigned32::init(&area->writeFlag, 0, 1);
   PLATVAtomicSigned32::init(&area->writeCounter, 0, 1);
   area->latchVersion = latchVersion;
+  PLATVAtomicSigned32::init(&area->writeFlag, 0, 1);  // a release: nobody is inside any more
   return 0;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "platsvc/latch.h"
+#include "treli/birth_stamp.h"
 #include "treli/slot.h"
 
 namespace trel {
@@ -63,8 +64,13 @@ TREL_INLINE uint32_t enterSection(SNodeCB_t* node, LatchArea_t* area, Section* s
   if (const uint32_t rc = readModel(node, &model)) return rc;
   if (model != 1) return 0;
   if (TREL_UNLIKELY(area->latchVersion != TREL_STRUCTURE_VERSION)) return TREL_RC_LATCH_VERSION;
+  const uint64_t born = birthStamp(node);
   uint32_t ownerDied = 0;
   if (TREL_UNLIKELY(plat::latchGet(area->primaryLatch, &ownerDied) != 0)) return TREL_RC_LATCH;
+  if (TREL_UNLIKELY(birthStamp(node) != born)) {  // another node now: not the one that was meant
+    plat::latchRelease(area->primaryLatch);
+    return TREL_RC_LATCH;
+  }
   if (TREL_UNLIKELY(ownerDied)) onNodeOwnerDied(node, area);
   if (TREL_UNLIKELY(node->concurrencyModel != 1)) {  // changed while this thread waited
     if (plat::latchRelease(area->primaryLatch) != 0) return TREL_RC_LATCH;

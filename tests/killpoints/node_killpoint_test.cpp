@@ -289,6 +289,21 @@ TEST_F(Deaths, SharedLists) {
   die(clear);
 }
 
+TEST_F(Deaths, NodesGivenBack) {
+  SNodeCB_t* const other = segment.makeActive(0, {}, 2, "");
+  uint64_t whole = 0;
+  const auto giveBack = [&] {
+    SNodeCB_t* given = other;
+    EXPECT_EQ(0u, trelDisclaimNode(&given, segment.pool(), TREL_STRUCTURE_VERSION));
+  };
+  const uint64_t tried = memory.dieEverywhere(memory.save(), giveBack, [&](uint64_t n) {
+    const bool isWhole = trelSetNodeTag(other, 2, 0) == 0;
+    EXPECT_TRUE(!isWhole || whole == n) << "once it is no node it stays none";
+    whole += isWhole;
+  });
+  EXPECT_GT(tried, whole);
+}
+
 TEST_F(Deaths, TopNode) {
   const auto publish = [&](uint64_t tag) {
     const uint32_t pool = static_cast<uint32_t>(segment.pool()->poolOffset);

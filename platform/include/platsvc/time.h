@@ -16,5 +16,9 @@ typedef struct PLATTime {
 
 PLAT_API uint32_t platTimeGetUTC(PLATTime* now);
 
+/* A number that no process of this machine has drawn before or will draw again: made of the clock,
+ * the process and a counter. Never 0 and never all ones. */
+PLAT_API uint64_t platDrawStamp(void);
+
 PLAT_END_C
 #endif

@@ -1,0 +1,33 @@
+#include "treli/node_return.h"
+
+#include "treli/section.h"
+#include "trelshm/engine.h"
+#include "trelshm/process_memory.h"
+#include "trelshm/store.h"
+
+namespace trel {
+
+// Condition and mark go first, so that what a death in here leaves is no node to anybody, and
+// whoever waits for the latch is let go. The section is never left: who looks without the latch
+// sees a writer inside until the memory holds other bytes, or a new node with another birth stamp.
+uint32_t giveNodeBack(SNodeCB_t** node, ShmPoolHandle_t* pool) {
+  SNodeCB_t* const given = *node;
+  LatchArea_t* const area = &given->nodeLatchArea;
+  Section section;
+  if (const uint32_t rc = enterSection<Access::write>(given, area, &section)) return rc;
+  const uint32_t condition = given->condition;
+  uint32_t* const mark = section.latched ? &plat::latchAt(area->primaryLatch)->mark : nullptr;
+  const uint32_t marked = mark ? __atomic_exchange_n(mark, 0, __ATOMIC_RELAXED) : 0;
+  storeLast(&given->condition, 0);
+  void* block = given;
+  const Caller caller = {FID_trelDisclaimNode, __LINE__, kModuleName};
+  if (const uint32_t rc = freeBlock(&block, pool, caller)) {
+    given->condition = condition;
+    if (mark) __atomic_store_n(mark, marked, __ATOMIC_RELEASE);
+    return firstOf(rc, leaveSection<Access::write>(area, section));
+  }
+  *node = nullptr;
+  return 0;
+}
+
+}  // namespace trel
