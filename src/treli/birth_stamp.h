@@ -11,7 +11,7 @@ namespace trel {
 inline uint64_t* birthStampAt(const SNodeCB_t* node) {
   const auto behindLatch =
       reinterpret_cast<uintptr_t>(node->nodeLatchArea.primaryLatch) + PLAT_LATCH_BYTES;
-  return reinterpret_cast<uint64_t*>(round8(behindLatch));
+  return reinterpret_cast<uint64_t*>(static_cast<uintptr_t>(round8(behindLatch)));
 }
 
 inline uint64_t birthStamp(const SNodeCB_t* node) {
