@@ -478,7 +478,9 @@ TEST_F(Reach, ThirtyThousandLevels) {
   EXPECT_EQ(+nodes[32767]->nodeOffset, +entry_->nodeOffset);
   EXPECT_EQ(TREL_RC_NOT_FOUND, soft(nodes[0], 32768, 32766));
   EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(nodes[0], 77777));
-  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, addUp(nodes[1], deep.info));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, addUp(nodes[2], deep.info));
+  EXPECT_EQ(TREL_RC_DEPTH_LIMIT, soft(nodes[2], 77777));
+  EXPECT_EQ(TREL_RC_NOT_FOUND, soft(nodes[3], 77777));
   EXPECT_EQ(0u, addUp(nodes[3], deep.info));
   EXPECT_EQ(32768u, sum_.totalNodes);
   EXPECT_EQ(0u, trelDeleteDependentNodeAndSubtree(nodes[3], nullptr, deep.info, 0, 1));

@@ -1,7 +1,7 @@
 // Deletion of entries and of subtrees.
 #include "trel/tree.h"
 #include "treli/dependent_list.h"
-#include "treli/levels.h"
+#include "treli/traversal_stack.h"
 #include "treli/reach.h"
 #include "treli/tree_walk.h"
 

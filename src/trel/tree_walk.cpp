@@ -2,7 +2,7 @@
 #include "treli/tree_walk.h"
 
 #include "trel/tree.h"
-#include "treli/levels.h"
+#include "treli/traversal_stack.h"
 #include "trelshm/flow.h"
 
 using namespace trel;

@@ -6,8 +6,8 @@
 #pragma once
 
 #include "treli/dependent_list.h"
-#include "treli/levels.h"
 #include "treli/reach.h"
+#include "treli/traversal_stack.h"
 
 namespace trel {
 
@@ -69,6 +69,7 @@ class StableWalk {
   static bool hasChanged(const Level& level) { return mayHaveChanged(level.node, level.stamp); }
 
   uint32_t enter(SNodeCB_t* node, uint64_t size, const SeenEntry& seen) {
+    if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
     Level level;
     level.node = node;
     level.size = size;
@@ -115,7 +116,7 @@ class StableWalk {
   }
 
   Task* task_;
-  Levels<Level> levels_;
+  TraversalStack<Level> levels_;
 };
 
 }  // namespace trel

@@ -100,6 +100,7 @@ class StatusWalk {
 
  private:
   uint32_t enter(WalkLevel* level) {
+    if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
     level->stamp = stampOf(level->node);
     if (const uint32_t rc =
             openDependents(level->node, level->size, level->depth, limit_, &level->walk))
@@ -137,7 +138,7 @@ class StatusWalk {
   // What could hinder that is found out before.
   uint32_t remove(SNodeInfo_t* entry, const Reached& child, uint32_t added, WalkLevel* below) {
     if (limit_ > kMaxDepth || isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
-    if (const uint32_t rc = levels_.reserve()) return rc;
+    if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
     WalkLevel& level = levels_.top();
     const uint32_t options = (level.options | added) & ~TREL_WALK_REMOVE_TOP;
     if (const uint32_t rc = reading(level.node, 0, accept::any, [] { return 0u; })) return rc;
@@ -184,7 +185,7 @@ class StatusWalk {
 
   uint32_t operation_;
   uint64_t limit_;
-  Levels<WalkLevel> levels_;
+  TraversalStack<WalkLevel> levels_;
 };
 
 uint32_t ParentEntry::find(SNodeCB_t* node) {

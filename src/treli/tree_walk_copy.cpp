@@ -29,7 +29,9 @@ struct Child {
 
 class Walk {
  public:
-  explicit Walk(const TreePass& pass) : pass_(pass) {}
+  explicit Walk(const TreePass& pass) : pass_(pass) {
+    if (fromProcessMemory()) levels_.budget().lift();
+  }
 
   uint32_t run(const NodeCopy& name, TreeTop* top) {
     Level level = {top->node, top->segInfo, nullptr, {}, top->depth, 0, 0, 0, false};
@@ -151,6 +153,7 @@ class Walk {
     Child child;
     if (const uint32_t rc = reach(level, &child)) return rc;
     if (child.passedOver) return 0;
+    if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
     const uint64_t tag = entry_.nodeTag, idSize = entry_.idSize;
     uint64_t idSizeOut = 0, maxIdSizeOut = 0;
     SNodeInfo_t info = {};
@@ -195,7 +198,7 @@ class Walk {
   }
 
   const TreePass& pass_;
-  Levels<Level> levels_;
+  TraversalStack<Level> levels_;
   // The entry last taken out: as it is given to users, with selfOffset 0 and segBase set.
   SNodeInfo_t entry_;
   uint64_t maxIdSize_ = 0;

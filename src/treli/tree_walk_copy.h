@@ -6,8 +6,8 @@
 #pragma once
 
 #include "treli/dependent_list.h"
-#include "treli/levels.h"
 #include "treli/node_copy.h"
+#include "treli/traversal_stack.h"
 
 namespace trel {
 

@@ -13,35 +13,55 @@
 
 namespace trel {
 
+// Nodes on a path, the top among them. Also the largest limit that a caller may give.
 constexpr uint32_t kMaxDepth = 32768;
 
-template <class Level>
-class Levels {
+// How many nodes with dependents a walk may enter. A tree's are entered once each, and again where
+// lists change meanwhile, but not without end.
+class WalkBudget {
  public:
-  Levels() = default;
-  ~Levels() {
+  bool spend() {
+    if (spent_ == most_) {
+      const uint64_t byMemory = 64 * nodesThatFit();
+      if (byMemory > most_) most_ = byMemory;
+    }
+    if (spent_ == most_) return false;
+    ++spent_;
+    return true;
+  }
+  // For a tree that was made by this process for itself alone.
+  void lift() { most_ = UINT64_MAX; }
+
+ private:
+  uint64_t spent_ = 0, most_ = 4096;
+};
+
+// Level is trivially copyable and has a `node`.
+template <class Level>
+class TraversalStack {
+ public:
+  TraversalStack() = default;
+  ~TraversalStack() {
     if (levels_ != first_) release(&levels_);
   }
-  Levels(const Levels&) = delete;
-  Levels& operator=(const Levels&) = delete;
+  TraversalStack(const TraversalStack&) = delete;
+  TraversalStack& operator=(const TraversalStack&) = delete;
 
   bool empty() const { return count_ == 0; }
+  // Whether no node may be entered below the last one.
+  bool isFull() const { return count_ == kMaxDepth; }
   uint32_t count() const { return count_; }
   Level& operator[](uint32_t i) { return levels_[i]; }
   Level& top() { return levels_[count_ - 1]; }
   void pop() { --count_; }
+  WalkBudget& budget() { return budget_; }
 
-  // Makes sure of room for one more level. May move the levels.
-  uint32_t reserve() {
-    if (!isCredible()) return TREL_RC_DEPTH_LIMIT;
-    return count_ < capacity_ ? 0 : grow();
-  }
-
-  // May move the levels. Fails only for a cycle where there is room.
+  // May move the levels.
   uint32_t push(const Level& level) {
-    if (closesCycle(level.node)) return TREL_RC_DEPTH_LIMIT;
-    if (const uint32_t rc = reserve()) return rc;
-    ++pushes_;
+    if (isFull() || closesCycle(level.node) || !budget_.spend()) return TREL_RC_DEPTH_LIMIT;
+    if (count_ == capacity_) {
+      if (const uint32_t rc = grow()) return rc;
+    }
     levels_[count_++] = level;
     return 0;
   }
@@ -49,23 +69,18 @@ class Levels {
  private:
   static constexpr uint32_t kNear = 64;
 
-  // Looks at the last levels, and on a long path at one more, which moves on at powers of 2, so
-  // that any cycle comes back to it. Without this a cycle that forks would end, but not in time.
+  // Looks at the last levels, and on a long path at one more, which moves on at powers of 2
+  // (Brent's cycle detection), so that any cycle comes back to it. Without this a cycle that forks
+  // would end, but not in time.
   bool closesCycle(const void* node) const {
     for (uint32_t i = count_ > kNear ? count_ - kNear : 0; i < count_; ++i)
       if (levels_[i].node == node) return true;
     return count_ > kNear && levels_[1u << (31 - __builtin_clz(count_ - 1))].node == node;
   }
 
-  // A list is read several times where it changes meanwhile, but not without end.
-  bool isCredible() {
-    if (pushes_ >= mostPushes_) mostPushes_ = 64 * nodesThatFit();
-    return pushes_ < mostPushes_;
-  }
-
   __attribute__((noinline)) uint32_t grow() {
     Level* larger = nullptr;
-    if (count_ == kMaxDepth || obtain(&larger, 2 * capacity_) != 0) return TREL_RC_DEPTH_LIMIT;
+    if (obtain(&larger, 2 * capacity_) != 0) return TREL_RC_DEPTH_LIMIT;
     memcpy(static_cast<void*>(larger), levels_, count_ * sizeof(Level));
     if (levels_ != first_) release(&levels_);
     levels_ = larger;
@@ -74,7 +89,7 @@ class Levels {
   }
 
   uint32_t count_ = 0, capacity_ = 16;  // a power of 2, up to kMaxDepth
-  uint64_t pushes_ = 0, mostPushes_ = 4096;
+  WalkBudget budget_;
   Level first_[16];
   Level* levels_ = first_;
 };
