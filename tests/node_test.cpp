@@ -172,6 +172,14 @@ TEST(Heartbeat, ByCounterAndByTime) {
   EXPECT_EQ(seen, +watch.seenTick);
   node.cb->lastUpdateTime = 0x10000;  // a time to come
   EXPECT_EQ(TREL_RC_UPDATE_TOO_OLD, look());
+
+  // The tick has come round to a dead publisher's last one: the record has seen it stand still.
+  ASSERT_EQ(0u, trelUpdateNodeStatus(node.cb));
+  EXPECT_EQ(0u, look());
+  (reinterpret_cast<WatchMemory_t*>(&watch + 1) - 1)->milliseconds -= 40 * 1000 + 201;
+  EXPECT_EQ(TREL_RC_UPDATE_TOO_OLD, look());
+  node.cb->lastUpdateTime = node.cb->lastUpdateTime - 1;  // it moves again
+  EXPECT_EQ(0u, look());
 }
 
 }  // namespace

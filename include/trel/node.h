@@ -92,9 +92,11 @@ TREL_API uint32_t trelUpdateNodeStatus(SNodeCB_t* node);
 
 /* The observer's test. 0: the publisher has shown life, and the record has moved on. By counter:
  * TREL_RC_NO_UPDATE if the counter is that of the record. By time: TREL_RC_UPDATE_TOO_OLD if the
- * last update is more than twice updateInterval ago. The tick is 16 bits of tenths of a second, so
- * it wraps every 109 minutes, and a look just behind the wrap calls a living publisher too old:
- * believe two looks in a row. Write section. */
+ * last update is more than twice updateInterval ago, or if the record has seen it stand still for
+ * that long. The tick is 16 bits of tenths of a second and wraps every 109 minutes. So a look just
+ * behind the wrap calls a living publisher too old: believe two looks in a row. Around each later
+ * wrap the tick calls a dead one young: there the record knows better, if the observer looks at
+ * least once in 109 minutes and keeps one record for each node. Write section. */
 TREL_API uint32_t trelIsStillBeingUpdated(SNodeCB_t* node, WatchRecord_t* record);
 
 /* Changes of the node's structure so far. No latch, no test of the condition. */

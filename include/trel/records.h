@@ -31,7 +31,9 @@ typedef struct NodeOptions_t {
 } NodeOptions_t;
 
 /* An observer's memory of a heartbeat: at least the first 288 bytes of what SNodeCB_t holds from
- * eyeCatcher1 on. The observer sets updateMode and initialises seenCounter. */
+ * eyeCatcher1 on. The observer sets updateMode and initialises seenCounter. One record watches one
+ * node. The spare bytes are the observer's; those of seenCounter's cell are the library's, which
+ * keeps a WatchMemory_t in the last of them. */
 typedef struct WatchRecord_t {
   TrelU32 spare0[2];
   TrelU32 updateMode; /* TREL_UPDATE_BY_...: what to watch */
@@ -45,6 +47,16 @@ TREL_SIZE(WatchRecord_t, 288);
 TREL_OFFSET(WatchRecord_t, updateMode, 8);
 TREL_OFFSET(WatchRecord_t, seenTick, 24);
 TREL_OFFSET(WatchRecord_t, seenCounter, 160);
+
+/* By time: since when, by the observer's own clock, the node's lastUpdateTime has stood still. */
+typedef struct WatchMemory_t {
+  TrelU64 mark;         /* TREL_WATCH_MARK once the two others count */
+  TrelU64 updateTime;   /* the node's lastUpdateTime at the last look, */
+  TrelU64 milliseconds; /* and platTimeGetMonotonic when it was first seen */
+} WatchMemory_t;
+
+#define TREL_WATCH_MARK 0x5ee2b47b1f0c6a3dull
+TREL_SIZE(WatchMemory_t, 24);
 
 /* Parameters of domain creation and connection. A null record means that every field is 0, and a
  * field of 0 takes its default. Connection reads the versions, heapOffset and accessMode alone. */

@@ -41,3 +41,12 @@ uint64_t platDrawStamp(void) {
   const uint64_t stamp = spread(now + spread(process + spread(drawn + 1)));
   return stamp == 0 || stamp == ~uint64_t{0} ? 1 : stamp;
 }
+
+uint32_t platTimeGetMonotonic(uint64_t* milliseconds) {
+  if (!milliseconds) return PLAT_RC_ARGUMENT;
+  timespec clock;
+  if (clock_gettime(CLOCK_MONOTONIC, &clock) != 0) return PLAT_RC_SYSTEM;
+  *milliseconds =
+      static_cast<uint64_t>(clock.tv_sec) * 1000 + static_cast<uint64_t>(clock.tv_nsec) / 1000000;
+  return 0;
+}

@@ -61,10 +61,24 @@ uint32_t lookAtCounter(SNodeCB_t* node, WatchRecord_t* record) {
   return PLATVAtomicSigned32::swap(&record->seenCounter, now, &seen) ? uint32_t{TREL_RC_ATOMIC} : 0;
 }
 
+// For how many milliseconds the observer has seen this time of update, as its record remembers.
+uint64_t timeStoodStill(WatchRecord_t* record, uint64_t updateTime) {
+  uint64_t now = 0;
+  if (platTimeGetMonotonic(&now)) return 0;
+  uint8_t* const behindCell = record->seenCounter.cell + sizeof record->seenCounter;
+  WatchMemory_t* const memory = reinterpret_cast<WatchMemory_t*>(behindCell) - 1;
+  if (memory->mark != TREL_WATCH_MARK || memory->updateTime != updateTime)
+    *memory = {TREL_WATCH_MARK, updateTime, now};
+  return now - memory->milliseconds;
+}
+
 uint32_t lookAtTime(const SNodeCB_t* node, WatchRecord_t* record) {
-  const uint64_t now = currentTick();
+  const uint64_t now = currentTick(), updateTime = node->lastUpdateTime;
   const uint32_t allowance = 2 * node->updateInterval;  // 32 bits wide, wrap-around included
-  if (now - node->lastUpdateTime > allowance) return TREL_RC_UPDATE_TOO_OLD;
+  const uint64_t stoodStill = timeStoodStill(record, updateTime);
+  if (now - updateTime > allowance) return TREL_RC_UPDATE_TOO_OLD;
+  // The tick counts whole tenths of a coarse clock: it may call two tenths more young enough.
+  if (stoodStill > (uint64_t{allowance} + 2) * 100) return TREL_RC_UPDATE_TOO_OLD;
   record->seenTick = now;
   return 0;
 }

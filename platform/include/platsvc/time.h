@@ -20,5 +20,8 @@ PLAT_API uint32_t platTimeGetUTC(PLATTime* now);
  * the process and a counter. Never 0 and never all ones. */
 PLAT_API uint64_t platDrawStamp(void);
 
+/* Milliseconds of a clock that nobody sets: it only goes forward, from a start of its own. */
+PLAT_API uint32_t platTimeGetMonotonic(uint64_t* milliseconds);
+
 PLAT_END_C
 #endif
