@@ -21,6 +21,7 @@ int main(void) {
   TopNodeInfo_t top;
   uint64_t sizes[64] = {32}, size = 0, offset = 0;
 
+  if (trelVersion() != TREL_VERSION) check(1, "the version");
   CHECK(TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
   CHECK(trelGetProtectedStatusSegment(&segment, 0x40000, &key, 0, 0, NULL, NULL));
   if (failures) return 1;

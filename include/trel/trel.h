@@ -14,5 +14,6 @@
 #include "trel/segment.h"
 #include "trel/storage.h"
 #include "trel/tree.h"
+#include "trel/version.h"
 
 #endif

@@ -1,6 +1,7 @@
 // The library's state in a process: variables, initialisation, cleanup.
 #include "platsvc/ipc.h"
 #include "trel/segment.h"
+#include "trel/version.h"
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
 #include "treli/byte_latch.h"
@@ -108,5 +109,7 @@ uint32_t TRELCleanup(uint32_t cleanupMode) {
     return 0;
   });
 }
+
+uint32_t trelVersion() { return TREL_VERSION; }
 
 const char* trelPrintrc(uint32_t code) { return rcdErrorGetDescription(code); }
