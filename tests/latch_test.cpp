@@ -2,6 +2,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <future>
@@ -76,6 +77,60 @@ TEST_F(LatchTest, IsNotRecursiveAndLeftByItsOwnerAlone) {
   EXPECT_EQ(word(), held);
   EXPECT_EQ(platVLatchRelease(cell()), 0u);
   EXPECT_TRUE(isFree());
+}
+
+TEST_F(LatchTest, WaitsAsLongAsItIsTold) {
+  uint64_t stamp = 7;
+  uint32_t died = 5;
+  const auto get = [&](int32_t longest) {
+    const PLATLatchWait wait = {&stamp, 7, longest};
+    return platVLatchGetWithin(cell(), &wait, &died);
+  };
+  const auto stateOf = [&] {
+    PLATLatchOwner owner;
+    EXPECT_EQ(platVLatchOwner(cell(), &owner), 0u);
+    return owner.state;
+  };
+  EXPECT_EQ(stateOf(), PLAT_LATCH_FREE);
+  Holder holder(cell());
+  const uint64_t held = word();
+  EXPECT_EQ(get(0), PLAT_RC_TIMEOUT);
+  EXPECT_EQ(word(), held) << "a look leaves nothing behind";
+  EXPECT_EQ(get(20), PLAT_RC_TIMEOUT);
+  EXPECT_EQ(stateOf(), PLAT_LATCH_ALIVE);
+  holder.end();
+  EXPECT_EQ(stateOf(), PLAT_LATCH_DEAD);
+  stamp = 8;
+  EXPECT_EQ(get(0), PLAT_RC_NO_LATCH);
+  EXPECT_EQ(stateOf(), PLAT_LATCH_DEAD) << "what is a stranger's now is not repaired";
+  stamp = 7;
+  EXPECT_EQ(get(0), 0u);
+  EXPECT_EQ(died, 1u);
+  EXPECT_EQ(stateOf(), PLAT_LATCH_SELF);
+  EXPECT_EQ(platVLatchRelease(cell()), 0u);
+  const PLATLatchWait other = {&stamp, 9, 0};
+  EXPECT_EQ(plat::latchGet(cell(), &died, other), PLAT_RC_NO_LATCH);
+  EXPECT_TRUE(isFree());
+}
+
+TEST_F(LatchTest, OneMakesWhatSeveralWouldMake) {
+  memset(cell(), 0, PLAT_LATCH_BYTES);
+  const PLATLatchWait atOnce = {nullptr, 0, 0};
+  uint32_t died = 5;
+  EXPECT_EQ(platVLatchGetWithin(cell(), &atOnce, &died), PLAT_RC_NO_LATCH);
+  Child maker([&] {
+    EXPECT_EQ(platVLatchGetUnmade(cell(), &atOnce, &died), 0u);
+    for (;;) pause();
+  });
+  while (word() == 0) usleep(10);
+  EXPECT_EQ(platVLatchGetUnmade(cell(), &atOnce, &died), PLAT_RC_TIMEOUT);
+  maker.end();
+  EXPECT_EQ(platVLatchGetUnmade(cell(), &atOnce, &died), 0u);
+  EXPECT_EQ(died, 1u);
+  EXPECT_EQ(platVLatchMark(cell()), 0u);
+  EXPECT_EQ(platVLatchRelease(cell()), 0u);
+  EXPECT_EQ(platVLatchMark(cell()), PLAT_RC_NOT_OWNER);
+  EXPECT_EQ(getAside(cell()).get(), 0u);
 }
 
 TEST_F(LatchTest, UsesItsOwnBytesAtEveryAlignment) {
@@ -198,6 +253,34 @@ TEST(ByteLatch, ExcludesThreads) {
   std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work)};
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(counter, 60000u);
+  EXPECT_EQ(platByteLatchGetWithin(&latch, 0), 0u);
+  EXPECT_NE(platByteLatchGetWithin(&latch, 2), 0u);
+}
+
+// Whatever the other threads of its parent are inside of, a forked child can use the library.
+TEST(Fork, ChildrenHaveTheLatchesFreeOrStartAnew) {
+  const Life life;
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    while (!stop) {
+      TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION);
+      TRELCleanup(1);
+    }
+  });
+  const auto use = [] { EXPECT_EQ(TRELCleanup(2), 0u); };
+  for (int round = 0; round < 200; ++round) EXPECT_EQ(Child(use, false).wait(), 0);
+  stop = true;
+  busy.join();
+
+  ASSERT_EQ(platLinuxIA32AtomicTryLock8Internal(&trelSegAttachLatch), 0u);
+  Child late(
+      [] {
+        EXPECT_EQ(TRELCleanup(2), TREL_RC_NOT_INITIALISED);
+        const Life anew;
+      },
+      false);
+  EXPECT_EQ(late.wait(), 0);
+  platLinuxIA32AtomicReleaseLock8Internal(&trelSegAttachLatch);
 }
 
 }  // namespace

@@ -22,6 +22,10 @@ int main(void) {
   uint64_t sizes[64] = {32}, size = 0, offset = 0;
 
   if (trelVersion() != TREL_VERSION) check(1, "the version");
+  PLATVAtomicSigned32 cell;
+  platVAtomicStore(&cell, -7);
+  if (platVAtomicLoad(&cell) != -7) check(1, "an atomic cell");
+
   CHECK(TRELOneTimeOnlyInitialization(TREL_STRUCTURE_VERSION, TREL_STRUCTURE_VERSION));
   CHECK(trelGetProtectedStatusSegment(&segment, 0x40000, &key, 0, 0, NULL, NULL));
   if (failures) return 1;

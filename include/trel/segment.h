@@ -11,8 +11,10 @@
  * the caller has mapped, of which a process holds at most one, in trelGASegInfo.
  *
  * A forked child may read what it inherited, but must neither detach nor delete it: the counts are
- * its parent's. Where another thread of the parent used the library at the time of the fork, the
- * child must not use it: one of the two latches below may be held for good.
+ * its parent's. fork() waits until no other thread is inside one of the two latches below, up to a
+ * second; then the child starts not initialised (TREL_RC_NOT_INITIALISED) rather than in the middle
+ * of what that thread did. A bare clone() does not wait: its child may use the library only if no
+ * other thread did at that time.
  *
  * Operations return 0 or a TREL_RC_ code, the first failure, and write no out argument on failure
  * unless told otherwise. */

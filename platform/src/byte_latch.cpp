@@ -40,6 +40,16 @@ void platLockGetConflict(uint8_t* latch) {
   }
 }
 
+uint32_t platByteLatchGetWithin(uint8_t* latch, uint32_t milliseconds) {
+  constexpr int kSleepsPerMs = 1000000 / kSleepNs;
+  const int most = kSpins + kYields + static_cast<int>(milliseconds) * kSleepsPerMs;
+  for (int tries = 0; platLinuxIA32AtomicTryLock8Internal(latch); ++tries) {
+    if (tries >= most) return 1;
+    pauseFor(tries);
+  }
+  return 0;
+}
+
 void platLinuxIA32AtomicReleaseLock8Internal(uint8_t* latch) {
   __atomic_store_n(latch, 0, __ATOMIC_RELEASE);
 }

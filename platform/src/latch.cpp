@@ -9,6 +9,7 @@
 #include <errno.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "platsvc/codes.h"
@@ -57,7 +58,86 @@ void markForeign(PLATLatch* latch, uint32_t space) {
 }
 
 bool mayTakeOver(const PLATLatch* latch, uint64_t owner) {
-  return markOf(latch) == kLatchMark && threadHasEnded(owner);
+  return markOf(latch) != kForeignLatchMark && threadHasEnded(owner);
+}
+
+constexpr PLATLatchWait kNoLimit = {nullptr, 0, PLAT_LATCH_NO_LIMIT};
+
+long now() {
+  timespec time;
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return static_cast<long>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;
+}
+
+// One get, from its first look at the latch to the end of its wait.
+class Get {
+ public:
+  Get(PLATLatch* latch, bool unmade, const PLATLatchWait& wait)
+      : latch_(latch), unmade_(unmade), wait_(wait), self_(threadIdentity()) {}
+
+  // *ownerDied is written only when the owner had died.
+  uint32_t run(uint32_t* ownerDied) {
+    if (!unmade_) markForeign(latch_, self_.space);
+    if (mayHold() && replace(latch_, 0, self_.owner)) return keep(0);
+    const long start = now();
+    // From here on the caller takes the latch with the waiters bit set: others may have gone to
+    // sleep under the bit that a release has cleared.
+    for (long sleep = kFirstWaitMs; mayHold();) {
+      const uint64_t seen = load(&latch_->word);
+      const uint64_t owner = seen & ~kWaiters;
+      if (owner == 0) {
+        if (replace(latch_, seen, self_.owner | kWaiters)) return keep(seen);
+        continue;
+      }
+      if (owner == self_.owner) return PLAT_RC_ALREADY_OWNER;
+      const uint64_t awaited = owner | kWaiters;
+      const long left = wait_.longestMs < 0 ? sleep : wait_.longestMs - (now() - start);
+      if (left > 0) {
+        if (seen != awaited && !replace(latch_, seen, awaited)) continue;
+        if (!sleptInVain(latch_, awaited, sleep < left ? sleep : left)) continue;
+      }
+      if (mayTakeOver(latch_, owner)) {
+        const uint64_t dead = left > 0 ? awaited : seen;
+        if (!replace(latch_, dead, self_.owner | kWaiters)) continue;
+        const uint32_t code = keep(dead);
+        if (code == 0 && ownerDied) *ownerDied = 1;
+        return code;
+      }
+      if (left <= 0) return PLAT_RC_TIMEOUT;
+      sleep = sleep * 2 < kLongestWaitMs ? sleep * 2 : kLongestWaitMs;
+    }
+    return PLAT_RC_NO_LATCH;
+  }
+
+ private:
+  bool mayHold() const { return (unmade_ || isLatch(latch_)) && latchStampStands(wait_); }
+
+  // The latch was taken. Puts the word back if it is a stranger's.
+  uint32_t keep(uint64_t before) {
+    if (mayHold()) return 0;
+    uint64_t held = load(&latch_->word);
+    while ((held & ~kWaiters) == self_.owner && !replace(latch_, held, before | (held & kWaiters)))
+      held = load(&latch_->word);
+    return PLAT_RC_NO_LATCH;
+  }
+
+  PLATLatch* latch_;
+  bool unmade_;
+  const PLATLatchWait& wait_;
+  const PLATThreadIdentity& self_;
+};
+
+void makeReady(PLATLatch* latch) {
+  const uint32_t space = threadIdentity().space;
+  __atomic_store_n(&latch->space, space, __ATOMIC_RELAXED);
+  __atomic_store_n(&latch->mark, space == kUnknownSpace ? kForeignLatchMark : kLatchMark,
+                   __ATOMIC_RELEASE);
+}
+
+uint32_t getNoticing(void* cell, bool unmade, const PLATLatchWait* wait, uint32_t* ownerDied) {
+  if (!cell || !wait || !ownerDied) return PLAT_RC_ARGUMENT;
+  *ownerDied = 0;
+  return Get(latchAt(cell), unmade, *wait).run(ownerDied);
 }
 
 }  // namespace
@@ -67,41 +147,42 @@ using namespace plat;
 
 uint32_t platVLatchInit(void* cell, uint32_t) {
   if (!cell) return PLAT_RC_ARGUMENT;
-  PLATLatch* latch = latchAt(cell);
-  const uint32_t space = threadIdentity().space;
-  __atomic_store_n(&latch->space, space, __ATOMIC_RELAXED);
-  __atomic_store_n(&latch->mark, space == kUnknownSpace ? kForeignLatchMark : kLatchMark,
-                   __ATOMIC_RELAXED);
-  __atomic_store_n(&latch->word, 0, __ATOMIC_RELEASE);
+  makeReady(latchAt(cell));
+  __atomic_store_n(&latchAt(cell)->word, 0, __ATOMIC_RELEASE);
   return 0;
 }
 
-uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied) {
-  PLATLatch* latch = latchAt(cell);
-  const PLATThreadIdentity& self = threadIdentity();
-  markForeign(latch, self.space);
-  if (isLatch(latch) && replace(latch, 0, self.owner)) return 0;
+uint32_t platVLatchMark(void* cell) {
+  if (!platVLatchIsHeld(cell)) return PLAT_RC_NOT_OWNER;
+  makeReady(latchAt(cell));
+  return 0;
+}
 
-  // From here on the caller takes the latch with the waiters bit set: others may have gone to
-  // sleep under the bit that a release has cleared.
-  for (long wait = kFirstWaitMs; isLatch(latch);) {
-    const uint64_t seen = load(&latch->word);
-    const uint64_t owner = seen & ~kWaiters;
-    if (owner == 0) {
-      if (replace(latch, seen, self.owner | kWaiters)) return 0;
-      continue;
-    }
-    if (owner == self.owner) return PLAT_RC_ALREADY_OWNER;
-    const uint64_t awaited = owner | kWaiters;
-    if (seen != awaited && !replace(latch, seen, awaited)) continue;
-    if (!sleptInVain(latch, awaited, wait)) continue;
-    if (mayTakeOver(latch, owner) && replace(latch, awaited, self.owner | kWaiters)) {
-      if (ownerDied) *ownerDied = 1;
-      return 0;
-    }
-    wait = wait * 2 < kLongestWaitMs ? wait * 2 : kLongestWaitMs;
-  }
-  return PLAT_RC_NO_LATCH;
+uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied, const PLATLatchWait* wait) {
+  return Get(latchAt(cell), false, wait ? *wait : kNoLimit).run(ownerDied);
+}
+
+uint32_t platVLatchGetWithin(void* cell, const PLATLatchWait* wait, uint32_t* ownerDied) {
+  return getNoticing(cell, false, wait, ownerDied);
+}
+
+uint32_t platVLatchGetUnmade(void* cell, const PLATLatchWait* wait, uint32_t* ownerDied) {
+  return getNoticing(cell, true, wait, ownerDied);
+}
+
+uint32_t platVLatchOwner(const void* cell, PLATLatchOwner* owner) {
+  if (!cell || !owner) return PLAT_RC_ARGUMENT;
+  const PLATLatch* latch = latchAt(const_cast<void*>(cell));
+  const uint64_t word = load(&latch->word) & ~kWaiters;
+  owner->thread = static_cast<uint32_t>(word & kThreadMask);
+  owner->process = 0;
+  owner->token = static_cast<uint32_t>(word >> 32);
+  owner->state = !isLatch(latch)                  ? PLAT_LATCH_NONE
+                 : word == 0                      ? PLAT_LATCH_FREE
+                 : word == threadIdentity().owner ? PLAT_LATCH_SELF
+                 : mayTakeOver(latch, word)       ? PLAT_LATCH_DEAD
+                                                  : PLAT_LATCH_ALIVE;
+  return 0;
 }
 
 uint32_t platVLatchIsHeld(const void* cell) {

@@ -1,4 +1,5 @@
-// The library's state in a process: variables, initialisation, cleanup.
+// The library's state in a process: variables, initialisation, cleanup, forks.
+#include "platsvc/fork.h"
 #include "platsvc/ipc.h"
 #include "trel/segment.h"
 #include "trel/version.h"
@@ -72,6 +73,36 @@ uint32_t forgetAttachments() {
   }
   return release(&pSegAttachList);
 }
+
+// Forks. Whoever forks holds the two process-wide latches meanwhile, so that no other thread is in
+// the middle of what they guard. If they cannot be had in time, the child may find that half done:
+// it starts not initialised.
+
+constexpr uint32_t kLongestForkMs = 1000;
+
+// What prepare() took. Several threads can fork at a time.
+__thread __attribute__((tls_model("initial-exec"))) bool tookInit, tookAttach;
+
+void prepare() {
+  tookInit = platByteLatchGetWithin(&trelAPIInitLatch, kLongestForkMs / 2) == 0;
+  tookAttach = tookInit && !AttachLatch::isMine() &&
+               platByteLatchGetWithin(&trelSegAttachLatch, kLongestForkMs / 2) == 0;
+}
+
+void giveBack() {
+  if (tookAttach) giveByteLatch(&trelSegAttachLatch);
+  if (tookInit) giveByteLatch(&trelAPIInitLatch);
+}
+
+void beginChild() {
+  // A thread that forks inside an operation goes on inside it, in the child as well.
+  if (tookAttach || AttachLatch::isMine()) return giveBack();
+  trelAPIInitLatch = trelSegAttachLatch = 0;
+  trelAPIInitRefCount = 0;
+  trelAPIIsInitialized = TREL_API_UNINITIALISED;
+}
+
+__attribute__((constructor)) void watchForks() { platAtFork(prepare, giveBack, beginChild); }
 
 }  // namespace
 }  // namespace trel

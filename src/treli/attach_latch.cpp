@@ -15,4 +15,6 @@ AttachLatch::~AttachLatch() {
   if (--depth == 0) giveByteLatch(&trelSegAttachLatch);
 }
 
+bool AttachLatch::isMine() { return depth != 0; }
+
 }  // namespace trel

@@ -10,6 +10,8 @@ class AttachLatch {
  public:
   AttachLatch();
   ~AttachLatch();
+  // Whether the calling thread holds it by such an object.
+  static bool isMine();
   AttachLatch(const AttachLatch&) = delete;
   AttachLatch& operator=(const AttachLatch&) = delete;
 };

@@ -55,7 +55,7 @@ __attribute__((visibility("default"))) uint32_t faultyCount() {
 }
 
 uint32_t platVLatchInitReal(void* cell, uint32_t one);
-uint32_t platLatchGetSlowReal(void* cell, uint32_t* ownerDied);
+uint32_t platLatchGetSlowReal(void* cell, uint32_t* ownerDied, const PLATLatchWait* wait);
 uint32_t platLatchReleaseSlowReal(void* cell);
 
 uint32_t platVLatchInit(void* cell, uint32_t one) {
@@ -64,9 +64,9 @@ uint32_t platVLatchInit(void* cell, uint32_t one) {
   return code;
 }
 
-uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied) {
+uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied, const PLATLatchWait* wait) {
   const uint32_t code =
-      failsNow(kFaultyGet) ? PLAT_RC_SYSTEM : platLatchGetSlowReal(cell, ownerDied);
+      failsNow(kFaultyGet) ? PLAT_RC_SYSTEM : platLatchGetSlowReal(cell, ownerDied, wait);
   hideIdentityWhileArmed();
   return code;
 }

@@ -29,6 +29,15 @@ typedef struct PLATVAtomicSigned32 {
 #endif
 } PLATVAtomicSigned32;
 
+/* The number in a cell, and a store of it, for C. Acquire and release. */
+static inline int32_t platVAtomicLoad(const PLATVAtomicSigned32* cell) {
+  return __atomic_load_n((const int32_t*)(((uintptr_t)cell + 3) & ~(uintptr_t)3), __ATOMIC_ACQUIRE);
+}
+
+static inline void platVAtomicStore(PLATVAtomicSigned32* cell, int32_t value) {
+  __atomic_store_n((int32_t*)(((uintptr_t)cell + 3) & ~(uintptr_t)3), value, __ATOMIC_RELEASE);
+}
+
 #ifdef __cplusplus
 
 inline uint32_t PLATVAtomicSigned32::init(PLATVAtomicSigned32* cell, int32_t value, uint32_t) {

@@ -5,6 +5,7 @@
 #include <stddef.h>
 
 #include "platsvc/base.h"
+#include "platsvc/codes.h"
 
 PLAT_BEGIN_C
 
@@ -30,6 +31,50 @@ PLAT_API uint32_t platVLatchGetNoticing(void* cell, uint32_t* ownerDied);
 /* 1 if the calling thread holds the latch, else 0. */
 PLAT_API uint32_t platVLatchIsHeld(const void* cell);
 
+/* For what and how long a get waits. */
+typedef struct PLATLatchWait {
+  /* Null, or 8 bytes, 4-aligned, that change when the memory of the cell is put to other use. They
+   * are compared with stampSeen after each sleep, and once the latch is held; a latch that another
+   * value shows to be a stranger's is left as it was found, and the result is PLAT_RC_NO_LATCH. */
+  const void* stamp;
+  uint64_t stampSeen;
+  /* Milliseconds after which an owner that lives is waited for no longer: PLAT_RC_TIMEOUT. 0 never
+   * waits, and takes over from a dead owner at once; below 0 is no limit. */
+  int32_t longestMs;
+} PLATLatchWait;
+
+#define PLAT_LATCH_NO_LIMIT (-1)
+
+/* platVLatchGetNoticing with a wait of one's own. */
+PLAT_API uint32_t platVLatchGetWithin(void* cell, const PLATLatchWait* wait, uint32_t* ownerDied);
+
+/* The same on a cell that may not be ready yet: one that was never made ready is free while its
+ * word is 0. For whoever makes the memory around it, and would not have two do so: he who has the
+ * latch looks whether it was made meanwhile, makes it, marks the cell, and releases it. *ownerDied
+ * tells of a maker that died. */
+PLAT_API uint32_t platVLatchGetUnmade(void* cell, const PLATLatchWait* wait, uint32_t* ownerDied);
+
+/* Makes ready a cell whose latch the calling thread got in that way, and goes on holding it. */
+PLAT_API uint32_t platVLatchMark(void* cell);
+
+/* What a look at a latch shows; it may be over as soon as the call returns. */
+typedef struct PLATLatchOwner {
+  uint32_t state;   /* PLAT_LATCH_... */
+  uint32_t thread;  /* the owner's kernel thread id, as its own namespace has it; 0 if free */
+  uint32_t process; /* its process as the caller sees it; 0 if that cannot be seen */
+  uint32_t token;   /* its life token; 0 if free */
+} PLATLatchOwner;
+
+#define PLAT_LATCH_NONE 0u  /* the cell holds no latch; the rest is what its word would mean */
+#define PLAT_LATCH_FREE 1u  /* nobody holds it */
+#define PLAT_LATCH_SELF 2u  /* the calling thread holds it */
+#define PLAT_LATCH_ALIVE 3u /* another thread holds it, which lives, or cannot be judged */
+#define PLAT_LATCH_DEAD 4u  /* its owner died; the next get takes it over */
+
+/* Looks at a latch and takes nothing, waits for nobody, writes nothing: a read-only mapping will
+ * do. Makes system calls if the latch is held by another thread. */
+PLAT_API uint32_t platVLatchOwner(const void* cell, PLATLatchOwner* owner);
+
 /* Frees the latch. PLAT_RC_NOT_OWNER, and nothing changed, if the calling thread does not hold it;
  * a forked child does not hold what its parent holds. */
 PLAT_API uint32_t platVLatchRelease(void* cell);
@@ -40,6 +85,8 @@ PLAT_API uint32_t platVLatchRelease(void* cell);
 PLAT_API uint32_t platLinuxIA32AtomicTryLock8Internal(uint8_t* latch);
 /* Waits until the caller holds the latch. */
 PLAT_API void platLockGetConflict(uint8_t* latch);
+/* The same, for about that long at most: non-zero if the latch is still busy then. */
+PLAT_API uint32_t platByteLatchGetWithin(uint8_t* latch, uint32_t milliseconds);
 /* Frees the latch. */
 PLAT_API void platLinuxIA32AtomicReleaseLock8Internal(uint8_t* latch);
 
@@ -78,8 +125,8 @@ extern PLAT_API __thread __attribute__((tls_model("initial-exec")))
 PLATThreadIdentity platThreadIdentity;
 
 /* The whole of get and release, whatever stopped the short paths below. *ownerDied is written only
- * when the owner had died; ownerDied may be null. */
-PLAT_API uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied);
+ * when the owner had died; ownerDied may be null, and wait, for no limit and no stamp. */
+PLAT_API uint32_t platLatchGetSlow(void* cell, uint32_t* ownerDied, const PLATLatchWait* wait);
 PLAT_API uint32_t platLatchReleaseSlow(void* cell);
 }
 
@@ -89,19 +136,29 @@ inline PLATLatch* latchAt(void* cell) {
   return reinterpret_cast<PLATLatch*>((reinterpret_cast<uintptr_t>(cell) + 7) & ~uintptr_t{7});
 }
 
-/* The two operations of the hot paths. *ownerDied is written only when the owner had died. */
-inline uint32_t latchGet(void* cell, uint32_t* ownerDied) {
+// The get of a free latch.
+inline bool latchTake(void* cell) {
   PLATLatch* latch = latchAt(cell);
   uint64_t free = 0;
-  if (__builtin_expect(
-          __atomic_load_n(&latch->mark, __ATOMIC_RELAXED) == kLatchMark &&
-              __atomic_load_n(&latch->space, __ATOMIC_RELAXED) == platThreadIdentity.space &&
-              __atomic_compare_exchange_n(&latch->word, &free, platThreadIdentity.owner, false,
-                                          __ATOMIC_ACQUIRE, __ATOMIC_RELAXED),
-          1)) {
-    return 0;
-  }
-  return platLatchGetSlow(cell, ownerDied);
+  return __builtin_expect(
+      __atomic_load_n(&latch->mark, __ATOMIC_RELAXED) == kLatchMark &&
+          __atomic_load_n(&latch->space, __ATOMIC_RELAXED) == platThreadIdentity.space &&
+          __atomic_compare_exchange_n(&latch->word, &free, platThreadIdentity.owner, false,
+                                      __ATOMIC_ACQUIRE, __ATOMIC_RELAXED),
+      1);
+}
+
+// Whether the memory around a latch is what it was. Two loads, since a locked one would write.
+inline bool latchStampStands(const PLATLatchWait& wait) {
+  if (!wait.stamp) return true;
+  const uint32_t* half = static_cast<const uint32_t*>(wait.stamp);
+  return __atomic_load_n(half, __ATOMIC_RELAXED) == static_cast<uint32_t>(wait.stampSeen) &&
+         __atomic_load_n(half + 1, __ATOMIC_RELAXED) == static_cast<uint32_t>(wait.stampSeen >> 32);
+}
+
+// The two operations of the hot paths. *ownerDied is written only when the owner had died.
+inline uint32_t latchGet(void* cell, uint32_t* ownerDied) {
+  return latchTake(cell) ? 0 : platLatchGetSlow(cell, ownerDied, nullptr);
 }
 
 inline uint32_t latchRelease(void* cell) {
@@ -112,6 +169,14 @@ inline uint32_t latchRelease(void* cell) {
     return 0;
   }
   return platLatchReleaseSlow(cell);
+}
+
+// A get with a wait of its own, which is read only if the latch is not free or has a stamp.
+inline uint32_t latchGet(void* cell, uint32_t* ownerDied, const PLATLatchWait& wait) {
+  if (!latchTake(cell)) return platLatchGetSlow(cell, ownerDied, &wait);
+  if (__builtin_expect(latchStampStands(wait), 1)) return 0;
+  latchRelease(cell);
+  return PLAT_RC_NO_LATCH;
 }
 
 }  // namespace plat

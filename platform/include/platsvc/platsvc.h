@@ -5,6 +5,7 @@
 #include "platsvc/atomic.h"
 #include "platsvc/base.h"
 #include "platsvc/codes.h"
+#include "platsvc/fork.h"
 #include "platsvc/ipc.h"
 #include "platsvc/latch.h"
 #include "platsvc/memory.h"
