@@ -160,13 +160,15 @@ struct TreeCopy {
   uint32_t method = TREL_TREE_COPY_DIRECT;
   uint32_t flags = TREL_TREE_COPY_ALL, limits = TREL_COPY_LIMITS_KEEP, size = 0x1000000;
   uint64_t maxDepth = 0;
+  uint32_t poolSize = 0;
   SNodeCB_t* newTop = nullptr;
   ShmSegInfo_t* dst = nullptr;
   uint64_t bytes = 0;
 
   uint32_t run() {
-    return trelCopyTreeIntoSingleShmSegment(top, &newTop, source, &dst, size, key, 0, 0, nullptr,
-                                            nullptr, flags, method, limits, maxDepth, &bytes);
+    return trelCopyTreeIntoSingleShmSegment(top, &newTop, source, &dst, size, key, 0, poolSize,
+                                            nullptr, nullptr, flags, method, limits, maxDepth,
+                                            &bytes);
   }
   ~TreeCopy() {
     if (dst) {

@@ -240,6 +240,21 @@ TEST_F(Copy, DownToADepth) {
   EXPECT_EQ(result.newTop->nodeSize, result.bytes);
 }
 
+// A key that is taken is found out before anything of the source is touched.
+TEST_F(Copy, UnderAKeyThatIsTaken) {
+  for (const uint32_t method : kMethods) {
+    Random random(method);
+    Source source(1, 8, random);
+    const Segment other;
+    Result result(source, method);
+    result.key = other.key;
+    const Text before = TreePicture(source.top).text;
+    EXPECT_EQ(TREL_RC_TREE_NOT_COPIED, result.run());
+    EXPECT_EQ(before, TreePicture(source.top).text);
+    EXPECT_TRUE(source.first().key.exists());
+  }
+}
+
 // A source in memory that the caller mapped: who takes its place lies at the same address.
 TEST_F(Copy, ASourceAtAnAddress) {
   const std::unique_ptr<void, void (*)(void*)> memory(aligned_alloc(4096, kRoom), free);
@@ -294,6 +309,73 @@ TEST_F(Copy, SegmentsThatAreNotAttached) {
   TreeCopy copy{top.node, &first.info, key};
   ASSERT_EQ(0u, copy.run());
   EXPECT_EQ(3u, TreeWalker({copy.dst}).walk(copy.newTop));
+}
+
+// A pool filled to the brim goes into one of its size, lists in hash form and empty ones with it.
+TEST_F(Copy, NeedsNoMoreThanItsSource) {
+  for (unsigned seed = 1; seed <= 12; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Random random(seed);
+    Segment full;
+    NodePlan wide{kBare, 200};
+    const Made top = makeNode(full, wide, 1, "top", nullptr);
+    for (uint64_t tag = 2; tag < 200; ++tag) {
+      NodePlan plan = anySpec(random);
+      if (tag == 2) plan.exports |= TREL_EXPORT_R, plan.lists[TREL_EXPORT_R] = {1000, 1};
+      SNodeCB_t* probe = nullptr;
+      uint64_t size = 0, offset = 0;
+      if (trelCreateNode(full.info, &probe, plan.exports, sizesOf(plan).data(), &size, &offset))
+        break;
+      EXPECT_EQ(0u, trelDisclaimNode(&probe, full.pool(), TREL_STRUCTURE_VERSION));
+      const Made made = makeNode(full, plan, tag, "node", &top);
+      if (seed % 2) fillProperties(made.node, plan, random);
+    }
+    const uint64_t children = dependentsOf(top.node).first;
+    Key key;
+    TreeCopy copy{top.node, &full.info, key, kMethods[seed % 3], 1, 1 + seed % 2, 0x100000};
+    ASSERT_EQ(0u, copy.run());
+    EXPECT_EQ(children, dependentsOf(copy.newTop).first);
+  }
+}
+
+TEST_F(Copy, EmptyListsKeepTheirRoom) {
+  const NodePlan plan{kBare | TREL_EXPORT_CHANGE_LIST | TREL_EXPORT_V | TREL_EXPORT_IR,
+                      7,
+                      {{TREL_EXPORT_V, {9, 0}}, {TREL_EXPORT_IR, {30, 1, 8}}}};
+  const auto room = [](SNodeCB_t* node) {
+    uint64_t current, v, ir;
+    EXPECT_EQ(0u, trelGetNumberOfVProperties(node, &current, &v, 0));
+    EXPECT_EQ(0u, trelGetNumberOfIRProperties(node, &current, &ir, 0));
+    SNodeInfo_t entry = {1, 2, 0, 0, 8, 8, 0};
+    EXPECT_EQ(0u, trelAddDependentNode(node, &entry, bytes("n"), 1, 0, 0));
+    return std::array<uint64_t, 3>{v, ir, dependentsOf(node).second};
+  };
+  for (const uint32_t limits : {TREL_COPY_LIMITS_KEEP, TREL_COPY_LIMITS_CHANGE_LIST}) {
+    Segment segment;
+    const Made top = makeNode(segment, plan, 1, "top", nullptr);
+    Made node = makeNode(segment, plan, 2, "n", &top);
+    for (uint32_t bit : {TREL_EXPORT_V, TREL_EXPORT_IR}) {
+      ListLimits list = plan.lists.at(bit);
+      EXPECT_EQ(0u, (Api{node.node, bit}.create(list)));
+      EXPECT_EQ(0u, (Api{top.node, bit}.create(list)));
+    }
+    const auto before = room(node.node);
+    const SNodeInfo_t entry = {1, 2, 1, 0, 8, 8, 0};
+    EXPECT_EQ(0u, trelDeleteDependentNode(node.node, &entry, bytes("n"), 0));
+    SNodeCB_t* made = nullptr;
+    uint64_t size = 0;
+    EXPECT_EQ(0u, trelRecreateNodeWithMoreDepNodes(&node.node, &made, segment.info, segment.info, 0,
+                                                   &size));
+    const auto recreated = room(made);
+    EXPECT_EQ(before, recreated);
+    EXPECT_EQ(0u, trelDeleteDependentNode(made, &entry, bytes("n"), 0));
+    Key key;
+    TreeCopy copy{top.node, &segment.info, key, TREL_TREE_COPY_DIRECT, 1, limits};
+    ASSERT_EQ(0u, copy.run());
+    const TreePicture picture(copy.newTop, true);
+    EXPECT_EQ(0u, picture.nodes[1]->exports & TREL_EXPORT_DEPENDENT);
+    EXPECT_EQ(before, room(picture.nodes[1]));
+  }
 }
 
 // ---- Recreation ------------------------------------------------------------------------------

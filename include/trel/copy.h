@@ -1,11 +1,14 @@
 /* Copies of nodes and trees.
  *
  * A node's block cannot grow. A node or tree whose limits are to change is rebuilt elsewhere: its
- * sections are sized anew, its lists made empty, and each property is read from the source and
- * added to the copy. So a copy is compact: no free records, no freed list nodes. Not carried over:
- * the rc of each property, which starts at 0, and reconfigCounter, which counts what the copy did.
+ * lists are made empty, and each property is read from the source and added to the copy. So a copy
+ * is compact: no free records, no freed list nodes. A section keeps its size unless the limit of
+ * its list is to change, so that a full segment fits one of its own size; a list that is empty for
+ * the moment keeps its room. Not carried over: the rc of each property, which starts at 0, and
+ * reconfigCounter, which counts what the copy did.
  *
- * Operations return 0 or a TREL_RC_ code, the first failure. */
+ * Operations return 0 or a TREL_RC_ code, the first failure. Pointers that are not said to be null
+ * may not be; outs that are not named keep what they held when an operation fails. */
 #ifndef TREL_COPY_H
 #define TREL_COPY_H
 
@@ -20,7 +23,10 @@ TREL_BEGIN_C
 
 /* copyLimits */
 #define TREL_COPY_LIMITS_KEEP 1u
-#define TREL_COPY_LIMITS_CHANGE_LIST 2u /* exports and limits from the source's change list */
+/* exports and limits from the source's change list, if the source has one that was filled. Its
+ * words are new maxima of R, V, IR, IV and of dependents; one below what the source holds is passed
+ * over, and so is a word of 0, but where trelCopyNode meets a property list without a property. */
+#define TREL_COPY_LIMITS_CHANGE_LIST 2u
 
 /* copyDependents */
 #define TREL_COPY_DEPENDENTS_EMPTY 17u /* an empty list, and a record that names the copy */
@@ -40,13 +46,16 @@ TREL_BEGIN_C
 #define TREL_TREE_COPY_LEFT_OUT 153u
 
 /* The maximum identifier size stored in the node, 0 without an identifier section. kind:
- * TREL_EXPORT_ID. No latch. */
+ * TREL_EXPORT_ID. No latch. A failure leaves *size. */
 TREL_API uint32_t trelGetMaxIDSizeForStatusNode(SNodeCB_t* node, uint32_t kind, uint64_t* size);
 
-/* The 64 section sizes for trelCreateNode, and the size of the node, from limits. Of a section
- * whose bit is not in exports nothing is looked at. hashR and its like: 1 for a list in hash form,
- * 0 for a flat one. maxVSize serves V and Base V. A failure leaves the array filled up to the slot
- * that failed, and *total the sum so far. */
+/* The 64 section sizes for trelCreateNode, and the size of the node, in bytes, from limits. The
+ * section with export bit 2 << n has sizes[n]: 0 identifier, 1 record of 24 bytes, 2 module, 3
+ * parent, 4 Base R, 5 Base V, 6 R, 7 V, 8 IR, 9 IV, 10 dependents, 11 change list; all others
+ * become 0. Of a section whose bit is not in exports nothing is looked at. maxR, maxV, maxIR and
+ * maxIV count properties; 0 is allowed. hashR and its like: 1 for a list in hash form, 0 for a flat
+ * one. maxVSize serves V and Base V. ...TableSize: as wanted, a prime from there on is taken. A
+ * failure leaves the array filled up to the slot that failed, and *total the sum so far. */
 TREL_API uint32_t trelCreateMaxSpaceArray(
     uint64_t exports, uint64_t maxR, uint64_t hashR, uint64_t maxV, uint64_t maxVSize,
     uint64_t hashV, uint64_t maxIR, uint64_t irTagTableSize, uint64_t irIdTableSize,
@@ -67,10 +76,13 @@ TREL_API uint32_t trelCreateMaxSpaceArray(
  * dependents in the same memory; idOut, *idSizeOut and *maxIdSizeOut repeat the name. In direction
  * 1 its offsets are addresses, with the module on the HDM list in process memory. With
  * TREL_COPY_DEPENDENTS_SAME *info gets nodeOffset, nodeTag and idSize of the copy alone; of the
- * record that led to src only *maxIdSize is read.
+ * record that led to src only *maxIdSize is read. idOut: room for *idSize bytes, may be id. *info,
+ * idOut and the sizes are written when the copy stands; *nodeSize is the size of its block.
  *
- * A section that was never filled stays so in the copy, and keeps its size. A node that is not yet
- * active and has properties cannot be copied. */
+ * A section that was never filled stays so in the copy, and keeps its size. A list in hash form is
+ * made for as many properties as its count reports, which can be a few more than it was made for,
+ * so this copy alone can be larger than its source. A node that is not yet active and has
+ * properties cannot be copied. */
 TREL_API uint32_t trelCopyNode(ShmSegInfo_t* srcSegInfo, ShmSegInfo_t* dstSegInfo, SNodeCB_t* src,
                                SNodeCB_t** dst, uint64_t parentNodeOffset,
                                uint64_t parentSegInfoOffset, uint64_t parentHdmInfoOffset,
@@ -83,7 +95,7 @@ TREL_API uint32_t trelCopyNode(ShmSegInfo_t* srcSegInfo, ShmSegInfo_t* dstSegInf
 
 /* The second half of it: fills dst, a fresh block whose sections fit `limits`. The caller holds the
  * read section of src; the write section of dst is taken. dstSegInfo: null for a copy in process
- * memory. */
+ * memory. A failure leaves dst partly filled. */
 TREL_API uint32_t trelCopyNodeData(
     SNodeCB_t* src, SNodeCB_t* dst, uint64_t parentNodeOffset, uint64_t parentSegInfoOffset,
     uint64_t parentHdmInfoOffset, uint64_t parentSegBase, uint64_t nodeOffset,
@@ -101,14 +113,21 @@ TREL_API uint32_t trelCopyNodeData(
  * address in access mode 3. _VIA_SEGMENT, by way of a temporary segment of the key given into one
  * of the source's key. Whoever takes the source's key takes its access mode too.
  *
+ * A process may be killed anywhere: DIRECT and _VIA_SEGMENT leave a whole tree under at least one
+ * of the two keys, the temporary one for as long as the source's has none. _VIA_PM does not: from
+ * the deletion of the source until the new segment is filled the only copy is in process memory and
+ * dies with it. Prefer _VIA_SEGMENT where the key is to stay. A key that a death left
+ * without a tree is freed by removing its segment.
+ *
  * size, address, poolSize, domainParam, poolParam: as in trelGetProtectedStatusSegment;
  * permissions, owner and group are by default those of the source. maxDepth: levels to copy and to
  * abandon, the top among them; 0: no limit; at most 32768. *totalSize: the nodes' bytes in the last
  * pass.
  *
- * TREL_RC_TREE_NOT_COPIED: there is no copy, and the source is usable. TREL_RC_TREE_COPY_CLEANUP:
- * the copy stands, with *newTop and *dstSeg, and what comes after it failed. *dstSeg is null after
- * other failures, but untouched where method or key are refused.
+ * TREL_RC_TREE_NOT_COPIED: there is no copy, and the source is usable; so also for a key that is
+ * taken. TREL_RC_TREE_COPY_CLEANUP: the copy stands, with *newTop and *dstSeg, and what comes after
+ * it failed. *dstSeg is null after other failures, but untouched where method or key are refused.
+ * *newTop is null after failures, but for those below and those of the arguments, which leave it.
  *
  * The only copy of a tree is never deleted. If _VIA_SEGMENT fails once the source is gone, the tree
  * is found under the temporary key, detached. If _VIA_PM does, *newTop is the top of the tree in
@@ -116,11 +135,11 @@ TREL_API uint32_t trelCopyNodeData(
  * whose records hold addresses, are freed with _platMemFree, their modules with
  * trelDeleteHDMPMLList.
  *
- * The source goes on being read and written meanwhile. Each node of the copy is one state of its
- * source; what is written to a node after its turn, and before it is abandoned, is lost. Held for
- * each pass: trelSegAttachLatch, then the heapLatch of the source's domain, and inside them each
- * node's section in turn; so a thread inside a section must not attach or detach meanwhile. One
- * copy _VIA_PM in a process at a time. */
+ * The source goes on being read and written meanwhile. Each node of the copy, with its list of
+ * dependents, is one state of its source; what is written to a node after its turn, and before it
+ * is abandoned, is lost. Held for each pass: trelSegAttachLatch, then the heapLatch of the source's
+ * domain, and inside them each node's section in turn; so a thread inside a section must not attach
+ * or detach meanwhile. One copy _VIA_PM in a process at a time. */
 TREL_API uint32_t trelCopyTreeIntoSingleShmSegment(
     SNodeCB_t* srcTop, SNodeCB_t** newTop, ShmSegInfo_t** srcSeg, ShmSegInfo_t** dstSeg,
     uint32_t size, const PLATIPCResID* key, uintptr_t address, uint32_t poolSize,
@@ -132,8 +151,10 @@ TREL_API uint32_t trelCopyTreeIntoSingleShmSegment(
  * stay so. *marker: TREL_TREE_COPY_LEFT_OUT, with success and no copy, for a node that is abandoned
  * or left out; else untouched. *totalSize grows by the size of each copy. *newNode is written when
  * that node is copied, and stays after a failure further down: whatever hangs below it is the
- * caller's to dispose of. The source of direction 2 is left whole. A tree of more than 32768 levels
- * gives TREL_RC_DEPTH_LIMIT. */
+ * caller's to dispose of. *info names the copy as in trelCopyNode; *maxIdSize is only handed on to
+ * *maxIdSizeOut, since each list keeps its own maximum. A dependent that is deleted meanwhile is
+ * passed over. The source of direction 2 is left whole. A tree of more than 32768 levels gives
+ * TREL_RC_DEPTH_LIMIT. */
 TREL_API uint32_t trelCopyTreeRecursively(
     SNodeCB_t* node, SNodeCB_t** newNode, ShmSegInfo_t* srcSegInfo, ShmSegInfo_t* dstSegInfo,
     ShmSegInfo_t* topSegInfo, uint32_t reserved, uint32_t copyFlags, uint32_t copyDirection,

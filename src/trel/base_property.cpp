@@ -1,33 +1,10 @@
-// Base properties: one record, without a list. The section's `used` tells whether it exists.
+// Operations on Base properties.
+#include "treli/base_property.h"
+
 #include "trel/property.h"
-#include "treli/property_access.h"
 
 namespace trel {
 namespace {
-
-template <class K>
-uint64_t bytesInUse(const List<K>& list) {
-  return Form<K>::flatHeader + list.recordBytes();
-}
-
-// Writes the property over an earlier one, if there is any; while it is written there is none. The
-// checks of the two kinds are their own and come before.
-template <class K>
-uint32_t createBase(const List<K>& list, const Key& key, const Value& value,
-                    uint64_t inCriticalSection) {
-  return writing(list.node, inCriticalSection, accept::settled, [&]() -> uint32_t {
-    const uint64_t start = list.offset + Form<K>::flatHeader;
-    const uint64_t before = list.slot->used;
-    storeLast(&list.slot->used, 0);
-    if (const uint32_t rc = fill(list, list.recordAt(start), key, value)) {
-      list.slot->used = before;
-      return rc;
-    }
-    if (K::hasBytes) *wordAt(list.node, list.offset) = list.maxValueSize;
-    storeLast(&list.slot->used, bytesInUse(list));
-    return countReconfiguration(list.node);
-  });
-}
 
 template <class K>
 uint32_t deleteBase(SNodeCB_t* node, uint64_t tag, uint64_t inCriticalSection) {
@@ -94,7 +71,7 @@ uint32_t trelCreateBaseRProperty(SNodeCB_t* node, uint64_t tag, int32_t value,
     if (const uint32_t rc = openSection(&list)) return rc;
     if (list.size < bytesInUse(list)) return flow.fail(Codes<K>::flatFit);
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE, &tag, sizeof tag);
-    return createBase(list, Key{tag}, Value{value}, inCriticalSection);
+    return writeBase(list, Key{tag}, Value{value}, inCriticalSection);
   });
 }
 
@@ -115,7 +92,7 @@ uint32_t trelCreateBaseVProperty(SNodeCB_t* node, uint64_t tag, const uint8_t* v
       return flow.fail(TREL_RC_VALUE_SIZE, &size, sizeof size);
     if (const uint32_t rc = openSection(&list)) return rc;
     if (list.size < bytesInUse(list)) return flow.fail(Codes<K>::flatFit);
-    return createBase(list, Key{tag}, Value{0, size, value}, inCriticalSection);
+    return writeBase(list, Key{tag}, Value{0, size, value}, inCriticalSection);
   });
 }
 

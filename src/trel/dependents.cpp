@@ -1,7 +1,7 @@
 // The list of a node's dependents, and the record of its parent.
 #include "trel/tree.h"
 #include "treli/dependent_list.h"
-#include "trelll/enter.h"
+#include "treli/node_record.h"
 #include "trelshm/process_memory.h"
 #include "trelshm/store.h"
 
@@ -141,14 +141,10 @@ uint32_t trelAddStatusNodeInfo(SNodeInfo_t* record, ShmSegInfo_t* parentSegment,
     if (!record) return flow.fail(TREL_RC_NODE_INFO_NULL);
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE);
     if (idSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_SIZE);
-    ShmPoolHandle_t* pool = parentSegment->shmPoolHandle;
-    if (!pool) return flow.logged(TREL_RC_POOL_HANDLE_NULL, nullptr);
-    uint64_t identity = 0, entered = 0;
-    if (const uint32_t rc = enterIdentity(pool, &nodeSegment->identity, &identity))
-      return flow.fail(rc);
-    if (const uint32_t rc = enterModule(pool, module, &entered)) return flow.fail(rc);
-    *record = {nodeOffset, tag, idSize, 0, identity, entered, offsetOf(pool->base, nullptr)};
-    return 0;
+    if (!parentSegment->shmPoolHandle) return flow.logged(TREL_RC_POOL_HANDLE_NULL, nullptr);
+    const uint32_t rc =
+        recordNode(record, parentSegment, nodeSegment, nodeOffset, tag, idSize, module);
+    return rc ? flow.fail(rc) : 0;
   });
 }
 

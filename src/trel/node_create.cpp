@@ -3,7 +3,7 @@
 
 #include "platsvc/memory.h"
 #include "trel/node.h"
-#include "treli/node_layout.h"
+#include "treli/node_making.h"
 #include "treli/options.h"
 
 namespace trel {
@@ -140,17 +140,8 @@ uint32_t trelCreateNodeInPM(SNodeCB_t** node, uint64_t exports, const uint64_t s
     if (const uint32_t rc = sumSizes(sizes, &total)) return flow.fail(rc, &total, sizeof total);
     *nodeSize = total;
     if (version != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HANDLE_VERSION);
-    void* block = nullptr;
-    if (_platMemAlloc(&block, 0, static_cast<uint32_t>(total), 1, kModuleName, __LINE__) != 0)
-      return flow.fail(TREL_RC_NODE_ALLOCATION, &total, sizeof total);
-    auto* made = static_cast<SNodeCB_t*>(block);
-    if (const uint32_t rc = layOut(made, total, exports, sizes, latchVersion)) {
-      _platMemFree(&block, 0, 0, kModuleName, __LINE__);
-      return flow.fail(rc);
-    }
-    *node = made;
-    *nodeOffset = offsetOf(made, nullptr);
-    return 0;
+    const uint32_t rc = makeNodeInPM(exports, sizes, total, latchVersion, node, nodeOffset);
+    return rc ? flow.fail(rc, &total, sizeof total) : 0;
   });
 }
 

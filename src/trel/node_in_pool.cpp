@@ -1,7 +1,7 @@
 // Nodes in the pool of a segment.
 #include "trel/node.h"
 #include "trel/storage.h"
-#include "treli/node_layout.h"
+#include "treli/node_making.h"
 #include "treli/node_return.h"
 
 using namespace trel;
@@ -13,33 +13,8 @@ uint32_t trelCreateNode(ShmSegInfo_t* segInfo, SNodeCB_t** node, uint64_t export
     if (const uint32_t rc = checkCreation(node, sizes, nodeSize, nodeOffset)) return flow.fail(rc);
     uint64_t total = 0;
     if (const uint32_t rc = sumSizes(sizes, &total)) return flow.fail(rc, &total, sizeof total);
-    if (segInfo->identity.heapVersion != TREL_STRUCTURE_VERSION)
-      return flow.fail(TREL_RC_HANDLE_VERSION);
-
-    // Only a first look: another process can take the space before the block is allocated.
-    ShmPoolHandle_t* pool = segInfo->shmPoolHandle;
-    if (const uint32_t rc = trelLatchShmPool(pool)) return flow.fail(rc);
-    ShmPoolInfo_t info;
-    uint32_t failure = trelGetShmPoolInfo(pool, &info) ? uint32_t{TREL_RC_POOL_INFO} : 0;
-    if (failure == 0 && total > info.freeBytes) failure = TREL_RC_NODE_ABOVE_POOL;
-    const uint32_t unlatched = trelUnlatchShmPool(pool);
-    if (const uint32_t rc = firstOf(failure, unlatched)) return flow.fail(rc);
-
-    *nodeSize = total;
-    void* block = nullptr;
-    if (_trelAllocateShmBlock(&block, pool, static_cast<uint32_t>(total), 0, FID_trelCreateNode,
-                              __LINE__, kModuleName) != 0)
-      return flow.fail(TREL_RC_NODE_ALLOCATION, &total, sizeof total);
-    auto* made = static_cast<SNodeCB_t*>(block);
-    uint32_t rc = layOut(made, total, exports, sizes, segInfo->identity.latchVersion);
-    if (rc == 0 && block < pool->base) rc = TREL_RC_NODE_BELOW_BASE;
-    if (rc) {
-      _trelFreeShmBlock(&block, pool, FID_trelCreateNode, __LINE__, kModuleName);
-      return flow.fail(rc);
-    }
-    *node = made;
-    *nodeOffset = offsetOf(made, pool->base);
-    return 0;
+    const uint32_t rc = makeNode(segInfo, exports, sizes, total, node, nodeSize, nodeOffset);
+    return rc ? flow.fail(rc, &total, sizeof total) : 0;
   });
 }
 

@@ -1,52 +1,11 @@
 // Lists of properties: create, add, find, delete, walk; one row for each kind.
 #include "trel/property.h"
+#include "treli/list_creation.h"
 #include "treli/property_access.h"
 #include "treli/rows.h"
 
 namespace trel {
 namespace {
-
-struct Wanted {
-  uint64_t maxIdSize, maxValueSize, tagTable, idTable, maxCount, useHashTable;
-};
-
-template <class K>
-uint32_t create(SNodeCB_t* node, const Entries& entries, const Wanted& wanted,
-                uint64_t inCriticalSection) {
-  if (!node) return TREL_RC_NODE_NULL;
-  if (!(node->exports & K::bit)) return Codes<K>::noExport;
-  if (entries.count > TREL_MAX_PROPERTIES) return Codes<K>::count;
-  List<K> list;
-  list.node = node;
-  if constexpr (K::hasId) {
-    if (wanted.maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_PROPERTY_ID_MAX;
-    list.maxIdSize = round8(wanted.maxIdSize);
-  }
-  if constexpr (K::hasBytes) {
-    if (wanted.maxValueSize == 0 || wanted.maxValueSize > TREL_MAX_VALUE_SIZE)
-      return TREL_RC_VALUE_MAX;
-    list.maxValueSize = round8(wanted.maxValueSize);
-  }
-  if (entries.count) {
-    if (!K::hasId && wanted.maxCount > TREL_MAX_PROPERTIES) return Codes<K>::count;
-    if (!entries.tags) return TREL_RC_TAGS_NULL;
-    if (!K::hasBytes && !entries.numbers) return TREL_RC_REGISTERS_NULL;
-    if (K::hasBytes && !entries.sizes) return TREL_RC_VALUE_SIZES_NULL;
-    if (K::hasBytes && !entries.values) return TREL_RC_VALUES_NULL;
-    if (K::hasId && !entries.idSizes) return TREL_RC_ID_SIZES_NULL;
-    if (K::hasId && !entries.ids) return TREL_RC_ID_NULL;
-  }
-  if (const uint32_t rc = openSection(&list)) return rc;
-  switch (wanted.useHashTable) {
-    case 0:
-      return createFlat(list, entries, wanted.maxCount, inCriticalSection);
-    case 1:
-      return createHashed(list, entries, wanted.maxCount, wanted.tagTable, wanted.idTable,
-                          inCriticalSection);
-    default:
-      return TREL_RC_HASH_FLAG;
-  }
-}
 
 // The tests of an operation by key, up to the table sizes.
 template <class K>
@@ -161,8 +120,8 @@ uint32_t trelCreateRPropertyList(SNodeCB_t* node, const uint64_t* tags, const in
                                  uint64_t count, uint64_t maxCount, uint64_t useHashTable,
                                  uint64_t inCriticalSection) {
   return traced(FID_trelCreateRPropertyList, [&](const Flow&) {
-    return create<kind::R>(node, {count, tags, values, nullptr, nullptr, nullptr, nullptr},
-                           {0, 0, 0, 0, maxCount, useHashTable}, inCriticalSection);
+    return createList<kind::R>(node, {count, tags, values, nullptr, nullptr, nullptr, nullptr},
+                               {0, 0, 0, 0, maxCount, useHashTable}, inCriticalSection);
   });
 }
 
@@ -171,8 +130,8 @@ uint32_t trelCreateVPropertyList(SNodeCB_t* node, const uint64_t* tags, const ui
                                  uint64_t maxCount, uint64_t useHashTable,
                                  uint64_t inCriticalSection) {
   return traced(FID_trelCreateVPropertyList, [&](const Flow&) {
-    return create<kind::V>(node, {count, tags, nullptr, nullptr, nullptr, sizes, values},
-                           {0, maxValueSize, 0, 0, maxCount, useHashTable}, inCriticalSection);
+    return createList<kind::V>(node, {count, tags, nullptr, nullptr, nullptr, sizes, values},
+                               {0, maxValueSize, 0, 0, maxCount, useHashTable}, inCriticalSection);
   });
 }
 
@@ -182,9 +141,9 @@ uint32_t trelCreateIRPropertyList(SNodeCB_t* node, const uint64_t* tags, const i
                                   uint64_t maxCount, uint64_t useHashTable,
                                   uint64_t inCriticalSection) {
   return traced(FID_trelCreateIRPropertyList, [&](const Flow&) {
-    return create<kind::IR>(node, {count, tags, values, idSizes, ids, nullptr, nullptr},
-                            {maxIdSize, 0, tagTableSize, idTableSize, maxCount, useHashTable},
-                            inCriticalSection);
+    return createList<kind::IR>(node, {count, tags, values, idSizes, ids, nullptr, nullptr},
+                                {maxIdSize, 0, tagTableSize, idTableSize, maxCount, useHashTable},
+                                inCriticalSection);
   });
 }
 
@@ -194,7 +153,7 @@ uint32_t trelCreateIVPropertyList(SNodeCB_t* node, const uint64_t* tags, const u
                                   uint64_t tagTableSize, uint64_t idTableSize, uint64_t maxCount,
                                   uint64_t useHashTable, uint64_t inCriticalSection) {
   return traced(FID_trelCreateIVPropertyList, [&](const Flow&) {
-    return create<kind::IV>(
+    return createList<kind::IV>(
         node, {count, tags, nullptr, idSizes, ids, sizes, values},
         {maxIdSize, maxValueSize, tagTableSize, idTableSize, maxCount, useHashTable},
         inCriticalSection);

@@ -125,7 +125,8 @@ uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
                          nullptr,
                          nullptr,
                          TREL_COPY_SHM_TO_SHM,
-                         TREL_COPY_LIMITS_CHANGE_LIST};
+                         TREL_COPY_LIMITS_CHANGE_LIST,
+                         true};
   return copyNode(request, TREL_COPY_DEPENDENTS_SAME, made, size);
 }
 

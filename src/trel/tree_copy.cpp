@@ -97,6 +97,7 @@ struct TreeCopy {
   };
 
   uint32_t completeParam(const ShmDomainParam_t* given);
+  bool isTaken(const Site& site) const;
   uint32_t readSecurity();
   Site wantedSite() const { return {*key, address, domainParam.accessMode}; }
   Site sourceSite() const;
@@ -106,7 +107,7 @@ struct TreeCopy {
   uint32_t walk(uint32_t direction, SNodeCB_t* from, ShmSegInfo_t* fromSeg, ShmSegInfo_t* to,
                 SNodeCB_t** copy) const;
   uint32_t abandon() const;
-  uint32_t keepTemporary(ShmSegInfo_t** temp, const SNodeCB_t* top, uint32_t rc) const;
+  static uint32_t keepTemporary(ShmSegInfo_t** temp, uint32_t rc);
   uint32_t fillFromTemporary(ShmSegInfo_t* temp, SNodeCB_t* top, DomainHold* hold,
                              ShmSegInfo_t** dst, SNodeCB_t** copy) const;
   uint32_t fillFromProcessMemory(SNodeCB_t* top, ShmSegInfo_t** dst, SNodeCB_t** copy) const;
@@ -144,7 +145,23 @@ uint32_t TreeCopy::completeParam(const ShmDomainParam_t* given) {
     security.accessBits = domainParam.permissions;
   else
     domainParam.permissions = security.accessBits;
-  return !isAligned8(domainParam.heapOffset) || domainParam.userAreaSize > size ? kNotCopied : 0;
+  const bool placeable = domainParam.accessMode == 1 || domainParam.accessMode == kByAddress;
+  return !placeable || !isAligned8(domainParam.heapOffset) || domainParam.userAreaSize > size
+             ? kNotCopied
+             : 0;
+}
+
+// Whether another segment than the source stands where a new one is to be made.
+bool TreeCopy::isTaken(const Site& site) const {
+  const SegIdentity_t& source = (*srcSeg)->identity;
+  const bool sourceInSlot = source.accessMode == kByAddress;
+  if (site.accessMode == kByAddress)
+    return !sourceInSlot && trelGASegInfo.state == TREL_GA_SLOT_IN_USE;
+  if (!sourceInSlot && site.key.key == source.segmentKey.key) return false;
+  PLATHIPCMemory segment;
+  const uint32_t rc = segment.attach(&site.key, nullptr);
+  if (rc == 0) segment.detach();
+  return rc != PLAT_RC_NO_SEGMENT;
 }
 
 // The place that the source leaves: its key, or the memory in which it lies.
@@ -189,7 +206,7 @@ uint32_t TreeCopy::walk(uint32_t direction, SNodeCB_t* from, ShmSegInfo_t* fromS
                       nullptr,       &info,
                       nullptr,       &idSizeOut,
                       &maxIdSizeOut, direction,
-                      copyLimits};
+                      copyLimits,    true};
   TreeTop top{from, fromSeg, 1};
   const uint32_t rc = copyTree(pass, name, &top);
   *copy = top.copy;
@@ -241,14 +258,15 @@ uint32_t TreeCopy::viaSegment() {
   if (const uint32_t rc = hold.begin(*srcSeg)) return dropping(&temp, rc);
   if (walk(TREL_COPY_SHM_TO_SHM, srcTop, *srcSeg, temp, &top))
     return dropping(&temp, hold.endOr(kNotCopied));
+  // From here on a whole tree stands under the temporary key, whoever dies.
+  if (const uint32_t rc = publish(temp, top)) return dropping(&temp, hold.end() ? rc : kNotCopied);
   if (const uint32_t rc = abandon()) return dropping(&temp, hold.endAfter(rc));
   if (const uint32_t rc = hold.end()) return dropping(&temp, rc);
-  if (const uint32_t rc = trelDeleteStatusSegment(srcSeg, 4, 2, 2))
-    return keepTemporary(&temp, top, rc);
+  if (const uint32_t rc = trelDeleteStatusSegment(srcSeg, 4, 2, 2)) return keepTemporary(&temp, rc);
   // From here on the temporary segment holds the only copy.
-  if (const uint32_t rc = create(home, &dst)) return keepTemporary(&temp, top, rc);
+  if (const uint32_t rc = create(home, &dst)) return keepTemporary(&temp, rc);
   if (const uint32_t rc = fillFromTemporary(temp, top, &hold, &dst, &copy))
-    return keepTemporary(&temp, top, rc);
+    return keepTemporary(&temp, rc);
   const uint32_t left = hold.end();
   const uint32_t deleted = destroy(&temp);
   return hand(dst, copy, left || deleted ? kCleanup : 0);
@@ -263,9 +281,9 @@ uint32_t TreeCopy::fillFromTemporary(ShmSegInfo_t* temp, SNodeCB_t* top, DomainH
   return rc ? dropping(dst, hold->endAfter(rc)) : 0;
 }
 
-// The tree stays behind under the temporary key, for whoever attaches it.
-uint32_t TreeCopy::keepTemporary(ShmSegInfo_t** temp, const SNodeCB_t* top, uint32_t rc) const {
-  if (publish(*temp, top) == 0) trelDetachStatusSegment(temp, 1);
+// The tree stays behind under the temporary key, for whoever connects to it.
+uint32_t TreeCopy::keepTemporary(ShmSegInfo_t** temp, uint32_t rc) {
+  trelDetachStatusSegment(temp, 1);
   return rc;
 }
 
@@ -278,6 +296,7 @@ uint32_t TreeCopy::viaProcessMemory() {
     trelDeleteHDMPMLList();
     return rc;
   };
+  if (isTaken(home)) return kNotCopied;
   attachAll();
   const AttachLatch latch;
   DomainHold hold;
@@ -362,7 +381,7 @@ uint32_t trelCopyTreeRecursively(SNodeCB_t* node, SNodeCB_t** newNode, ShmSegInf
                         id,           info,
                         idOut,        idSizeOut,
                         maxIdSizeOut, copyDirection,
-                        copyLimits};
+                        copyLimits,   true};
     if (!node || !newNode) return flow.fail(TREL_RC_NODE_NULL);
     if (!marker) return flow.fail(TREL_RC_LIST_RECORD_NULL);
     if (!totalSize) return flow.fail(TREL_RC_OUT_COPY_TOTAL);

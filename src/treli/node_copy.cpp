@@ -5,11 +5,11 @@
 #include "treli/node_copy.h"
 
 #include "trel/copy.h"
-#include "trel/node.h"
-#include "trel/property.h"
-#include "trel/tree.h"
 #include "treli/attach_latch.h"
-#include "treli/dependent_list.h"
+#include "treli/base_property.h"
+#include "treli/list_creation.h"
+#include "treli/node_making.h"
+#include "treli/node_record.h"
 #include "treli/property_copy.h"
 #include "treli/reach.h"
 #include "trelll/enter.h"
@@ -24,6 +24,7 @@ struct SectionForm {
   uint32_t bit;
   uint64_t leastUsed;
 };
+constexpr SectionForm kList = {TREL_EXPORT_DEPENDENT, kDependentHeader};
 constexpr SectionForm kSections[] = {
     {TREL_EXPORT_ID, sizeof(IdSection_t)},
     {TREL_EXPORT_RECORD24, 24},
@@ -36,34 +37,25 @@ constexpr SectionForm kSections[] = {
     {TREL_EXPORT_V, Form<kind::V>::flatHeader},
     {TREL_EXPORT_IR, Form<kind::IR>::flatHeader},
     {TREL_EXPORT_IV, Form<kind::IV>::flatHeader},
-    {TREL_EXPORT_DEPENDENT, kDependentHeader},
+    kList,
 };
 
-// Finds a section that the source must have, and whether it was ever filled.
-uint32_t findSection(SNodeCB_t* source, const SectionForm& form, ExportSlot_t** slot,
-                     bool* filled) {
-  if (const uint32_t rc = sectionOf(source, form.bit, slot)) return rc;
-  *filled = (*slot)->used >= form.leastUsed;
-  return 0;
-}
+// A section of a node that the copy reads, and whether it was ever filled.
+struct FoundSection {
+  ExportSlot_t* slot = nullptr;
+  bool filled = false;
+};
 
-// The number at a section's start, which may lie at any byte.
-uint64_t firstWord(SNodeCB_t* node, const ExportSlot_t* slot) {
-  const TrelU64* word = inSection<TrelU64>(node, slot);
-  return *word;
+// A list of dependents that has become empty is off, but it is there: its room goes with the copy.
+uint32_t findSection(SNodeCB_t* source, const SectionForm& form, FoundSection* found) {
+  const bool on = source->exports & form.bit;
+  if (!on && form.bit != TREL_EXPORT_DEPENDENT) return TREL_RC_COPY_NO_SECTION;
+  if (const uint32_t rc = sectionOf(source, form.bit, &found->slot)) return rc;
+  found->filled = found->slot->used >= form.leastUsed;
+  return on || found->filled ? 0 : uint32_t{TREL_RC_COPY_NO_SECTION};
 }
 
 // ---- Other memories: identities and modules --------------------------------------------------
-
-// enterModule() for the list in process memory. The offset is an address.
-uint32_t enterModuleInPM(const HdmModuleRecord_t* module, uint64_t* offset) {
-  const HdmModuleRecord_t* record = module ? module : &kNoModule;
-  HdmModuleRecord_t* listed = nullptr;
-  uint32_t rc = trelFindHDMNodeInPMLList(record, &listed);
-  if (rc == 0 && !listed) rc = trelInsertHDMNodeIntoPMLList(record, &listed);
-  if (rc == 0) *offset = offsetOf(listed, nullptr);
-  return rc;
-}
 
 // Entries that stay the same name identities and modules on the lists of the source's segment. In
 // another segment they must name those of its own lists. Which ones there are is collected in the
@@ -153,110 +145,127 @@ class Translation {
 
 // ---- Sizing ----------------------------------------------------------------------------------
 
-// What the source holds, as the copy's limits, and the size of each of the copy's sections.
+// What the source holds, as the copy's limits, and the size of each of the copy's sections: that of
+// the source's, unless the limit of its list is to be another.
 class Plan {
  public:
   NodeCopyLimits_t limits = {};
+  uint64_t listMaxIdSize;  // of the copy's list of dependents
   uint64_t exports = 0;
-  uint64_t sizes[TREL_SLOTS];
+  uint64_t sizes[TREL_SLOTS] = {};
+
+  explicit Plan(const NodeCopy& wanted)
+      : listMaxIdSize(*wanted.maxIdSize), source_(wanted.src), keepsRoom_(wanted.keepsRoom) {}
 
   // The caller is inside the source's section.
-  uint32_t make(SNodeCB_t* source, uint32_t copyLimits, uint64_t listMaxIdSize) {
-    const ChangeListSection_t* changes = nullptr;
-    if (const uint32_t rc = readChanges(source, copyLimits, &changes)) return rc;
-    for (const SectionForm& form : kSections) {
-      if (!(exports & form.bit)) continue;
-      if (const uint32_t rc = survey(source, form)) return rc;
-    }
-    if (changes) apply(*changes);
-    uint64_t total = 0;
-    if (const uint32_t rc = sizeSections(exports & filled_, limits, sizes, &total)) return rc;
-    correct(source, round8(listMaxIdSize));
-    return 0;
+  uint32_t make(uint32_t copyLimits) {
+    bool wishes = false;
+    exports = source_->exports;
+    if (copyLimits == TREL_COPY_LIMITS_CHANGE_LIST)
+      if (const uint32_t rc = readChanges(&wishes)) return rc;
+    FoundSection list;
+    if (!(source_->exports & TREL_EXPORT_DEPENDENT) && findSection(source_, kList, &list) == 0)
+      exports |= TREL_EXPORT_DEPENDENT;
+    for (const SectionForm& form : kSections)
+      if (const uint32_t rc = survey(form)) return rc;
+    if (wishes) apply();
+    return resize();
   }
 
  private:
-  uint64_t& sizeOf(uint32_t exportBit) { return sizes[slotNumber(exportBit)]; }
-
-  uint32_t readChanges(SNodeCB_t* source, uint32_t copyLimits,
-                       const ChangeListSection_t** changes) {
-    exports = source->exports;
-    if (copyLimits != TREL_COPY_LIMITS_CHANGE_LIST || !(exports & TREL_EXPORT_CHANGE_LIST))
-      return 0;
+  uint32_t readChanges(bool* wishes) {
+    if (!(source_->exports & TREL_EXPORT_CHANGE_LIST)) return 0;
     ExportSlot_t* slot = nullptr;
-    if (const uint32_t rc = sectionOf(source, TREL_EXPORT_CHANGE_LIST, &slot)) return rc;
-    if (slot->used < sizeof **changes) return 0;
-    *changes = inSection<ChangeListSection_t>(source, slot);
-    exports = (*changes)->exports;
+    if (const uint32_t rc = sectionOf(source_, TREL_EXPORT_CHANGE_LIST, &slot)) return rc;
+    if (slot->used < sizeof changes_) return 0;
+    memcpy(&changes_, inSection(source_, slot), sizeof changes_);
+    exports = changes_.exports;
+    *wishes = true;
     return 0;
   }
 
-  uint32_t survey(SNodeCB_t* source, const SectionForm& form) {
-    if (!(source->exports & form.bit)) return 0;  // is refused once the block is there
-    ExportSlot_t* slot = nullptr;
-    bool filled = false;
-    if (const uint32_t rc = findSection(source, form, &slot, &filled)) return rc;
-    if (!filled) return 0;
+  uint32_t survey(const SectionForm& form) {
+    if (!(exports & form.bit)) return 0;
+    FoundSection found;
+    const uint32_t rc = findSection(source_, form, &found);
+    if (rc == TREL_RC_COPY_NO_SECTION) return 0;  // is refused once the block is there
+    if (rc) return rc;
+    sizes[slotNumber(form.bit)] = found.slot->size;
+    if (!found.filled) return 0;
     filled_ |= form.bit;
     switch (form.bit) {
-      case TREL_EXPORT_ID:
-        return trelGetMaxIDSizeForStatusNode(source, TREL_EXPORT_ID, &limits.maxNodeIdSize);
-      case TREL_EXPORT_PARENT:
-        parentMax_ = inSection<ParentSection_t>(source, slot)->maxIdSize;
-        return parentMax_ > TREL_MAX_ID_SIZE ? uint32_t{TREL_RC_NODE_ID_MAX} : 0;
-      case TREL_EXPORT_BASE_V:
-        baseMax_ = firstWord(source, slot);
-        if (limits.v.maxValueSize == 0) limits.v.maxValueSize = baseMax_;
-        return baseMax_ > TREL_MAX_VALUE_SIZE ? uint32_t{TREL_RC_SIZING_VALUE_MAX} : 0;
       case TREL_EXPORT_R:
-        return surveyList<kind::R>(source, &limits);
+        return surveyList<kind::R>();
       case TREL_EXPORT_V:
-        return surveyList<kind::V>(source, &limits);
+        return surveyList<kind::V>();
       case TREL_EXPORT_IR:
-        return surveyList<kind::IR>(source, &limits);
+        return surveyList<kind::IR>();
       case TREL_EXPORT_IV:
-        return surveyList<kind::IV>(source, &limits);
+        return surveyList<kind::IV>();
       case TREL_EXPORT_DEPENDENT:
-        return trelReturnNumberOfDependentNodes(source, &limits.currentDependents,
-                                                &limits.maxDependents, 1);
+        return surveyDependents(found.slot);
       default:
         return 0;
     }
   }
 
-  // A wish counts if it has room for what there is.
-  void apply(const ChangeListSection_t& changes) {
-    const auto take = [](uint64_t wish, uint64_t current, uint64_t* maximum) {
-      if (wish >= current) *maximum = wish;
-    };
-    take(changes.words[0], limits.r.current, &limits.r.maximum);
-    take(changes.words[1], limits.v.current, &limits.v.maximum);
-    take(changes.words[2], limits.ir.current, &limits.ir.maximum);
-    take(changes.words[3], limits.iv.current, &limits.iv.maximum);
-    take(changes.words[4], limits.currentDependents, &limits.maxDependents);
+  // The first table of a list in hash form stays as it is, or is to have a bucket for each property
+  // that is reported to fit.
+  template <class K>
+  uint32_t surveyList() {
+    const auto& part = partOf<K>(limits);
+    if (const uint32_t rc = trel::surveyList<K>(source_, &limits)) return rc;
+    if (part.hashFlag == 0) return 0;
+    if (keepsRoom_)
+      partOf<K>(limits).maximum = part.hashSize;
+    else
+      resized_ |= K::bit;
+    return 0;
   }
 
-  // Where the general formulas do not fit this node.
-  void correct(SNodeCB_t* source, uint64_t listMaxIdSize) {
-    const auto raise = [](uint64_t* size, uint64_t need) {
-      if (*size < need) *size = need;
-    };
-    const uint64_t filled = exports & filled_;
-    if (filled & TREL_EXPORT_PARENT)
-      raise(&sizeOf(TREL_EXPORT_PARENT), sizeof(ParentSection_t) + round8(parentMax_));
-    if (filled & TREL_EXPORT_BASE_V)
-      raise(&sizeOf(TREL_EXPORT_BASE_V),
-            round8(baseMax_ + Form<kind::BaseV>::flatHeader + sizeof(VProperty_t)));
-    if ((filled & TREL_EXPORT_IR) && limits.ir.hashFlag)
-      raise(&sizeOf(TREL_EXPORT_IR), leastHashedIR());
-    if (filled & TREL_EXPORT_DEPENDENT)
-      sizeOf(TREL_EXPORT_DEPENDENT) =
-          limits.maxDependents * (listMaxIdSize + sizeof(SNodeInfo_t)) + kDependentHeader;
-    for (const SectionForm& form : kSections) {
-      const uint32_t slot = slotNumber(form.bit);
-      if ((exports & form.bit) && !(filled_ & form.bit))
-        sizes[slot] = source->exportTable[slot].size;
+  uint32_t surveyDependents(const ExportSlot_t* slot) {
+    const uint64_t used = slot->used, size = slot->size;
+    const uint64_t maxIdSize = *inSection<TrelU64>(source_, slot);
+    if (maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_DEPENDENT_ID_MAX;
+    if (maxIdSize) {
+      const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
+      limits.currentDependents = (used - kDependentHeader) / stride;
+      limits.maxDependents = (size - kDependentHeader) / stride;
     }
+    if (keepsRoom_)
+      listMaxIdSize = maxIdSize;
+    else
+      resized_ |= TREL_EXPORT_DEPENDENT;
+    return 0;
+  }
+
+  // A wish counts if it has room for what there is.
+  void apply() {
+    const auto take = [&](uint32_t bit, uint64_t wish, uint64_t current, uint64_t* maximum,
+                          bool zeroCounts) {
+      if (!(filled_ & bit) || wish < current || (wish == 0 && !zeroCounts)) return;
+      *maximum = wish;
+      resized_ |= bit;
+    };
+    const auto& words = changes_.words;
+    take(TREL_EXPORT_R, words[0], limits.r.current, &limits.r.maximum, !keepsRoom_);
+    take(TREL_EXPORT_V, words[1], limits.v.current, &limits.v.maximum, !keepsRoom_);
+    take(TREL_EXPORT_IR, words[2], limits.ir.current, &limits.ir.maximum, !keepsRoom_);
+    take(TREL_EXPORT_IV, words[3], limits.iv.current, &limits.iv.maximum, !keepsRoom_);
+    take(TREL_EXPORT_DEPENDENT, words[4], limits.currentDependents, &limits.maxDependents, false);
+  }
+
+  uint32_t resize() {
+    NodeCopyLimits_t named = limits;
+    named.maxNodeIdSize = listMaxIdSize;
+    uint64_t fresh[TREL_SLOTS], total = 0;
+    if (const uint32_t rc = sizeSections(resized_, named, fresh, &total)) return rc;
+    for (const SectionForm& form : kSections)
+      if (resized_ & form.bit) sizes[slotNumber(form.bit)] = fresh[slotNumber(form.bit)];
+    uint64_t& ir = sizes[slotNumber(TREL_EXPORT_IR)];
+    if ((resized_ & TREL_EXPORT_IR) && limits.ir.hashFlag && ir < leastHashedIR())
+      ir = leastHashedIR();
+    return 0;
   }
 
   // What the create of a hashed IR list asks for. Counts only for a single bucket.
@@ -270,8 +279,10 @@ class Plan {
            sizeof(HashAnchor_t);
   }
 
-  uint64_t filled_ = 0;  // sections of the source that have content
-  uint64_t parentMax_ = 0, baseMax_ = 0;
+  SNodeCB_t* source_;
+  bool keepsRoom_;
+  ChangeListSection_t changes_ = {};
+  uint64_t filled_ = 0, resized_ = 0;  // sections
 };
 
 // ---- Filling ---------------------------------------------------------------------------------
@@ -280,20 +291,23 @@ class Plan {
 class Filling {
  public:
   Filling(const NodeCopy& wanted, SNodeCB_t* copy, uint64_t nodeOffset,
-          const NodeCopyLimits_t& limits, const Translation& translation)
+          const NodeCopyLimits_t& limits, uint64_t listMaxIdSize, const Translation& translation)
       : wanted_(wanted),
         source_(wanted.src),
         copy_(copy),
         nodeOffset_(nodeOffset),
         limits_(limits),
+        listMaxIdSize_(listMaxIdSize),
         translation_(translation) {}
 
   uint32_t run() {
     return within<Access::write>(copy_, 0, [&]() -> uint32_t {
       copyHeader();
       if (const uint32_t rc = copyCounters()) return rc;
+      const uint64_t sections = copy_->exports;
+      if (!(source_->exports & TREL_EXPORT_DEPENDENT)) exportDependents(copy_, false);
       for (const SectionForm& form : kSections) {
-        if (!(copy_->exports & form.bit)) continue;
+        if (!(sections & form.bit)) continue;
         if (const uint32_t rc = copySection(form)) return rc;
       }
       return limits_.copyDependents == TREL_COPY_DEPENDENTS_SAME ? keepDependents() : 0;
@@ -332,12 +346,12 @@ class Filling {
   }
 
   uint32_t copySection(const SectionForm& form) {
-    if (!(source_->exports & form.bit)) return TREL_RC_COPY_NO_SECTION;
-    ExportSlot_t *from = nullptr, *to = nullptr;
-    bool filled = false;
-    if (const uint32_t rc = findSection(source_, form, &from, &filled)) return rc;
+    FoundSection found;
+    ExportSlot_t* to = nullptr;
+    if (const uint32_t rc = findSection(source_, form, &found)) return rc;
     if (const uint32_t rc = sectionOf(copy_, form.bit, &to)) return rc;
-    if (!filled) {
+    ExportSlot_t* const from = found.slot;
+    if (!found.filled) {
       const uint64_t header = form.leastUsed < to->size ? form.leastUsed : uint64_t{to->size};
       memset(inSection(copy_, to), 0, static_cast<size_t>(header));
       to->used = 0;
@@ -351,9 +365,9 @@ class Filling {
       case TREL_EXPORT_PARENT:
         return copyParent(from, to);
       case TREL_EXPORT_BASE_R:
-        return copyBaseR();
+        return copyBase<kind::BaseR>();
       case TREL_EXPORT_BASE_V:
-        return copyBaseV(firstWord(source_, from));
+        return copyBase<kind::BaseV>();
       case TREL_EXPORT_CHANGE_LIST:
         if (const uint32_t rc = copyBytesOf(from, to, form.leastUsed)) return rc;
         inSection<ChangeListSection_t>(copy_, to)->exports = copy_->exports;
@@ -367,8 +381,7 @@ class Filling {
       case TREL_EXPORT_IV:
         return copyList<kind::IV>();
       case TREL_EXPORT_DEPENDENT:
-        return trelCreateDependentNodeList(copy_, nullptr, nullptr, nullptr, *wanted_.maxIdSize, 0,
-                                           1);
+        return makeList(to);
       default:
         return copyBytesOf(from, to, form.leastUsed);
     }
@@ -399,54 +412,63 @@ class Filling {
     return 0;
   }
 
-  uint32_t copyBaseR() {
-    uint64_t tag = 0;
-    int32_t value = 0;
-    if (const uint32_t rc = trelReturnBaseRProperty(source_, &tag, 1)) return rc;
-    if (const uint32_t rc = trelGetValueForBaseRProperty(source_, tag, &value, 1)) return rc;
-    return trelCreateBaseRProperty(copy_, tag, value, 1);
-  }
-
-  uint32_t copyBaseV(uint64_t maxValueSize) {
-    uint64_t tag = 0, size = 0;
-    uint8_t* value = nullptr;
-    if (const uint32_t rc = trelReturnBaseVProperty(source_, &tag, &size, 1)) return rc;
-    if (const uint32_t rc = trelGetValueForBaseVProperty(source_, tag, &size, &value, nullptr, 1))
+  template <class K>
+  uint32_t copyBase() {
+    List<K> from, to;
+    Key key;
+    Value value;
+    from.node = source_;
+    to.node = copy_;
+    if (const uint32_t rc = checkCondition(source_, accept::usable)) return rc;
+    if (const uint32_t rc = readLimits(&from)) return rc;
+    if (const uint32_t rc = openSection(&from)) return rc;
+    if (const uint32_t rc = openSection(&to)) return rc;
+    if (K::hasBytes && (from.maxValueSize == 0 || from.maxValueSize > TREL_MAX_VALUE_SIZE))
+      return TREL_RC_VALUE_MAX;
+    to.maxValueSize = round8(from.maxValueSize);
+    if (!from.holds(from.offset, bytesInUse(from))) return Codes<K>::bounds;
+    if (to.size < bytesInUse(to)) return Codes<K>::flatFit;
+    if (const uint32_t rc =
+            readRecord(from, from.recordAt(from.offset + Form<K>::flatHeader), &key, &value))
       return rc;
-    return trelCreateBaseVProperty(copy_, tag, value, size, maxValueSize, 1);
+    return writeBase(to, key, value, 1);
   }
 
   template <class K>
   uint32_t copyList() {
     const auto& part = partOf<K>(limits_);
-    uint32_t rc = 0;
-    if constexpr (K::hasId && K::hasBytes)
-      rc = trelCreateIVPropertyList(copy_, nullptr, nullptr, nullptr, part.maxIdSize, nullptr,
-                                    nullptr, part.maxValueSize, 0, part.tagTableSize,
-                                    part.idTableSize, part.maximum, part.hashFlag, 1);
-    else if constexpr (K::hasId)
-      rc = trelCreateIRPropertyList(copy_, nullptr, nullptr, nullptr, nullptr, part.maxIdSize, 0,
-                                    part.tagTableSize, part.idTableSize, part.maximum,
-                                    part.hashFlag, 1);
-    else if constexpr (K::hasBytes)
-      rc = trelCreateVPropertyList(copy_, nullptr, nullptr, nullptr, part.maxValueSize, 0,
-                                   part.maximum, part.hashFlag, 1);
-    else
-      rc = trelCreateRPropertyList(copy_, nullptr, nullptr, 0, part.maximum, part.hashFlag, 1);
+    NewList wanted = {0, 0, 0, 0, part.maximum, part.hashFlag};
+    if constexpr (K::hasId) {
+      wanted.maxIdSize = part.maxIdSize;
+      wanted.tagTable = part.tagTableSize;
+      wanted.idTable = part.idTableSize;
+    }
+    if constexpr (K::hasBytes) wanted.maxValueSize = part.maxValueSize;
+    const uint32_t rc = createList<K>(copy_, {}, wanted, 1);
     return rc || part.current == 0 ? rc : copyProperties<K>(source_, copy_);
   }
 
+  uint32_t makeList(ExportSlot_t* to) {
+    if (listMaxIdSize_ > TREL_MAX_ID_SIZE) return TREL_RC_NODE_ID_MAX;
+    if (const uint32_t rc = checkCondition(copy_, accept::settled)) return rc;
+    if (to->size < kDependentHeader) return TREL_RC_DEPENDENT_SECTION_SMALL;
+    clearDependents(copy_, to, round8(listMaxIdSize_));
+    return 0;
+  }
+
+  // Nothing is twice in the source's list.
   uint32_t keepDependents() {
     if (copy_->exports & TREL_EXPORT_DEPENDENT) {
-      DependentList from, to;
+      DependentList from;
       if (const uint32_t rc = locateDependents(source_, &from)) return rc;
-      if (const uint32_t rc = locateDependents(copy_, &to)) return rc;
       DependentWalk walk(from);
       for (SNodeInfo_t* entry = nullptr;;) {
         if (const uint32_t rc = walk.next(&entry)) return rc;
         if (!entry) break;
-        if (entry->idSize > from.maxIdSize) return TREL_RC_ID_BOUNDS;
-        if (const uint32_t rc = appendDependent(to, *entry, idOf(entry))) return rc;
+        SNodeInfo_t record = *entry;
+        if (record.idSize > from.maxIdSize) return TREL_RC_ID_BOUNDS;
+        translation_.apply(&record);
+        if (const uint32_t rc = appendDependent(copy_, &record, idOf(entry))) return rc;
       }
     }
     wanted_.info->nodeOffset = nodeOffset_;
@@ -455,24 +477,12 @@ class Filling {
     return 0;
   }
 
-  // The copy's list is new, and nothing is twice in the source's.
-  uint32_t appendDependent(const DependentList& list, SNodeInfo_t record, const uint8_t* id) {
-    const uint64_t used = list.slot->used;
-    if (record.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
-    if (list.maxIdSize == 0 || used + list.stride() > list.slot->size)
-      return TREL_RC_DEPENDENTS_FULL;
-    translation_.apply(&record);
-    storeDependent(copy_, inSection<SNodeInfo_t>(copy_, list.slot, used), &record, id,
-                   record.idSize);
-    list.slot->used = used + list.stride();
-    return countReconfiguration(copy_);
-  }
-
   const NodeCopy& wanted_;
   SNodeCB_t* source_;
   SNodeCB_t* copy_;
   uint64_t nodeOffset_;
   const NodeCopyLimits_t& limits_;
+  uint64_t listMaxIdSize_;
   const Translation& translation_;
   uint64_t idSize_ = 0;  // of the node's own identifier
 };
@@ -483,13 +493,11 @@ uint32_t nameCopy(const NodeCopy& wanted, uint64_t nodeOffset) {
   if (idSize) memmove(wanted.idOut, wanted.id, static_cast<size_t>(idSize));
   *wanted.idSizeOut = idSize;
   *wanted.maxIdSizeOut = *wanted.maxIdSize;
-  if (wanted.dstSegInfo)
-    return trelAddStatusNodeInfo(wanted.info, wanted.dstSegInfo, wanted.dstSegInfo, nodeOffset,
-                                 *wanted.nodeTag, idSize, nullptr, wanted.hdmModule);
-  uint64_t module = 0;
-  if (const uint32_t rc = enterModuleInPM(wanted.hdmModule, &module)) return rc;
-  *wanted.info = {nodeOffset, *wanted.nodeTag, idSize, 0, 0, module, 0};
-  return 0;
+  if (!wanted.dstSegInfo)
+    return recordNodeInPM(wanted.info, nodeOffset, *wanted.nodeTag, idSize, wanted.hdmModule);
+  if (*wanted.nodeTag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  return recordNode(wanted.info, wanted.dstSegInfo, wanted.dstSegInfo, nodeOffset, *wanted.nodeTag,
+                    idSize, wanted.hdmModule);
 }
 
 constexpr bool isLimits(uint32_t copyLimits) {
@@ -498,16 +506,17 @@ constexpr bool isLimits(uint32_t copyLimits) {
 
 uint32_t makeBlock(const NodeCopy& wanted, const Plan& plan, SNodeCB_t** dst,
                    uint64_t* nodeOffset) {
-  uint64_t size = 0;
+  uint64_t total = 0;
+  if (const uint32_t rc = sumSizes(plan.sizes, &total)) return rc;
   switch (wanted.copyDirection) {
     case TREL_COPY_SHM_TO_PM: {
       const SegIdentity_t& identity = wanted.srcSegInfo->identity;
-      return trelCreateNodeInPM(dst, plan.exports, plan.sizes, &size, nodeOffset,
-                                identity.handleVersion, identity.latchVersion);
+      if (identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+      return makeNodeInPM(plan.exports, plan.sizes, total, identity.latchVersion, dst, nodeOffset);
     }
     case TREL_COPY_PM_TO_SHM:
     case TREL_COPY_SHM_TO_SHM:
-      return trelCreateNode(wanted.dstSegInfo, dst, plan.exports, plan.sizes, &size, nodeOffset);
+      return makeNode(wanted.dstSegInfo, plan.exports, plan.sizes, total, dst, &total, nodeOffset);
     default:
       return TREL_RC_COPY_DIRECTION;
   }
@@ -516,11 +525,11 @@ uint32_t makeBlock(const NodeCopy& wanted, const Plan& plan, SNodeCB_t** dst,
 // The copy but for its name. The caller is inside the source's section.
 uint32_t copyInside(const NodeCopy& wanted, uint32_t copyDependents, const Translation& translation,
                     SNodeCB_t** dst, uint64_t* nodeOffset) {
-  Plan plan;
-  if (const uint32_t rc = plan.make(wanted.src, wanted.copyLimits, *wanted.maxIdSize)) return rc;
+  Plan plan(wanted);
+  if (const uint32_t rc = plan.make(wanted.copyLimits)) return rc;
   plan.limits.copyDependents = copyDependents;
   if (const uint32_t rc = makeBlock(wanted, plan, dst, nodeOffset)) return rc;
-  return Filling(wanted, *dst, *nodeOffset, plan.limits, translation).run();
+  return Filling(wanted, *dst, *nodeOffset, plan.limits, plan.listMaxIdSize, translation).run();
 }
 
 }  // namespace
@@ -562,8 +571,21 @@ uint32_t linkDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id, 
   });
 }
 
+uint32_t appendDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id) {
+  DependentList list;
+  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  const uint64_t used = list.slot->used, idSize = record->idSize;
+  if (idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+  if (list.maxIdSize == 0 || list.start + used + list.stride() > list.end)
+    return TREL_RC_DEPENDENTS_FULL;
+  if (list.live == TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
+  storeDependent(node, at<SNodeInfo_t>(nullptr, list.start + used), record, id, idSize);
+  storeLast(&list.slot->used, used + list.stride());
+  return countReconfiguration(node);
+}
+
 uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** dst,
-                  uint64_t* nodeSize) {
+                  uint64_t* nodeSize, ListImage* image) {
   const bool keepsDependents = copyDependents == TREL_COPY_DEPENDENTS_SAME;
   Translation translation(keepsDependents ? wanted.srcSegInfo : nullptr, wanted.dstSegInfo);
   uint64_t nodeOffset = 0;
@@ -571,7 +593,11 @@ uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** d
   for (bool known = false; !known;) {
     const uint32_t rc = within<Access::read>(wanted.src, 0, [&]() -> uint32_t {
       if (const uint32_t failure = translation.collect(wanted.src, &known)) return failure;
-      return known ? copyInside(wanted, copyDependents, translation, dst, &nodeOffset) : 0;
+      if (!known) return 0;
+      if (const uint32_t failure =
+              copyInside(wanted, copyDependents, translation, dst, &nodeOffset))
+        return failure;
+      return image ? takeImage(wanted.src, image) : 0;
     });
     if (rc) return rc;
     if (const uint32_t failure = translation.enter()) return failure;
@@ -583,7 +609,8 @@ uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** d
 uint32_t copyNodeData(const NodeCopy& wanted, SNodeCB_t* dst, uint64_t nodeOffset,
                       const NodeCopyLimits_t& limits) {
   const Translation none(nullptr, nullptr);
-  if (const uint32_t rc = Filling(wanted, dst, nodeOffset, limits, none).run()) return rc;
+  Filling filling(wanted, dst, nodeOffset, limits, *wanted.maxIdSize, none);
+  if (const uint32_t rc = filling.run()) return rc;
   return limits.copyDependents == TREL_COPY_DEPENDENTS_SAME ? 0 : nameCopy(wanted, nodeOffset);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "trel/records.h"
+#include "treli/list_image.h"
 
 namespace trel {
 
@@ -26,6 +27,10 @@ struct NodeCopy {
   uint64_t* idSizeOut;
   uint64_t* maxIdSizeOut;
   uint32_t copyDirection, copyLimits;
+  // Lists keep the room that they have in the source, whatever is reported of it, and a list of
+  // dependents its maximum; a word of 0 in the change list is no wish. So a copy never needs more
+  // than its source. For tree copies and recreations; trelCopyNode sizes lists in hash form anew.
+  bool keepsRoom = false;
 };
 
 // The tests of trelCopyNode's arguments.
@@ -34,9 +39,10 @@ uint32_t checkCopy(const NodeCopy& wanted, uint32_t copyDependents);
 uint32_t checkCopyName(const NodeCopy& wanted, uint32_t copyDependents);
 
 // *dst is set as soon as there is a block, and the failures behind that leave it. The node latches
-// are left before the lists of the destination are used.
+// are left before the lists of the destination are used. *image, if asked for, is of the same state
+// of the source as the copy; it is the caller's after failures, too.
 uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** dst,
-                  uint64_t* nodeSize);
+                  uint64_t* nodeSize, ListImage* image = nullptr);
 
 // trelCopyNodeData: fills a block that is there, and names it.
 uint32_t copyNodeData(const NodeCopy& wanted, SNodeCB_t* dst, uint64_t nodeOffset,
@@ -46,6 +52,10 @@ uint32_t copyNodeData(const NodeCopy& wanted, SNodeCB_t* dst, uint64_t nodeOffse
 // identifier an entry that has one is not the same. idSize counts, the record's own is overwritten.
 uint32_t linkDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id, uint64_t idSize,
                        uint64_t inCriticalSection);
+
+// Adds an entry behind the last one of a list from which none was ever deleted, and of which nobody
+// else knows, without looking for one of its name. The record's idSize counts.
+uint32_t appendDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id);
 
 // What lies at an offset that a record names, null if it is not in the segment.
 const void* inSegment(const ShmSegInfo_t* segInfo, uint64_t offset, uint64_t size);

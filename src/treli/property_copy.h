@@ -43,6 +43,25 @@ uint32_t forEachRecord(const List<K>& list, Visit&& visit) {
   return 0;
 }
 
+// A property of the source, for a copy: identifier and bytes go from node to node.
+template <class K>
+uint32_t readRecord(const List<K>& list, typename K::Record* record, Key* key, Value* value) {
+  if (const uint32_t rc = examine(list, record)) return rc;
+  key->tag = record->tag;
+  if constexpr (K::hasId) {
+    key->idSize = record->idSize;
+    key->id = at<uint8_t>(list.node, record->idOffset);
+    if (!list.holds(record->idOffset, key->idSize)) return TREL_RC_ID_BOUNDS;
+  }
+  if constexpr (K::hasBytes) {
+    value->size = record->valueSize;
+    value->bytes = list.valueOf(record);
+    return 0;
+  } else {
+    return loadRegister(&record->value, &value->number);
+  }
+}
+
 // Adds to a list that only this copy has filled, from a list in which nothing is twice: the next
 // record is free, and in a flat list nothing needs to be compared.
 template <class K>
@@ -58,7 +77,7 @@ uint32_t appendProperty(const List<K>& list, const Key& key, const Value& value)
   return countReconfiguration(list.node);
 }
 
-// Adds the source's properties to the copy's new list. Identifiers and bytes go from node to node.
+// Adds the source's properties to the copy's new list.
 template <class K>
 uint32_t copyProperties(SNodeCB_t* source, SNodeCB_t* copy) {
   List<K> from, to;
@@ -72,20 +91,9 @@ uint32_t copyProperties(SNodeCB_t* source, SNodeCB_t* copy) {
   }
   if (const uint32_t rc = checkCondition(copy, accept::usable)) return rc;
   return forEachRecord(from, [&](typename K::Record* record) -> uint32_t {
-    if (const uint32_t rc = examine(from, record)) return rc;
-    Key key{record->tag};
+    Key key;
     Value value;
-    if constexpr (K::hasId) {
-      key.idSize = record->idSize;
-      key.id = at<uint8_t>(source, record->idOffset);
-      if (!from.holds(record->idOffset, key.idSize)) return TREL_RC_ID_BOUNDS;
-    }
-    if constexpr (K::hasBytes) {
-      value.size = record->valueSize;
-      value.bytes = from.valueOf(record);
-    } else {
-      if (const uint32_t rc = loadRegister(&record->value, &value.number)) return rc;
-    }
+    if (const uint32_t rc = readRecord(from, record, &key, &value)) return rc;
     return appendProperty(to, key, value);
   });
 }

@@ -1,30 +1,29 @@
 #include "treli/tree_walk_copy.h"
 
 #include "trel/copy.h"
-#include "trel/node.h"
-#include "trel/segment.h"
+#include "treli/node_return.h"
 #include "treli/reach.h"
 
 namespace trel {
 namespace {
 
-// A node whose dependents are being gone through.
+// A node whose dependents are being gone through, by the list that it had when it was copied.
 struct Level {
   SNodeCB_t* node;
   ShmSegInfo_t* segInfo;
-  SNodeCB_t* copy;
-  ParentPlace place;  // of the copy, for the parent records of its children
   uint64_t depth;
-  uint64_t position;  // of the next entry's place in the list
-  uint32_t seen;      // live entries so far
-  int32_t stamp;      // of the list when its walk began
-  bool leftOut;       // a dependent was found abandoned or unselected
+  SNodeCB_t* copy = nullptr;
+  ParentPlace place = {};  // of the copy, for the parent records of its children
+  ListImage list = {};
+  uint32_t next = 0;     // entry of the list
+  bool leftOut = false;  // a dependent was found abandoned or unselected
 };
 
+// What an entry leads to. A child that is passed over is not counted as left out.
 struct Child {
   Reached reached;
-  const HdmModuleRecord_t* module = nullptr;
-  bool passedOver = false;
+  HdmModuleRecord_t module;
+  bool hasModule = false, passedOver = false;
 };
 
 class Walk {
@@ -32,21 +31,23 @@ class Walk {
   explicit Walk(const TreePass& pass) : pass_(pass) {
     if (fromProcessMemory()) levels_.budget().lift();
   }
+  ~Walk() {
+    while (!levels_.empty()) pop();
+  }
+  Walk(const Walk&) = delete;
+  Walk& operator=(const Walk&) = delete;
 
   uint32_t run(const NodeCopy& name, TreeTop* top) {
-    Level level = {top->node, top->segInfo, nullptr, {}, top->depth, 0, 0, 0, false};
-    if (const uint32_t rc = visit(name, &level, &top->leftOut)) return rc;
+    Level level = {top->node, top->segInfo, top->depth};
+    const uint32_t rc = visit(name, &level, &top->leftOut);
     top->copy = level.copy;
-    if (top->leftOut) return 0;
-    if (const uint32_t rc = descend(level)) return rc;
+    if (const uint32_t failure = rc ? rc : descend(level)) return failure;
     while (!levels_.empty()) {
-      bool found = false;
-      if (const uint32_t rc = takeEntry(&levels_.top(), &found)) return rc;
-      if (found) {
-        if (const uint32_t rc = visitChild(levels_.top())) return rc;
+      if (levels_.top().next < levels_.top().list.count) {
+        if (const uint32_t failure = visitChild(levels_.top())) return failure;
       } else {
         finish(levels_.top());
-        levels_.pop();
+        pop();
       }
     }
     return 0;
@@ -55,89 +56,80 @@ class Walk {
  private:
   bool copies() const { return pass_.totalSize != nullptr; }
   bool fromProcessMemory() const { return pass_.copyDirection == TREL_COPY_PM_TO_SHM; }
+  bool toProcessMemory() const { return pass_.copyDirection == TREL_COPY_SHM_TO_PM; }
 
   bool selects(uint32_t condition) const {
     return (pass_.copyFlags & TREL_TREE_COPY_ALL) || (pass_.copyFlags >> condition & 1);
   }
 
-  // Judges a node, and copies it.
+  // Judges a node, copies it and reads its list. A failure leaves nothing of the copy.
   uint32_t visit(const NodeCopy& name, Level* level, bool* leftOut) {
-    uint32_t condition = 0;
-    if (const uint32_t rc = trelGetNodeCondition(level->node, &condition)) return rc;
+    const uint32_t condition = level->node->condition;
+    if (condition < TREL_CONDITION_CREATED || condition > TREL_CONDITION_DISASSOCIATED)
+      return TREL_RC_CONDITION;
     *leftOut = condition == TREL_CONDITION_ABANDONED || (copies() && !selects(condition));
-    if (*leftOut || !copies()) return 0;
-    SNodeCB_t* copy = nullptr;
+    if (*leftOut) return 0;
+    ListImage* list = pass_.maxDepth == 0 || level->depth < pass_.maxDepth ? &level->list : nullptr;
+    if (!copies()) return list ? readList(level->node, list) : 0;
     uint64_t size = 0;
-    if (const uint32_t rc = copyNode(name, TREL_COPY_DEPENDENTS_EMPTY, &copy, &size)) {
-      if (pass_.copyDirection == TREL_COPY_SHM_TO_PM) release(&copy);
+    if (const uint32_t rc = copyNode(name, TREL_COPY_DEPENDENTS_EMPTY, &level->copy, &size, list)) {
+      drop(level);
       return rc;
     }
     *pass_.totalSize += size;
-    level->copy = copy;
     // Only a rehearsal has no record to fill. NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
     level->place = {name.info->nodeOffset, name.info->segInfoOffset, name.info->hdmInfoOffset,
                     name.info->segBase};
     return 0;
   }
 
-  uint32_t descend(const Level& level) {
-    if (!(level.node->exports & TREL_EXPORT_DEPENDENT)) return 0;
-    if (pass_.maxDepth && level.depth >= pass_.maxDepth) return 0;
-    // A list that the node has got since it was copied comes too late.
-    if (copies() && pass_.copyLimits == TREL_COPY_LIMITS_KEEP &&
-        !(level.copy->exports & TREL_EXPORT_DEPENDENT))
-      return 0;
-    Level below = level;
-    below.stamp = stampOf(level.node);
-    below.position = kDependentHeader;
-    return levels_.push(below);
+  static uint32_t readList(SNodeCB_t* node, ListImage* list) {
+    return within<Access::read>(node, 0, [&] { return takeImage(node, list); });
   }
 
-  // Takes the next live entry out. While the list stays as it was when its walk began, it ends with
-  // the last live entry; once it has changed, entries are where they are found.
-  uint32_t takeEntry(Level* level, bool* found) {
-    return within<Access::read>(level->node, 0, [&]() -> uint32_t {
-      DependentList list;
-      if (const uint32_t rc = locateDependents(level->node, &list)) return rc;
-      const bool unchanged = stampOf(level->node) == level->stamp;
-      if (list.maxIdSize == 0 || (unchanged && level->seen >= list.live)) return 0;
-      for (; list.start + level->position + list.stride() <= list.end;
-           level->position += list.stride()) {
-        const auto* entry = at<SNodeInfo_t>(nullptr, list.start + level->position);
-        entry_ = *entry;
-        if (entry_.nodeTag == 0) continue;
-        if (entry_.idSize > list.maxIdSize) return TREL_RC_ID_BOUNDS;
-        entry_.segBase = offsetOf(entry, nullptr) - entry_.selfOffset;
-        entry_.selfOffset = 0;
-        memcpy(id_, idOf(entry), static_cast<size_t>(entry_.idSize));
-        maxIdSize_ = list.maxIdSize;
-        level->position += list.stride();
-        ++level->seen;
-        *found = true;
-        return 0;
-      }
-      return unchanged ? uint32_t{TREL_RC_DEPENDENT_BOUNDS} : 0;
-    });
+  uint32_t descend(Level& level) {
+    if (level.list.count == 0) return 0;
+    const uint32_t rc = levels_.push(level);
+    if (rc) release(&level.list.bytes);
+    return rc;
   }
 
-  // From the entry to the child. Abandoned children, and those in other segments if the walk is to
+  void pop() {
+    release(&levels_.top().list.bytes);
+    levels_.pop();
+  }
+
+  // Undoes a visit. What hangs below a copy is not reached any more, either.
+  void drop(Level* level) {
+    release(&level->list.bytes);
+    if (toProcessMemory())
+      release(&level->copy);
+    else if (level->copy)
+      giveNodeBack(&level->copy, pass_.dstSegInfo->shmPoolHandle);
+  }
+
+  // From an entry to the child. Abandoned children, and those in other segments if the walk is to
   // stay in its own, are passed over.
-  uint32_t reach(const Level& level, Child* child) {
+  uint32_t reach(const Level& level, const SNodeInfo_t& stored, Child* child) {
     if (fromProcessMemory()) {
-      child->reached.node = at<SNodeCB_t>(nullptr, entry_.nodeOffset);
-      child->module = at<const HdmModuleRecord_t>(nullptr, entry_.hdmInfoOffset);
+      child->reached.node = at<SNodeCB_t>(nullptr, stored.nodeOffset);
+      child->module = *at<const HdmModuleRecord_t>(nullptr, stored.hdmInfoOffset);
+      child->hasModule = true;
       return 0;
     }
     const ShmDomainHandle_t* domain = level.segInfo ? level.segInfo->shmDomainHandle : nullptr;
-    if (!domain || offsetOf(domain->base, nullptr) != entry_.segBase)
-      return TREL_RC_BLOCK_OUTSIDE_POOL;
-    if (entry_.hdmInfoOffset) {
-      child->module = static_cast<const HdmModuleRecord_t*>(
-          inSegment(level.segInfo, entry_.hdmInfoOffset, sizeof *child->module));
-      if (!child->module) return TREL_RC_BLOCK_OUTSIDE_POOL;
+    if (!domain) return TREL_RC_BLOCK_OUTSIDE_POOL;
+    SNodeInfo_t entry = stored;
+    entry.selfOffset = 0;
+    entry.segBase = offsetOf(domain->base, nullptr);
+    if (entry.hdmInfoOffset) {
+      const void* module = inSegment(level.segInfo, entry.hdmInfoOffset, sizeof child->module);
+      if (!module) return TREL_RC_BLOCK_OUTSIDE_POOL;
+      memcpy(&child->module, module, sizeof child->module);
+      child->hasModule = true;
     }
     uint32_t otherSegment = 0;
-    const uint32_t rc = reachNode(&entry_, &child->reached, pass_.topSegInfo, &otherSegment,
+    const uint32_t rc = reachNode(&entry, &child->reached, pass_.topSegInfo, &otherSegment,
                                   pass_.copyFlags & kStayInSegment);
     const bool abandoned = rc == TREL_RC_ABANDONED, known = rc == 0 || isRefusedCondition(rc);
     // A rehearsal keeps the segment: the pass must see for itself that the child is abandoned.
@@ -145,49 +137,54 @@ class Walk {
       leaveReached(&child->reached);
     else if (known)
       keepReached(&child->reached);
-    child->passedOver = known ? abandoned || otherSegment : !copies();
-    return known || child->passedOver ? 0 : rc;
+    child->passedOver = known && (abandoned || otherSegment);
+    return known ? 0 : rc;
   }
 
+  // An entry that has gone meanwhile takes all that failed on the way with it; a rehearsal goes as
+  // far as it can.
   uint32_t visitChild(Level& level) {
+    const SNodeInfo_t& entry = *level.list.entry(level.next++);
     Child child;
-    if (const uint32_t rc = reach(level, &child)) return rc;
-    if (child.passedOver) return 0;
-    if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
-    const uint64_t tag = entry_.nodeTag, idSize = entry_.idSize;
+    Level below = {nullptr, nullptr, level.depth + 1};
+    uint32_t rc = reach(level, entry, &child);
+    if (rc == 0 && !child.passedOver) {
+      if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
+      below.node = child.reached.node;
+      below.segInfo = child.reached.segInfo;
+      rc = copyChild(level, entry, child, &below);
+    }
+    if (rc) return !copies() || !(fromProcessMemory() || stillHolds(level.node, &entry)) ? 0 : rc;
+    return descend(below);
+  }
+
+  uint32_t copyChild(Level& level, const SNodeInfo_t& entry, const Child& child, Level* below) {
+    const uint64_t tag = entry.nodeTag, idSize = entry.idSize, maxIdSize = level.list.maxIdSize;
     uint64_t idSizeOut = 0, maxIdSizeOut = 0;
     SNodeInfo_t info = {};
-    const NodeCopy name{child.reached.segInfo,
+    const NodeCopy name{below->segInfo,
                         pass_.dstSegInfo,
-                        child.reached.node,
+                        below->node,
                         level.place,
-                        child.module,
+                        child.hasModule ? &child.module : nullptr,
                         &tag,
                         &idSize,
-                        &maxIdSize_,
-                        id_,
+                        &maxIdSize,
+                        idOf(&entry),
                         &info,
                         id_,
                         &idSizeOut,
                         &maxIdSizeOut,
                         pass_.copyDirection,
-                        pass_.copyLimits};
-    Level below = {
-        child.reached.node, child.reached.segInfo, nullptr, {}, level.depth + 1, 0, 0, 0, false};
+                        pass_.copyLimits,
+                        true};
     bool leftOut = false;
-    if (const uint32_t rc = visit(name, &below, &leftOut)) return rc;
-    if (leftOut) {
-      level.leftOut = true;
-      return 0;
-    }
-    if (copies()) {
-      // Nobody else knows the parent's copy.
-      if (const uint32_t rc = linkDependent(level.copy, &info, id_, idSize, 1)) {
-        if (pass_.copyDirection == TREL_COPY_SHM_TO_PM) release(&below.copy);
-        return rc;
-      }
-    }
-    return descend(below);
+    if (const uint32_t rc = visit(name, below, &leftOut)) return rc;
+    level.leftOut |= leftOut;
+    if (leftOut || !copies()) return 0;
+    const uint32_t rc = appendDependent(level.copy, &info, id_);
+    if (rc) drop(below);
+    return rc;
   }
 
   // A node that lost all its dependents on the way has no list.
@@ -199,9 +196,6 @@ class Walk {
 
   const TreePass& pass_;
   TraversalStack<Level> levels_;
-  // The entry last taken out: as it is given to users, with selfOffset 0 and segBase set.
-  SNodeInfo_t entry_;
-  uint64_t maxIdSize_ = 0;
   uint8_t id_[TREL_MAX_ID_SIZE];
 };
 

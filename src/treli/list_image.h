@@ -1,0 +1,27 @@
+// A node's list of dependents as it was at one moment: its live entries, one behind the other, in
+// process memory. Whoever goes through an image keeps nobody waiting, and what it holds has been
+// tested and does not change any more.
+#pragma once
+
+#include "treli/dependent_list.h"
+
+namespace trel {
+
+struct ListImage {
+  uint8_t* bytes = nullptr;
+  uint32_t count = 0, maxIdSize = 0;
+
+  // A record with its identifier behind it. Its selfOffset is its position in the section.
+  const SNodeInfo_t* entry(uint32_t i) const {
+    return at<const SNodeInfo_t>(bytes, uint64_t{i} * (maxIdSize + sizeof(SNodeInfo_t)));
+  }
+};
+
+// Takes an image of what the node's list holds; of a node without a list it is empty. The caller is
+// inside the node's section, and frees the image with `release(&image.bytes)`.
+uint32_t takeImage(SNodeCB_t* node, ListImage* image);
+
+// Whether the node's list still holds an entry of an image. Enters the node's read section.
+bool stillHolds(SNodeCB_t* node, const SNodeInfo_t* entry);
+
+}  // namespace trel
