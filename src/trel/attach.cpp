@@ -325,8 +325,8 @@ uint32_t trelDestroySegInfoAndHandles(ShmSegInfo_t** segInfo) {
     if (!record->shmDomainHandle) return flow.logged(TREL_RC_DOMAIN_HANDLE_NULL, nullptr);
     if (record->identity.handleVersion != TREL_STRUCTURE_VERSION)
       return flow.fail(TREL_RC_HANDLE_VERSION);
-    if (const uint32_t rc = release(&record->shmPoolHandle)) return flow.fail(rc);
-    if (const uint32_t rc = release(&record->shmDomainHandle)) return flow.fail(rc);
+    if (const uint32_t rc = freeHandle(&record->shmPoolHandle)) return flow.fail(rc);
+    if (const uint32_t rc = freeHandle(&record->shmDomainHandle)) return flow.fail(rc);
     return release(segInfo);
   });
 }

@@ -5,7 +5,8 @@
 #include "trel/version.h"
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
-#include "treli/byte_latch.h"
+#include "trelshm/byte_latch.h"
+#include "trelshm/handle.h"
 #include "trelshm/process_memory.h"
 
 uint32_t trelAPIIsInitialized = TREL_API_UNINITIALISED;
@@ -46,12 +47,12 @@ uint32_t initialiseFirst(uint32_t handleVersion) {
 
 // Frees both handles without disconnecting: the segment stays mapped.
 uint32_t forgetHandles(ShmSegInfo_t* segInfo) {
-  if (const uint32_t rc = release(&segInfo->shmPoolHandle)) return rc;
+  if (const uint32_t rc = freeHandle(&segInfo->shmPoolHandle)) return rc;
   if (ShmDomainHandle_t* domain = segInfo->shmDomainHandle) {
     delete domain->ipcMemory;
     domain->ipcMemory = nullptr;
   }
-  return release(&segInfo->shmDomainHandle);
+  return freeHandle(&segInfo->shmDomainHandle);
 }
 
 uint32_t forgetAttachments() {

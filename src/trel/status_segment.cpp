@@ -4,7 +4,7 @@
 #include "trel/storage.h"
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
-#include "trelshm/process_memory.h"
+#include "trelshm/handle.h"
 
 namespace trel {
 namespace {
@@ -137,7 +137,7 @@ uint32_t freeSegment(ShmSegInfo_t* segInfo, uint32_t poolFreeMode, uint32_t free
   if (segInfo->shmPoolHandle) {
     uint32_t rc = _trelFreeShmPool(&segInfo->shmPoolHandle, forced ? kFreeForced : poolFreeMode,
                                    FID_trelDeleteStatusSegment, __LINE__, kModuleName);
-    if (forced && isGone(rc)) rc = release(&segInfo->shmPoolHandle);
+    if (forced && isGone(rc)) rc = freeHandle(&segInfo->shmPoolHandle);
     if (rc) return rc;
   }
   if (!segInfo->shmDomainHandle) return 0;

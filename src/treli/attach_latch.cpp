@@ -1,7 +1,7 @@
 #include "treli/attach_latch.h"
 
 #include "trel/segment.h"
-#include "treli/byte_latch.h"
+#include "trelshm/byte_latch.h"
 
 namespace trel {
 

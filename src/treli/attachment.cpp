@@ -4,7 +4,7 @@
 
 #include "trel/lists.h"
 #include "trel/storage.h"
-#include "trelshm/process_memory.h"
+#include "trelshm/handle.h"
 
 namespace trel {
 
@@ -120,8 +120,8 @@ uint32_t NewHold::publish() {
 
 void NewHold::drop() {
   if (segInfo_) {
-    release(&segInfo_->shmPoolHandle);
-    release(&segInfo_->shmDomainHandle);
+    freeHandle(&segInfo_->shmPoolHandle);
+    freeHandle(&segInfo_->shmDomainHandle);
     if (node_) release(&segInfo_);
   }
   release(&node_);
@@ -139,30 +139,21 @@ uint32_t endHold(const SegIdentity_t& identity) {
 
 namespace {
 
-// Ends the memory of a domain that cannot be left in good order, and frees the handle.
-uint32_t letGo(ShmDomainHandle_t** domain, uint32_t (PLATHIPCMemory::*leave)(), uint32_t failure) {
-  if (PLATHIPCMemory* memory = (*domain)->ipcMemory) {
-    if (memory->isAttached() && (memory->*leave)() != 0) return failure;
-    delete memory;
-    (*domain)->ipcMemory = nullptr;
-  }
-  return release(domain);
-}
-
-uint32_t unmap(ShmDomainHandle_t** domain) {
-  return letGo(domain, &PLATHIPCMemory::detach, TREL_RC_SEGMENT_DETACH);
-}
+// Leaves a domain that cannot be disconnected from in good order.
+uint32_t unmap(ShmDomainHandle_t** domain) { return dropHandle(domain, TREL_RC_SEGMENT_DETACH); }
 
 }  // namespace
 
 uint32_t destroyMemory(ShmDomainHandle_t** domain) {
-  return letGo(domain, &PLATHIPCMemory::destroy, TREL_RC_SEGMENT_DESTROY);
+  PLATHIPCMemory* memory = (*domain)->ipcMemory;
+  if (memory && memory->remove() != 0) return TREL_RC_SEGMENT_DESTROY;
+  return dropHandle(domain, TREL_RC_SEGMENT_DESTROY);
 }
 
 uint32_t leaveSegment(ShmSegInfo_t* segInfo, bool forced) {
   if (segInfo->shmPoolHandle) {
     uint32_t rc = trelDisconnectFromShmPool(&segInfo->shmPoolHandle);
-    if (forced && isGone(rc)) rc = release(&segInfo->shmPoolHandle);
+    if (forced && isGone(rc)) rc = freeHandle(&segInfo->shmPoolHandle);
     if (rc) return rc;
   }
   if (!segInfo->shmDomainHandle) return 0;
@@ -214,7 +205,7 @@ void undoAttach(ShmSegInfo_t* segInfo) {
 }
 
 void undoPoolConnection(ShmPoolHandle_t** pool) {
-  if (*pool && trelDisconnectFromShmPool(pool) != 0) release(pool);
+  if (*pool && trelDisconnectFromShmPool(pool) != 0) freeHandle(pool);
 }
 
 void undoDomainConnection(ShmDomainHandle_t** domain) {
@@ -224,7 +215,7 @@ void undoDomainConnection(ShmDomainHandle_t** domain) {
 void undoPoolCreation(ShmPoolHandle_t** pool) {
   if (*pool &&
       _trelFreeShmPool(pool, 4, FID_trelGetProtectedStatusSegment, __LINE__, kModuleName) != 0)
-    release(pool);
+    freeHandle(pool);
 }
 
 void undoDomainCreation(ShmDomainHandle_t** domain) {

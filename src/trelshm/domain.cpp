@@ -1,9 +1,10 @@
 #include <string.h>
 
 #include "platsvc/ipc.h"
-#include "platsvc/memory.h"
 #include "trelshm/handle.h"
 #include "trelshm/heap.h"
+#include "trelshm/mapping.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {
@@ -12,15 +13,6 @@ constexpr uint64_t kDefaultLevel = 7, kDefaultGranularity = 4096;
 constexpr uint32_t kDefaultPermissions = 0660;
 
 bool byKey(uint32_t accessMode) { return accessMode == 1 || accessMode == 2; }
-
-uint32_t makeHandle(ShmDomainHandle_t** handle, void* base, const ShmDomainParam_t& param) {
-  void* block = nullptr;
-  if (_platMemAlloc(&block, 0, sizeof(ShmDomainHandle_t), 1, __FILE__, __LINE__) != 0)
-    return TREL_RC_DOMAIN_NO_MEMORY;
-  *handle = static_cast<ShmDomainHandle_t*>(block);
-  **handle = {base, param.accessMode, param.heapOffset, nullptr};
-  return 0;
-}
 
 // The memory of a domain that is being created or joined, given back unless it is kept.
 class Memory {
@@ -53,10 +45,18 @@ class Memory {
     if (heapOffset > size || size - heapOffset < TREL_HEAP_HEADER_SIZE) return false;
     return Heap(base, heapOffset, kDomainKind).header()->heapSize <= size - heapOffset;
   }
-  PLATHIPCMemory* keep() {
-    PLATHIPCMemory* object = object_;
+  // Gives the memory to a new handle, which enters the table of what is mapped.
+  uint32_t hand(ShmDomainHandle_t** handle, const ShmDomainParam_t& param, uint64_t heapSize) {
+    ShmDomainHandle_t* made = nullptr;
+    if (obtain(&made)) return TREL_RC_DOMAIN_NO_MEMORY;
+    *made = {base, param.accessMode, param.heapOffset, object_};
+    if (!enterMapping(made, object_ ? object_->getSize() : param.heapOffset + heapSize, true)) {
+      release(&made);
+      return TREL_RC_DOMAIN_NO_MEMORY;
+    }
     object_ = nullptr;
-    return object;
+    *handle = made;
+    return 0;
   }
 
   void* base = nullptr;
@@ -78,19 +78,6 @@ ShmDomainParam_t complete(const ShmDomainParam_t* given, uint32_t accessMode) {
 uint32_t checkDomainHandle(const Flow& flow, const ShmDomainHandle_t* handle) {
   if (const uint32_t rc = checkHandle(flow, handle)) return rc;
   return isAligned8(handle->heapOffset) ? 0 : flow.fail(TREL_RC_DOMAIN_OFFSET_ALIGN);
-}
-
-// Ends the handle's memory by `end`, and frees the handle.
-uint32_t dropHandle(const Flow& flow, ShmDomainHandle_t** handle, uint32_t (PLATHIPCMemory::*end)(),
-                    uint32_t endFailed) {
-  ShmDomainHandle_t* h = *handle;
-  if (!byKey(h->accessMode) && h->accessMode != 3) return flow.fail(TREL_RC_ACCESS_MODE);
-  if (byKey(h->accessMode) && h->ipcMemory) {
-    if ((h->ipcMemory->*end)() != 0) return flow.fail(endFailed);
-    delete h->ipcMemory;
-    h->ipcMemory = nullptr;
-  }
-  return freeHandle(flow, handle);
 }
 
 }  // namespace
@@ -127,11 +114,10 @@ uint32_t trelCreateShmDomain(const PLATIPCResID* resId, uintptr_t address, uint3
     const HeapPlan plan = planOf(param, TREL_HEAP_DOMAIN, size, 0);
     if (const uint32_t rc = createHeap(memory.base, param.heapOffset, kDomainKind, plan))
       return flow.fail(rc);
-    if (const uint32_t rc = makeHandle(handle, memory.base, param)) {
+    if (const uint32_t rc = memory.hand(handle, param, size)) {
       Heap(memory.base, param.heapOffset, kDomainKind).header()->heapState = 0;
       return flow.fail(rc);
     }
-    (*handle)->ipcMemory = memory.keep();
     return 0;
   });
 }
@@ -157,12 +143,15 @@ uint32_t trelConnectToShmDomain(const PLATIPCResID* resId, uintptr_t address,
     }
     Heap heap(memory.base, param.heapOffset, kDomainKind);
     if (!memory.holds(param.heapOffset)) return flow.fail(TREL_RC_DOMAIN_STATE);
-    if (const uint32_t rc = connectHeap(&heap)) return flow.fail(rc);
-    if (const uint32_t rc = makeHandle(handle, memory.base, param)) {
-      disconnectHeap(&heap);
+    // In the table first, so that its bounds hold for all that is read from here on.
+    ShmDomainHandle_t* made = nullptr;
+    if (const uint32_t rc = memory.hand(&made, param, heap.header()->heapSize))
+      return flow.fail(rc);
+    if (const uint32_t rc = connectHeap(&heap)) {
+      dropHandle(&made, rc);
       return flow.fail(rc);
     }
-    (*handle)->ipcMemory = memory.keep();
+    *handle = made;
     return 0;
   });
 }
@@ -173,7 +162,7 @@ uint32_t trelDisconnectFromShmDomain(ShmDomainHandle_t** handle) {
     Heap heap = heapOf(*handle);
     if (const uint32_t rc = checkStoredVersions(heap, false)) return flow.fail(rc);
     if (const uint32_t rc = disconnectHeap(&heap)) return flow.fail(rc);
-    return dropHandle(flow, handle, &PLATHIPCMemory::detach, TREL_RC_SEGMENT_DETACH);
+    return dropHandle(handle, TREL_RC_SEGMENT_DETACH);
   });
 }
 
@@ -196,7 +185,9 @@ uint32_t trelFreeShmDomain(ShmDomainHandle_t** handle, uint32_t freeMode) {
     }
     if (latched) leaveHeap(heap);
     if (inUse) return flow.fail(TREL_RC_DOMAIN_CONNECTED);
-    return dropHandle(flow, handle, &PLATHIPCMemory::destroy, TREL_RC_SEGMENT_DESTROY);
+    if ((*handle)->ipcMemory && (*handle)->ipcMemory->remove() != 0)
+      return flow.fail(TREL_RC_SEGMENT_DESTROY);
+    return dropHandle(handle, TREL_RC_SEGMENT_DESTROY);
   });
 }
 

@@ -3,10 +3,11 @@
 
 #include <string.h>
 
-#include "platsvc/memory.h"
 #include "trel/storage.h"
 #include "trelshm/heap.h"
 #include "trelshm/heap_latch.h"
+#include "trelshm/mapping.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 
@@ -65,6 +66,7 @@ struct HandleTraits<ShmDomainHandle_t> {
   static constexpr uint32_t rcUserArea = TREL_RC_DOMAIN_USER_AREA;
   static constexpr uint32_t rcData = TREL_RC_DOMAIN_DATA_NULL;
   static uint64_t offset(const ShmDomainHandle_t* handle) { return handle->heapOffset; }
+  static void forget(const ShmDomainHandle_t* handle) { forgetMapping(handle); }
 };
 
 template <>
@@ -75,6 +77,7 @@ struct HandleTraits<ShmPoolHandle_t> {
   static constexpr uint32_t rcUserArea = TREL_RC_POOL_USER_AREA;
   static constexpr uint32_t rcData = TREL_RC_POOL_DATA_NULL;
   static uint64_t offset(const ShmPoolHandle_t* handle) { return handle->poolOffset; }
+  static void forget(const ShmPoolHandle_t*) {}
 };
 
 template <class Handle>
@@ -97,13 +100,32 @@ inline uint32_t checkStoredVersions(const Heap& heap, bool latchToo) {
                                                                : 0;
 }
 
+// Frees a handle and no more: the heap still counts a connection. Where somebody looks at the
+// segment, who may use its handles, the last one frees it.
 template <class Handle>
-uint32_t freeHandle(const Flow& flow, Handle** handle) {
-  void* block = *handle;
-  if (_platMemFree(&block, 0, 0, __FILE__, __LINE__) != 0)
-    return flow.fail(HandleTraits<Handle>::rcFree);
+uint32_t freeHandle(Handle** handle) {
+  if (!*handle) return 0;
+  HandleTraits<Handle>::forget(*handle);
+  if (!freeWithLastPin((*handle)->base, *handle))
+    return release(handle) ? HandleTraits<Handle>::rcFree : 0;
   *handle = nullptr;
   return 0;
+}
+
+// Unmaps the memory of a domain, and frees the handle; where somebody looks, the last one does
+// both.
+inline uint32_t dropHandle(ShmDomainHandle_t** handle, uint32_t unmapFailed) {
+  const uint32_t mode = (*handle)->accessMode;
+  if (mode != 1 && mode != 2 && mode != 3) return TREL_RC_ACCESS_MODE;
+  switch (leaveMapping(*handle)) {
+    case Unmapped::failed:
+      return unmapFailed;
+    case Unmapped::later:
+      *handle = nullptr;
+      return 0;
+    default:
+      return freeHandle(handle);
+  }
 }
 
 template <class Handle>
@@ -112,7 +134,7 @@ uint32_t destroyHandle(uint32_t function, Handle** handle) {
     if (const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr)) return rc;
     if (heapOf(*handle).header()->handleVersion != TREL_STRUCTURE_VERSION)
       return flow.fail(TREL_RC_HANDLE_VERSION);
-    return freeHandle(flow, handle);
+    return freeHandle(handle);
   });
 }
 

@@ -185,7 +185,7 @@ uint32_t trelConnectToShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domai
     if (rc == 0) rc = findChunk(domainHandle->base, poolOffset, &chunkOffset);
     if (rc) {
       disconnectHeap(&pool);
-      if (made) freeHandle(flow, &made);
+      if (made) freeHandle(&made);
       return flow.fail(rc);
     }
     *made = {domainHandle->base, domain.offset(), poolOffset, chunkOffset};
@@ -204,7 +204,7 @@ uint32_t trelDisconnectFromShmPool(ShmPoolHandle_t** handle) {
     if (const uint32_t rc = checkStoredVersions(pool, true)) return flow.fail(rc);
     if (pool.header()->topPool != h->domainOffset) return flow.fail(TREL_RC_DOMAIN_OFFSET);
     if (const uint32_t rc = disconnectHeap(&pool)) return flow.fail(rc);
-    return freeHandle(flow, handle);
+    return freeHandle(handle);
   });
 }
 
@@ -251,7 +251,7 @@ uint32_t _trelFreeShmPool(ShmPoolHandle_t** handle, uint32_t freeMode, uint32_t 
       return rc;
     });
     if (freed) return flow.fail(freed);
-    return freeHandle(flow, handle);
+    return freeHandle(handle);
   });
 }
 
