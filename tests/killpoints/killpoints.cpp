@@ -100,6 +100,7 @@ ACCESS(16)
     return __atomic_compare_exchange_n(word, seen, v, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST); \
   }                                                                                               \
   FETCH(bits, type, add)                                                                          \
+  FETCH(bits, type, sub)                                                                          \
   FETCH(bits, type, and)                                                                          \
   FETCH(bits, type, or)
 
