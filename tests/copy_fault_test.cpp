@@ -7,20 +7,6 @@ namespace {
 
 using namespace copies;
 
-// Two nodes below a top, properties, a module.
-SNodeCB_t* smallTree(const Segment& segment) {
-  const HdmModuleRecord_t served = module("/served");
-  const NodePlan plan{kBare | TREL_EXPORT_R, 2, {{TREL_EXPORT_R, {2}}}};
-  const Made top = makeNode(segment, plan, 1, "top", nullptr);
-  const Made child = makeNode(segment, plan, 2, "child", &top, &served);
-  const Made last = makeNode(segment, plan, 3, "last", &child);
-  for (const Made& made : {top, child, last}) {
-    EXPECT_EQ(0u, (Api{made.node, TREL_EXPORT_R}.create({2})));
-    EXPECT_EQ(0u, trelAddRProperty(made.node, 7, 70, 0));
-  }
-  return top.node;
-}
-
 // A tree in process memory, taken to a segment in order to be looked at, and freed.
 Text pictureOfRescued(SNodeCB_t* top, Segment& segment) {
   const uint64_t none = 0, maxIdSize = kIdRoom;

@@ -152,6 +152,20 @@ inline Made makeTree(const std::vector<const Segment*>& segments, unsigned nodes
   return made[0];
 }
 
+// Two nodes below a top, properties, a module.
+inline SNodeCB_t* smallTree(const Segment& segment) {
+  const HdmModuleRecord_t served = module("/served");
+  const NodePlan plan{kBare | TREL_EXPORT_R, 2, {{TREL_EXPORT_R, {2}}}};
+  const Made top = makeNode(segment, plan, 1, "top", nullptr);
+  const Made child = makeNode(segment, plan, 2, "child", &top, &served);
+  const Made last = makeNode(segment, plan, 3, "last", &child);
+  for (const Made& made : {top, child, last}) {
+    EXPECT_EQ(0u, (Api{made.node, TREL_EXPORT_R}.create({2})));
+    EXPECT_EQ(0u, trelAddRProperty(made.node, 7, 70, 0));
+  }
+  return top.node;
+}
+
 // A call of the tree copy, and what came of it. The new segment is deleted at the end.
 struct TreeCopy {
   SNodeCB_t* top = nullptr;

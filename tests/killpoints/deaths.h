@@ -21,6 +21,24 @@ inline bool isFullRun() {
   return full;
 }
 
+// Runs work in a process that arms a kill point first. True if it was killed there; false if it
+// ended before it got so far.
+inline bool diesAt(const std::function<void()>& arm, const std::function<void()>& work) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    srand(1);
+    arm();
+    work();
+    killpoints::disarm();
+    _exit(testing::Test::HasFailure());
+  }
+  int status = 0;
+  EXPECT_EQ(pid, waitpid(pid, &status, 0));
+  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return true;
+  EXPECT_EQ(0, status) << "an operation that was not killed has failed";
+  return false;
+}
+
 // Bytes of a segment at some time.
 using Image = std::vector<uint8_t>;
 
@@ -31,22 +49,9 @@ class Memory {
   Image save() const { return Image(base_, base_ + size_); }
   void restore(const Image& image) const { memcpy(base_, image.data(), size_); }
 
-  // Runs work in a process that is killed in front of its store number n. True if it was; false if
-  // it ended before it got there.
+  // Runs work in a process that is killed in front of its store number n. True if it was.
   bool dies(uint64_t n, const std::function<void()>& work) const {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      srand(1);
-      killpoints::arm(base_, size_, n);
-      work();
-      killpoints::disarm();
-      _exit(testing::Test::HasFailure());
-    }
-    int status = 0;
-    EXPECT_EQ(pid, waitpid(pid, &status, 0));
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return true;
-    EXPECT_EQ(0, status) << "an operation that was not killed has failed";
-    return false;
+    return diesAt([&] { killpoints::arm(base_, size_, n); }, work);
   }
 
   // Lets work die at every one of its stores, on the same bytes each time; survive(n) looks at what

@@ -1,17 +1,33 @@
 // What instrumented code calls in front of its loads and stores.
 #include "killpoints.h"
 
+#include <dlfcn.h>
+#include <sys/shm.h>
+
 #include <csignal>
 #include <cstddef>
 
 namespace {
 
-uintptr_t from = 0, to = 0;
+struct Range {
+  uintptr_t from, to;
+  bool holds(uintptr_t address) const { return address >= from && address < to; }
+};
+Range chosen = {};
+Range mapped[64] = {};  // segments, whether armed or not
+bool segmentsArmed = false;
 uint64_t left = 0;
 
 bool isShared(const volatile void* address) {
   const auto a = reinterpret_cast<uintptr_t>(address);
-  return a >= from && a < to;
+  if (!segmentsArmed) return chosen.holds(a);
+  for (const Range& segment : mapped)
+    if (segment.holds(a)) return true;
+  return false;
+}
+
+void callSystem() {
+  if (segmentsArmed && left-- == 0) raise(SIGKILL);
 }
 
 void store(const volatile void* address) {
@@ -31,12 +47,58 @@ void inHalves(void* address, size_t size, Move&& move) {
 }  // namespace
 
 void killpoints::arm(const void* memory, uint64_t size, uint64_t stores) {
-  from = reinterpret_cast<uintptr_t>(memory);
-  to = from + static_cast<uintptr_t>(size);
+  const auto from = reinterpret_cast<uintptr_t>(memory);
+  chosen = {from, from + static_cast<uintptr_t>(size)};
   left = stores;
 }
 
-void killpoints::disarm() { from = to = 0; }
+void killpoints::armSegments(uint64_t stores) {
+  left = stores;
+  segmentsArmed = true;
+}
+
+void killpoints::disarm() {
+  chosen = {};
+  segmentsArmed = false;
+}
+
+// The system's calls on segments, in front of those of the C library.
+template <class Call>
+static Call real(Call, const char* name) {
+  return reinterpret_cast<Call>(dlsym(RTLD_NEXT, name));
+}
+
+extern "C" {
+
+int shmget(key_t key, size_t size, int flags) noexcept {
+  if (flags & IPC_CREAT) callSystem();
+  return real(shmget, "shmget")(key, size, flags);
+}
+int shmctl(int id, int command, shmid_ds* info) noexcept {
+  if (command == IPC_RMID || command == IPC_SET) callSystem();
+  return real(shmctl, "shmctl")(id, command, info);
+}
+void* shmat(int id, const void* hint, int flags) noexcept {
+  callSystem();
+  void* address = real(shmat, "shmat")(id, hint, flags);
+  const auto from = reinterpret_cast<uintptr_t>(address);
+  shmid_ds info;
+  if (from != UINTPTR_MAX && real(shmctl, "shmctl")(id, IPC_STAT, &info) == 0)
+    for (Range& segment : mapped)
+      if (segment.to == 0) {
+        segment = {from, from + info.shm_segsz};
+        break;
+      }
+  return address;
+}
+int shmdt(const void* address) noexcept {
+  callSystem();
+  for (Range& segment : mapped)
+    if (segment.from == reinterpret_cast<uintptr_t>(address)) segment = {};
+  return real(shmdt, "shmdt")(address);
+}
+
+}  // extern "C"
 
 extern "C" {
 
