@@ -166,6 +166,60 @@ TEST(Pool, ConnectFreeAndTheTopPool) {
   EXPECT_EQ("", heap.fault());
 }
 
+TEST_F(Domain, CountsOfTheDeadDoNotCount) {
+  ShmPoolHandle_t *pool = nullptr, *second = nullptr;
+  ASSERT_EQ(0u, create(0x20000));
+  ASSERT_EQ(0u, _trelCreateShmPool(&pool, domain, 0x4000, nullptr, 1, 1, ""));
+  const uint32_t offset = static_cast<uint32_t>(pool->poolOffset);
+  for (int dead = 0; dead < 3; ++dead)
+    EXPECT_EQ(0, inOtherProcess([&] {
+                ShmPoolHandle_t* theirs = nullptr;
+                EXPECT_EQ(0u, connect());
+                EXPECT_EQ(0u, trelConnectToShmPool(&theirs, other, offset, nullptr));
+              }));
+  EXPECT_EQ(4u, header()->connectionCount);
+  ASSERT_EQ(0u, connect());
+  EXPECT_EQ(TREL_RC_POOL_CONNECTED, _trelFreeShmPool(&pool, 3, 1, 1, "")) << "mapped twice";
+  EXPECT_EQ(TREL_RC_DOMAIN_CONNECTED, trelFreeShmDomain(&domain, 1));
+  EXPECT_EQ(0u, trelDisconnectFromShmDomain(&other));
+  ASSERT_EQ(0u, trelConnectToShmPool(&second, domain, offset, nullptr));
+  EXPECT_EQ(TREL_RC_POOL_CONNECTED, _trelFreeShmPool(&pool, 3, 1, 1, "")) << "two handles";
+  EXPECT_EQ(0u, trelDisconnectFromShmPool(&second));
+  EXPECT_EQ(0u, _trelFreeShmPool(&pool, 3, 1, 1, ""));
+  EXPECT_EQ(0u, trelFreeShmDomain(&domain, 1));
+}
+
+TEST(Pool, EntriesInOtherPoolsOutliveIt) {
+  const Reports reports;
+  Heap heap(0x40000, 0x8000);
+  ShmPoolHandle_t* second = nullptr;
+  ASSERT_EQ(0u, _trelCreateShmPool(&second, heap.domain, 0x4000, nullptr, 1, 1, ""));
+  const auto at = [](uint32_t key) {
+    SegIdentity_t record{};
+    record.segmentKey.key = key;
+    return record;
+  };
+  SegIdentity_t* entry = nullptr;
+  for (const uint32_t key : {1u, 2u, 3u, 4u, 5u, 6u}) {
+    const SegIdentity_t record = at(key);
+    EXPECT_EQ(0u,
+              trelInsertAttachSegInfoNodeIntoLList(key % 3 ? second : heap.pool, &record, &entry));
+  }
+  heap.header()->topPool = second->poolOffset;
+  second->chunkOffset += 8;
+  EXPECT_EQ(TREL_RC_DOMAIN_NOT_FOUND, _trelFreeShmPool(&second, 4, 1, 1, ""));
+  second->chunkOffset -= 8;
+  const auto keys = [&] { return printed([&] { trelPrintAttachSegInfoNodeLList(heap.pool); }); };
+  EXPECT_NE(std::string::npos, keys().find("#6")) << "a failure changes nothing";
+  EXPECT_EQ(0u, _trelFreeShmPool(&second, 4, 1, 1, ""));
+  EXPECT_EQ(
+      "Linked list node #1 stores segment key = \"6\"\n"
+      "Linked list node #2 stores segment key = \"3\"\n",
+      keys());
+  EXPECT_EQ(0u, heap.header()->topPool);
+  EXPECT_EQ("", heap.fault());
+}
+
 TEST(Hostile, SlackBeyondTheBlockIsNotRead) {
   const Reports reports;
   Heap heap(0x20000, 0x8000);

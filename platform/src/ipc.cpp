@@ -3,9 +3,11 @@
 #include "platsvc/ipc.h"
 
 #include <errno.h>
+#include <linux/capability.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -36,19 +38,28 @@ uint32_t codeOf(int error) {
 
 // Maps at the hint, else anywhere. Null with errno. Without SHM_REMAP and SHM_RND the system
 // refuses a hint that is occupied or unaligned.
-void* map(int id, const void* hint) {
+void* map(int id, const void* hint, int flags) {
   void* const failed = reinterpret_cast<void*>(-1);
-  void* address = hint ? shmat(id, hint, 0) : failed;
-  if (address == failed) address = shmat(id, nullptr, 0);
+  void* address = hint ? shmat(id, hint, flags) : failed;
+  if (address == failed) address = shmat(id, nullptr, flags);
   return address == failed ? nullptr : address;
 }
 
-uint32_t mapCode(int error) { return error == EINVAL ? PLAT_RC_SEGMENT_MAP : codeOf(error); }
+// Where no hint is given, it is the id that is not valid: the segment went meanwhile.
+uint32_t mapCode(int error) { return error == EINVAL ? PLAT_RC_NO_SEGMENT : codeOf(error); }
 
 // Control of a segment by its id, which is no longer valid once the segment is gone.
 uint32_t control(int id, int command, shmid_ds* info) {
   if (shmctl(id, command, info) == 0) return 0;
   return errno == EINVAL ? PLAT_RC_NO_SEGMENT : codeOf(errno);
+}
+
+// The capability that allows to remove what others own.
+bool mayAdminister() {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+  static_assert(CAP_SYS_ADMIN < 32, "in the first word");
+  return syscall(SYS_capget, &header, sets) == 0 && (sets[0].effective >> CAP_SYS_ADMIN & 1) != 0;
 }
 
 }  // namespace
@@ -62,10 +73,10 @@ void* PLATHIPCMemory::operator new(size_t size) noexcept { return malloc(size); 
 void PLATHIPCMemory::operator delete(void* object) noexcept { free(object); }
 
 // Maps a segment and becomes its object. size 0: asks the system.
-uint32_t PLATHIPCMemory::adopt(int id, const void* hint, size_t size) {
+uint32_t PLATHIPCMemory::adopt(int id, const void* hint, size_t size, int flags) {
   State* state = static_cast<State*>(malloc(sizeof(State)));
   if (!state) return PLAT_RC_NO_MEMORY;
-  *state = {id, map(id, hint), size};
+  *state = {id, map(id, hint, flags), size};
   uint32_t code = state->address ? 0 : mapCode(errno);
   shmid_ds info;
   if (code == 0 && size == 0) {
@@ -95,16 +106,24 @@ uint32_t PLATHIPCMemory::create(const PLATIPCMemoryCreateParam* param) {
   const int id = shmget(static_cast<key_t>(param->resId.key), param->size,
                         IPC_CREAT | IPC_EXCL | static_cast<int>(param->permissions & kAccessBits));
   if (id < 0) return codeOf(errno);
-  const uint32_t code = adopt(id, reinterpret_cast<const void*>(param->address), param->size);
+  const uint32_t code = adopt(id, reinterpret_cast<const void*>(param->address), param->size, 0);
   if (code != 0) shmctl(id, IPC_RMID, nullptr);
   return code;
 }
 
-uint32_t PLATHIPCMemory::attach(const PLATIPCResID* resId, const void* address) {
+uint32_t PLATHIPCMemory::attachAs(const PLATIPCResID* resId, const void* address, int flags) {
   if (!resId || resId->key == 0) return PLAT_RC_ARGUMENT;
   if (isAttached()) return PLAT_RC_ALREADY_ATTACHED;
   const int id = shmget(static_cast<key_t>(resId->key), 0, 0);
-  return id < 0 ? codeOf(errno) : adopt(id, address, 0);
+  return id < 0 ? codeOf(errno) : adopt(id, address, 0, flags);
+}
+
+uint32_t PLATHIPCMemory::attach(const PLATIPCResID* resId, const void* address) {
+  return attachAs(resId, address, 0);
+}
+
+uint32_t PLATHIPCMemory::attachForReading(const PLATIPCResID* resId, const void* address) {
+  return attachAs(resId, address, SHM_RDONLY);
 }
 
 uint32_t PLATHIPCMemory::getAddress(void** address) const {
@@ -135,6 +154,24 @@ uint32_t PLATHIPCMemory::getInfo(shmid_ds* info) const {
   if (!info) return PLAT_RC_ARGUMENT;
   if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
   return control(state_->id, IPC_STAT, info);
+}
+
+uint32_t PLATHIPCMemory::getState(PLATSegmentState* state) const {
+  if (!state) return PLAT_RC_ARGUMENT;
+  shmid_ds info;
+  if (const uint32_t code = getInfo(&info)) return code;
+  const uid_t user = geteuid();
+  const bool owns = info.shm_perm.uid == user, made = info.shm_perm.cuid == user;
+  *state = {info.shm_nattch, owns && made, owns || made || mayAdminister()};
+  return 0;
+}
+
+uint32_t PLATHIPCMemory::findKey(const PLATIPCResID* resId) const {
+  if (!resId || resId->key == 0) return PLAT_RC_ARGUMENT;
+  if (!isAttached()) return PLAT_RC_NOT_ATTACHED;
+  const int id = shmget(static_cast<key_t>(resId->key), 0, 0);
+  if (id < 0) return codeOf(errno);
+  return id == state_->id ? PLAT_RC_OK : PLAT_RC_OTHER_SEGMENT;
 }
 
 uint32_t PLATHIPCMemory::authorize(const PLATIPCSecurityParam* param) {

@@ -1,4 +1,4 @@
-// The library's state in a process: variables, initialisation, cleanup, forks.
+// The library's state in a process: initialisation, cleanup, forks.
 #include "platsvc/fork.h"
 #include "platsvc/ipc.h"
 #include "trel/segment.h"
@@ -9,15 +9,8 @@
 #include "trelshm/handle.h"
 #include "trelshm/process_memory.h"
 
-uint32_t trelAPIIsInitialized = TREL_API_UNINITIALISED;
 uint32_t trelAPIInitRefCount = 0;
 uint8_t trelAPIInitLatch = 0;
-uint8_t trelSegAttachLatch = 0;
-SegAttachNode_t** pSegAttachList = nullptr;
-GASegInfo_t trelGASegInfo = {0, {{0, 0, 0, 0, {PLAT_STRUCTURE_TAG, 0}, 0, 0}, nullptr, nullptr}};
-uint32_t trelGARefCount = 0;
-PMSegListNode_t trelSegLLHeader = {nullptr, {0, 0, 0, 0, {PLAT_STRUCTURE_TAG, 0}, 0, 0}};
-PMHdmListNode_t trelHDMLLHeader = {nullptr, {{0}, {0}}};
 
 namespace trel {
 namespace {

@@ -3,8 +3,9 @@
 #include <initializer_list>
 
 #include "trel/lists.h"
-#include "trel/storage.h"
+#include "trelshm/domain.h"
 #include "trelshm/handle.h"
+#include "trelshm/pool.h"
 
 namespace trel {
 
@@ -152,12 +153,12 @@ uint32_t destroyMemory(ShmDomainHandle_t** domain) {
 
 uint32_t leaveSegment(ShmSegInfo_t* segInfo, bool forced) {
   if (segInfo->shmPoolHandle) {
-    uint32_t rc = trelDisconnectFromShmPool(&segInfo->shmPoolHandle);
+    uint32_t rc = disconnectPool(&segInfo->shmPoolHandle);
     if (forced && isGone(rc)) rc = freeHandle(&segInfo->shmPoolHandle);
     if (rc) return rc;
   }
   if (!segInfo->shmDomainHandle) return 0;
-  const uint32_t rc = trelDisconnectFromShmDomain(&segInfo->shmDomainHandle);
+  const uint32_t rc = disconnectDomain(&segInfo->shmDomainHandle);
   return forced && isGone(rc) ? unmap(&segInfo->shmDomainHandle) : rc;
 }
 
@@ -205,21 +206,20 @@ void undoAttach(ShmSegInfo_t* segInfo) {
 }
 
 void undoPoolConnection(ShmPoolHandle_t** pool) {
-  if (*pool && trelDisconnectFromShmPool(pool) != 0) freeHandle(pool);
+  if (*pool && disconnectPool(pool) != 0) freeHandle(pool);
 }
 
 void undoDomainConnection(ShmDomainHandle_t** domain) {
-  if (*domain && trelDisconnectFromShmDomain(domain) != 0 && *domain) unmap(domain);
+  if (*domain && disconnectDomain(domain) != 0 && *domain) unmap(domain);
 }
 
 void undoPoolCreation(ShmPoolHandle_t** pool) {
-  if (*pool &&
-      _trelFreeShmPool(pool, 4, FID_trelGetProtectedStatusSegment, __LINE__, kModuleName) != 0)
+  if (*pool && freePool(pool, 4, {FID_trelGetProtectedStatusSegment, __LINE__, kModuleName}) != 0)
     freeHandle(pool);
 }
 
 void undoDomainCreation(ShmDomainHandle_t** domain) {
-  if (*domain && trelFreeShmDomain(domain, 2) != 0 && *domain) destroyMemory(domain);
+  if (*domain && freeDomain(domain, 2) != 0 && *domain) destroyMemory(domain);
 }
 
 }  // namespace trel

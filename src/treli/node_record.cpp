@@ -2,6 +2,7 @@
 
 #include "trel/codes.h"
 #include "trelll/enter.h"
+#include "trelshm/bytes.h"
 
 namespace trel {
 
@@ -19,11 +20,9 @@ uint32_t recordNode(SNodeInfo_t* record, const ShmSegInfo_t* holder, const ShmSe
 
 uint32_t recordNodeInPM(SNodeInfo_t* record, uint64_t nodeOffset, uint64_t tag, uint64_t idSize,
                         const HdmModuleRecord_t* module) {
-  const HdmModuleRecord_t* sought = module ? module : &kNoModule;
-  HdmModuleRecord_t* listed = nullptr;
-  uint32_t rc = trelFindHDMNodeInPMLList(sought, &listed);
-  if (rc == 0 && !listed) rc = trelInsertHDMNodeIntoPMLList(sought, &listed);
-  if (rc == 0) *record = {nodeOffset, tag, idSize, 0, 0, offsetOf(listed, nullptr), 0};
+  uint64_t entered = 0;
+  const uint32_t rc = enterModuleInPM(module, &entered);
+  if (rc == 0) *record = {nodeOffset, tag, idSize, 0, 0, entered, 0};
   return rc;
 }
 

@@ -3,6 +3,12 @@
 #include "trelll/list.h"
 #include "trelshm/process_memory.h"
 
+uint32_t trelAPIIsInitialized = TREL_API_UNINITIALISED;
+uint8_t trelSegAttachLatch = 0;
+SegAttachNode_t** pSegAttachList = nullptr;
+GASegInfo_t trelGASegInfo = {0, {{0, 0, 0, 0, {PLAT_STRUCTURE_TAG, 0}, 0, 0}, nullptr, nullptr}};
+uint32_t trelGARefCount = 0;
+
 namespace trel {
 namespace {
 

@@ -13,6 +13,9 @@
 
 namespace trel {
 
+// No module is one with an empty path.
+constexpr HdmModuleRecord_t kNoModule = {};
+
 // 0 for equal keys, 1 for different ones.
 inline uint32_t compareKeys(uint32_t key1, uint32_t key2, uint32_t version, int32_t* order) {
   if (version != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
@@ -112,6 +115,14 @@ uint32_t insert(const List& list, const typename List::Entry::Record& record,
   list.link(cursor.link, made);
   *inserted = List::Entry::payload(made);
   return 0;
+}
+
+template <class List>
+uint32_t findOrInsert(const List& list, const typename List::Entry::Record& record,
+                      typename List::Entry::Record** entered) {
+  *entered = nullptr;
+  const uint32_t rc = find(list, record, entered);
+  return rc || *entered ? rc : insert(list, record, entered);
 }
 
 template <class List>

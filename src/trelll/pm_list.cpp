@@ -1,7 +1,12 @@
 // The lists in process memory.
 #include "trel/segment.h"
+#include "trelll/enter.h"
 #include "trelll/list.h"
+#include "trelshm/bytes.h"
 #include "trelshm/process_memory.h"
+
+PMSegListNode_t trelSegLLHeader = {nullptr, {0, 0, 0, 0, {PLAT_STRUCTURE_TAG, 0}, 0, 0}};
+PMHdmListNode_t trelHDMLLHeader = {nullptr, {{0}, {0}}};
 
 namespace trel {
 namespace {
@@ -53,6 +58,15 @@ uint32_t onModules(uint32_t function, bool argumentsGiven, Work&& work) {
 }
 
 }  // namespace
+
+uint32_t enterModuleInPM(const HdmModuleRecord_t* module, uint64_t* offset) {
+  HdmModuleRecord_t* listed = nullptr;
+  const uint32_t rc = findOrInsert(PrivateList<ModuleEntry>(&trelHDMLLHeader),
+                                   module ? *module : kNoModule, &listed);
+  if (rc == 0) *offset = offsetOf(listed, nullptr);
+  return rc;
+}
+
 }  // namespace trel
 
 using namespace trel;

@@ -1,5 +1,34 @@
 #include "trelll/shared_list.h"
 
+#include "trelll/enter.h"
+
+namespace trel {
+namespace {
+
+template <class Entry>
+uint32_t enter(uint32_t function, ShmPoolHandle_t* pool, const typename Entry::Record& record,
+               uint64_t* offset) {
+  return withSharedList<Entry>(function, pool, [&](const auto& list) -> uint32_t {
+    typename Entry::Record* payload = nullptr;
+    const uint32_t rc = findOrInsert(list, record, &payload);
+    if (rc == 0) *offset = offsetOf(payload, pool->base);
+    return rc;
+  });
+}
+
+}  // namespace
+
+uint32_t enterIdentity(ShmPoolHandle_t* pool, const SegIdentity_t* identity, uint64_t* offset) {
+  return enter<SegmentEntry>(FID_trelInsertAttachSegInfoNodeIntoLList, pool, *identity, offset);
+}
+
+uint32_t enterModule(ShmPoolHandle_t* pool, const HdmModuleRecord_t* module, uint64_t* offset) {
+  return enter<ModuleEntry>(FID_trelInsertHDMNodeIntoLList, pool, module ? *module : kNoModule,
+                            offset);
+}
+
+}  // namespace trel
+
 using namespace trel;
 
 uint32_t trelFindAttachSegInfoNodeInLList(ShmPoolHandle_t* pool, const SegIdentity_t* record,

@@ -82,19 +82,25 @@ inline TrelU64* headOf(const Heap& domain, const SegmentEntry*) {
 }
 inline TrelU64* headOf(const Heap& domain, const ModuleEntry*) { return &domain.hdmListHead(); }
 
-// The frame of an operation on a shared list: tests, latch, list.
+// Work on a shared list, under the latch of its domain. The function is noted beside allocations.
+template <class Entry, class Work>
+uint32_t withSharedList(uint32_t function, ShmPoolHandle_t* pool, Work&& work) {
+  Heap domain(pool->base, pool->domainOffset, kDomainKind);
+  if (const uint32_t rc = domain.openHeader()) return rc;
+  return insideHeap(&domain, [&]() -> uint32_t {
+    TrelU64* head = headOf(domain, static_cast<const Entry*>(nullptr));
+    return work(SharedList<Entry>(pool, domain, head, function));
+  });
+}
+
+// The frame of an exported operation on a shared list.
 template <class Entry, class Work>
 uint32_t onSharedList(uint32_t function, ShmPoolHandle_t* pool, bool argumentsGiven, Work&& work) {
   return traced(function, [&](const Flow& flow) -> uint32_t {
     if (!pool) return flow.logged(TREL_RC_POOL_HANDLE_NULL, pool);
     if (!pool->base) return flow.logged(TREL_RC_BASE_NULL, pool);
     if (!argumentsGiven) return flow.fail(TREL_RC_LIST_RECORD_NULL);
-    Heap domain(pool->base, pool->domainOffset, kDomainKind);
-    if (const uint32_t rc = domain.openHeader()) return flow.fail(rc);
-    return insideHeap(&domain, [&]() -> uint32_t {
-      TrelU64* head = headOf(domain, static_cast<const Entry*>(nullptr));
-      return work(SharedList<Entry>(pool, domain, head, function));
-    });
+    return withSharedList<Entry>(function, pool, work);
   });
 }
 

@@ -15,6 +15,20 @@ bool liesInPool(const Heap& pool, int64_t blockOffset) {
   return offset >= pool.offset() && offset - pool.offset() <= pool.header()->heapSize;
 }
 
+// Whether the pad in front of that data lies in the heap.
+bool hasPad(const Heap& heap, uint64_t dataOffset) {
+  return dataOffset >= heap.offset() + kLeastDataOffset &&
+         dataOffset - heap.offset() <= heap.header()->heapSize;
+}
+
+// The same for the domain around a pool.
+bool hasPadInDomain(const Heap& pool, uint64_t dataOffset) {
+  const uint64_t owner = pool.header()->topPool;
+  if (owner > pool.offset() || pool.offset() - owner < TREL_HEAP_HEADER_SIZE) return false;
+  const Heap domain(pool.base(), owner, kDomainKind);
+  return checkHeap(domain) == 0 && hasPad(domain, dataOffset);
+}
+
 }  // namespace
 
 uint32_t locateBlock(const Flow& flow, const Heap& pool, const void* block, uint64_t* blockOffset,
@@ -22,14 +36,13 @@ uint32_t locateBlock(const Flow& flow, const Heap& pool, const void* block, uint
   if (reinterpret_cast<uintptr_t>(block) < reinterpret_cast<uintptr_t>(pool.base()))
     return flow.fail(TREL_RC_BLOCK_BELOW_BASE);
   *dataOffset = offsetOf(block, pool.base());
-  if (*dataOffset < pool.offset() + kLeastDataOffset ||
-      *dataOffset - pool.offset() > pool.header()->heapSize)
-    return flow.fail(TREL_RC_BLOCK_OUTSIDE_POOL);
+  const bool inPool = hasPad(pool, *dataOffset);
+  if (!inPool && !hasPadInDomain(pool, *dataOffset)) return flow.fail(TREL_RC_BLOCK_OUTSIDE_POOL);
   int64_t offset = 0;
   if (const uint32_t rc = blockOffsetOf(pool.base(), *dataOffset, &offset)) return flow.fail(rc);
   if (offset < 0) return flow.fail(TREL_RC_BLOCK_OFFSET_NEGATIVE);
   if (!isAligned8(static_cast<uint64_t>(offset))) return flow.fail(TREL_RC_BLOCK_OFFSET_ALIGN);
-  if (!liesInPool(pool, offset)) return flow.fail(TREL_RC_BLOCK_OUTSIDE_POOL);
+  if (!inPool || !liesInPool(pool, offset)) return flow.fail(TREL_RC_BLOCK_OUTSIDE_POOL);
   *blockOffset = static_cast<uint64_t>(offset);
   return 0;
 }

@@ -11,6 +11,17 @@
 
 namespace trel {
 
+// How many handles this process has on a heap: each enters when it is made, and leaves when it is
+// freed. False without process memory.
+bool enterHandle(const void* handle, const void* heap);
+void removeHandle(const void* handle, const void* heap);
+
+// Whether nobody is connected but the caller. A process that died has left its count behind: where
+// the system knows of one attachment, and this process has one handle on the heap, the others are
+// dead. The caller holds heapLatch. `memory` is the segment in which the heap lies; null where it
+// is bound to no key, and then the count alone tells.
+bool isLastConnection(const Heap& heap, const PLATHIPCMemory* memory);
+
 template <class T>
 inline void takeDefault(T* field, T byDefault) {
   if (*field == 0) *field = byDefault;
@@ -106,6 +117,7 @@ template <class Handle>
 uint32_t freeHandle(Handle** handle) {
   if (!*handle) return 0;
   HandleTraits<Handle>::forget(*handle);
+  removeHandle(*handle, heapOf(*handle).header());
   if (!freeWithLastPin((*handle)->base, *handle))
     return release(handle) ? HandleTraits<Handle>::rcFree : 0;
   *handle = nullptr;
@@ -117,10 +129,13 @@ uint32_t freeHandle(Handle** handle) {
 inline uint32_t dropHandle(ShmDomainHandle_t** handle, uint32_t unmapFailed) {
   const uint32_t mode = (*handle)->accessMode;
   if (mode != 1 && mode != 2 && mode != 3) return TREL_RC_ACCESS_MODE;
-  switch (leaveMapping(*handle)) {
+  ShmDomainHandle_t* const leaving = *handle;
+  const void* heap = heapOf(leaving).header();
+  switch (leaveMapping(leaving)) {
     case Unmapped::failed:
       return unmapFailed;
     case Unmapped::later:
+      removeHandle(leaving, heap);
       *handle = nullptr;
       return 0;
     default:

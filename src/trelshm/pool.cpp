@@ -1,6 +1,11 @@
+#include "trelshm/pool.h"
+
+#include <initializer_list>
+
 #include "trelshm/engine.h"
 #include "trelshm/handle.h"
 #include "trelshm/heap.h"
+#include "trelshm/live_nodes.h"
 #include "trelshm/store.h"
 
 namespace trel {
@@ -24,21 +29,27 @@ struct NewPool {
   }
 };
 
-uint32_t makeHandle(ShmPoolHandle_t** handle) {
-  void* block = nullptr;
-  if (_platMemAlloc(&block, 0, sizeof(ShmPoolHandle_t), 1, __FILE__, __LINE__) != 0)
+uint32_t makeHandle(ShmPoolHandle_t** handle, const ShmPoolHandle_t& value) {
+  ShmPoolHandle_t* made = nullptr;
+  if (obtain(&made)) return TREL_RC_POOL_NO_MEMORY;
+  *made = value;
+  if (!enterHandle(made, heapOf(made).header())) {
+    release(&made);
     return TREL_RC_POOL_NO_MEMORY;
-  *handle = static_cast<ShmPoolHandle_t*>(block);
+  }
+  *handle = made;
   return 0;
+}
+
+// The segment in which a domain lies, null if it is bound to no key.
+const PLATHIPCMemory* memoryOf(const Heap& domain) {
+  Mapping mapping;
+  return findMapping(domain.header(), &mapping) ? mapping.handle->ipcMemory : nullptr;
 }
 
 uint32_t checkDomain(const Heap& domain) {
   if (!isAligned8(domain.offset())) return TREL_RC_DOMAIN_OFFSET_ALIGN;
   return checkHeap(domain);
-}
-
-Heap domainOf(const ShmPoolHandle_t* handle) {
-  return Heap(handle->base, handle->domainOffset, kDomainKind);
 }
 
 // Whether a pool at that offset can be looked at. What lies outside belongs to another domain, if
@@ -83,30 +94,89 @@ class ListWalk {
   uint64_t steps_;
 };
 
-// Takes the nodes that lie in a pool off the list, each by one store.
-void unlinkNodesInside(const Heap& domain, TrelU64* head, uint64_t poolOffset, uint64_t poolSize) {
-  ListWalk walk(domain, head);
-  while (TrelU64* next = walk.next())
-    if (*walk.link - poolOffset < poolSize)
-      *walk.link = *next;
-    else
-      walk.link = next;
+// Ends a pool by store(word, value), word by word. Entries that lie in other pools stay on their
+// list.
+template <class Store>
+void endPoolBy(const Heap& domain, uint64_t poolOffset, uint64_t poolSize, Store&& store) {
+  store(&domain.at<HeapHeader_t>(poolOffset)->heapState, 0);
+  TrelU64* const topPool = &domain.header()->topPool;
+  const bool isTop = *topPool == poolOffset;
+  for (TrelU64* head : {&domain.segmentListHead(), &domain.hdmListHead()}) {
+    ListWalk walk(domain, head);
+    while (TrelU64* next = walk.next()) {
+      if (*walk.link - poolOffset < poolSize)
+        store(walk.link, *next);
+      else
+        walk.link = next;
+    }
+    if (isTop && *walk.link) store(walk.link, 0);  // it leads out of the domain
+  }
+  if (isTop) store(topPool, 0);
+}
+
+uint64_t countEntries(const Heap& domain) {
+  uint64_t count = 0;
+  for (TrelU64* head : {&domain.segmentListHead(), &domain.hdmListHead()}) {
+    ListWalk walk(domain, head);
+    for (; TrelU64* next = walk.next(); ++count) walk.link = next;
+  }
+  return count;
+}
+
+// Stores that can be undone.
+class Changes {
+ public:
+  bool prepare(uint64_t most) { return changes_.allocate(most); }
+  void store(TrelU64* word, uint64_t value) {
+    changes_[count_++] = {word, *word};
+    storeLast(word, value);
+  }
+  void undo() {
+    while (count_ > 0) {
+      --count_;
+      storeLast(changes_[count_].word, changes_[count_].before);
+    }
+  }
+
+ private:
+  struct Change {
+    TrelU64* word;
+    uint64_t before;
+  };
+  Records<Change> changes_;
+  uint64_t count_ = 0;
+};
+
+// Ends the pool and gives its chunk back. The caller holds the domain's heapLatch. The chunk can be
+// handed out again, and be overwritten, as soon as it is back, so the pool ends before. A death
+// from the first store on does not bring it back.
+uint32_t freeHeldPool(Heap* domain, Heap* pool, const ShmPoolHandle_t& handle, bool counted,
+                      const Caller& caller) {
+  if (const uint32_t rc = checkHeap(*pool)) return rc;  // another may have freed it meanwhile
+  Changes changes;
+  // Both lists, what may be wrong with their ends, the state and the top pool.
+  if (!changes.prepare(countEntries(*domain) + 4)) return TREL_RC_POOL_NO_MEMORY;
+  TrelU64* const freeing = &domain->intent()->freeing;
+  const auto end = [&]() -> uint32_t {
+    if (counted && !isLastConnection(*pool, memoryOf(*domain))) return TREL_RC_POOL_CONNECTED;
+    storeLast(freeing, handle.chunkOffset);
+    endPoolBy(*domain, handle.poolOffset, pool->size(),
+              [&](TrelU64* word, uint64_t value) { changes.store(word, value); });
+    return 0;
+  };
+  // Counted, nobody connects between the look at the count and the end.
+  uint32_t rc = counted ? insideHeap(pool, end) : end();
+  if (rc == 0) rc = release(domain, handle.chunkOffset, handle.poolOffset, true, caller);
+  if (rc) changes.undo();
+  storeLast(freeing, 0);
+  return rc;
 }
 
 }  // namespace
 
 void endPool(const Heap& domain, uint64_t poolOffset, uint64_t poolSize) {
-  storeLast(&domain.at<HeapHeader_t>(poolOffset)->heapState, 0);
-  TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
-  // The lists of a domain lie in its top pool.
-  const bool top = domain.header()->topPool == poolOffset;
-  for (TrelU64* head : heads) {
-    if (top)
-      *head = 0;
-    else
-      unlinkNodesInside(domain, head, poolOffset, poolSize);
-  }
-  if (top) storeLast(&domain.header()->topPool, 0);
+  endPoolBy(domain, poolOffset, poolSize,
+            [](TrelU64* word, uint64_t value) { storeLast(word, value); });
 }
 
 bool isOnSharedList(const Heap& domain, uint64_t node) {
@@ -121,137 +191,122 @@ bool isOnSharedList(const Heap& domain, uint64_t node) {
   return false;
 }
 
+uint32_t createPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domainHandle,
+                    uint32_t poolSize, const ShmPoolParam_t* given, const Caller& caller) {
+  const ShmPoolParam_t param = complete(given);
+  if (param.userAreaSize > poolSize) return TREL_RC_USER_AREA_SIZE;
+  if (const uint32_t rc = checkVersions(param)) return rc;
+  Heap domain = heapOf(domainHandle);
+  if (const uint32_t rc = checkDomain(domain)) return rc;
+  if (const uint32_t rc = checkGranularity(param.granularity, poolSize, TREL_RC_POOL_GRANULARITY,
+                                           TREL_RC_POOL_GRANULARITY_ALIGN))
+    return rc;
+  if (!handle) return TREL_RC_POOL_HANDLE_NULL;
+
+  HeapPlan plan = planOf(param, TREL_HEAP_POOL, poolSize, domain.offset());
+  const uint64_t extra = plan.sizes.headerSize + plan.sizes.space;
+  plan.size = (poolSize + extra + param.granularity - 1) / param.granularity * param.granularity;
+
+  NewPool pool = {domainHandle->base, plan, 0};
+  Allocation chunk = {poolSize, 0, extra, plan.size, 0, 0, nullptr, NewPool::create, &pool};
+  if (const uint32_t rc = allocate(&domain, &chunk, caller)) return rc;
+  const uint32_t rc = pool.rc ? uint32_t{TREL_RC_POOL_HEAP}
+                              : makeHandle(handle, {domainHandle->base, domain.offset(),
+                                                    chunk.dataOffset, chunk.blockOffset});
+  if (rc) {
+    Heap(domain.base(), chunk.dataOffset, kPoolKind).header()->heapState = 0;
+    release(&domain, chunk.blockOffset, chunk.dataOffset, false, caller);
+  }
+  return rc;
+}
+
+uint32_t connectPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domainHandle,
+                     uint32_t poolOffset, const ShmPoolParam_t* given) {
+  const ShmPoolParam_t param = complete(given);
+  if (param.heapVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HEAP_VERSION;
+  if (param.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  Heap domain = heapOf(domainHandle);
+  if (const uint32_t rc = checkDomain(domain)) return rc;
+  if (!isAligned8(poolOffset)) return TREL_RC_POOL_OFFSET_ALIGN;
+  if (const uint32_t rc = checkPoolOffset(&domain, poolOffset)) return rc;
+  Heap pool(domainHandle->base, poolOffset, kPoolKind);
+  if (const uint32_t rc = checkHeap(pool)) return rc;
+  if (pool.header()->topPool != domain.offset()) return TREL_RC_DOMAIN_OFFSET;
+  if (pool.header()->heapSize > domain.end() - poolOffset) return TREL_RC_POOL_STATE;
+  if (!handle) return TREL_RC_POOL_HANDLE_NULL;
+
+  if (const uint32_t rc = connectHeap(&pool)) return rc;
+  uint64_t chunkOffset = 0;
+  uint32_t rc = findChunk(domainHandle->base, poolOffset, &chunkOffset);
+  if (rc == 0)
+    rc = makeHandle(handle, {domainHandle->base, domain.offset(), poolOffset, chunkOffset});
+  if (rc) disconnectHeap(&pool);
+  return rc;
+}
+
+uint32_t disconnectPool(ShmPoolHandle_t** handle) {
+  const ShmPoolHandle_t* h = *handle;
+  if (!isAligned8(h->domainOffset)) return TREL_RC_DOMAIN_OFFSET_ALIGN;
+  if (!isAligned8(h->poolOffset)) return TREL_RC_POOL_OFFSET_ALIGN;
+  Heap pool = heapOf(h);
+  if (const uint32_t rc = checkStoredVersions(pool, true)) return rc;
+  if (pool.header()->topPool != h->domainOffset) return TREL_RC_DOMAIN_OFFSET;
+  if (const uint32_t rc = disconnectHeap(&pool)) return rc;
+  return freeHandle(handle);
+}
+
+uint32_t freePool(ShmPoolHandle_t** handle, uint32_t freeMode, const Caller& caller) {
+  const ShmPoolHandle_t h = **handle;
+  if (!isAligned8(h.domainOffset)) return TREL_RC_DOMAIN_OFFSET_ALIGN;
+  if (!isAligned8(h.poolOffset)) return TREL_RC_POOL_OFFSET_ALIGN;
+  if (!isAligned8(h.chunkOffset)) return TREL_RC_CHUNK_OFFSET_ALIGN;
+  Heap domain(h.base, h.domainOffset, kDomainKind);
+  if (const uint32_t rc = checkHeap(domain)) return rc;
+  if (const uint32_t rc = checkStoredVersions(domain, true)) return rc;
+  Heap pool = heapOf(&h);
+  if (const uint32_t rc = checkHeap(pool)) return rc;
+  if (freeMode != 3 && freeMode != 4) return TREL_RC_POOL_FREE_MODE;
+  if (const uint32_t rc = domain.openHeader()) return rc;
+  if (const uint32_t rc = pool.openHeader()) return rc;
+  if (const uint32_t rc = insideHeap(
+          &domain, [&] { return freeHeldPool(&domain, &pool, h, freeMode == 3, caller); }))
+    return rc;
+  return freeHandle(handle);
+}
+
 }  // namespace trel
 
 using namespace trel;
 
-uint32_t _trelCreateShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domainHandle,
-                            uint32_t poolSize, const ShmPoolParam_t* given, uint32_t function,
-                            uint32_t line, const char* file) {
+uint32_t _trelCreateShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domain, uint32_t poolSize,
+                            const ShmPoolParam_t* given, uint32_t function, uint32_t line,
+                            const char* file) {
   return traced(FID__trelCreateShmPool, [&](const Flow& flow) -> uint32_t {
-    if (const uint32_t rc = checkHandle(flow, domainHandle)) return rc;
-    const ShmPoolParam_t param = complete(given);
-    if (param.userAreaSize > poolSize) return flow.fail(TREL_RC_USER_AREA_SIZE);
-    if (const uint32_t rc = checkVersions(param)) return flow.fail(rc);
-    Heap domain = heapOf(domainHandle);
-    if (const uint32_t rc = checkDomain(domain)) return flow.fail(rc);
-    if (const uint32_t rc = checkGranularity(param.granularity, poolSize, TREL_RC_POOL_GRANULARITY,
-                                             TREL_RC_POOL_GRANULARITY_ALIGN))
-      return flow.fail(rc);
-    if (!handle) return flow.fail(TREL_RC_POOL_HANDLE_NULL);
-
-    HeapPlan plan = planOf(param, TREL_HEAP_POOL, poolSize, domain.offset());
-    const uint64_t extra = plan.sizes.headerSize + plan.sizes.space;
-    plan.size = (poolSize + extra + param.granularity - 1) / param.granularity * param.granularity;
-
-    const Caller caller = {function, line, file};
-    NewPool pool = {domainHandle->base, plan, 0};
-    Allocation chunk = {poolSize, 0, extra, plan.size, 0, 0, nullptr, NewPool::create, &pool};
-    if (const uint32_t rc = allocate(&domain, &chunk, caller)) return flow.fail(rc);
-    ShmPoolHandle_t* made = nullptr;
-    const uint32_t rc = pool.rc ? uint32_t{TREL_RC_POOL_HEAP} : makeHandle(&made);
-    if (rc) {
-      Heap(domain.base(), chunk.dataOffset, kPoolKind).header()->heapState = 0;
-      release(&domain, chunk.blockOffset, chunk.dataOffset, false, caller);
-      return flow.fail(rc);
-    }
-    *made = {domainHandle->base, domain.offset(), chunk.dataOffset, chunk.blockOffset};
-    *handle = made;
-    return 0;
+    const uint32_t rc = checkHandle(flow, domain);
+    return rc ? rc : createPool(handle, domain, poolSize, given, {function, line, file});
   });
 }
 
-uint32_t trelConnectToShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domainHandle,
+uint32_t trelConnectToShmPool(ShmPoolHandle_t** handle, ShmDomainHandle_t* domain,
                               uint32_t poolOffset, const ShmPoolParam_t* given) {
   return traced(FID_trelConnectToShmPool, [&](const Flow& flow) -> uint32_t {
-    if (const uint32_t rc = checkHandle(flow, domainHandle)) return rc;
-    const ShmPoolParam_t param = complete(given);
-    if (param.heapVersion != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HEAP_VERSION);
-    if (param.handleVersion != TREL_STRUCTURE_VERSION) return flow.fail(TREL_RC_HANDLE_VERSION);
-    Heap domain = heapOf(domainHandle);
-    if (const uint32_t rc = checkDomain(domain)) return flow.fail(rc);
-    if (!isAligned8(poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
-    if (const uint32_t rc = checkPoolOffset(&domain, poolOffset)) return flow.fail(rc);
-    Heap pool(domainHandle->base, poolOffset, kPoolKind);
-    if (const uint32_t rc = checkHeap(pool)) return flow.fail(rc);
-    if (pool.header()->topPool != domain.offset()) return flow.fail(TREL_RC_DOMAIN_OFFSET);
-    if (pool.header()->heapSize > domain.end() - poolOffset) return flow.fail(TREL_RC_POOL_STATE);
-    if (!handle) return flow.fail(TREL_RC_POOL_HANDLE_NULL);
-
-    if (const uint32_t rc = connectHeap(&pool)) return flow.fail(rc);
-    ShmPoolHandle_t* made = nullptr;
-    uint64_t chunkOffset = 0;
-    uint32_t rc = makeHandle(&made);
-    if (rc == 0) rc = findChunk(domainHandle->base, poolOffset, &chunkOffset);
-    if (rc) {
-      disconnectHeap(&pool);
-      if (made) freeHandle(&made);
-      return flow.fail(rc);
-    }
-    *made = {domainHandle->base, domain.offset(), poolOffset, chunkOffset};
-    *handle = made;
-    return 0;
+    const uint32_t rc = checkHandle(flow, domain);
+    return rc ? rc : connectPool(handle, domain, poolOffset, given);
   });
 }
 
 uint32_t trelDisconnectFromShmPool(ShmPoolHandle_t** handle) {
   return traced(FID_trelDisconnectFromShmPool, [&](const Flow& flow) -> uint32_t {
-    if (const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr)) return rc;
-    const ShmPoolHandle_t* h = *handle;
-    if (!isAligned8(h->domainOffset)) return flow.fail(TREL_RC_DOMAIN_OFFSET_ALIGN);
-    if (!isAligned8(h->poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
-    Heap pool = heapOf(h);
-    if (const uint32_t rc = checkStoredVersions(pool, true)) return flow.fail(rc);
-    if (pool.header()->topPool != h->domainOffset) return flow.fail(TREL_RC_DOMAIN_OFFSET);
-    if (const uint32_t rc = disconnectHeap(&pool)) return flow.fail(rc);
-    return freeHandle(handle);
+    const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr);
+    return rc ? rc : disconnectPool(handle);
   });
 }
 
 uint32_t _trelFreeShmPool(ShmPoolHandle_t** handle, uint32_t freeMode, uint32_t function,
                           uint32_t line, const char* file) {
   return traced(FID__trelFreeShmPool, [&](const Flow& flow) -> uint32_t {
-    if (const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr)) return rc;
-    const ShmPoolHandle_t* h = *handle;
-    if (!isAligned8(h->domainOffset)) return flow.fail(TREL_RC_DOMAIN_OFFSET_ALIGN);
-    if (!isAligned8(h->poolOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
-    if (!isAligned8(h->chunkOffset)) return flow.fail(TREL_RC_CHUNK_OFFSET_ALIGN);
-    Heap domain = domainOf(h);
-    if (const uint32_t rc = checkHeap(domain)) return flow.fail(rc);
-    if (const uint32_t rc = checkStoredVersions(domain, true)) return flow.fail(rc);
-    Heap pool = heapOf(h);
-    if (const uint32_t rc = checkHeap(pool)) return flow.fail(rc);
-    if (freeMode != 3 && freeMode != 4) return flow.fail(TREL_RC_POOL_FREE_MODE);
-    if (const uint32_t rc = domain.openHeader()) return flow.fail(rc);
-    if (const uint32_t rc = pool.openHeader()) return flow.fail(rc);
-
-    const uint32_t freed = insideHeap(&domain, [&]() -> uint32_t {
-      if (const uint32_t rc = checkHeap(pool)) return rc;  // another may have freed it meanwhile
-      TrelU64* const words[] = {&domain.header()->topPool, &domain.segmentListHead(),
-                                &domain.hdmListHead()};
-      const uint64_t before[] = {*words[0], *words[1], *words[2]};
-      TrelU64* freeing = &domain.intent()->freeing;
-      // The chunk can be handed out again, and be overwritten, as soon as it is back, so the pool
-      // ends before. A death from here on does not bring it back.
-      const auto end = [&]() -> uint32_t {
-        if (freeMode == 3 && pool.header()->connectionCount > 1) return TREL_RC_POOL_CONNECTED;
-        storeLast(freeing, h->chunkOffset);
-        endPool(domain, h->poolOffset, pool.size());
-        return 0;
-      };
-      // Counted, nobody connects between the look at the count and the end.
-      uint32_t rc = freeMode == 3 ? insideHeap(&pool, end) : end();
-      if (rc == 0)
-        rc = release(&domain, h->chunkOffset, h->poolOffset, true, {function, line, file});
-      if (rc && *freeing) {
-        for (int i = 0; i < 3; ++i) *words[i] = before[i];
-        pool.header()->heapState = TREL_POOL_STATE;
-      }
-      storeLast(freeing, 0);
-      return rc;
-    });
-    if (freed) return flow.fail(freed);
-    return freeHandle(handle);
+    const uint32_t rc = checkHandle(flow, handle ? *handle : nullptr);
+    return rc ? rc : freePool(handle, freeMode, {function, line, file});
   });
 }
 

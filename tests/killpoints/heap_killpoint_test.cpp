@@ -15,9 +15,10 @@ using Blocks = std::map<uint64_t, uint64_t>;
 
 struct Contents {
   Blocks chunks, blocks;
+  std::vector<uint32_t> entries;  // keys on the shared list of segments
   size_t pools;
   bool operator==(const Contents& o) const {
-    return chunks == o.chunks && blocks == o.blocks && pools == o.pools;
+    return chunks == o.chunks && blocks == o.blocks && entries == o.entries && pools == o.pools;
   }
 };
 
@@ -74,7 +75,13 @@ struct Heaps {
   Contents contents() const {
     const HeapWalk whole(memory.base(), TREL_HEAP_DOMAIN, 0);
     EXPECT_EQ("", whole.fault) << "domain";
-    Contents found{blocksOf(whole), {}, 0};
+    Contents found{blocksOf(whole), {}, {}, 0};
+    const auto* tail = reinterpret_cast<HeapHeaderTail_t*>(memory.base() + sizeof(HeapHeader_t));
+    for (uint64_t at = tail->words[2]; at != 0;) {
+      const auto* entry = reinterpret_cast<SegListNode_t*>(memory.base() + at);
+      found.entries.push_back(entry->identity.segmentKey.key);
+      at = entry->nextOffset;
+    }
     for (const auto& chunk : found.chunks) {
       const auto* header = reinterpret_cast<HeapHeader_t*>(memory.base() + chunk.first);
       if (header->heapState != TREL_POOL_STATE || header->heapOffset != chunk.first) continue;
@@ -113,11 +120,13 @@ struct Heaps {
     takeOver();
   }
 
-  // All blocks that stood before and stand now have their bytes.
+  // All blocks that stood before and stand now have their bytes. Entries of lists change in front.
   void expectBytes(const Image& before, const Contents& was, const Contents& is) const {
     for (const auto& block : was.blocks)
       if (is.blocks.count(block.first)) {
-        EXPECT_EQ(0, memcmp(&before[block.first], memory.base() + block.first, block.second))
+        const uint64_t link = block.second == sizeof(SegListNode_t) ? 8 : 0,
+                       at = block.first + link;
+        EXPECT_EQ(0, memcmp(&before[at], memory.base() + at, block.second - link))
             << "bytes of the block at " << block.first;
       }
   }
@@ -290,6 +299,14 @@ TEST(HeapDeaths, Pools) {
   dieEverywhere(heaps, "free a pool", freeIt);
   EXPECT_EQ(0u, trelPutTopNodeInfoIntoDomainHeader(heaps.domain, 7, heaps.pool->poolOffset,
                                                    static_cast<uint32_t>(heaps.pool->poolOffset)));
+  ShmPoolHandle_t* other = nullptr;
+  EXPECT_EQ(0u, _trelCreateShmPool(&other, heaps.domain, 0x1000, &param, 1, 2, "killpoints"));
+  for (const uint32_t key : {1u, 2u, 3u, 4u}) {
+    SegIdentity_t record{}, *entry = nullptr;
+    record.segmentKey.key = key;
+    EXPECT_EQ(0u,
+              trelInsertAttachSegInfoNodeIntoLList(key % 2 ? other : heaps.pool, &record, &entry));
+  }
   dieEverywhere(heaps, "free the top pool", freeIt);
 }
 

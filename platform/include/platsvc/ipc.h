@@ -30,6 +30,13 @@ struct PLATIPCSecurityParam {
   uint32_t accessBits; /* low 9 bits */
 };
 
+/* What the system knows of a segment, for the calling process. */
+struct PLATSegmentState {
+  uint64_t attachments; /* mappings of all processes */
+  uint8_t isOwn;        /* made by the caller's user, and owned by it */
+  uint8_t mayRemove;    /* the caller's user or capability is enough to remove it */
+};
+
 /* One shared segment. An object is made by `new`, which gives null when there is no memory, and is
  * 8 bytes. Every operation returns 0 or a code of codes.def. A segment is not mapped anew over an
  * occupied address: a hint that cannot be had exactly is passed over. An object is not for several
@@ -50,6 +57,8 @@ class PLAT_API PLATHIPCMemory {
   uint32_t create(const PLATIPCMemoryCreateParam* param);
   /* Maps the segment of that key, at the address if it can be had, else anywhere. */
   uint32_t attach(const PLATIPCResID* resId, const void* address);
+  /* The same for looking alone, which asks for no right to write: a store into it is a fault. */
+  uint32_t attachForReading(const PLATIPCResID* resId, const void* address);
   bool isAttached() const { return state_ != nullptr; }
   uint32_t getAddress(void** address) const;
   /* Bytes of the segment, 0 when not attached. */
@@ -61,6 +70,10 @@ class PLAT_API PLATHIPCMemory {
   /* Removes the segment and unmaps it. A segment that is gone already is a success. */
   uint32_t destroy();
   uint32_t getInfo(shmid_ds* info) const;
+  uint32_t getState(PLATSegmentState* state) const;
+  /* 0 if that key leads to this segment, PLAT_RC_NO_SEGMENT if it leads nowhere,
+   * PLAT_RC_OTHER_SEGMENT if it leads to another one. */
+  uint32_t findKey(const PLATIPCResID* resId) const;
   /* Sets owner, group and access bits. */
   uint32_t authorize(const PLATIPCSecurityParam* param);
 
@@ -70,7 +83,8 @@ class PLAT_API PLATHIPCMemory {
     void* address;
     size_t size;
   };
-  PLAT_HIDDEN uint32_t adopt(int id, const void* hint, size_t size);
+  PLAT_HIDDEN uint32_t adopt(int id, const void* hint, size_t size, int flags);
+  PLAT_HIDDEN uint32_t attachAs(const PLATIPCResID* resId, const void* address, int flags);
   PLAT_HIDDEN void forget();
   union {
     State* state_;
