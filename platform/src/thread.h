@@ -1,23 +1,13 @@
-// Who a thread is, and whether it still lives.
+// Threads that end while their process lives, or while its memory still stands.
 #pragma once
 
-#include "platsvc/latch.h"
+#include <sys/types.h>
 
 namespace plat {
 
-constexpr uint64_t kThreadMask = 0x7fffffff;
-constexpr uint64_t kWaiters = 0x80000000;
-
-// The namespaces of a process that cannot find out its own.
-constexpr uint32_t kUnknownSpace = 1;
-
-// An identity that is not filled yet; no latch holds these values.
-constexpr PLATThreadIdentity kNoIdentity = {~uint64_t{0}, ~uint32_t{0}};
-
-// The calling thread's identity, filled at need.
-const PLATThreadIdentity& threadIdentity();
-
-// Whether the thread that wrote this owner word, in the caller's own namespaces, has surely ended.
-bool threadHasEnded(uint64_t owner);
+// Whether a thread has surely ended, or is on its way out in the kernel, which can take long: it
+// runs no more code. `process` is its process as the caller sees it, `thread` its id as it sees
+// itself. False where that cannot be seen.
+bool threadHasEnded(pid_t process, pid_t thread);
 
 }  // namespace plat

@@ -9,7 +9,7 @@
 #include <sys/shm.h>
 
 #include "platsvc/codes.h"
-#include "thread.h"
+#include "token.h"
 
 namespace {
 
@@ -30,7 +30,8 @@ bool failsWithErrno(uint32_t kind) {
 
 void hideIdentityWhileArmed() {
   if (__atomic_load_n(&armedKinds, __ATOMIC_RELAXED) & (kFaultyGet | kFaultyRelease)) {
-    platThreadIdentity = plat::kNoIdentity;
+    static const uint32_t noKey = 0;
+    platThreadIdentity = {1, &noKey};
   }
 }
 

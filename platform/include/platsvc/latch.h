@@ -14,15 +14,24 @@ PLAT_BEGIN_C
  * the cell's alignment modulo 8, which page-aligned segments do. */
 #define PLAT_LATCH_BYTES 24
 
+/* A latch word names its owner: the thread, and the life token of its process, by which every
+ * process of the same IPC namespace can tell whether the owner's process lives, whatever its user,
+ * its pid namespace and its process id. A token is a private segment of one page that the process
+ * makes in front of its first get, and that the kernel ends with the process, or with its memory
+ * when it executes another program. PLAT_RC_NO_TOKEN if no segment is left (kernel.shmmni). */
+
 /* Makes a latch cell ready and free. `one` is 1. */
 PLAT_API uint32_t platVLatchInit(void* cell, uint32_t one);
 
-/* Waits until the calling thread holds the latch. A latch whose owner has died, killed or ended,
- * is taken over within 100 ms. A stopped owner is waited for; so is every owner once a process of
- * another pid or time namespace has used the latch, for such processes cannot tell whether the
- * other lives. Not recursive: PLAT_RC_ALREADY_OWNER if the calling thread holds it.
- * PLAT_RC_NO_LATCH if the cell holds no latch, or does no longer: whoever waits for a latch whose
- * memory is freed and filled is let go. */
+/* Waits until the calling thread holds the latch. A latch whose owner's process has died is taken
+ * over within 100 ms. So is one whose owner was a thread that ended, by the threads of the same
+ * process, and within 300 ms by those of its pid namespace that can read its status in /proc;
+ * others wait until its process ends. A stopped owner is waited for. Who has waited 10 ms goes
+ * first: those that come later, or again, stand behind. Not recursive: PLAT_RC_ALREADY_OWNER if the
+ * calling thread holds it. PLAT_RC_NO_LATCH if the cell holds no latch, or does no longer: whoever
+ * waits for a latch whose memory is freed and filled is let go. PLAT_RC_FOREIGN_LATCH if the latch
+ * was made in another IPC namespace than the token of this process, or the calling thread has left
+ * the token's since and would have to wait. */
 PLAT_API uint32_t platVLatchGet(void* cell);
 
 /* The same, and sets *ownerDied to 1 if the latch was taken over from a dead owner, else to 0. */
@@ -49,9 +58,9 @@ typedef struct PLATLatchWait {
 PLAT_API uint32_t platVLatchGetWithin(void* cell, const PLATLatchWait* wait, uint32_t* ownerDied);
 
 /* The same on a cell that may not be ready yet: one that was never made ready is free while its
- * word is 0. For whoever makes the memory around it, and would not have two do so: he who has the
- * latch looks whether it was made meanwhile, makes it, marks the cell, and releases it. *ownerDied
- * tells of a maker that died. */
+ * word is 0, or names no life token that stands. For whoever makes the memory around it, and would
+ * not have two do so: he who has the latch looks whether it was made meanwhile, makes it, marks the
+ * cell, and releases it. *ownerDied tells of a maker that died. */
 PLAT_API uint32_t platVLatchGetUnmade(void* cell, const PLATLatchWait* wait, uint32_t* ownerDied);
 
 /* Makes ready a cell whose latch the calling thread got in that way, and goes on holding it. */
@@ -97,27 +106,26 @@ PLAT_END_C
 /* What lies in a cell, at its first 8-aligned address. The layout is shared by 32-bit and 64-bit
  * processes. */
 struct PLATLatch {
-  /* 0: free. Else the owner: thread id in bits 0 to 30, bit 31 set if somebody may be waiting, and
-   * the low 32 bits of the thread's start time above. Waiters sleep on the low half. */
+  /* 0: free. Else the owner: thread id in bits 0 to 21, the number of the thread among those of its
+   * process in bits 22 to 30, the life token of its process in bits 32 to 62. Bit 31 is set if
+   * somebody may be waiting, bit 63 if somebody has waited for long. With these two bits and no
+   * owner the latch is free for those who have. */
   uint64_t word;
-  uint32_t space; /* the namespaces of the process that made the latch */
-  uint32_t mark;  /* one of the two below */
+  uint32_t space; /* the IPC namespace of the maker: its inode, or 1 where that could not be read */
+  uint32_t mark;  /* latchMark(space) */
 };
 
 static_assert(sizeof(PLATLatch) == 16 && offsetof(PLATLatch, space) == 8 &&
                   offsetof(PLATLatch, mark) == 12 && 7 + sizeof(PLATLatch) <= PLAT_LATCH_BYTES,
               "latches are shared between processes");
 
-constexpr uint32_t kLatchMark = 0x6c617463;
-/* A process of other namespaces has come: no takeover any more. */
-constexpr uint32_t kForeignLatchMark = 0x6c617466;
-
-/* The calling thread as latches know it: `owner` is what it writes into a latch word. Until the
- * thread's first latch operation, and in a forked child, both hold values that no latch holds, so
- * that the operations below take their slow paths, which fill them. */
+/* The calling thread as latches know it. */
 struct PLATThreadIdentity {
-  uint64_t owner;
-  uint32_t space;
+  uint64_t owner; /* what it writes into a latch word */
+  /* Leads to the complement of the mark that latches have in the namespace of the process's token.
+   * It is 0, which no such complement is, until the thread's first get, and again in a forked
+   * child, for the kernel wipes it there: then the thread is told anew who it is. */
+  const uint32_t* key;
 };
 
 extern "C" {
@@ -132,8 +140,17 @@ PLAT_API uint32_t platLatchReleaseSlow(void* cell);
 
 namespace plat {
 
+constexpr uint32_t latchMark(uint32_t space) { return 0x6c617463 ^ space; }
+
 inline PLATLatch* latchAt(void* cell) {
   return reinterpret_cast<PLATLatch*>((reinterpret_cast<uintptr_t>(cell) + 7) & ~uintptr_t{7});
+}
+
+// Whether a cell was made ready, and still is a latch.
+inline bool isLatch(const void* cell) {
+  const PLATLatch* latch = latchAt(const_cast<void*>(cell));
+  const uint32_t space = __atomic_load_n(&latch->space, __ATOMIC_RELAXED);
+  return space != 0 && __atomic_load_n(&latch->mark, __ATOMIC_RELAXED) == latchMark(space);
 }
 
 // The get of a free latch.
@@ -141,8 +158,8 @@ inline bool latchTake(void* cell) {
   PLATLatch* latch = latchAt(cell);
   uint64_t free = 0;
   return __builtin_expect(
-      __atomic_load_n(&latch->mark, __ATOMIC_RELAXED) == kLatchMark &&
-          __atomic_load_n(&latch->space, __ATOMIC_RELAXED) == platThreadIdentity.space &&
+      __atomic_load_n(&latch->mark, __ATOMIC_RELAXED) ==
+              ~__atomic_load_n(platThreadIdentity.key, __ATOMIC_RELAXED) &&
           __atomic_compare_exchange_n(&latch->word, &free, platThreadIdentity.owner, false,
                                       __ATOMIC_ACQUIRE, __ATOMIC_RELAXED),
       1);
@@ -156,7 +173,8 @@ inline bool latchStampStands(const PLATLatchWait& wait) {
          __atomic_load_n(half + 1, __ATOMIC_RELAXED) == static_cast<uint32_t>(wait.stampSeen >> 32);
 }
 
-// The two operations of the hot paths. *ownerDied is written only when the owner had died.
+// The two operations of the hot paths. Release is not for what another process than the caller's
+// got, not even its parent by a bare clone. *ownerDied is written only when the owner had died.
 inline uint32_t latchGet(void* cell, uint32_t* ownerDied) {
   return latchTake(cell) ? 0 : platLatchGetSlow(cell, ownerDied, nullptr);
 }
