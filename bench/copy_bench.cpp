@@ -1,5 +1,8 @@
 // Copies of a tree of 10,000 nodes with 10 properties each, by each method, beside building the
 // same tree through the public operations by a caller who knows all sizes.
+//
+// By hand, for it takes 8 GiB and minutes: `TREL_BENCH_LARGE=1 copy_bench --benchmark_filter=Large`
+// builds, searches and copies trees up to the end of a segment, and over several.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/shm.h>
@@ -8,7 +11,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,7 +22,7 @@
 
 namespace {
 
-constexpr uint32_t kSegmentBytes = 160u << 20;
+constexpr uint32_t kSegmentBytes = 160u << 20, kLargestSegment = 0xfffff000u;
 constexpr uint64_t kChildren = 10, kIdRoom = 16;
 constexpr uint64_t kExports = TREL_EXPORT_ID | TREL_EXPORT_PARENT | TREL_EXPORT_DEPENDENT |
                               TREL_EXPORT_R | TREL_EXPORT_V | TREL_EXPORT_IR;
@@ -33,24 +38,34 @@ struct Key {
   }
 };
 
+using Clock = std::chrono::steady_clock;
+
 const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
 
 struct Builder {
   ShmSegInfo_t* segment = nullptr;
-  uint64_t sizes[64], total = 0;
+  uint64_t exports, before, sizes[64], total = 0;
   std::vector<SNodeCB_t*> nodes;
 
-  explicit Builder(const Key& key) {
-    trelGetProtectedStatusSegment(&segment, kSegmentBytes, &key.id, 0, 0, nullptr, nullptr);
-    trelCreateMaxSpaceArray(kExports, 4, 1, 3, 64, 1, 3, 3, 3, 16, 1, 0, 0, 0, 0, 1, 0, kIdRoom,
+  explicit Builder(const Key& key, uint32_t size = kSegmentBytes, uint64_t sections = kExports,
+                   uint64_t nodesBefore = 0)
+      : exports(sections), before(nodesBefore) {
+    trelGetProtectedStatusSegment(&segment, size, &key.id, 0, 0, nullptr, nullptr);
+    trelCreateMaxSpaceArray(exports, 4, 1, 3, 64, 1, 3, 3, 3, 16, 1, 0, 0, 0, 0, 1, 0, kIdRoom,
                             kChildren, sizes, &total);
   }
+  ~Builder() { end(); }
+  void end() {
+    if (segment) trelDeleteStatusSegment(&segment, 4, 2, 2);
+  }
+
+  uint64_t tagOf(uint64_t n) const { return 1 + (before + n) % 0x100000; }
 
   void addNode(uint64_t n) {
     const std::string id = "node" + std::to_string(n);
     SNodeCB_t* node = nullptr;
     uint64_t size = 0, offset = 0;
-    trelCreateNode(segment, &node, kExports, sizes, &size, &offset);
+    trelCreateNode(segment, &node, exports, sizes, &size, &offset);
     SNodeInfo_t up = {}, down = {};
     SNodeCB_t* parent = n ? nodes[(n - 1) / kChildren] : nullptr;
     const std::string parentId = n ? "node" + std::to_string((n - 1) / kChildren) : "";
@@ -59,7 +74,7 @@ struct Builder {
                             nullptr, nullptr);
     trelInitNode(&node, offset, id.size(), bytes(id), &up, bytes(parentId), kIdRoom, nullptr,
                  nullptr, nullptr);
-    trelSetNodeTag(node, n + 1, 0);
+    trelSetNodeTag(node, tagOf(n), 0);
     trelActivateNode(&node);
     trelCreateDependentNodeList(node, nullptr, nullptr, nullptr, kIdRoom, 0, 0);
     trelCreateRPropertyList(node, nullptr, nullptr, 0, 4, 1, 0);
@@ -70,7 +85,7 @@ struct Builder {
     for (uint64_t tag = 1; tag <= 3; ++tag) trelAddVProperty(node, tag, 48, bytes(value), 0);
     for (uint64_t tag = 1; tag <= 3; ++tag) trelAddIRProperty(node, tag, 8, bytes(value), 7, 0);
     if (parent) {
-      trelAddStatusNodeInfo(&down, segment, segment, offset, n + 1, id.size(), nullptr, nullptr);
+      trelAddStatusNodeInfo(&down, segment, segment, offset, tagOf(n), id.size(), nullptr, nullptr);
       trelAddDependentNode(parent, &down, bytes(id), id.size(), 0, 0);
     }
     nodes.push_back(node);
@@ -167,5 +182,67 @@ BENCHMARK_CAPTURE(CopyTree, via memory, TREL_TREE_COPY_VIA_PM)
     ->Arg(1000)
     ->Arg(10000)
     ->Unit(benchmark::kMillisecond);
+
+// One tree over several segments, each with an equal part of the nodes. Further segments hang below
+// the last node of the first one, and these are what is copied, one by one, if there are any.
+void LargeTree(benchmark::State& state) {
+  initialise();
+  const auto nodes = static_cast<uint64_t>(state.range(0)),
+             segments = static_cast<uint64_t>(state.range(1)), each = nodes / segments;
+  const bool lean = segments > 1;
+  const uint64_t exports = lean ? kExports & ~uint64_t{TREL_EXPORT_V | TREL_EXPORT_IR} : kExports;
+  const double perNode = lean ? 4612 : 8116, room = static_cast<double>(each) * (perNode + 400);
+  const auto size = static_cast<uint32_t>(std::min(room + 1e6, double{kLargestSegment}));
+  for (auto _ : state) {
+    std::vector<std::unique_ptr<Key>> keys;
+    std::vector<std::unique_ptr<Builder>> parts;
+    auto timed = [&, last = Clock::now()](const char* name, uint64_t count) mutable {
+      const std::chrono::duration<double, std::nano> took = Clock::now() - last;
+      state.counters[name] = took.count() / static_cast<double>(count);
+      last = Clock::now();
+    };
+    timed("", 1);
+    for (uint32_t i = 0; i < segments; ++i) {
+      keys.push_back(std::make_unique<Key>(i));
+      parts.push_back(std::make_unique<Builder>(*keys[i], size, exports, i * each));
+      parts[i]->build(each);
+      if (!parts[i]->nodes[each - 1]) return state.SkipWithError("the nodes do not fit");
+      if (i) {
+        SNodeInfo_t down = {};
+        trelAddStatusNodeInfo(&down, parts[0]->segment, parts[i]->segment,
+                              parts[i]->nodes[0]->nodeOffset, parts[i]->nodes[0]->tag, 5, nullptr,
+                              nullptr);
+        trelAddDependentNode(parts[0]->nodes[each - 1], &down, bytes("node0"), 5, 0, 0);
+      }
+    }
+    timed("build_ns", nodes);
+    SNodeInfo_t* found = nullptr;
+    if (const uint32_t rc =
+            trelFindNodeSoft(&found, parts[0]->nodes[0], 0x100000, 4, bytes("none"), 0);
+        rc != TREL_RC_NOT_FOUND)
+      state.SkipWithError(("search: " + std::to_string(rc)).c_str());
+    timed("search_ns", nodes);
+    for (size_t i = segments - 1; i > 0 || segments == 1; --i) {
+      const Key to(15);
+      SNodeCB_t* top = nullptr;
+      ShmSegInfo_t* dst = nullptr;
+      uint64_t total = 0;
+      const uint32_t rc = trelCopyTreeIntoSingleShmSegment(
+          parts[i]->nodes[0], &top, &parts[i]->segment, &dst, size, &to.id, 0, 0, nullptr, nullptr,
+          TREL_TREE_COPY_ALL, TREL_TREE_COPY_DIRECT, TREL_COPY_LIMITS_KEEP, 0, &total);
+      if (rc) state.SkipWithError(("copy: " + std::to_string(rc)).c_str());
+      if (dst) trelDeleteStatusSegment(&dst, 4, 2, 2);
+      if (rc || segments == 1) break;
+    }
+    timed("copy_ns", lean ? nodes - each : nodes);
+  }
+  state.counters.erase("");
+}
+[[maybe_unused]] const auto* const large =
+    getenv("TREL_BENCH_LARGE") == nullptr
+        ? nullptr
+        : benchmark::RegisterBenchmark("LargeTree", LargeTree) -> ArgNames({"nodes", "segments"})
+              -> Args({10000, 1}) -> Args({500000, 1}) -> Args({10000, 2}) -> Args({2000000, 8})
+                  -> Iterations(1) -> Unit(benchmark::kMillisecond);
 
 }  // namespace
