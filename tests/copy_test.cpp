@@ -333,8 +333,13 @@ TEST_F(Copy, NeedsNoMoreThanItsSource) {
     const uint64_t children = dependentsOf(top.node).first;
     Key key;
     TreeCopy copy{top.node, &full.info, key, kMethods[seed % 3], 1, 1 + seed % 2, 0x100000};
+    const uint64_t poolSize = full.poolInfo().heapSize;
+    if (seed % 4 < 2) copy.poolSize = static_cast<uint32_t>(poolSize);
     ASSERT_EQ(0u, copy.run());
     EXPECT_EQ(children, dependentsOf(copy.newTop).first);
+    ShmPoolInfo_t made{};
+    EXPECT_EQ(0u, trelGetShmPoolInfo(copy.dst->shmPoolHandle, &made));
+    EXPECT_EQ(poolSize, made.heapSize);
   }
 }
 

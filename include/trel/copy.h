@@ -119,7 +119,8 @@ TREL_API uint32_t trelCopyNodeData(
  * dies with it. Prefer _VIA_SEGMENT where the key is to stay. A key that a death left
  * without a tree is freed by removing its segment.
  *
- * size, address, poolSize, domainParam, poolParam: as in trelGetProtectedStatusSegment;
+ * size, address, poolSize, domainParam, poolParam: as in trelGetProtectedStatusSegment, but that a
+ * poolSize equal to the heapSize of the source's pool asks for a pool of the same size;
  * permissions, owner and group are by default those of the source. maxDepth: levels to copy and to
  * abandon, the top among them; 0: no limit; at most 32768. *totalSize: the nodes' bytes in the last
  * pass.

@@ -1,6 +1,7 @@
 // The beginning and the end of a status segment.
 #include "platsvc/ipc.h"
 #include "trel/segment.h"
+#include "trel/segment_creation.h"
 #include "trel/storage.h"
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
@@ -38,14 +39,8 @@ struct HeapSizing {
   }
 };
 
-struct Creation {
-  uint32_t size;
-  const PLATIPCResID* key;
-  uintptr_t address;
-  uint32_t poolSize;
-  const ShmDomainParam_t* domainParam;
-  const ShmPoolParam_t* poolParam;
-
+struct Creation : NewSegment {
+  explicit Creation(const NewSegment& wanted) : NewSegment(wanted) {}
   uint32_t check(const SegmentForm& form) const;
   uint32_t create(NewHold* hold) const;
 
@@ -65,22 +60,24 @@ uint32_t Creation::check(const SegmentForm& form) const {
 }
 
 // A pool's own needs grow in steps with its payload, and the next step may begin just above the
-// size by which they were estimated. So the payload goes down until the pool's chunk fits.
+// size by which they were estimated. So this is the first of atMost, atMost - 8, ... with which the
+// pool's chunk fits.
 uint32_t Creation::largestPayload(const HeapSizing<ShmPoolParam_t>& sizing, uint64_t managed,
                                   uint64_t atMost, uint64_t* bytes) const {
   const uint64_t unit = poolParam && poolParam->granularity ? poolParam->granularity : 8;
-  for (uint64_t wanted = atMost;;) {
+  uint64_t first = 0, end = atMost / 8 + 1;
+  while (first < end) {
+    const uint64_t middle = first + (end - first) / 2;
     uint64_t own = 0;
-    if (const uint32_t rc = sizing.overhead(wanted, &own)) return rc;
-    const uint64_t chunk = (wanted + own + unit - 1) / unit * unit + kUsualPads;
-    if (chunk <= managed) {
-      *bytes = wanted;
-      return 0;
-    }
-    const uint64_t excess = round8(chunk - managed);
-    if (excess >= wanted) return TREL_RC_SEGMENT_SMALL;
-    wanted -= excess;
+    if (const uint32_t rc = sizing.overhead(atMost - 8 * middle, &own)) return rc;
+    const bool fits = (atMost - 8 * middle + own + unit - 1) / unit * unit + kUsualPads <= managed;
+    if (fits)
+      end = middle;
+    else
+      first = middle + 1;
   }
+  *bytes = atMost - 8 * first;
+  return 8 * first > atMost ? uint32_t{TREL_RC_SEGMENT_SMALL} : 0;
 }
 
 // The payload of the pool, as poolSize asks for it.
@@ -98,7 +95,10 @@ uint32_t Creation::payload(uint32_t* bytes) const {
   const uint64_t sure = managed - margin;
 
   uint64_t wanted = 0;
-  if (poolSize == 0) {
+  if (wholePool) {
+    if (const uint32_t rc = largestPayload(pool, wholePool + kUsualPads, wholePool, &wanted))
+      return rc;
+  } else if (poolSize == 0) {
     if (const uint32_t rc = largestPayload(pool, managed, sure, &wanted)) return rc;
   } else if (poolSize <= sure) {
     wanted = poolSize + margin;
@@ -146,6 +146,30 @@ uint32_t freeSegment(ShmSegInfo_t* segInfo, uint32_t poolFreeMode, uint32_t free
 }
 
 }  // namespace
+
+uint32_t createSegment(const NewSegment& wanted, ShmSegInfo_t** seg) {
+  const Creation creation(wanted);
+  const SegmentForm form = readForm(wanted.domainParam, 1);
+  if (const uint32_t rc = creation.check(form)) return rc;
+  const AttachLatch latch;
+  if (!isInitialised()) return TREL_RC_NOT_INITIALISED;
+  if (form.accessMode == kByAddress) {
+    if (trelGASegInfo.state == TREL_GA_SLOT_IN_USE) return TREL_RC_SEGMENT_EXISTS;
+  } else if (form.accessMode != 1) {
+    return TREL_RC_ACCESS_MODE;
+  } else if (!wanted.key) {
+    return TREL_RC_SEGMENT_NULL;
+  }
+  NewHold hold;
+  if (const uint32_t rc = hold.begin(form, wanted.key)) return rc;
+  if (const uint32_t rc = creation.create(&hold)) {
+    hold.drop();
+    return rc;
+  }
+  *seg = hold.segInfo();
+  return 0;
+}
+
 }  // namespace trel
 
 using namespace trel;
@@ -156,26 +180,8 @@ uint32_t trelGetProtectedStatusSegment(ShmSegInfo_t** seg, uint32_t size, const 
                                        const ShmPoolParam_t* poolParam) {
   return traced(FID_trelGetProtectedStatusSegment, [&](const Flow& flow) -> uint32_t {
     if (!seg) return flow.fail(TREL_RC_SEGMENT_NULL);
-    const Creation creation{size, key, address, poolSize, domainParam, poolParam};
-    const SegmentForm form = readForm(domainParam, 1);
-    if (const uint32_t rc = creation.check(form)) return flow.fail(rc);
-    const AttachLatch latch;
-    if (!isInitialised()) return flow.fail(TREL_RC_NOT_INITIALISED);
-    if (form.accessMode == kByAddress) {
-      if (trelGASegInfo.state == TREL_GA_SLOT_IN_USE) return flow.fail(TREL_RC_SEGMENT_EXISTS);
-    } else if (form.accessMode != 1) {
-      return flow.fail(TREL_RC_ACCESS_MODE);
-    } else if (!key) {
-      return flow.fail(TREL_RC_SEGMENT_NULL);
-    }
-    NewHold hold;
-    if (const uint32_t rc = hold.begin(form, key)) return flow.fail(rc);
-    if (const uint32_t rc = creation.create(&hold)) {
-      hold.drop();
-      return flow.fail(rc);
-    }
-    *seg = hold.segInfo();
-    return 0;
+    const uint32_t rc = createSegment({size, key, address, poolSize, domainParam, poolParam}, seg);
+    return rc ? flow.fail(rc) : 0;
   });
 }
 

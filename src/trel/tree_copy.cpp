@@ -8,6 +8,7 @@
 #include "trel/lists.h"
 #include "trel/node.h"
 #include "trel/segment.h"
+#include "trel/segment_creation.h"
 #include "trel/storage.h"
 #include "trel/tree.h"
 #include "treli/attach_latch.h"
@@ -82,6 +83,7 @@ struct TreeCopy {
   ShmDomainParam_t domainParam;
   SegSecurity_t security;
   uint64_t maxIdSize;  // of the top's list of dependents
+  uint32_t wholePool;  // where the new pool is to be as large as the source's
 
   uint32_t check(const ShmDomainParam_t* given);
   uint32_t direct();
@@ -122,6 +124,9 @@ uint32_t TreeCopy::check(const ShmDomainParam_t* given) {
     return rc;
   if (maxIdSize == 0) return TREL_RC_TOP_NO_DEPENDENTS;
   if (const uint32_t rc = readSecurity()) return rc;
+  ShmPoolInfo_t pool;
+  if (trelGetShmPoolInfo((*srcSeg)->shmPoolHandle, &pool) == 0 && pool.heapSize == poolSize)
+    wholePool = poolSize;
   return completeParam(given);
 }
 
@@ -177,11 +182,8 @@ uint32_t TreeCopy::create(const Site& site, ShmSegInfo_t** segInfo) const {
   ShmDomainParam_t param = domainParam;
   param.accessMode = site.accessMode;
   *segInfo = nullptr;
-  ShmSegInfo_t* made = nullptr;
-  const uint32_t rc = trelGetProtectedStatusSegment(&made, size, &site.key, site.address, poolSize,
-                                                    &param, poolParam);
-  if (rc == 0) *segInfo = made;
-  return rc;
+  return createSegment({size, &site.key, site.address, poolSize, &param, poolParam, wholePool},
+                       segInfo);
 }
 
 uint32_t TreeCopy::authorize(ShmSegInfo_t* segInfo) const {
@@ -345,7 +347,7 @@ uint32_t trelCopyTreeIntoSingleShmSegment(SNodeCB_t* srcTop, SNodeCB_t** newTop,
     if (!totalSize) return flow.fail(TREL_RC_OUT_COPY_TOTAL);
     TreeCopy copy{srcTop,   newTop,    srcSeg,    dstSeg,    size,       key,
                   address,  poolSize,  poolParam, copyFlags, copyMethod, copyLimits,
-                  maxDepth, totalSize, {},        {},        0};
+                  maxDepth, totalSize, {},        {},        0,          0};
     if (const uint32_t rc = copy.check(domainParam)) return flow.fail(rc);
     if (!known) return flow.fail(TREL_RC_COPY_DIRECTION);
     if (!keyed) return flow.fail(TREL_RC_SEGMENT_NULL);
