@@ -57,8 +57,9 @@ bool sleptInVain(PLATLatch* latch, bool urgent, uint64_t seen, long milliseconds
          errno != EAGAIN;
 }
 
-void wakeOne(PLATLatch* latch, bool urgent) {
-  syscall(SYS_futex, futexOf(latch, urgent), FUTEX_WAKE, 1, nullptr, nullptr, 0);
+// Whether there was one.
+bool wakeOne(PLATLatch* latch, bool urgent) {
+  return syscall(SYS_futex, futexOf(latch, urgent), FUTEX_WAKE, 1, nullptr, nullptr, 0) == 1;
 }
 
 // Whether somebody sleeps there. Moving one sleeper to where he is changes nothing, and counts him.
@@ -88,9 +89,12 @@ bool isOneSpace(uint32_t there, uint32_t here) {
 void letGo(PLATLatch* latch) {
   for (;;) {
     const uint64_t seen = load(&latch->word);
-    const bool urgent = (seen & kUrgent) && hasUrgentSleeper(latch, seen);
-    if (!replace(latch, seen, urgent ? kReserved : 0)) continue;
-    if (urgent || (seen & kReserved)) wakeOne(latch, urgent);
+    const bool urgent = seen & kUrgent;
+    const bool reserves = urgent && hasUrgentSleeper(latch, seen);
+    if (!replace(latch, seen, reserves ? kReserved : 0)) continue;
+    // An urgent waiter may have gone to sleep after the look.
+    if (urgent && wakeOne(latch, true)) return;
+    if (!reserves && (seen & kWaiters)) wakeOne(latch, false);
     return;
   }
 }
@@ -136,7 +140,8 @@ class Get {
   // Takes a latch that is free or whose owner has died. Bits stay set, and kWaiters is set by
   // whoever has slept: others may have gone to sleep under a bit that a release has cleared since.
   uint32_t take(uint64_t seen, uint32_t* ownerDied) {
-    const uint64_t bits = (seen & kReserved) | (start_ != 0 ? kWaiters : 0);
+    const uint64_t bits =
+        (seen & kReserved) | (start_ != 0 ? kWaiters : 0) | (isUrgent_ ? kUrgent : 0);
     if (!replace(latch_, seen, self_ | bits)) return kGoOn;
     if (!mayHold()) return putBack(ownerOf(seen));
     if (ownerOf(seen) != 0 && ownerDied) *ownerDied = 1;
