@@ -27,7 +27,6 @@ bool liveWithFault(const Key& key, uint32_t n) {
     if (domain) sound();
     EXPECT_EQ(0u, call());
   };
-  srand(1);  // the same levels, and so the same calls, each time
   faultyArm(kFaultyAllocation | kFaultySegment | kFaultyGet, n);
   twice([&] { return trelCreateShmDomain(key, 0, 0x20000, nullptr, &domain); },
         [&] {

@@ -398,39 +398,63 @@ TREL_OFFSET(HashAnchor_t, freedNodeCount, 8);
 #define TREL_HEAP_MAX_LEVEL 25u
 
 /* A latch with the proof that it was initialised. The platform's latch uses the first
- * PLAT_LATCH_BYTES of the cell. Behind them heapLatch keeps a HeapIntent_t. */
+ * PLAT_LATCH_BYTES of the cell. Behind them heapLatch keeps a HeapIntent_t, and debugLatch a
+ * HeapAside_t. */
 typedef struct ExclusiveLatch_t {
   TrelU32 version;
   uint8_t latch[132];
 } ExclusiveLatch_t;
 
+/* An allocated block. A link of level i holds the offset of the link slot of level i in the next
+ * node, 0 at the end; 48 + 8 i below that slot the node starts. */
+typedef struct AllocNode_t {
+  TrelU64 blockOffset; /* the key; pads included */
+  TrelU64 blockSize;   /* pads included */
+  TrelU64 dataOffset;
+  TrelU64 requestedSize;
+  TrelU64 level;
+  TrelU32 callerFunction;
+  TrelU32 callerLine;
+} AllocNode_t; /* level + 1 links follow */
+
 /* What the owner of heapLatch is in the middle of, for whoever takes the latch over after its
  * death. Everything else that a death leaves can be seen from the allocated list. 0: nothing. */
 typedef struct HeapIntent_t {
   TrelU32 allocating; /* distance from H of the block that is being handed out; or bit 0 */
-  TrelU32 rebuilding; /* TREL_REBUILD_..., while the lists are written anew */
+  TrelU32 moving;     /* TREL_NODE_MOVING: an allocated node moves, as the last four fields say */
   TrelU64 freeing;    /* block offset of the chunk whose pool is being freed */
-  TrelU64 space;      /* TREL_REBUILD_RECORDED: slSpaceSize as it will be, */
-  TrelU64 records;    /* offset of the records, in a free block, */
-  TrelU64 count;      /* how many there are, */
-  TrelU64 checksum;   /* over the three and the records */
   TrelU64 listPool;   /* domain: a pool, */
   TrelU64 listNode;   /* and its block on the way to a shared list or from one */
+  TrelU64 source;     /* where the node stood, */
+  TrelU64 target;     /* where it goes, */
+  TrelU64 next;       /* its link at level 0, */
+  AllocNode_t node;   /* and its fields */
 } HeapIntent_t;
 
 #define TREL_REPAIR_DUE 1u /* in allocating: an owner died, nothing was repaired yet */
-#define TREL_REBUILD_RECORDED 0x4ec04dedu /* what is allocated stands in the records */
-#define TREL_REBUILD_BARE 0xba4eba4eu     /* there was no room for records */
+#define TREL_NODE_MOVING 0x4ec04dedu
 
-/* An allocated block while a rebuild is under way. */
-typedef struct LiveBlock_t {
-  TrelU32 block; /* distance from H */
-  TrelU32 size;
-  TrelU32 front; /* from the block to its data */
-  TrelU32 requestedSize;
-  TrelU32 callerFunction;
-  TrelU32 callerLine;
-} LiveBlock_t;
+/* Behind the latch in the cell of debugLatch: what this library alone keeps of a heap. */
+typedef struct HeapAside_t {
+  TrelU32 version;      /* counted as a change of the heap begins, to odd, and as it ends */
+  TrelU32 debugVersion; /* the same for changes of the debug record */
+  TrelU64 magic;        /* TREL_HEAP_ASIDE, if this library has made the chains */
+  TrelU64 ownOffset;    /* of this record */
+  TrelU64 holes[2];     /* from S: the first place that an allocated, a free node has left, or 0 */
+} HeapAside_t;
+
+#define TREL_HEAP_ASIDE 0x6c7265742e736964ull
+
+/* A place that a node has left, in a chain of its kind. What the node said of its level stays. */
+typedef struct Hole_t {
+  TrelU64 mark; /* TREL_HOLE_MARK, plus its own distance from S */
+  TrelU64 next; /* from S, 0 at the end */
+  TrelU64 reserved[2];
+  TrelU64 level;
+  TrelU64 reserved2;
+} Hole_t;
+
+#define TREL_HOLE_MARK 0xf4ee407e00000000ull /* no block lies that far */
 
 typedef struct HeapHeader_t {
   TrelU64 heapVersion;
@@ -471,16 +495,23 @@ typedef struct HeapHeaderTail_t {
 
 TREL_SIZE(ExclusiveLatch_t, 136);
 TREL_OFFSET(ExclusiveLatch_t, latch, 4);
-TREL_SIZE(HeapIntent_t, 64);
-TREL_OFFSET(HeapIntent_t, rebuilding, 4);
+TREL_SIZE(HeapIntent_t, 104);
+TREL_OFFSET(HeapIntent_t, moving, 4);
 TREL_OFFSET(HeapIntent_t, freeing, 8);
-TREL_OFFSET(HeapIntent_t, space, 16);
-TREL_OFFSET(HeapIntent_t, records, 24);
-TREL_OFFSET(HeapIntent_t, count, 32);
-TREL_OFFSET(HeapIntent_t, checksum, 40);
-TREL_OFFSET(HeapIntent_t, listPool, 48);
-TREL_OFFSET(HeapIntent_t, listNode, 56);
-TREL_SIZE(LiveBlock_t, 24);
+TREL_OFFSET(HeapIntent_t, listPool, 16);
+TREL_OFFSET(HeapIntent_t, listNode, 24);
+TREL_OFFSET(HeapIntent_t, source, 32);
+TREL_OFFSET(HeapIntent_t, target, 40);
+TREL_OFFSET(HeapIntent_t, next, 48);
+TREL_OFFSET(HeapIntent_t, node, 56);
+TREL_SIZE(HeapAside_t, 40);
+TREL_OFFSET(HeapAside_t, debugVersion, 4);
+TREL_OFFSET(HeapAside_t, magic, 8);
+TREL_OFFSET(HeapAside_t, ownOffset, 16);
+TREL_OFFSET(HeapAside_t, holes, 24);
+TREL_SIZE(Hole_t, 48);
+TREL_OFFSET(Hole_t, next, 8);
+TREL_OFFSET(Hole_t, level, 32);
 TREL_SIZE(HeapHeader_t, 248);
 TREL_OFFSET(HeapHeader_t, handleVersion, 8);
 TREL_OFFSET(HeapHeader_t, latchVersion, 16);
@@ -507,18 +538,6 @@ TREL_OFFSET(HeapHeaderTail_t, reserved, 32);
 TREL_OFFSET(HeapHeaderTail_t, debug, 64);
 TREL_OFFSET(HeapHeaderTail_t, debugLatch, 104);
 #define TREL_HEAP_HEADER_SIZE 488u /* without the user area */
-
-/* An allocated block. A link of level i holds the offset of the link slot of level i in the next
- * node, 0 at the end; 48 + 8 i below that slot the node starts. */
-typedef struct AllocNode_t {
-  TrelU64 blockOffset; /* the key; pads included */
-  TrelU64 blockSize;   /* pads included */
-  TrelU64 dataOffset;
-  TrelU64 requestedSize;
-  TrelU64 level;
-  TrelU32 callerFunction;
-  TrelU32 callerLine;
-} AllocNode_t; /* level + 1 links follow */
 
 /* A free block, in two orders at once. With k = level + 1 there follow k forward links by offset,
  * k backward links by offset, k forward and k backward links by size. A link holds the offset of a
@@ -587,6 +606,10 @@ typedef struct PadTail_t {
   TrelU32 magic;      /* TREL_PAD_FRONT_MAGIC or TREL_PAD_BACK_MAGIC */
   TrelU32 mode;       /* the mode the block was made with */
 } PadTail_t;          /* the last 16 bytes before the data, the last 16 of the block */
+
+#define TREL_FREE_TAIL_MAGIC                                             \
+  0xf4eefaceu /* in the last 16 bytes of a free block: node and mode are \
+               * those of the free node, and TREL_PAD_FREED; a hint */
 
 typedef struct PadBlockRecord_t {
   TrelU32 line;

@@ -1,7 +1,7 @@
 #include "treli/node_return.h"
 
 #include "treli/section.h"
-#include "trelshm/engine.h"
+#include "trelshm/allocator.h"
 #include "trelshm/process_memory.h"
 #include "trelshm/store.h"
 

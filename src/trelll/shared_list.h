@@ -10,7 +10,7 @@
 
 #include "trel/storage.h"
 #include "trelll/list.h"
-#include "trelshm/engine.h"
+#include "trelshm/allocator.h"
 #include "trelshm/heap_latch.h"
 #include "trelshm/process_memory.h"
 #include "trelshm/store.h"

@@ -1,5 +1,5 @@
 // Blocks of a pool, and the engine as it is exported.
-#include "trelshm/engine.h"
+#include "trelshm/allocator.h"
 #include "trelshm/handle.h"
 
 using namespace trel;

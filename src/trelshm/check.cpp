@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include "trel/storage.h"
-#include "trelshm/engine.h"
+#include "trelshm/allocator.h"
 #include "trelshm/heap_latch.h"
 
 namespace trel {
@@ -22,7 +22,7 @@ struct Findings {
 void checkGuards(const Heap& heap, uint64_t offset, uint64_t count, const Findings& findings,
                  const char* message) {
   for (uint64_t i = 0; i < count; ++i)
-    findings.expect(heap.word(offset + 8 * i) == TREL_PAD_GUARD_WORD, message);
+    findings.expect(heap.load(offset + 8 * i) == TREL_PAD_GUARD_WORD, message);
 }
 
 }  // namespace
@@ -33,7 +33,7 @@ uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Cal
   if (D < heap.offset() + uint64_t{8} * kMaxPadWords + 64 || D > heap.end()) return rcRange;
   const Findings findings = {caller};
   const PadTail_t* front = frontTail(heap, D);
-  const uint32_t M = front->mode;
+  const uint32_t M = loadOnce(&front->mode);
   if (M == TREL_PAD_OFF) return 0;
   if (M == TREL_PAD_FREED) {
     findings.report("Freeing freed memory found at:");
@@ -53,8 +53,8 @@ uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Cal
   uint32_t f = 0, b = 0;
   if (mode->record) {
     const PadBlockRecord_t* record = padRecord(heap, D, *mode);
-    f = record->frontPadWords;
-    b = record->backPadWords;
+    f = loadOnce(&record->frontPadWords);
+    b = loadOnce(&record->backPadWords);
     if (!padWordsInRange(f)) return TREL_RC_FRONT_PAD_WORDS;
     if (!padWordsInRange(b)) return TREL_RC_BACK_PAD_WORDS;
     findings.expect(f == b,
@@ -62,19 +62,20 @@ uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Cal
                     "at:");
     checkGuards(heap, D - mode->frontSize(f), f, findings, "Front pad corruption found at:");
   }
-  const uint64_t N = front->nodeOffset;
-  const uint64_t frontGuard = mode->guard ? heap.word(D - 24) : TREL_PAD_GUARD_WORD;
+  const uint64_t N = loadOnce(&front->nodeOffset);
+  const uint64_t frontGuard = mode->guard ? heap.load(D - 24) : TREL_PAD_GUARD_WORD;
   findings.expect(frontGuard == TREL_PAD_GUARD_WORD,
                   "Front memory pad checksum corruption found at:");
 
   if (!heap.containsNode(N, sizeof(AllocNode_t))) return rcRange;
-  const AllocNode_t node = *heap.alloc(N);
+  const AllocNode_t node = heap.loadAlloc(N);
   const auto inHeap = [&](uint64_t offset) {
     return offset >= heap.offset() && offset <= heap.end();
   };
   if (!inHeap(node.blockOffset) || !inHeap(node.dataOffset)) return rcRange;
   // The longest back pad lies in the heap, since a heap's header is longer.
-  if (!heap.containsBlock(node.blockOffset, node.blockSize)) return rcRange;
+  if (!heap.containsBlock(node.blockOffset, node.blockSize) || node.blockSize < sizeof(PadTail_t))
+    return rcRange;
   const uint64_t E = node.blockOffset + node.blockSize;
 
   if (mode->file && fileName)
@@ -83,7 +84,7 @@ uint32_t checkAllocation(const Heap& heap, uint64_t D, char* fileName, const Cal
   findings.expect(back->magic == TREL_PAD_BACK_MAGIC && back->mode == M,
                   "Back memory pad corruption found at:");
   if (mode->guard) {
-    const uint64_t backGuard = heap.word(E - 24);
+    const uint64_t backGuard = heap.load(E - 24);
     findings.expect(backGuard == TREL_PAD_GUARD_WORD && backGuard == frontGuard,
                     "Back memory pad checksum corruption found at:");
   }
@@ -119,10 +120,15 @@ uint32_t trelSetShmDebug(void* base, uint32_t heapKind, uint64_t heapOffset, uin
                     DebugRecord_t* debug = &heap->tail()->debug;
                     if (debug->debugModeLocked && (debug->debugMode == 0) != (debugMode == 0))
                       return flow.fail(TREL_RC_DEBUG_MODE_LOCKED);
+                    // Odd while the record changes, also behind an owner that died in here.
+                    TrelU32* version = &heap->aside()->debugVersion;
+                    const uint32_t during = loadOnce(version) | 1;
+                    storeLast(version, during);
                     debug->debugFlags = debugFlags;
                     debug->debugMode = debugMode;
                     debug->frontPadWords = frontPadWords;
                     debug->backPadWords = backPadWords;
+                    storeLast(version, during + 1);
                     return 0;
                   });
                 });

@@ -47,7 +47,7 @@ HeapPlan planOf(const Param& p, uint32_t kind, uint64_t payload, uint64_t ownerO
                    p.userData,    p.latchVersion,
                    p.heapVersion, p.handleVersion,
                    p.heapFlags,   ownerOffset};
-  plan.sizes.workOut(payload, kind, p.userAreaSize);
+  plan.sizes.compute(payload, kind, p.userAreaSize);
   return plan;
 }
 

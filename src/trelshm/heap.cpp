@@ -3,8 +3,9 @@
 #include <string.h>
 
 #include "trel/storage.h"
-#include "trelshm/free_blocks.h"
+#include "trelshm/alloc_list.h"
 #include "trelshm/heap_latch.h"
+#include "trelshm/space.h"
 
 namespace trel {
 namespace {
@@ -83,7 +84,7 @@ uint32_t writeDebug(const Heap& heap, uint64_t latchVersion) {
   });
 }
 
-uint32_t layOut(Heap* heap, const HeapPlan& plan) {
+uint32_t initHeap(Heap* heap, const HeapPlan& plan) {
   writeHeader(*heap, plan);
   if (const uint32_t rc = heap->openHeader()) return rc;
   memset(heap->tail()->words, 0, sizeof heap->tail()->words);
@@ -91,12 +92,15 @@ uint32_t layOut(Heap* heap, const HeapPlan& plan) {
   if (heapHeaderSizeOf(plan.userAreaSize) != plan.sizes.headerSize) return heap->kind().rcHeader;
   heap->setMaxLevel(plan.sizes.maxLevel);
   heap->setSpace(plan.sizes.space);
+  heap->setNextNode(heap->listHeaderSize());
   if (plan.sizes.space <= plan.sizes.listHeaderSize || plan.sizes.space <= heap->listHeaderSize())
     return TREL_RC_SPACE_FULL;
   heap->list()->rebuildCount = 0;
-  resetLists(*heap);
-  // The memory ends at the heap's end, but blocks at a multiple of 8.
-  InFlight first = {heap->spaceEnd(), (heap->end() - heap->spaceEnd()) & ~uint64_t{7}};
+  heap->list()->slUsedBytes = heap->listHeaderSize();
+  resetAllocList(*heap);
+  resetFreeLists(*heap);
+  forgetHoles(*heap);
+  InFlight first = {heap->spaceEnd(), heap->blocksEnd() - heap->spaceEnd()};
   if (const uint32_t rc = insertFreeGuarded(heap, &first, true)) return rc;
   heap->header()->heapState = heap->kind().state;
   return 0;
@@ -104,7 +108,7 @@ uint32_t layOut(Heap* heap, const HeapPlan& plan) {
 
 }  // namespace
 
-void HeapSizes::workOut(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize) {
+void HeapSizes::compute(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize) {
   const bool domain = kind == TREL_HEAP_DOMAIN;
   const uint64_t cap = domain ? kDomainNodeCap : kPoolNodeCap;
   if (nodeCount == 0) nodeCount = nodeCountOf(heapSize, domain ? kDomainRows : kPoolRows);
@@ -128,7 +132,7 @@ uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const Hea
   if (const uint32_t rc = initialiseLatch(&heap.header()->heapLatch, plan.latchVersion)) return rc;
   uint32_t ownerDied = 0;
   if (const uint32_t rc = enterLatch(&heap.header()->heapLatch, &ownerDied)) return rc;
-  const uint32_t rc = layOut(&heap, plan);
+  const uint32_t rc = initHeap(&heap, plan);
   return firstOf(rc, leaveHeap(heap));
 }
 
@@ -153,49 +157,6 @@ uint32_t disconnectHeap(Heap* heap) {
   });
 }
 
-namespace {
-
-// An operation on the skip lists; heapLatch is the caller's.
-template <class Work>
-uint32_t onLists(uint32_t function, void* base, uint32_t heapKind, uint64_t heapOffset,
-                 bool testOffset, Work&& work) {
-  return onHeap(function, base, heapKind, heapOffset,
-                [&](const Flow& flow, Heap* heap) -> uint32_t {
-                  if (testOffset && heap->header()->heapOffset != heapOffset)
-                    return flow.fail(heap->kind().rcOffset);
-                  if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
-                  if (const uint32_t rc = repairIfDue(heap)) return flow.fail(rc);
-                  if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
-                  return work(heap);
-                });
-}
-
-// Two of the operations are not told the kind; the signature tells it.
-uint32_t kindBySignature(const void* base, uint64_t heapOffset) {
-  return base && Heap(base, heapOffset, kPoolKind).header()->heapState == TREL_POOL_STATE
-             ? TREL_HEAP_POOL
-             : TREL_HEAP_DOMAIN;
-}
-
-// The pointers to the block in flight, which the space operations take.
-template <class Work>
-uint32_t onInFlight(uint32_t function, void* base, uint64_t* blockOffset, uint64_t* blockSize,
-                    Work&& work) {
-  if (base && blockOffset && blockSize) {
-    InFlight block = {*blockOffset, *blockSize};
-    const uint32_t rc = work(&block);
-    *blockOffset = block.offset;
-    *blockSize = block.size;
-    return rc;
-  }
-  return traced(function, [&](const Flow& flow) -> uint32_t {
-    if (!base) return flow.logged(TREL_RC_BASE_NULL, base);
-    return blockOffset ? flow.logged(TREL_RC_BLOCK_SIZE_NULL, blockSize)
-                       : flow.logged(TREL_RC_BLOCK_OFFSET_NULL, blockOffset);
-  });
-}
-
-}  // namespace
 }  // namespace trel
 
 using namespace trel;
@@ -220,7 +181,7 @@ uint32_t trelGetHHeaderInfo(uint64_t size, uint32_t heapKind, uint64_t* nodeCoun
     if (!nodeCount || !maxLevel || !heapHeaderSize || !slHeaderSize || !slSpaceSize)
       return flow.fail(TREL_RC_BLOCK_SIZE_NULL);
     HeapSizes sizes{*nodeCount, *maxLevel, 0, 0, 0};
-    sizes.workOut(size, heapKind, userAreaSize);
+    sizes.compute(size, heapKind, userAreaSize);
     *nodeCount = sizes.nodeCount;
     *maxLevel = sizes.maxLevel;
     *heapHeaderSize = sizes.headerSize;
@@ -282,126 +243,4 @@ uint32_t trelConnectToStorageHeap(void* base, uint32_t heapKind, uint64_t heapOf
 uint32_t trelDisconnectFromStorageHeap(void* base, uint32_t heapKind, uint64_t heapOffset) {
   return onHeap(FID_trelDisconnectFromStorageHeap, base, heapKind, heapOffset,
                 [](const Flow&, Heap* heap) { return disconnectHeap(heap); });
-}
-
-uint32_t trelGetFreeBlockFromSList(void* base, uint32_t heapKind, uint64_t heapOffset,
-                                   uint64_t size, uint64_t* blockOffset, uint64_t* blockSize) {
-  return onInFlight(FID_trelGetFreeBlockFromSList, base, blockOffset, blockSize,
-                    [&](InFlight* block) {
-                      return onLists(FID_trelGetFreeBlockFromSList, base, heapKind, heapOffset,
-                                     true, [&](Heap* heap) {
-                                       TakenBlock taken;
-                                       const uint32_t rc = takeBlock(heap, size, &taken);
-                                       if (rc == 0) *block = {taken.offset, taken.size};
-                                       return rc;
-                                     });
-                    });
-}
-
-uint32_t trelReturnFreeBlockToSList(void* base, uint32_t heapKind, uint64_t heapOffset,
-                                    uint64_t blockOffset, uint64_t blockSize) {
-  return onLists(FID_trelReturnFreeBlockToSList, base, heapKind, heapOffset, true,
-                 [&](Heap* heap) { return giveBlock(heap, blockOffset, blockSize); });
-}
-
-uint32_t trelInsertFreeMemChunk(void* base, uint64_t heapOffset, uint64_t blockOffset,
-                                uint64_t blockSize) {
-  return onLists(FID_trelInsertFreeMemChunk, base, kindBySignature(base, heapOffset), heapOffset,
-                 false, [&](Heap* heap) { return insertFree(*heap, blockOffset, blockSize); });
-}
-
-uint32_t trelDeleteFreeMemBlock(void* base, uint64_t heapOffset, uint64_t nodeOffset) {
-  return onLists(FID_trelDeleteFreeMemBlock, base, kindBySignature(base, heapOffset), heapOffset,
-                 false, [&](Heap* heap) { return deleteFree(*heap, nodeOffset); });
-}
-
-uint32_t trelFindFreeBlockInSList(void* base, uint32_t heapKind, uint64_t heapOffset,
-                                  uint64_t blockOffset, uint64_t* nodeOffset, uint64_t* blockSize) {
-  return onLists(FID_trelFindFreeBlockInSList, base, heapKind, heapOffset, false,
-                 [&](Heap* heap) -> uint32_t {
-                   if (!nodeOffset) return TREL_RC_BLOCK_OFFSET_NULL;
-                   if (!blockSize) return TREL_RC_BLOCK_SIZE_NULL;
-                   uint64_t node = 0;
-                   if (const uint32_t rc = findFree(*heap, blockOffset, &node)) return rc;
-                   *nodeOffset = node;
-                   *blockSize = heap->free(node)->blockSize;
-                   return 0;
-                 });
-}
-
-uint32_t trelInsertAllocMemChunk(void* base, uint32_t heapKind, uint64_t heapOffset,
-                                 uint64_t blockOffset, uint64_t blockSize, uint64_t dataOffset,
-                                 uint64_t requestedSize, uint32_t function, uint32_t line,
-                                 uint64_t* nodeOffset) {
-  return onLists(
-      FID_trelInsertAllocMemChunk, base, heapKind, heapOffset, true, [&](Heap* heap) -> uint32_t {
-        if (!nodeOffset) return TREL_RC_BLOCK_OFFSET_NULL;
-        return insertAlloc(*heap,
-                           {blockOffset, blockSize, dataOffset, requestedSize, 0, function, line},
-                           nodeOffset);
-      });
-}
-
-uint32_t trelDeleteAllocMemBlock(void* base, uint32_t heapKind, uint64_t heapOffset,
-                                 uint64_t blockOffset, uint64_t* blockSize) {
-  return onLists(FID_trelDeleteAllocMemBlock, base, heapKind, heapOffset, true,
-                 [&](Heap* heap) -> uint32_t {
-                   if (!blockSize) return TREL_RC_BLOCK_SIZE_NULL;
-                   Path path;
-                   uint64_t node = 0;
-                   if (const uint32_t rc = findAlloc(*heap, blockOffset, &path, &node)) return rc;
-                   *blockSize = heap->alloc(node)->blockSize;
-                   unlinkAlloc(*heap, node, path);
-                   return 0;
-                 });
-}
-
-uint32_t trelInsertFreeMemBlock(void* base, uint32_t heapKind, uint64_t heapOffset,
-                                uint64_t* blockOffset, uint64_t* blockSize) {
-  return onInFlight(FID_trelInsertFreeMemBlock, base, blockOffset, blockSize, [&](InFlight* block) {
-    return onLists(FID_trelInsertFreeMemBlock, base, heapKind, heapOffset, false,
-                   [&](Heap* heap) { return insertFreeGuarded(heap, block, false); });
-  });
-}
-
-uint32_t trelInsertAllocMemBlock(void* base, uint32_t heapKind, uint64_t heapOffset,
-                                 uint64_t* blockOffset, uint64_t* blockSize, uint64_t* dataOffset,
-                                 uint64_t requestedSize, uint32_t function, uint32_t line,
-                                 uint64_t frontPadSize, uint64_t* nodeOffset) {
-  return onInFlight(
-      FID_trelInsertAllocMemBlock, base, blockOffset, blockSize, [&](const InFlight* block) {
-        return onLists(
-            FID_trelInsertAllocMemBlock, base, heapKind, heapOffset, false,
-            [&](Heap* heap) -> uint32_t {
-              if (!dataOffset || !nodeOffset) return TREL_RC_BLOCK_OFFSET_NULL;
-              *dataOffset = block->offset + frontPadSize;
-              return insertAllocGuarded(
-                  heap, {block->offset, block->size, *dataOffset, requestedSize, 0, function, line},
-                  nodeOffset);
-            });
-      });
-}
-
-uint32_t trelDefragmentSList(void* base, uint32_t heapKind, uint64_t heapOffset,
-                             uint64_t* blockOffset, uint64_t* blockSize) {
-  return onInFlight(FID_trelDefragmentSList, base, blockOffset, blockSize, [&](InFlight* block) {
-    return onLists(FID_trelDefragmentSList, base, heapKind, heapOffset, true,
-                   [&](Heap* heap) { return defragment(heap, block); });
-  });
-}
-
-uint32_t trelChangeSlistSpace(void* base, uint32_t heapKind, uint64_t heapOffset, uint64_t newSize,
-                              uint32_t direction, uint64_t* blockOffset, uint64_t* blockSize) {
-  return onInFlight(FID_trelChangeSlistSpace, base, blockOffset, blockSize, [&](InFlight* block) {
-    return onLists(FID_trelChangeSlistSpace, base, heapKind, heapOffset, false,
-                   [&](Heap* heap) -> uint32_t {
-                     if (direction != 1 && direction != 2) return TREL_RC_SPACE_DIRECTION;
-                     return changeSpace(heap, newSize, Direction{direction}, block);
-                   });
-  });
-}
-
-uint32_t trelDefragmentSLInPlace(void* base, uint32_t heapKind, uint64_t heapOffset) {
-  return onLists(FID_trelDefragmentSLInPlace, base, heapKind, heapOffset, false,
-                 [](Heap* heap) { return rebuild(heap); });
 }

@@ -6,10 +6,10 @@
 namespace trel {
 
 struct HeapSizes {
-  uint64_t nodeCount, maxLevel;  // given; a count of 0 is worked out, both are clipped
+  uint64_t nodeCount, maxLevel;  // given; a count of 0 follows from the size, both are clipped
   uint64_t headerSize, listHeaderSize, space;
 
-  void workOut(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize);
+  void compute(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize);
 };
 
 struct HeapPlan {

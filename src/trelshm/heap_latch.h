@@ -17,6 +17,27 @@ inline uint32_t leaveLatch(ExclusiveLatch_t* record) {
   return TREL_UNLIKELY(plat::latchRelease(record->latch) != 0) ? uint32_t{TREL_RC_LATCH} : 0;
 }
 
+// While it lives, the heap's version is odd: what is read without the latch does not count. The
+// outermost one of an operation counts. The caller holds heapLatch, and the header is open.
+class HeapChange {
+ public:
+  TREL_INLINE explicit HeapChange(const Heap& heap) : version_(&heap.aside()->version) {
+    const uint32_t before = loadOnce(version_);
+    if (before % 2 != 0)
+      version_ = nullptr;
+    else
+      storeLast(version_, before + 1);
+  }
+  TREL_INLINE ~HeapChange() {
+    if (version_) storeLast(version_, loadOnce(version_) + 1);
+  }
+  HeapChange(const HeapChange&) = delete;
+  HeapChange& operator=(const HeapChange&) = delete;
+
+ private:
+  TrelU32* version_;
+};
+
 // Repairs a heap whose latch the caller holds, and that nobody has repaired since an owner died.
 uint32_t repairHeld(Heap* heap);
 
@@ -46,11 +67,15 @@ inline uint32_t leaveHeap(const Heap& heap) { return leaveLatch(&heap.header()->
 template <class Work>
 TREL_INLINE uint32_t insideHeap(Heap* heap, Work&& work) {
   if (const uint32_t rc = enterHeap(heap)) return rc;
-  const uint32_t rc = work();
+  uint32_t rc = 0;
+  {
+    const HeapChange change(*heap);
+    rc = work();
+  }
   return firstOf(rc, leaveHeap(*heap));
 }
 
-// debugLatch: nothing behind it can be left half done, so a dead owner does not matter.
+// debugLatch. A record that a dead owner left half written is sound in each of its words.
 template <class Work>
 TREL_INLINE uint32_t insideDebug(const Heap& heap, Work&& work) {
   ExclusiveLatch_t* latch = &heap.tail()->debugLatch;
@@ -75,8 +100,10 @@ uint32_t onHeap(uint32_t function, void* base, uint32_t heapKind, uint64_t heapO
 
 // The tests that most operations on a heap begin with.
 inline uint32_t checkHeap(const Heap& heap) {
-  if (TREL_UNLIKELY(heap.header()->heapState != heap.kind().state)) return heap.kind().rcState;
-  if (TREL_UNLIKELY(heap.header()->heapOffset != heap.offset())) return heap.kind().rcOffset;
+  if (TREL_UNLIKELY(loadOnce(&heap.header()->heapState) != heap.kind().state))
+    return heap.kind().rcState;
+  if (TREL_UNLIKELY(loadOnce(&heap.header()->heapOffset) != heap.offset()))
+    return heap.kind().rcOffset;
   return 0;
 }
 

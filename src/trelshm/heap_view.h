@@ -1,15 +1,16 @@
 // A storage heap as this process sees it: typed access to the header, the skip-list header and the
 // node positions. All arithmetic on offsets of a heap is here.
 //
-// What lies in shared memory is not trusted. open() tests the figures that everything else is
-// worked out from, and every offset that is read from the heap passes one of the contains...()
-// before it is used to reach memory. A heap that fails them answers with the code of a wrong
-// heapState.
+// What lies in shared memory is not trusted, and is loaded once. open...() take the figures that
+// everything else follows from, and every offset that is read from the heap passes one of the
+// contains...() before it is used to reach memory. A heap that fails them answers with the code of
+// a wrong heapState.
 #pragma once
 
 #include "platsvc/latch.h"
 #include "trelshm/bytes.h"
 #include "trelshm/heap_kind.h"
+#include "trelshm/store.h"
 
 namespace trel {
 
@@ -32,8 +33,8 @@ class Heap {
   // latch is needed. To be called before anything behind the fixed fields is touched.
   uint32_t openHeader() {
     const HeapHeader_t* h = header();
-    size_ = h->heapSize;
-    userAreaSize_ = h->userAreaSize;
+    size_ = loadOnce(&h->heapSize);
+    userAreaSize_ = loadOnce(&h->userAreaSize);
     if (userAreaSize_ > size_ || offset_ + size_ < offset_) return kind_->rcState;
     headerSize_ = heapHeaderSizeOf(userAreaSize_);
     return headerSize_ + slHeaderSizeOf(1) > size_ ? kind_->rcState : 0;
@@ -41,13 +42,13 @@ class Heap {
 
   // The same for the skip lists. The caller holds heapLatch.
   uint32_t openLists() {
-    maxLevel_ = list()->maxLevel;
-    space_ = list()->slSpaceSize;
-    if (maxLevel_ == 0 || maxLevel_ > TREL_HEAP_MAX_LEVEL || space_ > size_ - headerSize_ ||
-        space_ < listHeaderSize() || list()->slNextNode < listHeaderSize() ||
-        list()->slNextNode > space_)
-      return kind_->rcState;
-    return 0;
+    maxLevel_ = loadOnce(&list()->maxLevel);
+    space_ = loadOnce(&list()->slSpaceSize);
+    nextNode_ = loadOnce(&list()->slNextNode);
+    return maxLevel_ == 0 || maxLevel_ > TREL_HEAP_MAX_LEVEL || space_ > size_ - headerSize_ ||
+                   nextNode_ < listHeaderSize() || nextNode_ > space_
+               ? kind_->rcState
+               : 0;
   }
 
   const HeapKind& kind() const { return *kind_; }
@@ -62,19 +63,16 @@ class Heap {
   // For creation, before the lists stand.
   void setMaxLevel(uint64_t maxLevel) { list()->maxLevel = maxLevel_ = maxLevel; }
 
-  // Rebuilds by this view. A node offset is good only as long as this stays.
-  uint64_t rebuilds() const { return rebuilds_; }
-  void countRebuild() { ++rebuilds_; }
-
-  // A block that is on no list for the moment. A rebuild may keep its records there.
-  uint64_t spareOffset() const { return spareOffset_; }
-  uint64_t spareSize() const { return spareSize_; }
+  // slNextNode: where, from S, places begin that no node has had yet.
+  uint64_t nextNode() const { return nextNode_; }
+  void setNextNode(uint64_t offset) { list()->slNextNode = nextNode_ = offset; }
 
   template <class T>
   T* at(uint64_t offset) const {
     return trel::at<T>(base_, offset);
   }
-  TrelU64& word(uint64_t offset) const { return *at<TrelU64>(offset); }
+  uint64_t load(uint64_t offset) const { return loadOnce(at<TrelU64>(offset)); }
+  void store(uint64_t offset, uint64_t value) const { *at<TrelU64>(offset) = value; }
 
   HeapHeader_t* header() const { return at<HeapHeader_t>(offset_); }
   HeapHeaderTail_t* tail() const {
@@ -85,11 +83,16 @@ class Heap {
     return at<HeapIntent_t>(offset_ + offsetof(HeapHeader_t, heapLatch) +
                             offsetof(ExclusiveLatch_t, latch) + PLAT_LATCH_BYTES);
   }
+  HeapAside_t* aside() const {
+    static_assert(PLAT_LATCH_BYTES + sizeof(HeapAside_t) <= sizeof(ExclusiveLatch_t::latch), "");
+    return at<HeapAside_t>(offset_ + headerSize_ - sizeof(ExclusiveLatch_t) +
+                           offsetof(ExclusiveLatch_t, latch) + PLAT_LATCH_BYTES);
+  }
   void* userArea() const { return at<void>(offset_ + sizeof(HeapHeader_t)); }
 
   // The top node of a domain is counted from the exact user area, the list heads from the rounded.
-  TrelU64& topNodeOffset() const { return word(offset_ + 248 + userAreaSize_); }
-  TrelU64& topNodeTag() const { return word(offset_ + 256 + userAreaSize_); }
+  TrelU64& topNodeOffset() const { return *at<TrelU64>(offset_ + 248 + userAreaSize_); }
+  TrelU64& topNodeTag() const { return *at<TrelU64>(offset_ + 256 + userAreaSize_); }
   TrelU64& segmentListHead() const { return tail()->words[2]; }
   TrelU64& hdmListHead() const { return tail()->words[3]; }
 
@@ -101,46 +104,37 @@ class Heap {
   TrelU64& freeListLevel() const { return freeListLevel(maxLevel_); }
   // For a reader who has not opened the lists.
   TrelU64& freeListLevel(uint64_t maxLevel) const {
-    return word(listOffset() + 112 + 8 * maxLevel);
+    return *at<TrelU64>(listOffset() + 112 + 8 * maxLevel);
   }
   uint64_t freeHead() const { return listOffset() + 120 + 8 * maxLevel_; }
   uint64_t freeTail() const { return listOffset() + 168 + 40 * maxLevel_; }
 
-  // The managed memory: from here to end().
+  // The managed memory: from here to end(), in blocks of a multiple of 8.
   uint64_t spaceEnd() const { return listOffset() + space_; }
+  uint64_t blocksEnd() const { return spaceEnd() + ((end() - spaceEnd()) & ~uint64_t{7}); }
   bool containsBlock(uint64_t offset, uint64_t size) const {
     return offset >= spaceEnd() && offset <= end() && size <= end() - offset;
   }
-  // For the size of any node that maxLevel allows, for which the header alone is room enough.
+  // For the size of any node that maxLevel allows: the header alone has room for it.
   bool containsNode(uint64_t node, uint64_t size) const {
     return node - allocHead() <= space_ - offsetof(SkipListHeader_t, allocHead) - size;
   }
 
   AllocNode_t* alloc(uint64_t node) const { return at<AllocNode_t>(node); }
   FreeNode_t* free(uint64_t node) const { return at<FreeNode_t>(node); }
+  // A node's fields as they are now.
+  AllocNode_t loadAlloc(uint64_t node) const {
+    const AllocNode_t* n = alloc(node);
+    return {loadOnce(&n->blockOffset),   loadOnce(&n->blockSize), loadOnce(&n->dataOffset),
+            loadOnce(&n->requestedSize), loadOnce(&n->level),     loadOnce(&n->callerFunction),
+            loadOnce(&n->callerLine)};
+  }
 
  private:
   const void* base_;
   uint64_t offset_;
   const HeapKind* kind_;
-  uint64_t size_ = 0, userAreaSize_ = 0, headerSize_ = 0, maxLevel_ = 0, space_ = 0, rebuilds_ = 0;
-  uint64_t spareOffset_ = 0, spareSize_ = 0;
-  friend class Spare;
-};
-
-// Names a block as the heap's spare one while it lives.
-class Spare {
- public:
-  Spare(Heap* heap, uint64_t offset, uint64_t size) : heap_(heap) {
-    heap->spareOffset_ = offset;
-    heap->spareSize_ = size;
-  }
-  ~Spare() { heap_->spareSize_ = 0; }
-  Spare(const Spare&) = delete;
-  Spare& operator=(const Spare&) = delete;
-
- private:
-  Heap* heap_;
+  uint64_t size_ = 0, userAreaSize_ = 0, headerSize_ = 0, maxLevel_ = 0, space_ = 0, nextNode_ = 0;
 };
 
 }  // namespace trel

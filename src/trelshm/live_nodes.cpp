@@ -2,245 +2,324 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 #include "trelshm/pads.h"
-#include "trelshm/store.h"
+#include "trelshm/walk_budget.h"
 
 namespace trel {
 namespace {
 
-uint64_t mix(uint64_t sum, uint64_t word) { return ((sum ^ word) + 1) * 0x9e3779b97f4a7c15u; }
-
-// Over what the intent says of the records, and the records.
-uint64_t checksumOf(const Heap& heap, const HeapIntent_t& intent) {
-  uint64_t sum = mix(mix(intent.space, intent.records), intent.count);
-  const TrelU64* words = heap.at<TrelU64>(intent.records);
-  for (uint64_t i = 0; i < intent.count * (sizeof(LiveBlock_t) / 8); ++i) sum = mix(sum, words[i]);
-  return sum;
+// Whether an allocated block can stand behind `last`, the end of the one before, and its node where
+// it stands.
+bool isSound(const Heap& heap, uint64_t node, const AllocNode_t& fields, uint64_t last) {
+  const uint64_t first = heap.listOffset() + heap.listHeaderSize();
+  return fields.blockOffset >= last && heap.containsBlock(fields.blockOffset, fields.blockSize) &&
+         fields.level < heap.maxLevel() && padsLieInside(fields) && node >= first &&
+         isAligned8(node - first) && heap.containsNode(node, allocNodeSize(fields.level));
 }
 
-// Whether an allocated block can stand behind `last`, the end of the one before.
-bool isSound(const Heap& heap, const AllocNode_t& node, uint64_t last) {
-  return node.blockOffset >= last && heap.containsBlock(node.blockOffset, node.blockSize) &&
-         node.level < heap.maxLevel() && padsLieInside(node);
-}
-
-uint32_t countAllocated(const Heap& heap, uint64_t* count) {
-  const uint64_t most = heap.space() / allocNodeSize(0);
-  uint64_t node = heap.allocHead();
-  for (*count = 0;; ++*count) {
-    if (const uint32_t rc = nextAlloc(heap, node, &node)) return rc;
-    if (node == 0) return 0;
-    if (*count == most) return heap.kind().rcState;
-  }
+// The stores of a move, which may be done again.
+void moveNode(const Heap& heap, const HeapIntent_t& intent, uint64_t linkTo) {
+  *heap.alloc(intent.target) = intent.node;
+  heap.store(slotOfNode(intent.target, 0), intent.next);
+  storeLast(heap.at<TrelU64>(linkTo), slotOfNode(intent.target, 0));
+  writeNodeOffset(heap, intent.target, intent.node);
+  storeLast(&heap.intent()->moving, 0);
 }
 
 }  // namespace
 
-uint32_t LiveNodes::gather(const Heap& heap) {
-  const SkipListHeader_t* list = heap.list();
-  allocatedCount_ = list->allocNodeCount;
-  freeCount_ = list->freeNodeCount;
-  const uint64_t most = heap.space() / allocNodeSize(0);
-  if (allocatedCount_ > most || freeCount_ > most) return heap.kind().rcState;
-  if (!allocated_.allocate(allocatedCount_) || !free_.allocate(freeCount_))
-    return TREL_RC_REBUILD_NO_MEMORY;
-  const uint32_t rc = gatherAllocated(heap);
-  return rc ? rc : gatherFree(heap);
+uint32_t LiveNodes::gather() {
+  const SkipListHeader_t* list = heap_->list();
+  const uint64_t count = loadOnce(&list->allocNodeCount);
+  if (const uint32_t rc = gatherAllocated(count)) return rc;
+  if (allocatedCount_ != count) return heap_->kind().rcState;
+  if (const uint32_t rc = gatherFree()) return rc;
+  return sortPlaces();
 }
 
-uint32_t LiveNodes::gatherAllocated(const Heap& heap) {
-  uint64_t node = heap.allocHead(), last = 0;
-  for (uint64_t i = 0;; ++i) {
-    if (const uint32_t rc = nextAlloc(heap, node, &node)) return rc;
-    if (node == 0) return i == allocatedCount_ ? 0 : heap.kind().rcState;
-    const AllocNode_t& n = *heap.alloc(node);
-    if (i == allocatedCount_ || !isSound(heap, n, last)) return heap.kind().rcState;
-    last = n.blockOffset + n.blockSize;
-    bytes_ += allocNodeSize(n.level);
-    allocated_[i] = n;
-  }
+// A death can leave the counter one too low.
+uint32_t LiveNodes::recover() {
+  if (const uint32_t rc = endMove()) return rc;
+  return gatherAllocated(loadOnce(&heap_->list()->allocNodeCount) + 1);
 }
 
-uint32_t LiveNodes::gatherFree(const Heap& heap) {
-  uint64_t node = heap.freeHead(), last = 0;
-  for (uint64_t i = 0;; ++i) {
-    if (const uint32_t rc = nextFree(heap, node, &node)) return rc;
-    if (node == heap.freeTail()) return i == freeCount_ ? 0 : heap.kind().rcState;
-    const FreeNode_t& n = *heap.free(node);
-    if (i == freeCount_ || n.blockOffset < last || !heap.containsBlock(n.blockOffset, n.blockSize))
-      return heap.kind().rcState;
-    last = n.blockOffset + n.blockSize;
-    bytes_ += freeNodeSize(n.level);
-    free_[i] = {n.blockOffset, n.blockSize, n.level};
-  }
-}
-
-uint32_t LiveNodes::recover(Heap* heap) {
-  if (const uint32_t rc = heap->openHeader()) return rc;
-  const uint32_t rebuilding = heap->intent()->rebuilding;
-  if (rebuilding == TREL_REBUILD_RECORDED) return recall(heap);
-  if (rebuilding == TREL_REBUILD_BARE) return heap->kind().rcState;
-  if (const uint32_t rc = heap->openLists()) return rc;
-  if (const uint32_t rc = countAllocated(*heap, &allocatedCount_)) return rc;
-  if (!allocated_.allocate(allocatedCount_)) return TREL_RC_REBUILD_NO_MEMORY;
-  return gatherAllocated(*heap);
-}
-
-uint32_t LiveNodes::recall(Heap* heap) {
-  const HeapIntent_t intent = *heap->intent();
-  const uint32_t rcState = heap->kind().rcState;
-  if (intent.records < heap->listOffset() || intent.records > heap->end() ||
-      intent.count > (heap->end() - intent.records) / sizeof(LiveBlock_t) ||
-      intent.checksum != checksumOf(*heap, intent))
-    return rcState;
-  if (!allocated_.allocate(intent.count)) return TREL_RC_REBUILD_NO_MEMORY;
-  // The lists are about to be written anew anyway; what the rebuild left of them may not fit.
-  heap->list()->slSpaceSize = intent.space;
-  heap->list()->slNextNode = slHeaderSizeOf(heap->list()->maxLevel);
-  if (const uint32_t rc = heap->openLists()) return rc;
-  const LiveBlock_t* record = heap->at<LiveBlock_t>(intent.records);
+uint32_t LiveNodes::gatherAllocated(uint64_t most) {
+  if (most > heap_->space() / allocNodeSize(0) + 1) return heap_->kind().rcState;
+  if (!allocated_.allocate(most)) return TREL_RC_REBUILD_NO_MEMORY;
   uint64_t last = 0;
-  for (; allocatedCount_ < intent.count; ++allocatedCount_, ++record) {
-    const uint64_t block = heap->offset() + record->block;
-    const AllocNode_t n = {
-        block, record->size,           block + record->front, record->requestedSize,
-        0,     record->callerFunction, record->callerLine};
-    if (!isSound(*heap, n, last)) return rcState;
-    last = block + n.blockSize;
-    allocated_[allocatedCount_] = n;
+  AllocRef next;
+  for (uint64_t node = heap_->allocHead();; node = next.node) {
+    if (const uint32_t rc = nextAlloc(*heap_, node, &next)) return rc;
+    if (next.node == 0) return 0;
+    const AllocNode_t& n = next.fields;
+    if (allocatedCount_ == most || !isSound(*heap_, next.node, n, last))
+      return heap_->kind().rcState;
+    last = next.end();
+    allocated_[allocatedCount_++] = {next.node, n.blockOffset, n.blockSize, n.level};
+  }
+}
+
+uint32_t LiveNodes::gatherFree() {
+  const uint64_t count = loadOnce(&heap_->list()->freeNodeCount);
+  if (count > heap_->space() / freeNodeSize(0)) return heap_->kind().rcState;
+  if (!free_.allocate(count) || !sizes_.allocate(count)) return TREL_RC_REBUILD_NO_MEMORY;
+  uint64_t last = 0;
+  FreeNode node;
+  for (uint32_t rc = firstFree(*heap_, &node);; rc = nextFree(*heap_, node, &node)) {
+    if (rc) return rc;
+    if (node.ref.node == 0) return freeCount_ == count ? 0 : heap_->kind().rcState;
+    if (freeCount_ == count || node.offset < last || !heap_->containsBlock(node.offset, node.size))
+      return heap_->kind().rcState;
+    last = node.end();
+    free_[freeCount_++] = {node.offset, node.size, 0, 0};
+  }
+}
+
+uint32_t LiveNodes::sortPlaces() {
+  if (heap_->space() / 8 > UINT32_MAX || !places_.allocate(allocatedCount_))
+    return TREL_RC_REBUILD_NO_MEMORY;
+  for (uint64_t i = 0; i < allocatedCount_; ++i)
+    places_[i] = (allocated_[i].node - heap_->listOffset()) / 8 << 32 | i;
+  if (allocatedCount_) std::sort(&places_[0], &places_[0] + allocatedCount_);
+  uint64_t last = 0;
+  for (uint64_t k = 0; k < allocatedCount_; ++k) {
+    const Live& n = allocated_[indexByPlace(k)];
+    if (n.node < last) return heap_->kind().rcState;
+    last = n.node + allocNodeSize(n.level);
   }
   return 0;
 }
 
-const AllocNode_t* LiveNodes::find(uint64_t offset, TrelU64 AllocNode_t::*which) const {
-  for (uint64_t i = 0; i < allocatedCount_; ++i)
-    if (allocated_[i].*which == offset) return &allocated_[i];
-  return nullptr;
+// The link that leads to a node on its way leads to its old place or to its new one.
+uint32_t LiveNodes::endMove() {
+  const HeapIntent_t intent = *heap_->intent();
+  if (intent.moving != TREL_NODE_MOVING) return 0;
+  if (!isSound(*heap_, intent.source, intent.node, 0) ||
+      !isSound(*heap_, intent.target, intent.node, 0))
+    return heap_->kind().rcState;
+  WalkBudget budget(*heap_);
+  for (uint64_t link = slotOfNode(heap_->allocHead(), 0); !budget.exhausted();) {
+    const uint64_t slot = heap_->load(link);
+    if (slot == slotOfNode(intent.source, 0) || slot == slotOfNode(intent.target, 0)) {
+      moveNode(*heap_, intent, link);
+      return 0;
+    }
+    if (!heap_->containsNode(nodeOfSlot(slot, 0), allocNodeSize(0))) break;
+    link = slot;
+  }
+  return heap_->kind().rcState;
 }
 
-void LiveNodes::drop(uint64_t blockOffset) {
-  uint64_t kept = 0;
-  for (uint64_t i = 0; i < allocatedCount_; ++i)
-    if (allocated_[i].blockOffset != blockOffset) allocated_[kept++] = allocated_[i];
-  allocatedCount_ = kept;
+void LiveNodes::move(uint64_t i, uint64_t target, uint64_t level) {
+  Live& live = allocated_[i];
+  HeapIntent_t* intent = heap_->intent();
+  HeapIntent_t noted = {};
+  noted.source = live.node;
+  noted.target = target;
+  noted.next = heap_->load(slotOfNode(live.node, 0));
+  noted.node = heap_->loadAlloc(live.node);
+  // Somebody without the latch may have written here meanwhile.
+  noted.node.level = level;
+  if (!padsLieInside(noted.node) ||
+      !heap_->containsBlock(noted.node.blockOffset, noted.node.blockSize))
+    return;
+  intent->source = noted.source;
+  intent->target = noted.target;
+  intent->next = noted.next;
+  intent->node = noted.node;
+  storeLast(&intent->moving, TREL_NODE_MOVING);
+  moveNode(*heap_, noted, linkTo(i));
+  live.node = target;
+  live.level = level;
 }
 
-uint32_t LiveNodes::findGaps(const Heap& heap) {
-  if (!free_.allocate(allocatedCount_ + 1)) return TREL_RC_REBUILD_NO_MEMORY;
-  // The memory ends at the heap's end, but blocks at a multiple of 8.
-  const uint64_t start = heap.spaceEnd(), end = start + ((heap.end() - start) & ~uint64_t{7});
-  uint64_t at = start;
+uint64_t LiveNodes::indexAround(uint64_t offset) const {
+  uint64_t low = 0, high = allocatedCount_;  // the last that does not begin behind it, plus 1
+  while (low < high) {
+    const uint64_t middle = (low + high) / 2;
+    if (allocated_[middle].offset <= offset)
+      low = middle + 1;
+    else
+      high = middle;
+  }
+  return low && offset - allocated_[low - 1].offset < allocated_[low - 1].size ? low - 1
+                                                                               : allocatedCount_;
+}
+
+AllocRef LiveNodes::blockAround(uint64_t offset) const {
+  const uint64_t i = indexAround(offset);
+  if (i == allocatedCount_) return {};
+  return {allocated_[i].node, heap_->loadAlloc(allocated_[i].node)};
+}
+
+void LiveNodes::drop(const AllocRef& block) {
+  uint64_t i = indexAround(block.fields.blockOffset);
+  if (i == allocatedCount_) return;
+  storeLast(heap_->at<TrelU64>(linkTo(i)), heap_->load(slotOfNode(allocated_[i].node, 0)));
+  for (--allocatedCount_; i < allocatedCount_; ++i) allocated_[i] = allocated_[i + 1];
+}
+
+uint32_t LiveNodes::findGaps() {
+  if (!free_.allocate(allocatedCount_ + 1) || !sizes_.allocate(allocatedCount_ + 1))
+    return TREL_RC_REBUILD_NO_MEMORY;
+  const uint64_t end = heap_->blocksEnd();
+  uint64_t at = heap_->spaceEnd();
   for (uint64_t i = 0; i < allocatedCount_; ++i) {
-    const AllocNode_t& n = allocated_[i];
-    if (n.blockOffset > at) free_[freeCount_++] = {at, n.blockOffset - at, 0};
-    at = n.blockOffset + n.blockSize;
+    const Live& n = allocated_[i];
+    if (n.offset > at) free_[freeCount_++] = {at, n.offset - at, 0, 0};
+    at = n.offset + n.size;
   }
-  if (at < end) free_[freeCount_++] = {at, end - at, 0};
-  return 0;
+  if (at < end) free_[freeCount_++] = {at, end - at, 0, 0};
+  return sortPlaces();
 }
 
-FreeBlock* LiveNodes::freeAt(uint64_t offset) {
+LiveNodes::Gap* LiveNodes::firstFreeAt(uint64_t offset) {
   return freeCount_ && free_[0].offset == offset ? &free_[0] : nullptr;
 }
 
-bool LiveNodes::fit(const Heap& heap, uint64_t space) const {
-  return heap.listHeaderSize() + bytes_ <= space;
-}
-
-void LiveNodes::flatten() {
-  for (uint64_t i = 0; i < allocatedCount_; ++i) allocated_[i].level = 0;
-  for (uint64_t i = 0; i < freeCount_; ++i) free_[i].level = 0;
-  bytes_ = allocatedCount_ * allocNodeSize(0) + freeCount_ * freeNodeSize(0);
-}
-
-bool LiveNodes::enter(const Heap& heap, Placement::Rule rule) {
-  heap.header()->allocatedBytes = 0;
-  heap.header()->freeBytes = 0;
-  resetLists(heap);
-  Path path;
-  for (uint64_t& node : path.node) node = heap.allocHead();
-  for (uint64_t i = 0; i < allocatedCount_; ++i) {
-    uint64_t node = 0;
-    if (appendAlloc(heap, allocated_[i], &path, &node, {rule, allocated_[i].level})) return false;
+// gapAt(k, &from, &to) gives the k-th stretch for nodes. A lower limit of levels saves space.
+template <class GapAt>
+bool LiveNodes::place(GapAt&& gapAt) {
+  for (uint64_t limit = heap_->maxLevel(); limit-- > 0;) {
+    uint64_t k = 0, from = 0, to = 0, i = 0;
+    for (bool any = gapAt(k, &from, &to); any && i < freeCount_;) {
+      uint64_t level = std::min(static_cast<uint64_t>(__builtin_ctzll(i + 1)), limit);
+      while (level > 0 && freeNodeSize(level) > to - from) --level;
+      if (freeNodeSize(level) > to - from) {
+        any = gapAt(++k, &from, &to);
+        continue;
+      }
+      free_[i].node = from;
+      free_[i++].level = level;
+      from += freeNodeSize(level);
+    }
+    if (i == freeCount_) return true;
   }
-  if (freeCount_ == 0)
-    heap.header()->freeBytes = ((heap.size() - heap.space() - heap.headerSize()) & ~uint64_t{7}) -
-                               heap.header()->allocatedBytes;
-  uint64_t last = heap.freeHead();
-  for (uint64_t i = 0; i < freeCount_; ++i)
-    if (insertFree(heap, free_[i].offset, free_[i].size, {rule, free_[i].level}, &last, last))
-      return false;
+  return false;
+}
+
+// The k-th stretch between allocated nodes where they stand. The last one ends with the space.
+bool LiveNodes::gapAt(uint64_t k, uint64_t* from, uint64_t* to) const {
+  if (k > allocatedCount_) return false;
+  *from = heap_->listOffset() + heap_->listHeaderSize();
+  if (k > 0) {
+    const Live& before = allocated_[indexByPlace(k - 1)];
+    *from = before.node + allocNodeSize(before.level);
+  }
+  *to = k < allocatedCount_ ? allocated_[indexByPlace(k)].node : heap_->spaceEnd();
   return true;
 }
 
-// The end of a free block, or of the spare one, that the node space does not touch, neither as it
-// is nor as it will be. 0 if none is large enough.
-uint64_t LiveNodes::findRoom(const Heap& heap, uint64_t space, uint64_t bytes) const {
-  const uint64_t newEnd = heap.listOffset() + space;
-  const uint64_t from = newEnd > heap.spaceEnd() ? newEnd : heap.spaceEnd();
-  const auto isRoom = [&](uint64_t offset, uint64_t size) {
-    return size >= bytes && offset + size >= from + bytes;
-  };
-  if (isRoom(heap.spareOffset(), heap.spareSize()))
-    return heap.spareOffset() + heap.spareSize() - bytes;
-  for (uint64_t i = freeCount_; i-- > 0;)
-    if (isRoom(free_[i].offset, free_[i].size)) return free_[i].offset + free_[i].size - bytes;
-  return 0;
+bool LiveNodes::placeBetween() {
+  return place([&](uint64_t k, uint64_t* from, uint64_t* to) { return gapAt(k, from, to); });
 }
 
-void LiveNodes::writeRecords(const Heap& heap, uint64_t space, uint64_t offset) const {
-  LiveBlock_t* record = heap.at<LiveBlock_t>(offset);
-  for (uint64_t i = 0; i < allocatedCount_; ++i) {
-    const AllocNode_t& n = allocated_[i];
-    *record++ = {static_cast<uint32_t>(n.blockOffset - heap.offset()),
-                 static_cast<uint32_t>(n.blockSize),
-                 static_cast<uint32_t>(n.dataOffset - n.blockOffset),
-                 static_cast<uint32_t>(n.requestedSize),
-                 n.callerFunction,
-                 n.callerLine};
+bool LiveNodes::placeBehind(uint64_t space) {
+  uint64_t end = heap_->listHeaderSize();
+  for (uint64_t i = 0; i < allocatedCount_; ++i) end += allocNodeSize(levelOf(i));
+  if (end > space) return false;
+  return place([&](uint64_t k, uint64_t* from, uint64_t* to) {
+    *from = heap_->listOffset() + end;
+    *to = heap_->listOffset() + space;
+    return k == 0;
+  });
+}
+
+void LiveNodes::compact() {
+  uint64_t next = heap_->listOffset() + heap_->listHeaderSize();
+  for (uint64_t k = 0; k < allocatedCount_; ++k) {
+    const uint64_t i = indexByPlace(k), level = levelOf(i);
+    if (allocated_[i].node != next || allocated_[i].level != level) move(i, next, level);
+    next += allocNodeSize(level);
   }
-  HeapIntent_t* intent = heap.intent();
-  intent->space = space;
-  intent->records = offset;
-  intent->count = allocatedCount_;
-  intent->checksum = checksumOf(heap, *intent);
+  heap_->setNextNode(next - heap_->listOffset());
+  isCompact_ = true;
 }
 
-void LiveNodes::commit(Heap* heap, uint64_t space) {
-  HeapIntent_t* intent = heap->intent();
-  const uint64_t bytes = allocatedCount_ * sizeof(LiveBlock_t);
-  uint64_t room = 0;
-  Records<uint8_t> saved;  // freed blocks keep their bytes, the marks of a free among them
-  // The records of a rebuild that is done again stand already.
-  if (intent->rebuilding != TREL_REBUILD_RECORDED) {
-    room = heap->size() <= UINT32_MAX ? findRoom(*heap, space, bytes) : 0;
-    if (room && saved.allocate(bytes) && saved) memcpy(&saved[0], heap->at<void>(room), bytes);
-    if (room) writeRecords(*heap, space, room);
-    storeLast(&intent->rebuilding, room ? TREL_REBUILD_RECORDED : TREL_REBUILD_BARE);
-  }
-  heap->setSpace(space);
-  heap->countRebuild();
-  const uint64_t count = heap->list()->rebuildCount + 1;
-  // Levels drawn afresh can need more room than there is; the old ones are known to fit.
-  if (!enter(*heap, Placement::Rule::ordinary)) enter(*heap, Placement::Rule::given);
-  heap->list()->rebuildCount = count;
-  writePadOffsets(*heap);
-  storeLast(&intent->rebuilding, 0);
-  if (saved) memcpy(heap->at<void>(room), &saved[0], bytes);
-}
-
-// The pads lie all over the managed memory, so they are fetched some nodes ahead.
-void LiveNodes::writePadOffsets(const Heap& heap) {
-  constexpr uint64_t kAhead = 16;
-  uint64_t node = heap.allocHead();
-  for (uint64_t i = 0; nextAlloc(heap, node, &node) == 0 && node != 0; ++i) {
-    if (i + kAhead < allocatedCount_) {
-      const AllocNode_t& ahead = allocated_[i + kAhead];
-      __builtin_prefetch(frontTail(heap, ahead.dataOffset), 1);
-      __builtin_prefetch(backTail(heap, ahead.blockOffset + ahead.blockSize), 1);
+// What is left between the nodes becomes places for allocated nodes, with levels by index. Old free
+// nodes that lie there still hang together, and must not be taken for live ones.
+void LiveNodes::makeHoles() {
+  uint64_t from = 0, to = 0, next = 0, index = 0;
+  for (uint64_t k = 0; k < allocatedCount_ && gapAt(k, &from, &to); ++k) {
+    for (; next < freeCount_ && free_[next].node < to; ++next)
+      from = free_[next].node + freeNodeSize(free_[next].level);
+    memset(heap_->at<void>(from), 0, to - from);
+    while (to - from >= allocNodeSize(0)) {
+      uint64_t level = static_cast<uint64_t>(__builtin_ctzll(++index));
+      level = std::min({level, (to - from - allocNodeSize(0)) / 8, heap_->maxLevel() - 1});
+      addHole(*heap_, NodeKind::allocated, from, level);
+      from += allocNodeSize(level);
     }
-    writeNodeOffset(heap, node);
   }
+}
+
+void LiveNodes::relist() {
+  forgetHoles(*heap_);
+  if (!isCompact_) makeHoles();
+  relistAllocated();
+  relistFree();
+  uint64_t used = heap_->listHeaderSize(), end = heap_->listOffset() + used;
+  const auto count = [&](uint64_t node, uint64_t size) {
+    used += size;
+    end = std::max(end, node + size);
+  };
+  for (uint64_t i = 0; i < allocatedCount_; ++i)
+    count(allocated_[i].node, allocNodeSize(allocated_[i].level));
+  for (uint64_t i = 0; i < freeCount_; ++i) count(free_[i].node, freeNodeSize(free_[i].level));
+  heap_->list()->slUsedBytes = used;
+  heap_->setNextNode(end - heap_->listOffset());
+}
+
+void LiveNodes::relistAllocated() {
+  uint64_t last[TREL_HEAP_MAX_LEVEL], bytes = 0, inUse = 0;
+  for (uint64_t& node : last) node = heap_->allocHead();
+  for (uint64_t i = 0; i < allocatedCount_; ++i) {
+    const Live& n = allocated_[i];
+    bytes += n.size;
+    inUse = std::max(inUse, n.level);
+    for (uint64_t level = 1; level <= n.level; ++level) {
+      heap_->store(slotOfNode(last[level], level), slotOfNode(n.node, level));
+      last[level] = n.node;
+    }
+  }
+  for (uint64_t level = 1; level < heap_->maxLevel(); ++level)
+    heap_->store(slotOfNode(last[level], level), 0);
+  SkipListHeader_t* list = heap_->list();
+  list->allocListLevel = inUse;
+  list->allocNodeCount = allocatedCount_;
+  heap_->header()->allocatedBytes = bytes;
+}
+
+void LiveNodes::relistFree() {
+  resetFreeLists(*heap_);
+  FreeEnds ends(*heap_);
+  uint64_t bytes = 0, inUse = 0;
+  for (uint64_t i = 0; i < freeCount_; ++i) {
+    const Gap& gap = free_[i];
+    FreeNode_t* n = heap_->free(gap.node);
+    *n = FreeNode_t{};
+    n->blockOffset = gap.offset;
+    n->blockSize = gap.size;
+    n->level = gap.level;
+    bytes += gap.size;
+    inUse = std::max(inUse, gap.level);
+    sizes_[i] = static_cast<uint32_t>(i);
+    ends.append(*heap_, byOffset, {gap.node, gap.level + 1});
+  }
+  if (freeCount_)
+    std::sort(&sizes_[0], &sizes_[0] + freeCount_, [&](uint32_t a, uint32_t b) {
+      return free_[a].size != free_[b].size ? free_[a].size < free_[b].size : a > b;
+    });
+  for (uint64_t i = 0; i < freeCount_; ++i)
+    ends.append(*heap_, bySize, {free_[sizes_[i]].node, free_[sizes_[i]].level + 1});
+  ends.close(*heap_);
+  heap_->freeListLevel() = inUse;
+  heap_->list()->freeNodeCount = freeCount_;
+  // Without a free node, all that is not allocated counts as free: it is in flight.
+  heap_->header()->freeBytes =
+      freeCount_ ? bytes : heap_->blocksEnd() - heap_->spaceEnd() - heap_->header()->allocatedBytes;
 }
 
 }  // namespace trel

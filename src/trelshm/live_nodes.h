@@ -1,9 +1,14 @@
-// All live nodes of a heap, copied to process memory in order of offset, to be entered anew. What
-// can fail comes first: commit() cannot. The caller holds heapLatch.
+// All blocks of a heap, gathered in process memory, and the two steps that write its lists anew.
+// The caller holds heapLatch, and the heap is open.
+//
+// compact() moves the allocated nodes down, in the order of their places, each by stores that a
+// death cannot tear (HeapIntent_t). The list at level 0 stays whole. relist() writes all else:
+// upper levels, both orders of free blocks, counters. What can fail comes before the first store.
 #pragma once
 
 #include "platsvc/memory.h"
-#include "trelshm/skip_list.h"
+#include "trelshm/alloc_list.h"
+#include "trelshm/free_lists.h"
 
 namespace trel {
 
@@ -26,52 +31,74 @@ class Records {
     if (!block_) __builtin_unreachable();  // no records, no index
     return static_cast<T*>(block_)[i];
   }
-  explicit operator bool() const { return block_ != nullptr; }
 
  private:
   void* block_ = nullptr;
 };
 
-struct FreeBlock {
-  uint64_t offset, size, level;
-};
-
 class LiveNodes {
  public:
-  // From lists that are whole. The heap is open.
-  uint32_t gather(const Heap& heap);
-  // What the owner of the latch left that died: the allocated blocks, from the records of its
-  // rebuild or else from the allocated list at level 0. Opens the heap.
-  uint32_t recover(Heap* heap);
+  explicit LiveNodes(Heap* heap) : heap_(heap) {}
 
-  // The allocated block with that offset, null if there is none.
-  const AllocNode_t* find(uint64_t offset, TrelU64 AllocNode_t::*which) const;
-  void drop(uint64_t blockOffset);
-  // The free blocks are what lies between the allocated.
-  uint32_t findGaps(const Heap& heap);
+  // From lists that are whole.
+  uint32_t gather();
+  // The allocated blocks alone, by what the owner of the latch left that died: a move of a node
+  // that it had begun is ended first.
+  uint32_t recover();
+  // Takes that block off: one store commits it. Only behind recover().
+  void drop(const AllocRef& block);
+  // The free blocks are what lies between the allocated. Only behind recover().
+  uint32_t findGaps();
 
-  FreeBlock* freeAt(uint64_t offset);
-  // Whether all nodes fit a space of that size with the levels that they have.
-  bool fit(const Heap& heap, uint64_t space) const;
+  // The allocated block around an offset; node 0 if there is none.
+  AllocRef blockAround(uint64_t offset) const;
+  struct Gap {
+    uint64_t offset, size;
+    uint64_t node, level;
+  };
+  // The free block at that offset, if it is the first.
+  Gap* firstFreeAt(uint64_t offset);
+
+  // Finds places for the free nodes between the allocated, where these stand or, compacted, behind
+  // them; levels by index as far as the space holds them, else lower. False if even level 0 does
+  // not fit.
+  bool placeBetween();
+  bool placeBehind(uint64_t space);
   // From here on all nodes have level 0.
-  void flatten();
+  void flatten() { flat_ = true; }
 
-  // Writes the lists anew, in place. A death in the middle can be repaired if a free block, or the
-  // heap's spare one, has room for a record of each allocated block.
-  void commit(Heap* heap, uint64_t space);
+  void compact();
+  void relist();
 
  private:
-  uint32_t gatherAllocated(const Heap& heap);
-  uint32_t gatherFree(const Heap& heap);
-  uint32_t recall(Heap* heap);
-  uint64_t findRoom(const Heap& heap, uint64_t space, uint64_t bytes) const;
-  void writeRecords(const Heap& heap, uint64_t space, uint64_t offset) const;
-  bool enter(const Heap& heap, Placement::Rule rule);
-  void writePadOffsets(const Heap& heap);
+  struct Live {
+    uint64_t node, offset, size, level;
+  };
+  uint32_t gatherAllocated(uint64_t most);
+  uint32_t gatherFree();
+  uint32_t sortPlaces();
+  uint32_t endMove();
+  void move(uint64_t i, uint64_t target, uint64_t level);
+  uint64_t indexAround(uint64_t offset) const;
+  uint64_t indexByPlace(uint64_t k) const { return places_[k] & UINT32_MAX; }
+  uint64_t levelOf(uint64_t i) const { return flat_ ? 0 : allocated_[i].level; }
+  uint64_t linkTo(uint64_t i) const {
+    return slotOfNode(i == 0 ? heap_->allocHead() : allocated_[i - 1].node, 0);
+  }
+  bool gapAt(uint64_t k, uint64_t* from, uint64_t* to) const;
+  void makeHoles();
+  template <class GapAt>
+  bool place(GapAt&& gapAt);
+  void relistAllocated();
+  void relistFree();
 
-  Records<AllocNode_t> allocated_;
-  Records<FreeBlock> free_;
-  uint64_t allocatedCount_ = 0, freeCount_ = 0, bytes_ = 0;
+  Heap* heap_;
+  Records<Live> allocated_;   // by offset of the block
+  Records<uint64_t> places_;  // by place of the node: the place in the upper half, then the index
+  Records<Gap> free_;         // by offset
+  Records<uint32_t> sizes_;   // indexes by size, of equal ones the last first
+  uint64_t allocatedCount_ = 0, freeCount_ = 0;
+  bool flat_ = false, isCompact_ = false;
 };
 
 }  // namespace trel

@@ -44,9 +44,8 @@ const PadMode* padModeOf(uint32_t mode) {
   return nullptr;
 }
 
-void writePads(const Heap& heap, uint64_t node, const PadMode& mode, uint32_t frontWords,
-               uint32_t backWords, uint64_t extra, const Caller& caller) {
-  const AllocNode_t& n = *heap.alloc(node);
+void writePads(const Heap& heap, uint64_t node, const AllocNode_t& n, const PadMode& mode,
+               uint32_t frontWords, uint32_t backWords, uint64_t extra, const Caller& caller) {
   PadWriter front(heap, n.blockOffset);
   if (mode.record) front.guards(frontWords);
   if (mode.file) front.fileName(caller.file);
@@ -66,22 +65,21 @@ void writePads(const Heap& heap, uint64_t node, const PadMode& mode, uint32_t fr
     memset(heap.at<void>(n.dataOffset + n.requestedSize), 0xcc, static_cast<size_t>(slack));
 }
 
-void writeNodeOffset(const Heap& heap, uint64_t node) {
-  const AllocNode_t& n = *heap.alloc(node);
+void writeNodeOffset(const Heap& heap, uint64_t node, const AllocNode_t& n) {
   PadTail_t* front = frontTail(heap, n.dataOffset);
   front->nodeOffset = node;
-  const PadMode* mode = padModeOf(front->mode);
+  const PadMode* mode = padModeOf(loadOnce(&front->mode));
   if (mode && mode->back && n.blockSize >= mode->frontSize(1) + mode->backSize(1))
     backTail(heap, n.blockOffset + n.blockSize)->nodeOffset = node;
 }
 
 uint32_t blockOffsetOf(const void* base, uint64_t dataOffset, int64_t* blockOffset) {
   const Heap bytes(base, 0, kPoolKind);
-  const PadMode* mode = padModeOf(frontTail(bytes, dataOffset)->mode);
+  const PadMode* mode = padModeOf(loadOnce(&frontTail(bytes, dataOffset)->mode));
   if (!mode) return TREL_RC_PAD_MODE;
   uint32_t words = 1;
   if (mode->record) {
-    words = padRecord(bytes, dataOffset, *mode)->frontPadWords;
+    words = loadOnce(&padRecord(bytes, dataOffset, *mode)->frontPadWords);
     if (!padWordsInRange(words)) return TREL_RC_FRONT_PAD_WORDS;
   }
   *blockOffset = static_cast<int64_t>(dataOffset - mode->frontSize(words));

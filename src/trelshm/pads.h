@@ -43,7 +43,8 @@ inline PadBlockRecord_t* padRecord(const Heap& heap, uint64_t dataOffset, const 
                                    sizeof(PadBlockRecord_t));
 }
 
-// Whether the data of an allocated node leaves room for both tails inside its block.
+// Whether the data of an allocated node, as it was loaded, leaves room for both tails inside its
+// block.
 inline bool padsLieInside(const AllocNode_t& node) {
   const uint64_t end = node.blockOffset + node.blockSize;
   return node.dataOffset >= node.blockOffset + sizeof(PadTail_t) && node.dataOffset <= end &&
@@ -59,10 +60,10 @@ struct Caller {
 
 // Writes the pads of a new allocation, and fills its slack where there is a back pad. `extra` is
 // what the data takes beyond the size asked for.
-void writePads(const Heap& heap, uint64_t node, const PadMode& mode, uint32_t frontWords,
-               uint32_t backWords, uint64_t extra, const Caller& caller);
-// Writes the offset of a node that has moved into the tails of its block.
-void writeNodeOffset(const Heap& heap, uint64_t node);
+void writePads(const Heap& heap, uint64_t node, const AllocNode_t& fields, const PadMode& mode,
+               uint32_t frontWords, uint32_t backWords, uint64_t extra, const Caller& caller);
+// Writes the offset of a node that has moved into the tails of its block, which lie inside.
+void writeNodeOffset(const Heap& heap, uint64_t node, const AllocNode_t& fields);
 
 // From the data back to its block, by the mode word in front of the data. The result can lie
 // outside the heap, and be negative.

@@ -2,7 +2,7 @@
 
 #include <initializer_list>
 
-#include "trelshm/engine.h"
+#include "trelshm/allocator.h"
 #include "trelshm/handle.h"
 #include "trelshm/heap.h"
 #include "trelshm/live_nodes.h"

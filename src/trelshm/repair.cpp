@@ -2,10 +2,11 @@
 //
 // Free and allocated blocks tile the managed memory, so the allocated list at level 0 and the size
 // of the node space tell all there is to know: what lies between allocated blocks is free. An
-// insertion links level 0 last and a deletion unlinks it first, so at every instant but in a
-// rebuild that list is whole, and a rebuild keeps records. All else is written anew from it. The
-// repair is a rebuild itself, so whoever dies in it is followed by another who begins again.
-#include "trelshm/engine.h"
+// insertion links level 0 last and a deletion unlinks it first, so at every instant that list is
+// whole, but for a node that is being moved, of which the intent tells. All else is written anew
+// from it; allocated nodes stay where they are, with their levels, if the free ones find room
+// between them. So whoever dies in a repair is followed by another who begins again.
+#include "trelshm/allocator.h"
 #include "trelshm/heap.h"
 #include "trelshm/heap_latch.h"
 #include "trelshm/live_nodes.h"
@@ -27,7 +28,8 @@ void settleName(const Heap& pool, const LiveNodes& nodes) {
   HeapIntent_t* intent = domain.intent();
   const uint64_t node = intent->listNode;  // stored behind listPool, so read in front of it
   __atomic_thread_fence(__ATOMIC_ACQUIRE);
-  if (node && intent->listPool == pool.offset() && !nodes.find(node, &AllocNode_t::dataOffset))
+  if (node && intent->listPool == pool.offset() &&
+      nodes.blockAround(node).fields.dataOffset != node)
     storeLast(&intent->listNode, 0);
 }
 
@@ -54,31 +56,41 @@ uint32_t settleListNode(const Heap& domain) {
 
 // A block of a domain may hold a pool, whole or half made.
 void takeBack(const Heap& heap, uint64_t blockOffset, LiveNodes* nodes) {
-  const AllocNode_t* n = nodes->find(blockOffset, &AllocNode_t::blockOffset);
-  if (!n) return;
-  if (heap.kind().kind == TREL_HEAP_DOMAIN &&
-      heap.containsBlock(n->dataOffset, TREL_HEAP_HEADER_SIZE))
-    endPool(heap, n->dataOffset, n->blockOffset + n->blockSize - n->dataOffset);
-  nodes->drop(blockOffset);
+  const AllocRef block = nodes->blockAround(blockOffset);
+  if (block.node == 0 || block.fields.blockOffset != blockOffset) return;
+  const uint64_t pool = block.fields.dataOffset;
+  if (heap.kind().kind == TREL_HEAP_DOMAIN && pool <= block.end() &&
+      block.end() - pool >= TREL_HEAP_HEADER_SIZE)
+    endPool(heap, pool, block.end() - pool);
+  nodes->drop(block);
 }
 
 uint32_t repair(Heap* heap) {
-  LiveNodes nodes;
-  if (const uint32_t rc = nodes.recover(heap)) return rc;
+  if (const uint32_t rc = heap->openHeader()) return rc;
+  if (const uint32_t rc = heap->openLists()) return rc;
+  // Odd, as its dead owner may have left it; even again only when the heap is in order.
+  TrelU32* version = &heap->aside()->version;
+  storeLast(version, loadOnce(version) | 1);
+  LiveNodes nodes(heap);
+  if (const uint32_t rc = nodes.recover()) return rc;
   HeapIntent_t* intent = heap->intent();
   // What was being handed out, which nobody has seen, and what was being given back.
-  takeBack(*heap, heap->offset() + (intent->allocating & ~TREL_REPAIR_DUE), &nodes);
-  takeBack(*heap, intent->freeing, &nodes);
-  if (const uint32_t rc = nodes.findGaps(*heap)) return rc;
-  nodes.flatten();
-  if (!nodes.fit(*heap, heap->space())) return heap->kind().rcState;
-  nodes.commit(heap, heap->space());
+  takeBack(*heap, heap->offset() + (loadOnce(&intent->allocating) & ~TREL_REPAIR_DUE), &nodes);
+  takeBack(*heap, loadOnce(&intent->freeing), &nodes);
+  if (const uint32_t rc = nodes.findGaps()) return rc;
+  if (!nodes.placeBetween()) {
+    if (!nodes.placeBehind(heap->space())) nodes.flatten();
+    if (!nodes.placeBehind(heap->space())) return heap->kind().rcState;
+    nodes.compact();
+  }
+  nodes.relist();
   storeLast(&intent->freeing, 0);
   if (heap->kind().kind == TREL_HEAP_POOL) {
     settleName(*heap, nodes);
   } else if (const uint32_t rc = settleListNode(*heap)) {
     return rc;
   }
+  storeLast(version, loadOnce(version) + 1);
   storeLast(&intent->allocating, 0);
   return 0;
 }

@@ -6,9 +6,10 @@
 
 #include <stdio.h>
 
-#include "trelshm/engine.h"
+#include "trelshm/alloc_list.h"
+#include "trelshm/allocator.h"
+#include "trelshm/free_lists.h"
 #include "trelshm/handle.h"
-#include "trelshm/skip_list.h"
 
 namespace trel {
 namespace {
@@ -59,9 +60,11 @@ uint32_t printAllocated(const Heap& heap, uint32_t function, uint32_t line, cons
   fputs(wordsOf(heap.kind()).title, stdout);
   uint64_t at = heap.allocHead();
   for (uint64_t left = capped(heap, count, allocNodeSize(0)); left > 0; --left) {
-    if (const uint32_t rc = nextAlloc(heap, at, &at)) return rc;
+    AllocRef next;
+    if (const uint32_t rc = nextAlloc(heap, at, &next)) return rc;
+    at = next.node;
     if (at == 0) break;
-    const AllocNode_t node = *heap.alloc(at);
+    const AllocNode_t& node = next.fields;
     if (!heap.containsBlock(node.dataOffset, 0)) return heap.kind().rcCheckRange;
     char name[TREL_PAD_FILE_FIELD] = {};
     const uint32_t rc =
@@ -122,8 +125,10 @@ class ListPrinter {
     uint64_t at = heap_.allocHead();
     const uint64_t most = capped(heap_, allocCount_, allocNodeSize(0));
     for (int n = 1; static_cast<uint64_t>(n) <= most; ++n) {
-      if (nextAlloc(heap_, at, &at) || at == 0) return;
-      const AllocNode_t* node = heap_.alloc(at);
+      AllocRef next;
+      if (nextAlloc(heap_, at, &next) || next.node == 0) return;
+      at = next.node;
+      const AllocNode_t* node = &next.fields;
       const uint64_t level = node->level;
       if (level >= heap_.maxLevel() || !heap_.containsNode(at, allocNodeSize(level))) return;
       if (detail_ >= 1) printBlock("Allocated", n, node->dataOffset, level, node->requestedSize);
@@ -132,7 +137,7 @@ class ListPrinter {
         printf("  Allocated %s #%d at node offset %llu\n", words_.singular, n, Wide{at});
       for (uint64_t i = 0; detail_ >= 3 && i <= level; ++i)
         printf("     Forward link at level %d points to offset %llu\n", static_cast<int>(i),
-               Wide{heap_.word(at + kAllocLinks + 8 * i)});
+               Wide{heap_.load(at + kAllocLinks + 8 * i)});
     }
   }
 
@@ -148,7 +153,7 @@ class ListPrinter {
   }
 
   uint64_t link(const Place& at, Run run, uint64_t level) const {
-    return heap_.word(at.node + kFreeLinks + 8 * ((at.level + 1) * run + level));
+    return heap_.load(at.node + kFreeLinks + 8 * ((at.level + 1) * run + level));
   }
 
   void printRun(const Place& at, Run run, const char* format) const {

@@ -1,9 +1,14 @@
-// Stores whose order others rely on.
+// Loads and stores of words that other processes read and write.
 #pragma once
 
 #include "trel/layout.h"
 
 namespace trel {
+
+// What decides an access is loaded once, tested, and used as it was loaded: another process may
+// change the word at any time.
+inline uint64_t loadOnce(const TrelU64* word) { return *const_cast<const volatile TrelU64*>(word); }
+inline uint32_t loadOnce(const TrelU32* word) { return *const_cast<const volatile TrelU32*>(word); }
 
 // A store that commits: all that was written before it is there first, and nothing that is written
 // behind it.

@@ -1,7 +1,6 @@
 // A process dies at every store of every operation on a heap, and of the repair that follows.
 #include <map>
 #include <random>
-#include <set>
 
 #include "deaths.h"
 #include "heap_walker.h"
@@ -161,11 +160,12 @@ enum class Effect { none, rebuilds, grows };
 bool runUntil(const Heaps& heaps, uint32_t seed, bool allocates, Effect wanted,
               std::function<void()>* work) {
   std::mt19937 random(seed);
-  srand(seed);
   std::vector<uint64_t> live;
   const auto offsetOf = [&](void* block) {
     return static_cast<uint64_t>(static_cast<uint8_t*>(block) - heaps.memory.base());
   };
+  if (wanted == Effect::rebuilds)  // so full that the space cannot grow
+    while (void* block = heaps.allocate(8 + random() % 60)) live.push_back(offsetOf(block));
   for (int step = 0; step < 400; ++step) {
     const bool allocating = live.size() < 4 || random() % 5 < 3;
     const uint32_t size = 8 + random() % 200;
@@ -173,9 +173,7 @@ bool runUntil(const Heaps& heaps, uint32_t seed, bool allocates, Effect wanted,
     const Image before = heaps.memory.save();
     const SkipListHeader_t was = *heaps.lists();
     if (allocating) {
-      void* block = heaps.allocate(size);
-      if (!block) return false;
-      live.push_back(offsetOf(block));
+      if (void* block = heaps.allocate(size)) live.push_back(offsetOf(block));
     } else {
       EXPECT_EQ(0u, heaps.release(victim));
       live.erase(std::find(live.begin(), live.end(), victim));
@@ -199,20 +197,23 @@ bool runUntil(const Heaps& heaps, uint32_t seed, bool allocates, Effect wanted,
 constexpr const char* kEffects[] = {"", " with a rebuild", " with growth"};
 
 TEST(HeapDeaths, AllocateAndFree) {
-  std::set<std::string> done;
-  for (uint32_t seed = 1; seed <= (isFullRun() ? 8u : 2u); ++seed)
-    for (const bool allocates : {true, false})
-      for (const Effect effect : {Effect::none, Effect::rebuilds, Effect::grows}) {
+  for (const bool allocates : {true, false})
+    for (const Effect effect : {Effect::none, Effect::rebuilds, Effect::grows}) {
+      if (allocates && effect == Effect::rebuilds) continue;  // takes what a repair has left
+      int found = 0;
+      for (uint32_t seed = 1; seed <= 60 && found < (isFullRun() ? 6 : 1); ++seed) {
         Heaps heaps;
         std::function<void()> work;
         if (!runUntil(heaps, seed, allocates, effect, &work)) continue;
-        const std::string what =
-            std::string(allocates ? "allocate" : "free") + kEffects[static_cast<int>(effect)];
-        done.insert(what);
-        dieEverywhere(heaps, what + ", seed " + std::to_string(seed), work);
+        ++found;
+        dieEverywhere(heaps,
+                      std::string(allocates ? "allocate" : "free") +
+                          kEffects[static_cast<int>(effect)] + ", seed " + std::to_string(seed),
+                      work);
         if (HasFailure()) return;
       }
-  EXPECT_EQ(6u, done.size());
+      EXPECT_GT(found, 0) << allocates << kEffects[static_cast<int>(effect)];
+    }
 }
 
 // The pool's blocks, every second one freed again.
@@ -244,40 +245,20 @@ TEST(HeapDeaths, SpaceOfNodesShrinks) {
   EXPECT_EQ(wanted, heaps.lists()->slSpaceSize);
 }
 
-// A full heap has no room for the records of a rebuild. A death in the middle of one ends the heap:
-// no call guesses what it held.
+// Nodes move together over the holes between them, in a heap that has not a byte free.
 TEST(HeapDeaths, RebuildOfAFullHeap) {
   Heaps heaps(0x800, 40);
-  while (heaps.allocate(96)) {
+  std::vector<void*> blocks;
+  while (void* block = heaps.allocate(24)) blocks.push_back(block);
+  for (const size_t i : {1u, 4u, 5u, 9u})
+    EXPECT_EQ(0u, _trelFreeShmBlock(&blocks[i], heaps.pool, 1, 2, "holes"));
+  while (heaps.allocate(56) || heaps.allocate(8)) {
   }
-  while (heaps.allocate(8)) {
-  }
-  const auto work = [&] {
+  dieEverywhere(heaps, "rebuild", [&] {
     EXPECT_EQ(0u, trelLatchShmPool(heaps.pool));
     EXPECT_EQ(0u, trelDefragmentSLInPlace(heaps.domain->base, 2, heaps.pool->poolOffset));
     EXPECT_EQ(0u, trelUnlatchShmPool(heaps.pool));
-  };
-  const Image start = heaps.memory.save();
-  const Contents before = heaps.contents();
-  uint64_t ended = 0;
-  const uint64_t tried = heaps.memory.dieEverywhere(start, work, [&](uint64_t n) {
-    SCOPED_TRACE("killed in front of store " + std::to_string(n));
-    trelLatchShmPool(heaps.pool);
-    trelUnlatchShmPool(heaps.pool);
-    if (heaps.hasPool()) {
-      EXPECT_EQ(before.blocks, heaps.contents().blocks);
-      return;
-    }
-    ++ended;
-    void* block = nullptr;
-    EXPECT_EQ(TREL_RC_POOL_STATE, _trelAllocateShmBlock(&block, heaps.pool, 8, 0, 1, 2, "ended"));
-    block = heaps.memory.base() + before.blocks.begin()->first;
-    EXPECT_EQ(TREL_RC_POOL_STATE, _trelFreeShmBlock(&block, heaps.pool, 1, 2, "ended"));
-    EXPECT_EQ(TREL_RC_POOL_STATE, trelLatchShmPool(heaps.pool));
-    EXPECT_EQ(before.chunks, heaps.contents().chunks);
   });
-  EXPECT_GT(ended, 2u);
-  EXPECT_EQ(tried, ended + 2);  // but in front of the first store and of the last
 }
 
 TEST(HeapDeaths, Pools) {
