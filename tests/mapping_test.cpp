@@ -53,7 +53,8 @@ TEST(Mapping, EachAddressHasTheBoundsOfTheInnermost) {
       Range* made = model.back().get();
       ASSERT_TRUE(enterMapping(made->handle, size, below(2)));
       const auto key = static_cast<uint32_t>(start);
-      EXPECT_TRUE(publishAttachment(made->handle, key, &made->info, &made->count));
+      EXPECT_TRUE(
+          publishAttachment(made->handle, {key, &made->info, &made->count, false, nullptr}));
     } else if (!model.empty()) {
       std::swap(model[below(static_cast<uint32_t>(model.size()))], model.back());
       if (below(2)) hideAttachment(&model.back()->info);
@@ -94,7 +95,7 @@ TEST(Mapping, WritableComesFirst) {
     Mapping found{};
     for (const size_t i : {size_t{0}, size_t{1}}) {
       ASSERT_TRUE(enterMapping(handles[i], kSize, (i == 0) == writableFirst));
-      EXPECT_TRUE(publishAttachment(handles[i], 7, &infos[i], &counts[i]));
+      EXPECT_TRUE(publishAttachment(handles[i], {7, &infos[i], &counts[i], false, nullptr}));
     }
     const size_t first = writableFirst ? 0 : 1;
     EXPECT_TRUE(findAttachment(7, &found));
@@ -139,8 +140,12 @@ TEST_F(Mapped, StaysUntilTheLastPin) {
   const auto* const at = static_cast<const volatile uint8_t*>(handle->base);
   std::atomic<int> step{0};
   std::thread other([&] {
-    const Pin one(handle->base);
-    Pin two(handle->base), moved(std::move(two));
+    Pins pins;
+    Mapping found{};
+    EXPECT_EQ(0u, pins.around(handle->base, &found));
+    EXPECT_TRUE(found.isNew);
+    EXPECT_EQ(0u, Pins().around(handle->base, &found));
+    EXPECT_FALSE(found.isNew);
     for (step = 1; step != 2;) std::this_thread::yield();
     EXPECT_EQ(0, *at);
   });
@@ -154,6 +159,25 @@ TEST_F(Mapped, StaysUntilTheLastPin) {
   EXPECT_EQ(1u, mappings());
 }
 
+// More than a look has room for at first.
+TEST(Mapping, OneLookPinsMany) {
+  std::vector<ShmDomainHandle_t*> handles;
+  for (uintptr_t i = 1; i <= 200; ++i) handles.push_back(handleAt(i * 0x10000));
+  for (ShmDomainHandle_t* handle : handles) ASSERT_TRUE(enterMapping(handle, kSize, true));
+  {
+    Pins pins;
+    Mapping found{};
+    for (int round = 0; round < 2; ++round)
+      for (const ShmDomainHandle_t* handle : handles) {
+        ASSERT_EQ(0u, pins.around(handle->base, &found));
+        EXPECT_EQ(round == 0, found.isNew);
+      }
+    for (ShmDomainHandle_t* handle : handles) EXPECT_EQ(Unmapped::later, leaveMapping(handle));
+  }
+  for (int i = 0; i < 200; ++i) ASSERT_TRUE(enterMapping(handles[0] = handleAt(0x10000), 1, true));
+  EXPECT_EQ(200u, bytesMapped());
+}
+
 TEST_F(Mapped, ThreadsLookAndPinWhileOthersUnmap) {
   std::atomic<int> running{2};
   std::vector<std::thread> threads;
@@ -163,7 +187,7 @@ TEST_F(Mapped, ThreadsLookAndPinWhileOthersUnmap) {
         ShmDomainHandle_t* handle = map();
         ShmSegInfo_t info = {};
         uint32_t count = 0;
-        EXPECT_TRUE(publishAttachment(handle, i + 1, &info, &count));
+        EXPECT_TRUE(publishAttachment(handle, {i + 1, &info, &count, false, nullptr}));
         EXPECT_EQ(kSize, bytesMappedFrom(handle->base));
         drop(handle);
       }
@@ -173,9 +197,9 @@ TEST_F(Mapped, ThreadsLookAndPinWhileOthersUnmap) {
     threads.emplace_back([&] {
       while (running)
         for (const uint32_t wanted : {1u, 2u}) {
-          Pin pin;
+          Pins pins;
           Mapping found{};
-          if (!pin.attachment(wanted, &found)) continue;
+          if (pins.attachment(wanted, &found) != 0) continue;
           EXPECT_EQ(found.start + kSize, found.end);
           EXPECT_EQ(0, *reinterpret_cast<const volatile uint8_t*>(found.start)) << "still there";
         }

@@ -1,10 +1,18 @@
-// What this process holds of segments. Callers of all of this hold the AttachLatch.
+// What this process holds of segments. Callers of all of this hold the AttachLatch, but for Look.
+//
+// The count of an attachment is what explicit attaches have added, and one where a walk has brought
+// the segment. Whoever looks at a node during one call pins its mapping apart from that count (see
+// trelshm/mapping.h): no unmapping under a look, no count left behind.
+//
+// What a look brings is undecided at first and counts nothing: it is found by others, and stays
+// once any of them uses it. If none has when the look ends, the attachment ends with it.
 #pragma once
 
 #include "platsvc/ipc.h"
 #include "trel/segment.h"
 #include "trelshm/bytes.h"
 #include "trelshm/flow.h"
+#include "trelshm/mapping.h"
 
 namespace trel {
 
@@ -13,32 +21,18 @@ constexpr uint32_t kByAddress = 3;  // the access mode of the slot
 inline bool isInitialised() { return trelAPIIsInitialized == TREL_API_INITIALISED; }
 
 // An attachment: its record, and the word that counts its attaches.
-struct Hold {
+struct Attachment {
   ShmSegInfo_t* segInfo;
   uint32_t* count;
 };
 
-uint32_t holdOfKey(uint32_t key, Hold* hold);
-uint32_t holdOfSlot(Hold* hold);
-// By access mode: the slot, or the key.
-uint32_t holdOf(const SegIdentity_t& identity, Hold* hold);
+uint32_t attachmentOfKey(uint32_t key, Attachment* held);
+uint32_t attachmentOfSlot(Attachment* held);
+// Of a record: the one that it is, or if it is none of ours, the one of its key or the slot.
+uint32_t attachmentOf(const ShmSegInfo_t* record, Attachment* held);
 
-// The attached domain in which `size` bytes at an address lie, and that with its base at an
-// address; null if there is none.
-const ShmDomainHandle_t* domainAround(const void* address, uint64_t size);
-const ShmDomainHandle_t* domainAt(const void* base);
-
-// Bytes of all attached domains together.
-uint64_t attachedBytes();
-
-// Whether `size` bytes at an offset from the base lie in the domain and in what is mapped of it.
-inline bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size) {
-  const uint64_t first = domain->heapOffset;
-  const uint64_t heapSize = at<HeapHeader_t>(domain->base, first)->heapSize;
-  if (offset < first || heapSize < size || offset - first > heapSize - size) return false;
-  // The stored size has been tested at attach, but may have been overwritten since.
-  return !domain->ipcMemory || offset + size <= domain->ipcMemory->getSize();
-}
+// One attach more. Refuses what could not be counted any more.
+uint32_t countAttach(const Attachment& held);
 
 // The versions and the access mode of a parameter record, null for all defaults.
 struct SegmentForm {
@@ -47,13 +41,14 @@ struct SegmentForm {
 };
 SegmentForm readForm(const ShmDomainParam_t* param, uint32_t defaultMode);
 
-// A hold in the making: nobody finds it before publish().
-class NewHold {
+// An attachment in the making: nobody finds it before publish().
+class NewAttachment {
  public:
   // Takes the slot in access mode 3, else makes the records. The caller has tested the mode.
   uint32_t begin(const SegmentForm& form, const PLATIPCResID* key);
-  // From here on the hold counts 1. A failure leaves it unpublished.
-  uint32_t publish();
+  // From here on it counts 1; or nothing, if a look has brought it and is to decide. A failure
+  // leaves it unpublished.
+  uint32_t publish(const void* undecidedBy = nullptr);
   // Frees the records. The handles are gone already, or are freed here without disconnecting.
   void drop();
   ShmSegInfo_t* segInfo() const { return segInfo_; }
@@ -63,8 +58,30 @@ class NewHold {
   ShmSegInfo_t* segInfo_ = nullptr;
 };
 
-// Ends a hold whose handles are gone: off the list or out of the slot.
-uint32_t endHold(const SegIdentity_t& identity);
+// Takes the attachment from all lookups, runs disconnect(ShmSegInfo_t*), which ends its handles,
+// and frees what is left; where somebody looks, the last one does. A failure leaves the attachment,
+// without those handles that are gone, so that the call can be repeated.
+template <class Disconnect>
+uint32_t endAttachment(const Attachment& held, Disconnect&& disconnect) {
+  class Ending ending(held);
+  const uint32_t rc = disconnect(ending.handles());
+  return ending.finish(rc);
+}
+
+class Ending {
+ public:
+  explicit Ending(const Attachment& held);
+  Ending(const Ending&) = delete;
+  Ending& operator=(const Ending&) = delete;
+  ShmSegInfo_t* handles() { return &handles_; }
+  uint32_t finish(uint32_t rc);
+
+ private:
+  const Attachment held_;
+  Mapping was_;
+  ShmSegInfo_t handles_;  // a copy: whoever looks goes on using the record
+  bool isPinned_;
+};
 
 // The code of a pool or domain that somebody has ended. Who lets go by force takes it for done.
 constexpr bool isGone(uint32_t code) {
@@ -72,21 +89,11 @@ constexpr bool isGone(uint32_t code) {
 }
 
 // Disconnects and unmaps. Forced, a segment that was deleted by others is left as well. Handles
-// that are gone already are passed over, so that a failed call can be repeated.
+// that are gone already are passed over.
 uint32_t leaveSegment(ShmSegInfo_t* segInfo, bool forced);
 
 // Removes the memory of a domain that is a domain no more, and frees the handle.
 uint32_t destroyMemory(ShmDomainHandle_t** domain);
-
-// An attach whose use is not decided yet, because the node behind it is still being looked at. As
-// long as a hold is marked so, others that come upon it join with an attach of their own, so that
-// nobody unmaps what another is looking at. Only the first attach of a hold marks it.
-void markUndecided(const ShmSegInfo_t* segInfo);
-bool isUndecided(const ShmSegInfo_t* segInfo);
-// The hold stays. False if that had been decided before.
-bool decideToHold(const ShmSegInfo_t* segInfo);
-// Undoes one attach, also of a segment that others have ended meanwhile.
-void undoAttach(ShmSegInfo_t* segInfo);
 
 // Undo what was connected or created, as far as it can be undone. Null handles are passed over.
 void undoPoolConnection(ShmPoolHandle_t** pool);

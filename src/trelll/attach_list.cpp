@@ -1,6 +1,8 @@
-// The attach list of this process. Its callers hold trelSegAttachLatch.
+#include "trelll/attach_list.h"
+
 #include "trel/segment.h"
 #include "trelll/list.h"
+#include "trelshm/mapping.h"
 #include "trelshm/process_memory.h"
 
 uint32_t trelAPIIsInitialized = TREL_API_UNINITIALISED;
@@ -11,6 +13,18 @@ uint32_t trelGARefCount = 0;
 
 namespace trel {
 namespace {
+
+const SegAttachNode_t* headAsLeft = nullptr;
+bool hasStrangers = false;
+
+// Runs change(), after which the list is as the library left it if it was so before.
+template <class Change>
+void changeList(Change&& change) {
+  const bool isAsLeft = *pSegAttachList == headAsLeft;
+  change();
+  if (isAsLeft) headAsLeft = *pSegAttachList;
+  if (!headAsLeft) hasStrangers = false;
+}
 
 // The link to the first node whose key is equal, or differs, as wanted; or to the end of the list.
 uint32_t seekKey(uint32_t key, bool equal, SegAttachNode_t*** link) {
@@ -33,6 +47,26 @@ uint32_t onAttachList(uint32_t function, Work&& work) {
 }
 
 }  // namespace
+
+bool attachListIsOurs() { return !hasStrangers && *pSegAttachList == headAsLeft; }
+
+void linkAttachment(SegAttachNode_t* node) {
+  changeList([&] {
+    node->next = *pSegAttachList;
+    *pSegAttachList = node;
+  });
+}
+
+SegAttachNode_t* unlinkAttachment(const ShmSegInfo_t* segInfo) {
+  SegAttachNode_t** link = pSegAttachList;
+  while (*link && (*link)->segInfo != segInfo) link = &(*link)->next;
+  SegAttachNode_t* const node = *link;
+  if (node) changeList([&] { *link = node->next; });
+  return node;
+}
+
+void distrustAttachList() { hasStrangers = true; }
+
 }  // namespace trel
 
 using namespace trel;
@@ -64,8 +98,11 @@ uint32_t trelInsertAttachInfoNodeIntoLList(const ShmSegInfo_t* segInfo, SegAttac
     SegAttachNode_t** link = nullptr;
     if (const uint32_t rc = seekKey(segInfo->identity.segmentKey.key, false, &link))
       return flow.fail(rc);
-    (*node)->next = *link;
-    *link = *node;
+    changeList([&] {
+      (*node)->next = *link;
+      *link = *node;
+    });
+    distrustAttachList();
     return 0;
   });
 }
@@ -77,7 +114,8 @@ uint32_t trelDeleteAttachInfoNodeInLList(const PLATIPCResID* key) {
     if (const uint32_t rc = seekKey(key->key, true, &link)) return flow.fail(rc);
     SegAttachNode_t* node = *link;
     if (!node) return 0;
-    *link = node->next;
+    changeList([&] { *link = node->next; });
+    hideAttachment(node->segInfo);
     const uint32_t rc = release(&node->segInfo);
     return firstOf(rc, release(&node));
   });

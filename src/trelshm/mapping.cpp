@@ -1,5 +1,7 @@
 #include "trelshm/mapping.h"
 
+#include <string.h>
+
 #include <new>
 
 #include "platsvc/fork.h"
@@ -46,6 +48,8 @@ struct MappedSegment {
   Field<ShmSegInfo_t*> attachment;
   Field<uint32_t*> attachCount;
   Field<uint32_t> key;  // of the attachment
+  Field<bool> byWalk;
+  Field<const void*> undecidedBy;
   // From here on under the latch, or with the last holder.
   bool isEntered = false;
   MappedSegment* behind = nullptr;  // of the same key, read-only and hidden by this one
@@ -59,6 +63,8 @@ std::atomic<uintptr_t> mappingGeneration{0};
 __thread __attribute__((tls_model("initial-exec"))) MappedRange lastMappedRange = {};
 
 namespace {
+
+__thread __attribute__((tls_model("initial-exec"))) Pins* outermostPins = nullptr;
 
 uint8_t tableLatch = 0;  // held by who changes the table
 
@@ -311,12 +317,13 @@ uintptr_t look(Look&& lookAtTable) {
   return mappingGeneration.load(memory_order_relaxed);
 }
 
-// Fills *found from an entry, which may be null.
 bool copyOf(MappedSegment* segment, Mapping* found) {
   if (!segment) return false;
-  *found = {segment->start,  segment->end,        segment->writable,
-            segment->handle, segment->attachment, segment->attachCount,
-            segment};
+  *found = {segment->start,       segment->end,
+            segment->writable,    segment->handle,
+            segment->attachment,  segment->attachCount,
+            segment->key,         segment->byWalk,
+            segment->undecidedBy, false};
   return true;
 }
 
@@ -360,39 +367,6 @@ void letGo(MappedSegment* segment) {
   unmap(segment);  // there is nobody left to be told of a failure
   release(&handle);
   recycle(segment);
-}
-
-// What this thread pins, so that only its first pin of a mapping is felt by others.
-struct ThreadPins {
-  MappedSegment* segment;
-  uint32_t count;
-};
-constexpr int kThreadPins = 4;
-__thread __attribute__((tls_model("initial-exec"))) ThreadPins threadPins[kThreadPins];
-
-ThreadPins* ownPins(const MappedSegment* segment) {
-  for (ThreadPins& own : threadPins)
-    if (own.segment == segment) return &own;
-  return nullptr;
-}
-
-void raisePin(MappedSegment* segment) {
-  ThreadPins* own = ownPins(segment);
-  if (!own) {
-    segment->holders.fetch_add(1);
-    own = ownPins(nullptr);
-    if (!own) return;  // this one is counted by the entry alone
-    own->segment = segment;
-  }
-  ++own->count;
-}
-
-void lowerPin(MappedSegment* segment) {
-  if (ThreadPins* own = ownPins(segment)) {
-    if (--own->count) return;
-    own->segment = nullptr;
-  }
-  letGo(segment);
 }
 
 MappedSegment* unusedEntry() {
@@ -450,8 +424,8 @@ void afterForkInParent() { giveByteLatch(&tableLatch); }
 void afterForkInChild() {
   giveByteLatch(&tableLatch);
   for (MappedSegment* segment = made; segment; segment = segment->nextMade) {
-    ThreadPins* own = ownPins(segment);
-    segment->holders = segment->isEntered + (own ? 1u : 0u) + 1;
+    const bool isOurs = outermostPins && outermostPins->has(segment);
+    segment->holders = segment->isEntered + (isOurs ? 1u : 0u) + 1;
     letGo(segment);
   }
 }
@@ -466,7 +440,8 @@ __attribute__((constructor(101))) void watchForks() {
 const MappedRange& lookUpRange(uintptr_t address) {
   MappedRange range = {};
   range.generation = look([&] {
-    const MappedSegment* segment = ranges.find(address, &range);
+    MappedSegment* segment = ranges.find(address, &range);
+    range.segment = segment;
     range.unbounded = segment ? 0 : ~uint64_t{0};
     range.start = segment ? uintptr_t{segment->start} : 0;
     range.end = segment ? uintptr_t{segment->end} : 0;
@@ -493,37 +468,95 @@ bool findAttachment(const ShmSegInfo_t* record, Mapping* found) {
 
 uint64_t bytesMapped() { return totalBytes.load(memory_order_relaxed); }
 
-template <class Find>
-bool Pin::pinFound(Mapping* found, Find&& find) {
-  end();
-  for (;;) {
-    bool isFound = false;
-    const uintptr_t generation = look([&] { isFound = copyOf(find(), found); });
-    if (!isFound) return false;
-    raisePin(found->entry);
-    if (mappingGeneration.load() == generation) break;
-    lowerPin(found->entry);
-  }
-  entry_ = found->entry;
+Pins::Pins() : outermost_(outermostPins ? outermostPins : this) { outermostPins = outermost_; }
+
+Pins::~Pins() {
+  if (outermost_ != this) return;
+  outermostPins = nullptr;
+  for (uint32_t i = 0; count_ && i < capacity_; ++i)
+    if (places_[i]) letGo(places_[i]);
+  if (places_ != first_) release(&places_);
+}
+
+MappedSegment** Pins::placeOf(const MappedSegment* segment) const {
+  uint32_t i = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(segment) >> 6);
+  while (places_[i & (capacity_ - 1)] && places_[i & (capacity_ - 1)] != segment) ++i;
+  return &places_[i & (capacity_ - 1)];
+}
+
+bool Pins::has(const MappedSegment* segment) const { return *placeOf(segment) != nullptr; }
+
+bool Pins::grow() {
+  MappedSegment** const old = places_;
+  const uint32_t oldCapacity = capacity_;
+  MappedSegment** larger = nullptr;
+  if (obtain(&larger, 2 * capacity_)) return false;
+  memset(larger, 0, 2 * capacity_ * sizeof *larger);
+  places_ = larger;
+  capacity_ *= 2;
+  for (uint32_t i = 0; i < oldCapacity; ++i)
+    if (old[i]) *placeOf(old[i]) = old[i];
+  MappedSegment** spent = old;
+  if (old != first_) release(&spent);
   return true;
 }
 
-Pin::Pin(const void* address) {
-  Mapping found;
-  pinFound(&found, [&] { return entryAround(address); });
+// Counts a holder of the entry, unless this look does so already.
+uint32_t Pins::note(MappedSegment* segment, bool* isNew) {
+  MappedSegment** place = placeOf(segment);
+  *isNew = !*place;
+  if (!*isNew) return 0;
+  if (2 * (count_ + 1) > capacity_) {
+    if (!grow()) return TREL_RC_ATTACH_NO_MEMORY;
+    place = placeOf(segment);
+  }
+  segment->holders.fetch_add(1);
+  *place = segment;
+  ++count_;
+  return 0;
 }
 
-bool Pin::attachment(uint32_t key, Mapping* found) {
-  return pinFound(found, [&] { return byKey.find(key); });
+// find() gives the entry or null, as of one generation, which it returns.
+template <class Find>
+uint32_t Pins::pinFound(Mapping* found, Find&& find) {
+  for (;;) {
+    MappedSegment* segment = nullptr;
+    const uintptr_t generation = find(&segment);
+    if (!segment) return TREL_RC_NOT_ATTACHED;
+    bool isNew = false;
+    if (const uint32_t rc = note(segment, &isNew)) return rc;
+    copyOf(segment, found);
+    found->isNew = isNew;
+    // Held before, it cannot have become another; and what it is now, it was before it was held.
+    if (!isNew || mappingGeneration.load() == generation) return 0;
+    *placeOf(segment) = nullptr;
+    --count_;
+    letGo(segment);
+  }
 }
 
-bool Pin::attachmentInSlot(Mapping* found) {
-  return pinFound(found, [&]() -> MappedSegment* { return inSlot; });
+uint32_t Pins::around(const void* address, Mapping* found) {
+  return outermost_->pinFound(found, [&](MappedSegment** segment) {
+    const MappedRange& range = rangeAround(address);
+    *segment = range.segment;
+    return range.generation;
+  });
 }
 
-void Pin::end() {
-  if (entry_) lowerPin(entry_);
-  entry_ = nullptr;
+uint32_t Pins::attachment(uint32_t key, Mapping* found) {
+  return outermost_->pinFound(
+      found, [&](MappedSegment** segment) { return look([&] { *segment = byKey.find(key); }); });
+}
+
+uint32_t Pins::attachmentInSlot(Mapping* found) {
+  return outermost_->pinFound(
+      found, [&](MappedSegment** segment) { return look([&] { *segment = inSlot; }); });
+}
+
+bool Pins::next(uint32_t* position, Mapping* found) const {
+  while (*position < outermost_->capacity_)
+    if (copyOf(outermost_->places_[(*position)++], found)) return true;
+  return false;
 }
 
 bool enterMapping(ShmDomainHandle_t* handle, uint64_t size, bool writable) {
@@ -586,21 +619,22 @@ void forgetMapping(const ShmDomainHandle_t* handle) {
   letGo(segment);
 }
 
-bool publishAttachment(const ShmDomainHandle_t* handle, uint32_t key, ShmSegInfo_t* attachment,
-                       uint32_t* attachCount) {
+bool publishAttachment(const ShmDomainHandle_t* handle, const PublishedAttachment& attachment) {
   const TableLatch latch;
   MappedSegment* segment = handle ? ranges.ofHandle(handle) : nullptr;
   if (!segment || segment->attachment) return false;
   const Change change;
-  segment->attachment = attachment;
-  segment->attachCount = attachCount;
-  segment->key = key;
+  segment->attachment = attachment.record;
+  segment->attachCount = attachment.count;
+  segment->key = attachment.key;
+  segment->byWalk = attachment.byWalk;
+  segment->undecidedBy = attachment.undecidedBy;
   byRecord.insert(segment);
-  if (key == 0) {
+  if (attachment.key == 0) {
     inSlot = segment;
     return true;
   }
-  MappedSegment* first = byKey.find(key);
+  MappedSegment* first = byKey.find(attachment.key);
   if (!first) {
     byKey.insert(segment);
   } else if (segment->writable && !first->writable) {
@@ -612,9 +646,17 @@ bool publishAttachment(const ShmDomainHandle_t* handle, uint32_t key, ShmSegInfo
   return true;
 }
 
-void hideAttachment(const ShmSegInfo_t* attachment) {
+void decideAttachment(const ShmSegInfo_t* record, bool byWalk) {
   const TableLatch latch;
-  if (MappedSegment* segment = byRecord.find(const_cast<ShmSegInfo_t*>(attachment))) hide(segment);
+  MappedSegment* segment = byRecord.find(const_cast<ShmSegInfo_t*>(record));
+  if (!segment) return;
+  segment->byWalk = byWalk;
+  segment->undecidedBy = nullptr;
+}
+
+void hideAttachment(const ShmSegInfo_t* record) {
+  const TableLatch latch;
+  if (MappedSegment* segment = byRecord.find(const_cast<ShmSegInfo_t*>(record))) hide(segment);
 }
 
 bool freeWithLastPin(const void* address, void* block) {

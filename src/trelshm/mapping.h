@@ -8,7 +8,7 @@
 //
 // What a reader may assume: an address that the table does not know is memory of the caller's own,
 // and is not bounded. What is found was so at one instant, and stays mapped while the caller has a
-// handle or attachment of it, or a Pin. A nested range hides the outer one where it lies.
+// handle or attachment of it, or a pin. A nested range hides the outer one where it lies.
 //
 // Why a reader needs no latch: changes stand between an odd and an even generation, and what was
 // read counts only if the generation was even and is the same afterwards. Tables that were outgrown
@@ -33,7 +33,10 @@ struct Mapping {
   ShmDomainHandle_t* handle;
   ShmSegInfo_t* attachment;  // null: none is published
   uint32_t* attachCount;     // of the attachment
-  MappedSegment* entry;
+  uint32_t key;              // of the attachment; 0 in access mode 3
+  bool byWalk;               // a walk has brought it, and counts one
+  const void* undecidedBy;   // whose look has brought it, and may end it again; null: it stays
+  bool isNew;                // this look had not met it before
 };
 
 // A stretch of addresses that all lie in the same mapping, or all in none.
@@ -41,7 +44,8 @@ struct MappedRange {
   uintptr_t first, length;
   uintptr_t start, end;  // of the mapping
   uintptr_t generation;
-  uint64_t unbounded;  // all bits set where nothing is mapped by the library
+  MappedSegment* segment;  // the entry
+  uint64_t unbounded;      // all bits set where nothing is mapped by the library
   bool readOnly;
 };
 
@@ -88,34 +92,40 @@ bool findAttachment(const ShmSegInfo_t* record, Mapping* found);
 // Bytes of all mappings together.
 uint64_t bytesMapped();
 
-// Keeps a mapping for as long as the object lives, and with it the records of its attachment. Pins
-// of one thread on one mapping count apart from other threads, so that only the first is felt.
-class Pin {
+// Keeps each mapping that was looked at by way of it, and the records of its attachment, for as
+// long as the outermost object of the thread lives: the pins of one call. A mapping is pinned once,
+// however often it is met.
+class Pins {
  public:
-  Pin() = default;
-  // The mapping around an address; memory of the caller's own needs no pin.
-  explicit Pin(const void* address);
-  Pin(Pin&& other) noexcept : entry_(other.entry_) { other.entry_ = nullptr; }
-  Pin& operator=(Pin&& other) noexcept {
-    if (this != &other) {
-      end();
-      entry_ = other.entry_;
-      other.entry_ = nullptr;
-    }
-    return *this;
-  }
-  ~Pin() { end(); }
+  Pins();
+  ~Pins();
+  Pins(const Pins&) = delete;
+  Pins& operator=(const Pins&) = delete;
 
-  // Finds and pins in one.
-  bool attachment(uint32_t key, Mapping* found);
-  bool attachmentInSlot(Mapping* found);
-  void end();
+  // Find, pin and copy. TREL_RC_NOT_ATTACHED: there is none; TREL_RC_ATTACH_NO_MEMORY.
+  uint32_t around(const void* address, Mapping* found);
+  uint32_t attachment(uint32_t key, Mapping* found);
+  uint32_t attachmentInSlot(Mapping* found);
+
+  bool isOutermost() const { return outermost_ == this; }
+  const void* identity() const { return outermost_; }
+  // What is pinned, one after the other from *position 0 on. False: no more.
+  bool next(uint32_t* position, Mapping* found) const;
+  bool has(const MappedSegment* segment) const;
 
  private:
   template <class Find>
-  bool pinFound(Mapping* found, Find&& find);
+  uint32_t pinFound(Mapping* found, Find&& find);
+  uint32_t note(MappedSegment* segment, bool* isNew);
+  MappedSegment** placeOf(const MappedSegment* segment) const;
+  bool grow();
 
-  MappedSegment* entry_ = nullptr;
+  static constexpr uint32_t kFirst = 16;
+  Pins* const outermost_;
+  // A set by open addressing, at most half full.
+  uint32_t count_ = 0, capacity_ = kFirst;
+  MappedSegment* first_[kFirst] = {};
+  MappedSegment** places_ = first_;
 };
 
 // ---- For those who make and end handles and attachments. ----
@@ -133,11 +143,19 @@ Unmapped leaveMapping(ShmDomainHandle_t* handle);
 // The handle goes, and leaves what it has mapped as it is.
 void forgetMapping(const ShmDomainHandle_t* handle);
 
-// Makes the attachment of a handle known to lookups. key 0: access mode 3. A failure (no process
-// memory) leaves it unknown.
-bool publishAttachment(const ShmDomainHandle_t* handle, uint32_t key, ShmSegInfo_t* attachment,
-                       uint32_t* attachCount);
-void hideAttachment(const ShmSegInfo_t* attachment);
+// Makes the attachment of a handle known to lookups. key 0: access mode 3. False: the handle is
+// not in the table, or has one already.
+struct PublishedAttachment {
+  uint32_t key;
+  ShmSegInfo_t* record;
+  uint32_t* count;
+  bool byWalk;
+  const void* undecidedBy;
+};
+bool publishAttachment(const ShmDomainHandle_t* handle, const PublishedAttachment& attachment);
+// From here on it stays; a walk counts one.
+void decideAttachment(const ShmSegInfo_t* record, bool byWalk);
+void hideAttachment(const ShmSegInfo_t* record);
 
 // Leaves the freeing of a block of process memory to the last pin of the mapping that an address
 // lies in. False: there is no pin, the block stays the caller's to free.

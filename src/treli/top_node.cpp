@@ -1,0 +1,67 @@
+#include "treli/top_node.h"
+
+#include "treli/reach.h"
+#include "treli/section.h"
+#include "trelshm/handle.h"
+#include "trelshm/store.h"
+
+namespace trel {
+namespace {
+
+// The tests that the fields have to pass wherever they are read or written.
+uint32_t check(const Heap& domain, const TopNodeInfo_t& top) {
+  if (top.tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  if (top.nodeOffset < domain.offset() || top.nodeOffset > domain.size())
+    return TREL_RC_TOP_NODE_BOUNDS;
+  return top.poolOffset < domain.offset() || top.poolOffset > domain.size()
+             ? uint32_t{TREL_RC_TOP_POOL_BOUNDS}
+             : 0;
+}
+
+uint32_t open(Heap* domain) {
+  if (domain->header()->heapState != TREL_DOMAIN_STATE) return TREL_RC_DOMAIN_STATE;
+  return domain->openHeader();
+}
+
+}  // namespace
+
+uint32_t readTopNode(const ShmDomainHandle_t* domain, TopNodeInfo_t* top) {
+  Heap heap = heapOf(domain);
+  if (const uint32_t rc = open(&heap)) return rc;
+  TopNodeInfo_t read = {};
+  const uint32_t rc = insideHeap(&heap, [&]() -> uint32_t {
+    read.poolOffset = static_cast<uint32_t>(heap.header()->topPool);
+    read.nodeOffset = heap.topNodeOffset();
+    read.tag = heap.topNodeTag();
+    if (heap.header()->topPool == 0) return TREL_RC_NO_TREE;
+    return read.nodeOffset == 0 ? uint32_t{TREL_RC_NO_TOP_NODE} : 0;
+  });
+  if (rc) return rc;
+  *top = read;
+  return check(heap, read);
+}
+
+uint32_t writeTopNode(const ShmDomainHandle_t* domain, const TopNodeInfo_t& top) {
+  Heap heap = heapOf(domain);
+  if (const uint32_t rc = open(&heap)) return rc;
+  if (const uint32_t rc = check(heap, top)) return rc;
+  return insideHeap(&heap, [&]() -> uint32_t {
+    // Without a pool there is no tree, so a writer that dies half way leaves none.
+    storeLast(&heap.header()->topPool, 0);
+    heap.topNodeOffset() = top.nodeOffset;
+    heap.topNodeTag() = top.tag;
+    storeLast(&heap.header()->topPool, top.poolOffset);
+    return 0;
+  });
+}
+
+uint32_t findTopNode(const ShmSegInfo_t* segInfo, TopNodeInfo_t* top, SNodeCB_t** node) {
+  const ShmDomainHandle_t* domain = segInfo->shmDomainHandle;
+  if (const uint32_t rc = readTopNode(domain, top)) return rc;
+  if (segInfo->identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  if (nodeSizeInDomain(domain, top->nodeOffset) == 0) return TREL_RC_TOP_NODE_BOUNDS;
+  *node = at<SNodeCB_t>(domain->base, top->nodeOffset);
+  return 0;
+}
+
+}  // namespace trel
