@@ -311,6 +311,98 @@ TEST_F(TwoSegments, RefusedNodesStayOnlyWhereHeld) {
   EXPECT_EQ(1u, away.heap()->connectionCount);
 }
 
+// Nothing of `away` is held at the beginning and the end.
+struct Unheld : TwoSegments {
+  SNodeCB_t* idle = away.makeNode(3);
+  const SNodeInfo_t idleRecord = home.recordOf(idle, away);
+  std::vector<std::thread> threads;
+
+  Unheld() {
+    EXPECT_EQ(0u, trelDisassociateNode(&idle));
+    EXPECT_EQ(0u, trelDetachStatusSegment(&away.info, 2));
+  }
+  void TearDown() override {
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(nullptr, (*pSegAttachList)->next);
+    Tree tree;
+    EXPECT_EQ(0u, tree.attach(away.key));
+    shmid_ds state{};
+    EXPECT_EQ(0u, tree.info->shmDomainHandle->ipcMemory->getInfo(&state));
+    EXPECT_EQ(1u, state.shm_nattch);
+    EXPECT_EQ(0u, drop(&tree.info));
+  }
+  template <class Work>
+  void run(int rounds, Work&& work) {
+    threads.emplace_back([=] {
+      for (int round = 0; round < rounds; ++round) work();
+    });
+  }
+};
+
+TEST_F(Unheld, ThreadsAttachAndLook) {
+  for (int i = 0; i < 2; ++i) {
+    run(500, [this] {
+      Tree own;
+      EXPECT_EQ(0u, own.attach(away.key));
+      EXPECT_EQ(2u, own.node->tag);
+      EXPECT_EQ(0u, detach(&own.info));
+    });
+    run(500, [this] {
+      SNodeCB_t* found = nullptr;
+      EXPECT_EQ(TREL_RC_DISASSOCIATED, trelAttachToNode(&idleRecord, &found));
+    });
+  }
+}
+
+TEST_F(Unheld, ThreadsLookAtWhatOthersDetach) {
+  for (int i = 0; i < 2; ++i)
+    run(500, [this] {
+      SNodeCB_t* found = nullptr;
+      EXPECT_EQ(0u, trelAttachToNode(&farRecord, &found));
+      EXPECT_EQ(TREL_RC_DISASSOCIATED, trelAttachToNode(&idleRecord, &found));
+    });
+  run(2000, [this] { EXPECT_EQ(0u, trelDetachFromNode(&farRecord, 2)); });
+  for (std::thread& thread : threads) thread.join();
+  threads.clear();
+  EXPECT_EQ(0u, trelDetachFromNode(&farRecord, 2));
+}
+
+// Deleted and made anew under its key, while this process holds the old one.
+TEST_F(Unheld, DeletedSegmentsAreNoticed) {
+  const auto makeAnew = [&] {
+    Tree old;
+    EXPECT_EQ(0u, old.attach(away.key));
+    EXPECT_EQ(0u, drop(&old.info));
+    ShmSegInfo_t* made = nullptr;
+    EXPECT_EQ(0u, create(&made, away.key, 0x100000));
+    std::swap(away.info, made);
+    far = away.makeNode(2);
+    far->optionWord1 = 77;
+    away.publish(far);
+    EXPECT_EQ(0u, trelDetachStatusSegment(&away.info, 2));
+  };
+  Tree held;
+  EXPECT_EQ(0u, trelAttachToNode(&farRecord, &node));  // by a walk
+  EXPECT_EQ(0, inOtherProcess(makeAnew));
+  EXPECT_EQ(0u, trelAttachToNode(&farRecord, &node));
+  EXPECT_EQ(77u, node->optionWord1) << "of the new one";
+  EXPECT_EQ(0u, held.attach(away.key));
+  EXPECT_EQ(0, inOtherProcess(makeAnew));
+  EXPECT_EQ(TREL_RC_DOMAIN_STATE, trelAttachToNode(&farRecord, &node));
+  EXPECT_EQ(TREL_RC_DOMAIN_STATE, Tree().attach(away.key));
+  EXPECT_EQ(0u, trelDetachStatusSegment(&held.info, 2));
+}
+
+TEST_F(Attach, CountsDoNotWrap) {
+  (*pSegAttachList)->refCount = UINT32_MAX;
+  EXPECT_EQ(TREL_RC_ATTACH_COUNT_FULL, tree.attach(segment.key));
+  EXPECT_EQ(TREL_RC_ATTACH_COUNT_FULL, trelUpdateShmAttachRefCount(segment.info, 1));
+  (*pSegAttachList)->refCount = 1;
+  trelAPIInitRefCount = UINT32_MAX;
+  EXPECT_EQ(TREL_RC_ATTACH_COUNT_FULL, TRELOneTimeOnlyInitialization(kVersion, kVersion));
+  trelAPIInitRefCount = 1;
+}
+
 // A record in process memory with nonsense in each field, and a stored one that misstates its
 // place.
 TEST_F(TwoSegments, DamagedRecordsGiveCodes) {

@@ -1,8 +1,8 @@
 // Deletion of entries and of subtrees.
 #include "trel/tree.h"
 #include "treli/dependent_list.h"
-#include "treli/traversal_stack.h"
 #include "treli/reach.h"
+#include "treli/traversal_stack.h"
 #include "treli/tree_walk.h"
 
 using namespace trel;
@@ -32,6 +32,7 @@ uint32_t trelDeleteDependentNodeAndSubtree(SNodeCB_t* node, const SNodeInfo_t* r
     if (!childSegment) return flow.fail(TREL_RC_SEGMENT_NULL);
     if (const uint32_t rc = reading(node, 0, accept::any, [] { return 0u; })) return flow.fail(rc);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
+    const Look look;
     SNodeCB_t* top = node;
     if (record) {
       if (const uint32_t rc = nodeBehind(record, &top)) return flow.fail(rc);

@@ -5,6 +5,7 @@
 #include "trel/version.h"
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
+#include "trelll/attach_list.h"
 #include "trelshm/byte_latch.h"
 #include "trelshm/handle.h"
 #include "trelshm/process_memory.h"
@@ -28,7 +29,7 @@ uint32_t initialiseFirst(uint32_t handleVersion) {
   const AttachLatch latch;
   if (handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
   if (obtain(&pSegAttachList)) return TREL_RC_LIST_NO_MEMORY;
-  *pSegAttachList = nullptr;
+  beginAttachList();
   trelSegLLHeader.next = nullptr;
   trelHDMLLHeader.next = nullptr;
   trelSegLLHeader.identity.handleVersion = handleVersion;
@@ -109,6 +110,7 @@ uint32_t TRELOneTimeOnlyInitialization(uint32_t handleVersion, uint32_t latchVer
     if (trelAPIInitRefCount != 0) {
       const AttachLatch latch;
       if (!isInitialised()) return flow.fail(TREL_RC_NOT_INITIALISED);
+      if (trelAPIInitRefCount == UINT32_MAX) return flow.fail(TREL_RC_ATTACH_COUNT_FULL);
       ++trelAPIInitRefCount;
       return 0;
     }

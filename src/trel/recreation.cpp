@@ -34,6 +34,7 @@ struct Recreation {
   const HdmModuleRecord_t* module = nullptr;
   uint8_t* id = nullptr;
   uint64_t idSize = 0, maxIdSize = 0;
+  const Look look = {};  // the parent's segment stays mapped
 
   // All that can be refused before the node is touched.
   uint32_t prepare();
@@ -103,10 +104,7 @@ uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
                     parentRecord.segBase};
   if (oldSeg->shmPoolHandle->base != newSeg->shmPoolHandle->base) {
     Target target;
-    {
-      const AttachLatch latch;
-      if (const uint32_t rc = targetOf(stored, &target)) return rc;
-    }
+    if (const uint32_t rc = targetOf(stored, &target)) return rc;
     ShmPoolHandle_t* pool = newSeg->shmPoolHandle;
     if (const uint32_t rc = enterIdentity(pool, &target.identity, &place.segInfoOffset)) return rc;
     if (const uint32_t rc = enterModule(pool, module, &place.hdmInfoOffset)) return rc;

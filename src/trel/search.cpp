@@ -1,6 +1,5 @@
 // Searches below a node: by name, by path, by tag.
 #include "trel/tree.h"
-#include "treli/attach_latch.h"
 #include "treli/stable_walk.h"
 
 namespace trel {
@@ -133,10 +132,8 @@ uint32_t testEntry(SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& nam
 
 // How long the identifier of an entry may be whose list is not known.
 uint32_t roomForId(const SNodeInfo_t* entry) {
-  const AttachLatch latch;
-  const uint64_t idSize = entry->idSize;
-  const bool isStored = domainAround(entry, sizeof *entry) != nullptr;
-  return isStored && !domainAround(entry, sizeof *entry + idSize) ? 0 : TREL_MAX_ID_SIZE;
+  const uint64_t mapped = bytesMappedFrom(entry), idSize = entry->idSize;
+  return mapped >= sizeof *entry && idSize <= mapped - sizeof *entry ? TREL_MAX_ID_SIZE : 0;
 }
 
 uint32_t checkPathName(const TraverseInfo_t& name) {
@@ -248,6 +245,7 @@ uint32_t trelSearchForNodeHard(SNodeInfo_t* entry, SNodeCB_t** child, ExportSlot
     if (!entry) return flow.fail(TREL_RC_NODE_INFO_NULL);
     if (!child || !slot) return flow.fail(TREL_RC_NODE_NULL);
     if (!hasList) return flow.fail(TREL_RC_OUT_LIVE_COUNT);
+    const Look look;
     Reached reached;
     const uint32_t rc =
         testEntry(entry, roomForId(entry), {tag, id, idSize}, &reached, slot, hasList);

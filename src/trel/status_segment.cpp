@@ -42,7 +42,7 @@ struct HeapSizing {
 struct Creation : NewSegment {
   explicit Creation(const NewSegment& wanted) : NewSegment(wanted) {}
   uint32_t check(const SegmentForm& form) const;
-  uint32_t create(NewHold* hold) const;
+  uint32_t create(NewAttachment* made) const;
 
  private:
   uint32_t payload(uint32_t* bytes) const;
@@ -112,9 +112,9 @@ uint32_t Creation::payload(uint32_t* bytes) const {
   return 0;
 }
 
-// Makes domain and pool, and publishes the hold.
-uint32_t Creation::create(NewHold* hold) const {
-  ShmSegInfo_t* segInfo = hold->segInfo();
+// Makes domain and pool, and publishes the attachment.
+uint32_t Creation::create(NewAttachment* made) const {
+  ShmSegInfo_t* segInfo = made->segInfo();
   if (const uint32_t rc =
           trelCreateShmDomain(key, address, size, domainParam, &segInfo->shmDomainHandle))
     return rc;
@@ -123,7 +123,7 @@ uint32_t Creation::create(NewHold* hold) const {
   if (rc == 0)
     rc = _trelCreateShmPool(&segInfo->shmPoolHandle, segInfo->shmDomainHandle, bytes, poolParam,
                             FID_trelGetProtectedStatusSegment, __LINE__, kModuleName);
-  if (rc == 0) rc = hold->publish();
+  if (rc == 0) rc = made->publish();
   if (rc == 0) return 0;
   undoPoolCreation(&segInfo->shmPoolHandle);
   undoDomainCreation(&segInfo->shmDomainHandle);
@@ -160,13 +160,13 @@ uint32_t createSegment(const NewSegment& wanted, ShmSegInfo_t** seg) {
   } else if (!wanted.key) {
     return TREL_RC_SEGMENT_NULL;
   }
-  NewHold hold;
-  if (const uint32_t rc = hold.begin(form, wanted.key)) return rc;
-  if (const uint32_t rc = creation.create(&hold)) {
-    hold.drop();
+  NewAttachment made;
+  if (const uint32_t rc = made.begin(form, wanted.key)) return rc;
+  if (const uint32_t rc = creation.create(&made)) {
+    made.drop();
     return rc;
   }
-  *seg = hold.segInfo();
+  *seg = made.segInfo();
   return 0;
 }
 
@@ -206,16 +206,17 @@ uint32_t trelDeleteStatusSegment(ShmSegInfo_t** segInfo, uint32_t poolFreeMode, 
     if (!segInfo || !*segInfo) return flow.fail(TREL_RC_SEGMENT_NULL);
     const AttachLatch latch;
     if (!isInitialised()) return flow.fail(TREL_RC_NOT_INITIALISED);
-    Hold hold;
-    if (const uint32_t rc = holdOf((*segInfo)->identity, &hold)) return flow.fail(rc);
+    Attachment held;
+    if (const uint32_t rc = attachmentOf(*segInfo, &held)) return flow.fail(rc);
     if (countMode != 1 && countMode != 2) return flow.fail(TREL_RC_COUNT_MODE);
-    if (countMode == 1 && *hold.count > 1) {
-      --*hold.count;
+    if (countMode == 1 && *held.count > 1) {
+      --*held.count;
       return 0;
     }
-    const SegIdentity_t identity = hold.segInfo->identity;
-    if (const uint32_t rc = freeSegment(hold.segInfo, poolFreeMode, freeMode)) return flow.fail(rc);
+    const uint32_t rc = endAttachment(
+        held, [&](ShmSegInfo_t* handles) { return freeSegment(handles, poolFreeMode, freeMode); });
+    if (rc) return flow.fail(rc);
     *segInfo = nullptr;
-    return endHold(identity);
+    return 0;
   });
 }

@@ -11,6 +11,7 @@ uint32_t trelSetStatusForEachNodeInATree(SNodeCB_t* node, ShmSegInfo_t* segment,
                                          uint64_t depthLimit, uint32_t statusOperation,
                                          uint32_t options) {
   return traced(FID_trelSetStatusForEachNodeInATree, [&](const Flow&) {
+    const Look look;  // the parent's segment stays mapped
     return setStatusOfTree(node, segment, depthLimit, statusOperation, options);
   });
 }

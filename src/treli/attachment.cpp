@@ -1,5 +1,7 @@
 #include "treli/attachment.h"
 
+#include <initializer_list>
+
 #include "trel/lists.h"
 #include "treli/top_node.h"
 #include "trelll/attach_list.h"
@@ -60,8 +62,7 @@ uint32_t attachmentOf(const ShmSegInfo_t* record, Attachment* held) {
 
 uint32_t countAttach(const Attachment& held) {
   if (*held.count == UINT32_MAX) return TREL_RC_ATTACH_COUNT_FULL;
-  ++*held.count;
-  decideAttachment(held.segInfo);
+  if (++*held.count == 1) decideAttachment(held.segInfo, false);
   return 0;
 }
 
@@ -79,7 +80,8 @@ bool isDeleted(const ShmSegInfo_t* segInfo) {
   if (!domain) return false;
   if (heapOf(domain).header()->heapState != TREL_DOMAIN_STATE) return true;
   if (!domain->ipcMemory) return false;
-  const uint32_t rc = domain->ipcMemory->findKey(&segInfo->identity.segmentKey);
+  const PLATIPCResID key = {PLAT_STRUCTURE_TAG, segInfo->identity.segmentKey.key};
+  const uint32_t rc = domain->ipcMemory->findKey(&key);
   return rc == PLAT_RC_NO_SEGMENT || rc == PLAT_RC_OTHER_SEGMENT;
 }
 
@@ -168,10 +170,9 @@ uint32_t Ending::finish(uint32_t rc) {
     held_.segInfo->shmDomainHandle = handles_.shmDomainHandle;
   }
   if (rc) {
-    const bool isKnown =
-        wasKnown_ && publishAttachment(handles_.shmDomainHandle, {was_.key, held_.segInfo,
-                                                                  held_.count, was_.byWalk,
-                                                                  was_.undecidedBy});
+    const bool isKnown = wasKnown_ && publishAttachment(handles_.shmDomainHandle,
+                                                        {was_.key, held_.segInfo, held_.count,
+                                                         was_.byWalk, was_.undecidedBy});
     if (!isKnown) distrustAttachList();
     return rc;
   }
@@ -219,8 +220,7 @@ void undoDomainConnection(ShmDomainHandle_t** domain) {
 }
 
 void undoPoolCreation(ShmPoolHandle_t** pool) {
-  if (*pool &&
-      freePool(pool, 4, {FID_trelGetProtectedStatusSegment, __LINE__, kModuleName}) != 0)
+  if (*pool && freePool(pool, 4, {FID_trelGetProtectedStatusSegment, __LINE__, kModuleName}) != 0)
     freeHandle(pool);
 }
 
@@ -251,14 +251,14 @@ uint32_t connectPoolAt(const SegmentAddress& where, ShmSegInfo_t* segInfo) {
     poolOffset = top.poolOffset;
   }
   return connectPool(&segInfo->shmPoolHandle, segInfo->shmDomainHandle, poolOffset,
-                           where.poolParam);
+                     where.poolParam);
 }
 
 // Connects domain and pool, and publishes the attachment.
 uint32_t connect(const SegmentAddress& where, NewAttachment* made, const void* undecidedBy) {
   ShmSegInfo_t* segInfo = made->segInfo();
-  if (const uint32_t rc = connectDomain(where.key, where.address, where.domainParam,
-                                        &segInfo->shmDomainHandle))
+  if (const uint32_t rc =
+          connectDomain(where.key, where.address, where.domainParam, &segInfo->shmDomainHandle))
     return rc;
   uint32_t rc = connectPoolAt(where, segInfo);
   if (rc == 0) rc = made->publish(undecidedBy);

@@ -28,11 +28,21 @@ struct Attachment {
 
 uint32_t attachmentOfKey(uint32_t key, Attachment* held);
 uint32_t attachmentOfSlot(Attachment* held);
-// Of a record: the one that it is, or if it is none of ours, the one of its key or the slot.
+// By access mode: the slot, or the key.
+uint32_t attachmentOf(const SegIdentity_t& identity, Attachment* held);
+// Of a record: the one that it is, or if it is none of ours, by its identity.
 uint32_t attachmentOf(const ShmSegInfo_t* record, Attachment* held);
 
-// One attach more. Refuses what could not be counted any more.
+// One attach more. Refuses what could not be counted.
 uint32_t countAttach(const Attachment& held);
+// A look uses what it has brought. TREL_RC_NOT_ATTACHED: it has ended meanwhile.
+uint32_t keepForWalk(const ShmSegInfo_t* segInfo);
+
+// Whether the segment was deleted, or its key leads elsewhere by now.
+bool isDeleted(const ShmSegInfo_t* segInfo);
+// Ends an attachment of a deleted segment: TREL_RC_NOT_ATTACHED. Where explicit attaches count,
+// it stays: TREL_RC_DOMAIN_STATE. 0: the segment is there.
+uint32_t endIfDeleted(const Attachment& held);
 
 // The versions and the access mode of a parameter record, null for all defaults.
 struct SegmentForm {
@@ -58,16 +68,9 @@ class NewAttachment {
   ShmSegInfo_t* segInfo_ = nullptr;
 };
 
-// Takes the attachment from all lookups, runs disconnect(ShmSegInfo_t*), which ends its handles,
-// and frees what is left; where somebody looks, the last one does. A failure leaves the attachment,
-// without those handles that are gone, so that the call can be repeated.
-template <class Disconnect>
-uint32_t endAttachment(const Attachment& held, Disconnect&& disconnect) {
-  class Ending ending(held);
-  const uint32_t rc = disconnect(ending.handles());
-  return ending.finish(rc);
-}
-
+// The end of an attachment. It is taken from all lookups; then its handles end by way of a copy,
+// since whoever looks goes on using the record; what is left goes with the last look. A failure
+// leaves the attachment, without those handles that are gone, so that the call can be repeated.
 class Ending {
  public:
   explicit Ending(const Attachment& held);
@@ -77,16 +80,39 @@ class Ending {
   uint32_t finish(uint32_t rc);
 
  private:
+  bool isSlot() const;
+
   const Attachment held_;
+  ShmSegInfo_t handles_;
   Mapping was_;
-  ShmSegInfo_t handles_;  // a copy: whoever looks goes on using the record
-  bool isPinned_;
+  bool wasKnown_, isPinned_;
 };
+
+template <class Disconnect>
+uint32_t endAttachment(const Attachment& held, Disconnect&& disconnect) {
+  Ending ending(held);
+  return ending.finish(disconnect(ending.handles()));
+}
 
 // The code of a pool or domain that somebody has ended. Who lets go by force takes it for done.
 constexpr bool isGone(uint32_t code) {
   return code == TREL_RC_POOL_STATE || code == TREL_RC_DOMAIN_STATE;
 }
+
+// Where a segment is, as attach is told.
+struct SegmentAddress {
+  const PLATIPCResID* key;
+  uintptr_t address;
+  uint32_t poolOffset;
+  const ShmDomainParam_t* domainParam;
+  const ShmPoolParam_t* poolParam;
+};
+
+// trelAttachStatusSegment, but for its null test.
+uint32_t attachSegment(const SegmentAddress& where, ShmSegInfo_t** segInfo);
+// Of a segment that is not held. undecidedBy: the look that brings it, else null.
+uint32_t attachNew(const SegmentForm& form, const SegmentAddress& where, const void* undecidedBy,
+                   ShmSegInfo_t** segInfo);
 
 // Disconnects and unmaps. Forced, a segment that was deleted by others is left as well. Handles
 // that are gone already are passed over.

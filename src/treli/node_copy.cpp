@@ -556,7 +556,6 @@ uint32_t checkCopy(const NodeCopy& wanted, uint32_t copyDependents) {
 }
 
 const void* inSegment(const ShmSegInfo_t* segInfo, uint64_t offset, uint64_t size) {
-  const AttachLatch latch;
   const ShmDomainHandle_t* domain = segInfo->shmDomainHandle;
   return domain && liesInDomain(domain, offset, size) ? at<const void>(domain->base, offset)
                                                       : nullptr;

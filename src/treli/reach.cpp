@@ -1,37 +1,32 @@
 #include "treli/reach.h"
 
 #include "trel/segment.h"
-#include "trel/tree.h"
 #include "treli/attach_latch.h"
 #include "treli/section.h"
 #include "trelll/list.h"
+#include "trelshm/handle.h"
 
 namespace trel {
 
-uint64_t nodeSizeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
-  if (!liesInDomain(domain, nodeOffset, sizeof(SNodeCB_t))) return 0;
-  const uint64_t size = at<SNodeCB_t>(domain->base, nodeOffset)->nodeSize;
-  return size >= sizeof(SNodeCB_t) && liesInDomain(domain, nodeOffset, size) ? size : 0;
-}
+static __thread uint32_t attachNothing __attribute__((tls_model("initial-exec")));
+// Whether the thread's look has brought a segment, which may have to end with it.
+static __thread bool hasBrought __attribute__((tls_model("initial-exec")));
 
-uint64_t nodesThatFit() {
+AttachNothing::AttachNothing() { ++attachNothing; }
+AttachNothing::~AttachNothing() { --attachNothing; }
+
+Look::~Look() {
+  if (!pins_.isOutermost() || !hasBrought) return;
+  hasBrought = false;
   const AttachLatch latch;
-  return attachedBytes() / sizeof(SNodeCB_t);
-}
-
-uint32_t targetOf(const SNodeInfo_t* record, Target* target) {
-  const SNodeInfo_t copy = *record;
-  const void* base = copy.selfOffset ? at<const void>(record, uint64_t{0} - copy.selfOffset)
-                                     : at<const void>(nullptr, copy.segBase);
-  if (!base) return TREL_RC_BASE_NULL;
-  // What is stored in a segment can be damaged, but its base is known.
-  const ShmDomainHandle_t* home = domainAround(record, sizeof *record);
-  if (!home) home = domainAt(base);
-  if (home &&
-      (home->base != base || !liesInDomain(home, copy.segInfoOffset, sizeof(SegIdentity_t))))
-    return TREL_RC_BLOCK_OUTSIDE_POOL;
-  *target = {*at<const SegIdentity_t>(base, copy.segInfoOffset), copy.nodeOffset, copy.nodeTag};
-  return 0;
+  Mapping met;
+  for (uint32_t i = 0; pins_.next(&i, &met);) {
+    if (!met.attachment || met.undecidedBy != pins_.identity()) continue;
+    const Attachment held = {met.attachment, met.attachCount};
+    // What cannot be left is kept, for the caller to detach.
+    if (endAttachment(held, [](ShmSegInfo_t* handles) { return leaveSegment(handles, true); }))
+      keepForWalk(met.attachment);
+  }
 }
 
 namespace {
@@ -48,83 +43,87 @@ uint32_t compareSegments(const ShmSegInfo_t* current, const SegIdentity_t& ident
   return 0;
 }
 
-// The caller holds the AttachLatch.
-uint32_t locate(const Target& target, Reached* reached, const ShmSegInfo_t* current,
-                uint32_t* otherSegment, uint32_t options) {
-  Hold hold;
-  if (const uint32_t rc = target.identity.accessMode == kByAddress
-                              ? holdOfSlot(&hold)
-                              : holdOfKey(target.identity.segmentKey.key, &hold))
-    return rc;
-  if (target.identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
-  const ShmDomainHandle_t* domain = hold.segInfo->shmDomainHandle;
-  if (!domain || !liesInDomain(domain, target.nodeOffset, sizeof(SNodeCB_t)))
+// What a record names, and the mapping that it counts from; *home has no entry where that is memory
+// of the caller's own.
+uint32_t readTarget(Pins* pins, const SNodeInfo_t* record, Target* target, Mapping* home) {
+  uint32_t rc = pins->around(record, home);
+  if (rc == TREL_RC_ATTACH_NO_MEMORY) return rc;
+  const bool isStored = rc == 0;
+  const auto place = reinterpret_cast<uintptr_t>(record);
+  if (isStored && home->end - place < sizeof *record) return TREL_RC_BLOCK_OUTSIDE_POOL;
+  const SNodeInfo_t copy = *record;
+  const void* base = copy.selfOffset ? at<const void>(record, uint64_t{0} - copy.selfOffset)
+                                     : at<const void>(nullptr, copy.segBase);
+  if (!base) return TREL_RC_BASE_NULL;
+  if (!isStored) rc = pins->around(base, home);
+  if (rc == TREL_RC_ATTACH_NO_MEMORY) return rc;
+  if (rc == 0) {
+    // What is stored in a segment can be damaged, but its base is known.
+    const uint64_t size = home->end - home->start;
+    if (home->start != reinterpret_cast<uintptr_t>(base) || copy.segInfoOffset > size ||
+        size - copy.segInfoOffset < sizeof(SegIdentity_t))
+      return TREL_RC_BLOCK_OUTSIDE_POOL;
+  } else {
+    *home = {};
+  }
+  *target = {*at<const SegIdentity_t>(base, copy.segInfoOffset), copy.nodeOffset, copy.nodeTag};
+  return 0;
+}
+
+// Pins the attached segment of an identity. Most often it is that of the record.
+uint32_t pinTarget(Pins* pins, const SegIdentity_t& identity, const Mapping& home, Mapping* found) {
+  if (identity.accessMode == kByAddress)
+    return pins->attachmentInSlot(found) == TREL_RC_NOT_ATTACHED ? uint32_t{TREL_RC_SLOT_EMPTY} : 0;
+  if (!isInitialised()) return TREL_RC_NOT_INITIALISED;
+  const uint32_t key = identity.segmentKey.key;
+  if (home.attachment && home.key == key && home.key && home.writable) {
+    *found = home;
+    return 0;
+  }
+  return pins->attachment(key, found);
+}
+
+// One that was deleted ends, if only walks hold it. The key is asked once in a look.
+uint32_t refuseDeleted(const Mapping& found) {
+  const bool isHere = found.isNew ? !isDeleted(found.attachment)
+                                  : heapOf(found.handle).header()->heapState == TREL_DOMAIN_STATE;
+  if (isHere) return 0;
+  const AttachLatch latch;
+  Mapping now;
+  if (!findAttachment(found.attachment, &now)) return TREL_RC_NOT_ATTACHED;
+  return endIfDeleted({now.attachment, now.attachCount});
+}
+
+uint32_t locate(Pins* pins, const SNodeInfo_t* record, Target* target, Reached* reached,
+                const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
+  Mapping home, found;
+  if (const uint32_t rc = readTarget(pins, record, target, &home)) return rc;
+  if (const uint32_t rc = pinTarget(pins, target->identity, home, &found)) return rc;
+  if (const uint32_t rc = refuseDeleted(found)) return rc;
+  if (target->identity.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
+  if (!liesInDomain(found.handle, target->nodeOffset, sizeof(SNodeCB_t)))
     return TREL_RC_TOP_NODE_BOUNDS;
   if (options & kStayInSegment) {
     bool isOther = false;
-    if (const uint32_t rc = compareSegments(current, hold.segInfo->identity, &isOther)) return rc;
+    if (const uint32_t rc = compareSegments(current, found.attachment->identity, &isOther))
+      return rc;
     *otherSegment = isOther;
   }
-  reached->node = at<SNodeCB_t>(domain->base, target.nodeOffset);
-  reached->segInfo = hold.segInfo;
+  reached->node = at<SNodeCB_t>(found.handle->base, target->nodeOffset);
+  reached->segInfo = found.attachment;
+  reached->isUndecided = found.undecidedBy != nullptr;
   return 0;
 }
 
-// The same, from the record on.
-uint32_t locateTarget(const SNodeInfo_t* record, Target* target, Reached* reached,
-                      const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
+// Attaches the segment of an identity, unless somebody else has done so meanwhile.
+uint32_t bring(const Pins& pins, const SegIdentity_t& identity) {
   const AttachLatch latch;
-  if (const uint32_t rc = targetOf(record, target)) return rc;
-  return locate(*target, reached, current, otherSegment, options);
-}
-
-// For one that attaches what is not held: joins an attach that may still be undone.
-uint32_t joinTarget(const SNodeInfo_t* record, Target* target, Reached* reached,
-                    const ShmSegInfo_t* current, uint32_t* otherSegment, uint32_t options) {
-  const AttachLatch latch;
-  const uint32_t rc = locateTarget(record, target, reached, current, otherSegment, options);
-  if (rc || !isUndecided(reached->segInfo)) return rc;
-  Hold hold;
-  if (const uint32_t failure = holdOf(reached->segInfo->identity, &hold)) return failure;
-  ++*hold.count;
-  reached->attachedHere = true;
-  return 0;
-}
-
-}  // namespace
-
-uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, const ShmSegInfo_t* current,
-                    uint32_t* otherSegment, uint32_t options) {
-  Target target;
-  return locateTarget(record, &target, reached, current, otherSegment, options);
-}
-
-static __thread uint32_t attachNothing __attribute__((tls_model("initial-exec")));
-
-AttachNothing::AttachNothing() { ++attachNothing; }
-AttachNothing::~AttachNothing() { --attachNothing; }
-
-void leaveReached(Reached* reached) {
-  if (!reached->attachedHere) return;
-  const AttachLatch latch;
-  undoAttach(reached->segInfo);
-  *reached = {};
-}
-
-void keepReached(Reached* reached) {
-  if (!reached->attachedHere) return;
-  const AttachLatch latch;
-  Hold hold;
-  // Where another has decided so before, the attach of this reach is one too many.
-  if (!decideToHold(reached->segInfo) && holdOf(reached->segInfo->identity, &hold) == 0 &&
-      *hold.count > 1)
-    --*hold.count;
-  reached->attachedHere = false;
-}
-
-namespace {
-
-uint32_t attachByIdentity(const SegIdentity_t& identity, ShmSegInfo_t** segInfo) {
+  Attachment held;
+  Mapping known;
+  if (attachmentOfKey(identity.segmentKey.key, &held) == 0)
+    // What a failed detach has left can only be detached.
+    return findAttachment(held.segInfo, &known) ? 0 : uint32_t{TREL_RC_DOMAIN_HANDLE_NULL};
+  if (identity.accessMode > 2) return TREL_RC_ACCESS_MODE;
   ShmDomainParam_t domainParam = {};
   domainParam.heapVersion = identity.heapVersion;
   domainParam.handleVersion = identity.handleVersion;
@@ -136,7 +135,10 @@ uint32_t attachByIdentity(const SegIdentity_t& identity, ShmSegInfo_t** segInfo)
   poolParam.handleVersion = identity.handleVersion;
   poolParam.latchVersion = identity.latchVersion;
   const PLATIPCResID key = {identity.segmentKey.structureTag, identity.segmentKey.key};
-  return trelAttachStatusSegment(segInfo, &key, 0, 0, 0, &domainParam, &poolParam);
+  ShmSegInfo_t* segInfo = nullptr;
+  hasBrought = true;
+  return attachNew(readForm(&domainParam, 2), {&key, 0, 0, &domainParam, &poolParam},
+                   pins.identity(), &segInfo);
 }
 
 uint32_t checkReached(const Target& target, Reached* reached, uint32_t otherSegment) {
@@ -148,42 +150,74 @@ uint32_t checkReached(const Target& target, Reached* reached, uint32_t otherSegm
 
 }  // namespace
 
-uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* current,
-                   uint32_t* otherSegment, uint32_t options) {
-  Target target;
-  uint32_t rc = joinTarget(record, &target, reached, current, otherSegment, options);
-  if (rc == TREL_RC_NOT_ATTACHED) {
-    if (options & kStayInSegment) {
-      bool isOther = false;
-      if ((rc = compareSegments(current, target.identity, &isOther))) return rc;
-      if (isOther) {
-        *reached = {nullptr, current};
-        *otherSegment = 1;
-        return 0;
-      }
-    }
-    if (attachNothing) return rc;
-    ShmSegInfo_t* attached = nullptr;
-    const AttachLatch latch;
-    if ((rc = attachByIdentity(target.identity, &attached))) return rc;
-    *reached = {nullptr, attached, true};
-    markUndecided(attached);
-    rc = locate(target, reached, current, otherSegment, options);
-  }
-  if (rc == 0) rc = checkReached(target, reached, *otherSegment);
-  if (rc == 0) keepReached(reached);
-  if (rc && !isRefusedCondition(rc)) leaveReached(reached);
-  return rc;
+// The stored size has been tested at attach, but may have been overwritten since.
+bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size) {
+  const uint64_t first = domain->heapOffset, mapped = bytesMappedFrom(domain->base);
+  if (first > mapped) return false;
+  const uint64_t heapSize = heapOf(domain).header()->heapSize;
+  const uint64_t end = heapSize < mapped - first ? first + heapSize : mapped;
+  return offset >= first && offset <= end && size <= end - offset;
 }
 
-uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node) {
-  Reached reached;
-  if (const uint32_t rc = locateNode(record, &reached)) return rc;
-  const ShmDomainHandle_t* domain = reached.segInfo->shmDomainHandle;
-  if (nodeSizeInDomain(domain, offsetOf(reached.node, domain->base)) == 0)
-    return TREL_RC_TOP_NODE_BOUNDS;
-  *node = reached.node;
+uint64_t nodeSizeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
+  if (!liesInDomain(domain, nodeOffset, sizeof(SNodeCB_t))) return 0;
+  const uint64_t size = at<SNodeCB_t>(domain->base, nodeOffset)->nodeSize;
+  return size >= sizeof(SNodeCB_t) && liesInDomain(domain, nodeOffset, size) ? size : 0;
+}
+
+uint32_t targetOf(const SNodeInfo_t* record, Target* target) {
+  Look look;
+  Mapping home;
+  return readTarget(&look.pins(), record, target, &home);
+}
+
+uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, const ShmSegInfo_t* current,
+                    uint32_t* otherSegment, uint32_t options) {
+  Look look;
+  Target target;
+  Reached found;
+  if (const uint32_t rc =
+          locate(&look.pins(), record, &target, &found, current, otherSegment, options))
+    return rc;
+  found.size = nodeSizeInDomain(found.segInfo->shmDomainHandle, target.nodeOffset);
+  if (found.size == 0) return TREL_RC_TOP_NODE_BOUNDS;
+  *reached = found;
   return 0;
+}
+
+uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* current,
+                   uint32_t* otherSegment, uint32_t options) {
+  Look look;
+  for (;;) {
+    Target target;
+    uint32_t rc = locate(&look.pins(), record, &target, reached, current, otherSegment, options);
+    if (rc == TREL_RC_NOT_ATTACHED) {
+      if (options & kStayInSegment) {
+        bool isOther = false;
+        if ((rc = compareSegments(current, target.identity, &isOther))) return rc;
+        if (isOther) {
+          *reached = {nullptr, current};
+          *otherSegment = 1;
+          return 0;
+        }
+      }
+      if (attachNothing) return TREL_RC_NOT_ATTACHED;
+      if ((rc = bring(look.pins(), target.identity))) return rc;
+      continue;
+    }
+    if (rc == 0) rc = checkReached(target, reached, *otherSegment);
+    if (rc == 0 && (rc = keepReached(reached)) == TREL_RC_NOT_ATTACHED) continue;
+    if (rc && !isRefusedCondition(rc)) leaveReached(reached);
+    return rc;
+  }
+}
+
+uint32_t keepReached(Reached* reached) {
+  if (!reached->isUndecided) return 0;
+  const AttachLatch latch;
+  const uint32_t rc = keepForWalk(reached->segInfo);
+  if (rc == 0) reached->isUndecided = false;
+  return rc;
 }
 
 uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent) {

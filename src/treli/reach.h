@@ -2,17 +2,32 @@
 #pragma once
 
 #include "treli/attachment.h"
+#include "treli/bounds.h"
 
 namespace trel {
 
 constexpr uint32_t kStayInSegment = 64;  // bit of the options of walks
 
+// What one call looks at: all that it resolves stays mapped until the outermost such object of the
+// thread ends, and with it what it has brought and nobody uses.
+class Look {
+ public:
+  Look() = default;
+  ~Look();
+  Pins& pins() { return pins_; }
+
+ private:
+  Pins pins_;
+};
+
+// Whether `size` bytes at an offset from the base lie in the domain, and in what is mapped of it.
+bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size);
 // The size of a node that can be touched, since its header and all that it says to own lie in the
 // domain; else 0.
 uint64_t nodeSizeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset);
 
 // How many nodes could lie in the segments that this process has attached.
-uint64_t nodesThatFit();
+inline uint64_t nodesThatFit() { return bytesMapped() / sizeof(SNodeCB_t); }
 
 // What a record names, read once: others may change a stored record at any time.
 struct Target {
@@ -20,7 +35,6 @@ struct Target {
   uint64_t nodeOffset, nodeTag;
 };
 
-// The caller holds the AttachLatch.
 uint32_t targetOf(const SNodeInfo_t* record, Target* target);
 
 // The refusals of a node that was reached all the same: it is not active.
@@ -33,8 +47,8 @@ constexpr bool isRefusedCondition(uint32_t code) {
 struct Reached {
   SNodeCB_t* node = nullptr;
   ShmSegInfo_t* segInfo = nullptr;
-  bool attachedHere = false;  // by an attach whose use is not decided
-  uint64_t size = 0;          // of the node, all of which lies in its segment
+  bool isUndecided = false;  // a look has brought the segment, and nobody uses it yet
+  uint64_t size = 0;         // of the node, all of which lies in its segment
 };
 
 // Finds the node, without attaching. With kStayInSegment *otherSegment tells whether it lies in
@@ -43,10 +57,11 @@ uint32_t locateNode(const SNodeInfo_t* record, Reached* reached,
                     const ShmSegInfo_t* current = nullptr, uint32_t* otherSegment = nullptr,
                     uint32_t options = 0);
 
-// Finds the node, attaching its segment if it is not held. Success means an active node of the
-// record's tag. Where the code is a refused condition, the node was reached, and stays so: whoever
-// asked ends that with keepReached() or leaveReached(). After any other failure nothing is left
-// attached by this call, and the node and segment are null if it had attached.
+// Finds the node, attaching its segment if it is not held: then a walk counts one attach of it.
+// Success means an active node of the record's tag. Where the code is a refused condition, the node
+// was reached, and is good until the look ends; keepReached() makes it stay. After any other
+// failure nothing is left attached by this call, and the node and segment are null if it had
+// attached.
 //
 // With kStayInSegment, *otherSegment 1 and a segment that is not held, nothing is attached: success
 // with the segment `current` and no node. The tag is tested only where *otherSegment is 0.
@@ -59,7 +74,12 @@ inline uint32_t reachNode(const SNodeInfo_t* record, Reached* reached) {
 }
 
 // The node behind a record, whose segment must be attached.
-uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node);
+inline uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node) {
+  Reached reached;
+  const uint32_t rc = locateNode(record, &reached);
+  if (rc == 0) *node = reached.node;
+  return rc;
+}
 
 // The place of the node's parent record in its section. *slot and *parent are written when they are
 // known.
@@ -77,9 +97,12 @@ class AttachNothing {
   AttachNothing& operator=(const AttachNothing&) = delete;
 };
 
-// Undoes the attach of this reach, if there was one.
-void leaveReached(Reached* reached);
-// Decides that it stays. Success of reachNode() does so itself.
-void keepReached(Reached* reached);
+// The segment of a reached node stays when the look ends. Success of reachNode() does so itself.
+// TREL_RC_NOT_ATTACHED: it has ended meanwhile.
+uint32_t keepReached(Reached* reached);
+// Forgets a node whose segment does not stay.
+inline void leaveReached(Reached* reached) {
+  if (reached->isUndecided) *reached = {};
+}
 
 }  // namespace trel

@@ -90,6 +90,7 @@ class TraversalStack {
 
   uint32_t count_ = 0, capacity_ = 16;  // a power of 2, up to kMaxDepth
   WalkBudget budget_;
+  const Look look_;  // what the walk resolves stays mapped until it ends
   Level first_[16];
   Level* levels_ = first_;
 };

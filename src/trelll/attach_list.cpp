@@ -67,6 +67,13 @@ SegAttachNode_t* unlinkAttachment(const ShmSegInfo_t* segInfo) {
 
 void distrustAttachList() { hasStrangers = true; }
 
+void beginAttachList() {
+  hideAllAttachments();
+  *pSegAttachList = nullptr;
+  headAsLeft = nullptr;
+  hasStrangers = false;
+}
+
 }  // namespace trel
 
 using namespace trel;

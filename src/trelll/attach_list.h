@@ -14,5 +14,7 @@ void linkAttachment(SegAttachNode_t* node);
 SegAttachNode_t* unlinkAttachment(const ShmSegInfo_t* segInfo);
 // The table does not know a node that stands on the list.
 void distrustAttachList();
+// The list has been made, and nothing is attached yet.
+void beginAttachList();
 
 }  // namespace trel

@@ -659,6 +659,11 @@ void hideAttachment(const ShmSegInfo_t* record) {
   if (MappedSegment* segment = byRecord.find(const_cast<ShmSegInfo_t*>(record))) hide(segment);
 }
 
+void hideAllAttachments() {
+  const TableLatch latch;
+  for (MappedSegment* segment = made; segment; segment = segment->nextMade) hide(segment);
+}
+
 bool freeWithLastPin(const void* address, void* block) {
   const TableLatch latch;
   MappedSegment* segment = entryAround(address);

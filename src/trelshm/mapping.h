@@ -153,9 +153,10 @@ struct PublishedAttachment {
   const void* undecidedBy;
 };
 bool publishAttachment(const ShmDomainHandle_t* handle, const PublishedAttachment& attachment);
-// From here on it stays; a walk counts one.
+// From here on it stays. byWalk: a walk counts one of its attaches.
 void decideAttachment(const ShmSegInfo_t* record, bool byWalk);
 void hideAttachment(const ShmSegInfo_t* record);
+void hideAllAttachments();
 
 // Leaves the freeing of a block of process memory to the last pin of the mapping that an address
 // lies in. False: there is no pin, the block stays the caller's to free.
