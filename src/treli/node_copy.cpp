@@ -256,6 +256,7 @@ class Plan {
   }
 
   uint32_t resize() {
+    if (resized_ == 0) return 0;
     NodeCopyLimits_t named = limits;
     named.maxNodeIdSize = listMaxIdSize;
     uint64_t fresh[TREL_SLOTS], total = 0;
