@@ -251,6 +251,7 @@ inline Text pictureOf(SNodeCB_t* node, bool freshCopy = false) {
 struct TreePicture {
   Text text;
   std::vector<SNodeCB_t*> nodes;
+  std::vector<uint64_t> sizes;  // of all sections in use
   uint64_t bytes = 0;
 
   explicit TreePicture(SNodeCB_t* top, bool freshCopy = false) { draw(top, freshCopy, ""); }
@@ -261,6 +262,8 @@ struct TreePicture {
     text += indent + pictureOf(node, freshCopy) + "\n";
     nodes.push_back(node);
     bytes += node->nodeSize;
+    for (uint64_t i = 0; i < 12; ++i)
+      if (i == 10 || node->exports >> (i + 1) & 1) sizes.push_back(node->exportTable[i].size);
     if (!(node->exports & TREL_EXPORT_DEPENDENT)) return;
     SNodeInfo_t* entry = nullptr;
     uint64_t live = 0, room = 0;
