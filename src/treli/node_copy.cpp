@@ -225,7 +225,8 @@ class Plan {
 
   uint32_t surveyDependents(const ExportSlot_t* slot) {
     const uint64_t used = slot->used, size = slot->size;
-    const uint64_t maxIdSize = *inSection<TrelU64>(source_, slot);
+    const TrelU64* const word = inSection<TrelU64>(source_, slot);
+    const uint64_t maxIdSize = *word;
     if (maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_DEPENDENT_ID_MAX;
     if (maxIdSize) {
       const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);

@@ -72,7 +72,10 @@ class Heap {
     return trel::at<T>(base_, offset);
   }
   uint64_t load(uint64_t offset) const { return loadOnce(at<TrelU64>(offset)); }
-  void store(uint64_t offset, uint64_t value) const { *at<TrelU64>(offset) = value; }
+  void store(uint64_t offset, uint64_t value) const {
+    TrelU64* const word = at<TrelU64>(offset);  // a template argument drops that it is unaligned
+    *word = value;
+  }
 
   HeapHeader_t* header() const { return at<HeapHeader_t>(offset_); }
   HeapHeaderTail_t* tail() const {
