@@ -31,7 +31,7 @@ constexpr long kFirstSleep = 1;
 constexpr long kLongestSleep = 50;
 constexpr long kUrgentWait = 10;  // after which a waiter goes first
 constexpr long kFirstThorough = 60;
-constexpr long kThoroughEvery = 200;
+constexpr long kThoroughEvery = 230;
 
 constexpr uint64_t kReserved = kUrgent | kWaiters;
 constexpr PLATLatchWait kNoLimit = {nullptr, 0, PLAT_LATCH_NO_LIMIT};

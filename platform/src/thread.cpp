@@ -64,13 +64,13 @@ class Status {
 }  // namespace
 
 bool threadHasEnded(pid_t process, pid_t thread) {
-  if (Status("/proc/self/status").onlyId() != getpid()) return false;
   char path[64];
-  snprintf(path, sizeof path, "/proc/%d/status", process);
-  if (Status(path).onlyId() != process) return false;
   snprintf(path, sizeof path, "/proc/%d/task/%d/status", process, thread);
   const Status task(path);
-  return !task.isThere() || task.hasEnded();
+  if (task.isThere() && !task.hasEnded()) return false;
+  // It looks so; but is it that thread that was looked at?
+  snprintf(path, sizeof path, "/proc/%d/status", process);
+  return Status(path).onlyId() == process && Status("/proc/self/status").onlyId() == getpid();
 }
 
 }  // namespace plat

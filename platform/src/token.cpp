@@ -138,8 +138,15 @@ uint32_t enrol() {
         uint64_t{process->token} << 32 | uint64_t{threadNumber - 1} << kCountShift | platThreadID();
     platThreadIdentity.key = &process->key;
   }
+  const int error = errno;
   platLinuxIA32AtomicReleaseLock8Internal(&processLatch);
-  return isEnrolled() ? PLAT_RC_OK : PLAT_RC_NO_TOKEN;
+  if (isEnrolled()) return 0;
+  // Latches tell their callers by codes that cannot say why.
+  static uint8_t isReported = 0;
+  if (!__atomic_exchange_n(&isReported, 1, __ATOMIC_RELAXED))
+    platAssertFailed(rcdErrorGetDescription(PLAT_RC_NO_TOKEN), "errno",
+                     static_cast<uint32_t>(error));
+  return PLAT_RC_NO_TOKEN;
 }
 
 uint32_t tokenSpace() { return process->space; }

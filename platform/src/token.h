@@ -22,7 +22,8 @@ constexpr uint32_t kUnknownSpace = 1;
 // The IPC namespace of the calling thread.
 uint32_t currentSpace();
 
-// Fills platThreadIdentity, and makes the process's token, at need. 0 or PLAT_RC_NO_TOKEN.
+// Fills platThreadIdentity, and makes the process's token, at need. 0 or PLAT_RC_NO_TOKEN,
+// which is reported once.
 uint32_t enrol();
 
 // Whether platThreadIdentity holds what this process wrote.
