@@ -138,9 +138,10 @@ TREL_API uint32_t trelCopyNodeData(
  *
  * The source goes on being read and written meanwhile. Each node of the copy, with its list of
  * dependents, is one state of its source; what is written to a node after its turn, and before it
- * is abandoned, is lost. Held for each pass: trelSegAttachLatch, then the heapLatch of the source's
- * domain, and inside them each node's section in turn; so a thread inside a section must not attach
- * or detach meanwhile. One copy _VIA_PM in a process at a time. */
+ * is abandoned, is lost. Held for each pass: the heapLatch of the source's domain, and inside it
+ * each node's section in turn. Others connect to other segments meanwhile, and to the source behind
+ * the pass; what the pass looks at stays mapped even if it is detached. One copy _VIA_PM in a
+ * process at a time. */
 TREL_API uint32_t trelCopyTreeIntoSingleShmSegment(
     SNodeCB_t* srcTop, SNodeCB_t** newTop, ShmSegInfo_t** srcSeg, ShmSegInfo_t** dstSeg,
     uint32_t size, const PLATIPCResID* key, uintptr_t address, uint32_t poolSize,

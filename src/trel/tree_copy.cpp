@@ -3,6 +3,8 @@
 // Each method reads from top to bottom as what it does, with what a failure of that step returns
 // and what goes with it. Two rules hold for all: the source goes only when the copy has taken its
 // place, or when there is another copy of the tree; and the last copy of a tree never goes.
+#include <optional>
+
 #include "platsvc/ipc.h"
 #include "trel/copy.h"
 #include "trel/lists.h"
@@ -11,7 +13,6 @@
 #include "trel/segment_creation.h"
 #include "trel/storage.h"
 #include "trel/tree.h"
-#include "treli/attach_latch.h"
 #include "treli/reach.h"
 #include "treli/tree_walk_copy.h"
 
@@ -41,17 +42,21 @@ uint32_t publish(const ShmSegInfo_t* segInfo, const SNodeCB_t* top) {
       static_cast<uint32_t>(segInfo->shmPoolHandle->poolOffset));
 }
 
-// What the source of a pass is held by: the heapLatch of its domain.
-class DomainHold {
+// How the source of a pass is held: by the heapLatch of its domain. What the pass resolves stays
+// mapped until the end.
+class SourceHold {
  public:
   uint32_t begin(const ShmSegInfo_t* segInfo) {
     const uint32_t rc = trelLatchShmDomain(segInfo->shmDomainHandle);
-    if (rc == 0) held_ = segInfo->shmDomainHandle;
-    return rc;
+    if (rc) return rc;
+    held_ = segInfo->shmDomainHandle;
+    look_.emplace();
+    return 0;
   }
   uint32_t end() {
     const uint32_t rc = held_ ? trelUnlatchShmDomain(held_) : 0;
     held_ = nullptr;
+    look_.reset();
     return rc;
   }
   // For the way out of a failure: a failure to leave replaces the code.
@@ -64,6 +69,7 @@ class DomainHold {
 
  private:
   ShmDomainHandle_t* held_ = nullptr;
+  std::optional<Look> look_;
 };
 
 struct TreeCopy {
@@ -110,7 +116,7 @@ struct TreeCopy {
                 SNodeCB_t** copy) const;
   uint32_t abandon() const;
   static uint32_t keepTemporary(ShmSegInfo_t** temp, uint32_t rc);
-  uint32_t fillFromTemporary(ShmSegInfo_t* temp, SNodeCB_t* top, DomainHold* hold,
+  uint32_t fillFromTemporary(ShmSegInfo_t* temp, SNodeCB_t* top, SourceHold* hold,
                              ShmSegInfo_t** dst, SNodeCB_t** copy) const;
   uint32_t fillFromProcessMemory(SNodeCB_t* top, ShmSegInfo_t** dst, SNodeCB_t** copy) const;
   uint32_t hand(ShmSegInfo_t* dst, SNodeCB_t* copy, uint32_t rc) const;
@@ -190,8 +196,9 @@ uint32_t TreeCopy::authorize(ShmSegInfo_t* segInfo) const {
   return trelAuthorizeStatusSegment(segInfo, &security);
 }
 
-// A pass attaches nothing: segments are attached before it, and two copies, each with the latch of
-// its own domain, cannot wait for one another's. A top that is left out counts as a failure.
+// A pass attaches nothing: segments are attached before it. So two copies, each with the latch of
+// its own domain, cannot wait for one another's, nor for a thread that is attaching. A top that is
+// left out counts as a failure.
 uint32_t TreeCopy::walk(uint32_t direction, SNodeCB_t* from, ShmSegInfo_t* fromSeg,
                         ShmSegInfo_t* to, SNodeCB_t** copy) const {
   const AttachNothing nothing;
@@ -234,8 +241,7 @@ uint32_t TreeCopy::direct() {
   if (create(wantedSite(), &dst)) return kNotCopied;
   if (authorize(dst)) return dropping(&dst, kNotCopied);
   attachAll();
-  const AttachLatch latch;
-  DomainHold hold;
+  SourceHold hold;
   if (const uint32_t rc = hold.begin(*srcSeg)) return dropping(&dst, rc);
   if (walk(TREL_COPY_SHM_TO_SHM, srcTop, *srcSeg, dst, &copy))
     return dropping(&dst, hold.endOr(kNotCopied));
@@ -255,8 +261,7 @@ uint32_t TreeCopy::viaSegment() {
   if (create(wanted, &temp)) return kNotCopied;
   if (authorize(temp)) return dropping(&temp, kNotCopied);
   attachAll();
-  const AttachLatch latch;
-  DomainHold hold;
+  SourceHold hold;
   if (const uint32_t rc = hold.begin(*srcSeg)) return dropping(&temp, rc);
   if (walk(TREL_COPY_SHM_TO_SHM, srcTop, *srcSeg, temp, &top))
     return dropping(&temp, hold.endOr(kNotCopied));
@@ -274,7 +279,7 @@ uint32_t TreeCopy::viaSegment() {
   return hand(dst, copy, left || deleted ? kCleanup : 0);
 }
 
-uint32_t TreeCopy::fillFromTemporary(ShmSegInfo_t* temp, SNodeCB_t* top, DomainHold* hold,
+uint32_t TreeCopy::fillFromTemporary(ShmSegInfo_t* temp, SNodeCB_t* top, SourceHold* hold,
                                      ShmSegInfo_t** dst, SNodeCB_t** copy) const {
   if (const uint32_t rc = authorize(*dst)) return dropping(dst, rc);
   if (const uint32_t rc = hold->begin(temp)) return dropping(dst, rc);
@@ -300,8 +305,7 @@ uint32_t TreeCopy::viaProcessMemory() {
   };
   if (isTaken(home)) return kNotCopied;
   attachAll();
-  const AttachLatch latch;
-  DomainHold hold;
+  SourceHold hold;
   if (const uint32_t rc = hold.begin(*srcSeg)) return rc;
   if (walk(TREL_COPY_SHM_TO_PM, srcTop, *srcSeg, nullptr, &top))
     return forget(hold.endOr(kNotCopied));

@@ -88,6 +88,7 @@ uint32_t refuseDeleted(const Mapping& found) {
   const bool isHere = found.isNew ? !isDeleted(found.attachment)
                                   : heapOf(found.handle).header()->heapState == TREL_DOMAIN_STATE;
   if (isHere) return 0;
+  if (attachNothing) return TREL_RC_NOT_ATTACHED;
   const AttachLatch latch;
   Mapping now;
   if (!findAttachment(found.attachment, &now)) return TREL_RC_NOT_ATTACHED;
@@ -213,7 +214,7 @@ uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* cu
 }
 
 uint32_t keepReached(Reached* reached) {
-  if (!reached->isUndecided) return 0;
+  if (!reached->isUndecided || attachNothing) return 0;
   const AttachLatch latch;
   const uint32_t rc = keepForWalk(reached->segInfo);
   if (rc == 0) reached->isUndecided = false;

@@ -87,8 +87,9 @@ uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent);
 // The node's parent record, if it holds one: a writer may have died while it changed.
 uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record);
 
-// While an object lives, this thread's reachNode() attaches nothing: a segment that is not held
-// gives TREL_RC_NOT_ATTACHED.
+// While an object lives, this thread's reachNode() attaches nothing and keeps nothing, and so takes
+// no AttachLatch: a segment that is not held gives TREL_RC_NOT_ATTACHED. For those who hold the
+// latch of a heap, and a Look.
 class AttachNothing {
  public:
   AttachNothing();
