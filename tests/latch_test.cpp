@@ -356,7 +356,7 @@ TEST(Fork, ChildrenHaveTheLatchesFreeOrStartAnew) {
     }
   });
   const auto use = [] { EXPECT_EQ(TRELCleanup(2), 0u); };
-  for (int round = 0; round < 200; ++round) EXPECT_EQ(Child(use, false).wait(), 0);
+  for (int round = 0; round < 100; ++round) EXPECT_EQ(Child(use, false).wait(), 0);
   stop = true;
   busy.join();
 
