@@ -134,4 +134,30 @@ TEST_F(Report, UnfreedMemory) {
   EXPECT_EQ(1u, reports.count("Invalid pad type (0xEFBC011A) found at:"));
 }
 
+TEST(ReportForReaders, TheSameWithoutTheRightToWrite) {
+  constexpr size_t kSize = 0x40000;
+  void* const place =
+      mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, place);
+  Heap heap(kSize, 0x10000, {}, {}, static_cast<uint8_t*>(place));
+  void* block = nullptr;
+  ASSERT_EQ(0u, heap.allocate(&block, 40));
+  const auto look = [&] {
+    ShmDomainInfo_t domain{};
+    EXPECT_EQ(0u, trelGetShmDomainInfo(heap.domain, &domain));
+    const ShmPoolInfo_t pool = heap.info();
+    return std::to_string(domain.freeBytes) + " " + std::to_string(pool.freeBytes) + printed([&] {
+             EXPECT_EQ(0u, _trelShmAllocSList(place, TREL_HEAP_POOL, pool.heapOffset, 9, 10, "x"));
+             EXPECT_EQ(0u, trelPrintOutSkipLists(heap.pool, TREL_HEAP_POOL, 5));
+           });
+  };
+  const std::string before = look();
+  ASSERT_EQ(0, mprotect(place, kSize, PROT_READ));
+  EXPECT_EQ(before, look());
+  ASSERT_EQ(0, mprotect(place, kSize, PROT_READ | PROT_WRITE));
+  heap.header(heap.pool->poolOffset)->heapSize = uint64_t{1} << 40;  // beyond the mapping
+  ShmPoolInfo_t info{};
+  EXPECT_EQ(TREL_RC_POOL_STATE, trelGetShmPoolInfo(heap.pool, &info));
+}
+
 }  // namespace

@@ -67,7 +67,7 @@ typedef struct ShmDomainParam_t {
   uint64_t heapFlags;     /* default 0 */
   uint64_t heapOffset;    /* H, a multiple of 8, default 0 */
   uint64_t nodeCount;     /* skip-list nodes to make room for; 0: by the size */
-  uint64_t maxLevel;      /* default 7, at most 25 */
+  uint64_t maxLevel;      /* default 7, above 1,024 nodes the least L with 2^L nodes; at most 25 */
   uint64_t granularity;   /* default 4096; 8, or a multiple of 8 up to the domain's size */
   uint64_t userAreaSize;  /* bytes, at most the domain's size, default 0 */
   uint32_t accessMode;    /* 1, 2: a segment by key; 3: memory at a given address */
@@ -81,7 +81,7 @@ typedef struct ShmPoolParam_t {
   uint64_t latchVersion;
   uint64_t heapFlags;
   uint64_t nodeCount;
-  uint64_t maxLevel;     /* default 10, at most 25 */
+  uint64_t maxLevel;     /* default 10, above 1,024 nodes as for a domain; at most 25 */
   uint64_t granularity;  /* default 8; 8, or a multiple of 8 up to the pool's size */
   uint64_t userAreaSize; /* bytes, at most the pool's size, default 0 */
   const void* userData;

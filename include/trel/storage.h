@@ -48,7 +48,9 @@ TREL_API uint32_t trelDestroyShmDomainHandle(ShmDomainHandle_t** handle);
 TREL_API uint32_t trelLatchShmDomain(ShmDomainHandle_t* handle);
 TREL_API uint32_t trelUnlatchShmDomain(ShmDomainHandle_t* handle);
 
-/* All figures at one go, without a latch: they can be of different moments. */
+/* All figures of one moment, without a latch and without the right to write. Where writers leave no
+ * such moment for 200 ms: TREL_RC_WRITER_INSIDE for who may only read; others take heapLatch. A
+ * heapSize beyond the mapping gives the code of a wrong state. A failure leaves *info undefined. */
 TREL_API uint32_t trelGetShmDomainInfo(ShmDomainHandle_t* handle, ShmDomainInfo_t* info);
 
 /* The user area, always whole: `size` must be its size. The read writes *size also where a damaged

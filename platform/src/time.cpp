@@ -50,3 +50,9 @@ uint32_t platTimeGetMonotonic(uint64_t* milliseconds) {
       static_cast<uint64_t>(clock.tv_sec) * 1000 + static_cast<uint64_t>(clock.tv_nsec) / 1000000;
   return 0;
 }
+
+void platSleep(uint32_t milliseconds) {
+  const timespec length = {static_cast<time_t>(milliseconds / 1000),
+                           static_cast<long>(milliseconds % 1000) * 1000000};
+  clock_nanosleep(CLOCK_MONOTONIC, 0, &length, nullptr);
+}

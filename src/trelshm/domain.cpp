@@ -9,7 +9,7 @@
 namespace trel {
 namespace {
 
-constexpr uint64_t kDefaultLevel = 7, kDefaultGranularity = 4096;
+constexpr uint64_t kDefaultGranularity = 4096;
 constexpr uint32_t kDefaultPermissions = 0660;
 
 bool byKey(uint32_t accessMode) { return accessMode == 1 || accessMode == 2; }
@@ -73,7 +73,7 @@ class Memory {
 
 // The caller's record with the defaults in place of zeros.
 ShmDomainParam_t complete(const ShmDomainParam_t* given, uint32_t accessMode) {
-  ShmDomainParam_t p = completed(given, kDefaultLevel, kDefaultGranularity);
+  ShmDomainParam_t p = completed(given, kDefaultGranularity);
   takeDefault(&p.accessMode, accessMode);
   takeDefault(&p.permissions, kDefaultPermissions);
   return p;

@@ -88,7 +88,7 @@ bool loadPlaced(const Heap& heap, uint64_t node, FreeRef* ref) {
          freeNodeSize(ref->levels - 1) <= end - node;
 }
 
-constexpr int kNear = 16;  // steps from a hint that cost less than a search
+constexpr int kNear = 6;  // steps from a hint that cost less than a search
 
 // The same by size, from where this process was the last time that it looked for such a size. Each
 // node on the way must be linked from both sides. False: search.

@@ -5,7 +5,7 @@
 
 #include "trel/storage.h"
 #include "trelshm/heap.h"
-#include "trelshm/heap_latch.h"
+#include "trelshm/heap_look.h"
 #include "trelshm/mapping.h"
 #include "trelshm/process_memory.h"
 
@@ -29,12 +29,11 @@ inline void takeDefault(T* field, T byDefault) {
 
 // The caller's record, with the defaults that both kinds have in place of zeros.
 template <class Param>
-Param completed(const Param* given, uint64_t maxLevel, uint64_t granularity) {
+Param completed(const Param* given, uint64_t granularity) {
   Param p = given ? *given : Param{};
   takeDefault(&p.heapVersion, uint64_t{TREL_STRUCTURE_VERSION});
   takeDefault(&p.handleVersion, uint64_t{TREL_STRUCTURE_VERSION});
   takeDefault(&p.latchVersion, uint64_t{TREL_STRUCTURE_VERSION});
-  takeDefault(&p.maxLevel, maxLevel);
   takeDefault(&p.granularity, granularity);
   return p;
 }
@@ -48,6 +47,10 @@ HeapPlan planOf(const Param& p, uint32_t kind, uint64_t payload, uint64_t ownerO
                    p.heapVersion, p.handleVersion,
                    p.heapFlags,   ownerOffset};
   plan.sizes.compute(payload, kind, p.userAreaSize);
+  if (p.maxLevel == 0) {
+    plan.sizes.maxLevel = defaultMaxLevel(kind, plan.sizes.nodeCount);
+    plan.sizes.compute(payload, kind, p.userAreaSize);
+  }
   return plan;
 }
 
@@ -170,6 +173,7 @@ uint32_t unlatchHandle(uint32_t function, Handle* handle) {
   return traced(function, [&](const Flow& flow) -> uint32_t {
     if (const uint32_t rc = checkHandle(flow, handle)) return rc;
     const Heap heap = heapOf(handle);
+    if (isReadOnly(heap.header())) return flow.fail(TREL_RC_READING_ONLY);
     const uint32_t rc = checkHeap(heap);
     return firstOf(rc, leaveHeap(heap));
   });
@@ -181,13 +185,9 @@ uint32_t onUserArea(uint32_t function, const Handle* handle, const void* data, W
   return traced(function, [&](const Flow& flow) -> uint32_t {
     if (const uint32_t rc = checkHandle(flow, handle)) return rc;
     if (!data) return flow.logged(HandleTraits<Handle>::rcData, data);
-    const Heap heap = heapOf(handle);
-    const uint64_t stored = heap.header()->userAreaSize;  // read once: others can write it
-    const uint64_t heapSize = heap.header()->heapSize;
-    return work(flow, heap, stored,
-                stored <= heapSize && heapHeaderSizeOf(stored) <= heapSize
-                    ? 0
-                    : HandleTraits<Handle>::rcUserArea);
+    Heap heap = heapOf(handle);
+    const bool isSound = heap.openHeader() == 0;
+    return work(flow, heap, heap.userAreaSize(), isSound ? 0 : HandleTraits<Handle>::rcUserArea);
   });
 }
 
@@ -198,6 +198,7 @@ uint32_t setUserArea(uint32_t function, Handle* handle, uint64_t size, const voi
       [&](const Flow& flow, const Heap& heap, uint64_t stored, uint32_t rcStored) -> uint32_t {
         if (rcStored) return flow.fail(rcStored);
         if (size != stored) return flow.fail(TREL_RC_USER_AREA_SIZE);
+        if (heap.isReadOnly()) return flow.fail(TREL_RC_READING_ONLY);
         memcpy(heap.userArea(), data, size);
         return 0;
       });
@@ -216,10 +217,9 @@ uint32_t getUserArea(uint32_t function, Handle* handle, uint64_t* size, void* da
       });
 }
 
-// The figures that both information records have, by name.
+// The figures that both information records have, by name. The header is open.
 template <class Info>
-uint32_t readInfo(const Flow& flow, Heap heap, Info* info) {
-  if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
+void copyInfo(const Heap& heap, Info* info) {
   const HeapHeader_t& h = *heap.header();
   const SkipListHeader_t& list = *heap.list();
   info->heapVersion = h.heapVersion;
@@ -228,28 +228,35 @@ uint32_t readInfo(const Flow& flow, Heap heap, Info* info) {
   info->heapFlags = h.heapFlags;
   info->heapOffset = h.heapOffset;
   info->connectionCount = h.connectionCount;
-  info->heapSize = h.heapSize;
+  info->heapSize = heap.size();
   info->freeBytes = h.freeBytes;
   info->allocatedBytes = h.allocatedBytes;
   info->requestedNodeCount = h.requestedNodeCount;
   info->granularity = h.granularity;
-  info->userAreaSize = h.userAreaSize;
-  info->maxLevel = list.maxLevel;
+  info->userAreaSize = heap.userAreaSize();
+  info->maxLevel = loadOnce(&list.maxLevel);
   info->slSpaceSize = list.slSpaceSize;
   info->slUsedBytes = list.slUsedBytes;
   info->allocNodeCount = list.allocNodeCount;
   info->freeNodeCount = list.freeNodeCount;
   info->rebuildCount = list.rebuildCount;
   info->allocListLevel = list.allocListLevel;
-  // Its place follows from the number of levels; the lists may be changing just now.
+  // Its place follows from the number of levels.
   info->freeListLevel = 0;
-  const uint64_t maxLevel = list.maxLevel;
-  if (maxLevel <= TREL_HEAP_MAX_LEVEL &&
-      heap.headerSize() + slHeaderSizeOf(maxLevel) <= heap.size())
-    info->freeListLevel = heap.freeListLevel(maxLevel);
+  if (info->maxLevel <= TREL_HEAP_MAX_LEVEL &&
+      heap.headerSize() + slHeaderSizeOf(info->maxLevel) <= heap.size())
+    info->freeListLevel = heap.freeListLevel(info->maxLevel);
   info->word0 = heap.tail()->words[0];
   info->word2 = heap.tail()->words[2];
-  return 0;
+}
+
+template <class Info>
+uint32_t readInfo(const Flow& flow, Heap heap, Info* info) {
+  const uint32_t rc = lookAtHeap(&heap, [&]() -> uint32_t {
+    copyInfo(heap, info);
+    return 0;
+  });
+  return rc ? flow.fail(rc) : 0;
 }
 
 }  // namespace trel

@@ -119,6 +119,13 @@ void HeapSizes::compute(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize)
   space = round8(kNodeCost * nodeCount + listHeaderSize);
 }
 
+uint64_t defaultMaxLevel(uint32_t kind, uint64_t nodeCount) {
+  if (nodeCount <= 1024) return kind == TREL_HEAP_DOMAIN ? 7 : 10;
+  uint64_t level = 11;
+  while (level < TREL_HEAP_MAX_LEVEL && uint64_t{1} << level < nodeCount) ++level;
+  return level;
+}
+
 uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const HeapPlan& plan) {
   Heap heap(base, offset, kind);
   // Without managed memory there is no heap, and perhaps no room for the header.

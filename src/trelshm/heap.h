@@ -12,6 +12,9 @@ struct HeapSizes {
   void compute(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize);
 };
 
+// The levels of a heap whose maker names none: enough to halve that many nodes down to one.
+uint64_t defaultMaxLevel(uint32_t kind, uint64_t nodeCount);
+
 struct HeapPlan {
   uint64_t size;
   HeapSizes sizes;

@@ -52,6 +52,7 @@ uint32_t enterDamagedHeap(Heap* heap, bool ownerDied);
 
 // heapLatch, with the repair of what a dead owner left. The header has been opened.
 TREL_INLINE uint32_t enterHeap(Heap* heap) {
+  if (TREL_UNLIKELY(heap->isReadOnly())) return TREL_RC_READING_ONLY;
   uint32_t ownerDied = 0;
   HeapHeader_t* header = heap->header();
   if (const uint32_t rc = enterLatch(&header->heapLatch, &ownerDied)) return rc;
@@ -78,6 +79,7 @@ TREL_INLINE uint32_t insideHeap(Heap* heap, Work&& work) {
 // debugLatch. A record that a dead owner left half written is sound in each of its words.
 template <class Work>
 TREL_INLINE uint32_t insideDebug(const Heap& heap, Work&& work) {
+  if (TREL_UNLIKELY(heap.isReadOnly())) return TREL_RC_READING_ONLY;
   ExclusiveLatch_t* latch = &heap.tail()->debugLatch;
   uint32_t ownerDied = 0;
   if (const uint32_t rc = enterLatch(latch, &ownerDied)) return rc;

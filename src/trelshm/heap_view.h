@@ -10,6 +10,7 @@
 #include "platsvc/latch.h"
 #include "trelshm/bytes.h"
 #include "trelshm/heap_kind.h"
+#include "trelshm/mapping.h"
 #include "trelshm/store.h"
 
 namespace trel {
@@ -29,13 +30,17 @@ class Heap {
   Heap(const void* base, uint64_t offset, const HeapKind& kind)
       : base_(base), offset_(offset), kind_(&kind) {}
 
-  // Reads the sizes of the header and tests that they fit each other. They never change, so no
-  // latch is needed. To be called before anything behind the fixed fields is touched.
+  // Reads the sizes of the header and tests that they fit each other and what is mapped. They never
+  // change, so no latch is needed. To be called before anything behind the fixed fields is touched.
   uint32_t openHeader() {
     const HeapHeader_t* h = header();
+    const MappedRange& range = rangeAround(h);
+    const uint64_t mapped = (range.end - reinterpret_cast<uintptr_t>(h)) | range.unbounded;
+    isReadOnly_ = range.readOnly;
+    if (mapped < sizeof(HeapHeader_t)) return kind_->rcState;
     size_ = loadOnce(&h->heapSize);
     userAreaSize_ = loadOnce(&h->userAreaSize);
-    if (userAreaSize_ > size_ || offset_ + size_ < offset_) return kind_->rcState;
+    if (size_ > mapped || userAreaSize_ > size_ || offset_ + size_ < offset_) return kind_->rcState;
     headerSize_ = heapHeaderSizeOf(userAreaSize_);
     return headerSize_ + slHeaderSizeOf(1) > size_ ? kind_->rcState : 0;
   }
@@ -51,12 +56,15 @@ class Heap {
                : 0;
   }
 
+  // Whether the process may only look at it.
+  bool isReadOnly() const { return isReadOnly_; }
   const HeapKind& kind() const { return *kind_; }
   const void* base() const { return base_; }
   uint64_t offset() const { return offset_; }
   uint64_t size() const { return size_; }
   uint64_t end() const { return offset_ + size_; }
   uint64_t headerSize() const { return headerSize_; }
+  uint64_t userAreaSize() const { return userAreaSize_; }
   uint64_t maxLevel() const { return maxLevel_; }
   uint64_t space() const { return space_; }
   void setSpace(uint64_t space) { list()->slSpaceSize = space_ = space; }
@@ -138,6 +146,7 @@ class Heap {
   uint64_t offset_;
   const HeapKind* kind_;
   uint64_t size_ = 0, userAreaSize_ = 0, headerSize_ = 0, maxLevel_ = 0, space_ = 0, nextNode_ = 0;
+  bool isReadOnly_ = false;
 };
 
 }  // namespace trel

@@ -11,10 +11,10 @@
 namespace trel {
 namespace {
 
-constexpr uint64_t kDefaultLevel = 10, kDefaultGranularity = 8;
+constexpr uint64_t kDefaultGranularity = 8;
 
 ShmPoolParam_t complete(const ShmPoolParam_t* given) {
-  return completed(given, kDefaultLevel, kDefaultGranularity);
+  return completed(given, kDefaultGranularity);
 }
 
 // A pool is made while its chunk is still in flight, so that a death leaves both or none.

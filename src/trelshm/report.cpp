@@ -1,15 +1,18 @@
 // Reports on a heap for a maintainer: checks on demand, what is still allocated, the skip lists.
 //
-// The heap may be damaged, and nobody need hold its latch: every offset is tested before it is
-// followed, and no walk takes more steps than the node space has nodes.
+// Nobody need hold the latch of the heap, or have the right to write: lists are walked in a copy of
+// one instant. Pads are looked at where they lie. The heap may be damaged: every offset is tested
+// before it is followed, and no walk takes more steps than the node space has nodes.
 #include "trel/report.h"
 
 #include <stdio.h>
+#include <string.h>
 
 #include "trelshm/alloc_list.h"
 #include "trelshm/allocator.h"
 #include "trelshm/free_lists.h"
 #include "trelshm/handle.h"
+#include "trelshm/process_memory.h"
 
 namespace trel {
 namespace {
@@ -37,12 +40,44 @@ uint64_t capped(const Heap& heap, uint64_t count, uint64_t smallestNode) {
   return count < most ? count : most;
 }
 
+// Header and lists of a heap as they were at one instant, in process memory.
+class ListCopy {
+ public:
+  uint32_t take(Heap* heap) {
+    const uint32_t rc = lookAtHeap(heap, [&] { return copy(heap); });
+    if (rc) return rc;
+    view_ = Heap(at<void>(bytes_, 0 - heap->offset()), heap->offset(), heap->kind());
+    const uint32_t opened = view_.openHeader();
+    return opened ? opened : view_.openLists();
+  }
+  ~ListCopy() { release(&bytes_); }
+  const Heap& view() const { return view_; }
+
+ private:
+  uint32_t copy(Heap* heap) {
+    if (const uint32_t rc = heap->openLists()) return rc;
+    const uint64_t size = heap->spaceEnd() - heap->offset();
+    if (size > size_) {
+      release(&bytes_);
+      size_ = 0;
+      if (obtain(&bytes_, size)) return TREL_RC_REBUILD_NO_MEMORY;
+      size_ = size;
+    }
+    memcpy(bytes_, heap->header(), size);
+    return 0;
+  }
+
+  uint8_t* bytes_ = nullptr;
+  uint64_t size_ = 0;
+  Heap view_{nullptr, 0, kPoolKind};
+};
+
 // ---- what is still allocated ----
 
 uint32_t printEntry(const Heap& heap, const AllocNode_t& node, const char* file) {
   const char* function = rcdGetFunctionName(node.callerFunction);
   if (!function) function = "";
-  const uint32_t mode = frontTail(heap, node.dataOffset)->mode;
+  const uint32_t mode = loadOnce(&frontTail(heap, node.dataOffset)->mode);
   const bool named = mode == TREL_PAD_FILE || mode == TREL_PAD_FILE_GUARD;
   if (!named && mode != TREL_PAD_FREED && !padModeOf(mode)) return TREL_RC_PAD_MODE;
   printf("Address: %p, Size: %llx, ", heap.at<void>(node.dataOffset), Wide{node.requestedSize});
@@ -54,14 +89,15 @@ uint32_t printEntry(const Heap& heap, const AllocNode_t& node, const char* file)
   return 0;
 }
 
-uint32_t printAllocated(const Heap& heap, uint32_t function, uint32_t line, const char* file) {
-  const uint64_t count = heap.list()->allocNodeCount;
+uint32_t printAllocated(const Heap& heap, const Heap& lists, uint32_t function, uint32_t line,
+                        const char* file) {
+  const uint64_t count = lists.list()->allocNodeCount;
   if (count == 0) return 0;
   fputs(wordsOf(heap.kind()).title, stdout);
-  uint64_t at = heap.allocHead();
-  for (uint64_t left = capped(heap, count, allocNodeSize(0)); left > 0; --left) {
+  uint64_t at = lists.allocHead();
+  for (uint64_t left = capped(lists, count, allocNodeSize(0)); left > 0; --left) {
     AllocRef next;
-    if (const uint32_t rc = nextAlloc(heap, at, &next)) return rc;
+    if (const uint32_t rc = nextAlloc(lists, at, &next)) return rc;
     at = next.node;
     if (at == 0) break;
     const AllocNode_t& node = next.fields;
@@ -209,10 +245,12 @@ uint32_t _trelCheckAllocShmPool(ShmDomainHandle_t* domain, uint64_t dataOffset, 
   return traced(FID__trelCheckAllocShmPool, [&](const Flow& flow) -> uint32_t {
     if (const uint32_t rc = checkHandle(flow, domain)) return rc;
     if (!isAligned8(dataOffset)) return flow.fail(TREL_RC_POOL_OFFSET_ALIGN);
-    if (const uint32_t rc = trelLatchShmDomain(domain)) return rc;
+    const bool latches = !isReadOnly(domain->base);
+    if (latches)
+      if (const uint32_t rc = trelLatchShmDomain(domain)) return rc;
     const uint32_t rc = _trelCheckAllocShmChunk(domain->base, TREL_HEAP_DOMAIN, domain->heapOffset,
                                                 dataOffset, nullptr, function, line, file);
-    return firstOf(rc, trelUnlatchShmDomain(domain));
+    return firstOf(rc, latches ? trelUnlatchShmDomain(domain) : 0);
   });
 }
 
@@ -226,10 +264,12 @@ uint32_t _trelCheckAllocShmBlock(void** block, ShmPoolHandle_t* pool, uint32_t f
     uint64_t dataOffset = 0, blockOffset = 0;
     if (const uint32_t rc = locateBlock(flow, heapOf(pool), *block, &blockOffset, &dataOffset))
       return rc;
-    if (const uint32_t rc = trelLatchShmPool(pool)) return rc;
+    const bool latches = !isReadOnly(pool->base);
+    if (latches)
+      if (const uint32_t rc = trelLatchShmPool(pool)) return rc;
     const uint32_t rc = _trelCheckAllocShmChunk(pool->base, TREL_HEAP_POOL, pool->poolOffset,
                                                 dataOffset, nullptr, function, line, file);
-    return firstOf(rc, trelUnlatchShmPool(pool));
+    return firstOf(rc, latches ? trelUnlatchShmPool(pool) : 0);
   });
 }
 
@@ -238,9 +278,9 @@ uint32_t _trelShmAllocSList(void* base, uint32_t heapKind, uint64_t heapOffset, 
   return onHeap(FID__trelShmAllocSList, base, heapKind, heapOffset,
                 [&](const Flow& flow, Heap* heap) -> uint32_t {
                   if (const uint32_t rc = checkHeap(*heap)) return flow.fail(rc);
-                  if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
-                  if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
-                  return printAllocated(*heap, function, line, file);
+                  ListCopy lists;
+                  if (const uint32_t rc = lists.take(heap)) return flow.fail(rc);
+                  return printAllocated(*heap, lists.view(), function, line, file);
                 });
 }
 
@@ -251,9 +291,9 @@ uint32_t trelPrintOutSkipLists(ShmPoolHandle_t* pool, uint32_t heapKind, uint64_
     if (!kind) return flow.fail(TREL_RC_HEAP_KIND);
     if (!pool->base) return flow.logged(TREL_RC_BASE_NULL, pool->base);
     Heap heap(pool->base, kind == &kDomainKind ? pool->domainOffset : pool->poolOffset, *kind);
-    if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
-    if (const uint32_t rc = heap.openLists()) return flow.fail(rc);
-    ListPrinter(heap, detailLevel).print();
+    ListCopy lists;
+    if (const uint32_t rc = lists.take(&heap)) return flow.fail(rc);
+    ListPrinter(lists.view(), detailLevel).print();
     return 0;
   });
 }

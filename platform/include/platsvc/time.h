@@ -23,5 +23,8 @@ PLAT_API uint64_t platDrawStamp(void);
 /* Milliseconds of a clock that nobody sets: it only goes forward, from a start of its own. */
 PLAT_API uint32_t platTimeGetMonotonic(uint64_t* milliseconds);
 
+/* Sleeps for so long, or until a signal comes. */
+PLAT_API void platSleep(uint32_t milliseconds);
+
 PLAT_END_C
 #endif
