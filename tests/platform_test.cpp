@@ -106,7 +106,7 @@ TEST(Platform, ReportsAreOneLineEach) {
   platAssertFailed(nullptr, nullptr, 0);
   platSetReportSink(nullptr);
   ASSERT_EQ(lines.size(), 5u);
-  for (const char* part : {"trelSetNodeTag", "900000e0", "tag above", "12", "001fa0ff"})
+  for (const char* part : {"trelSetNodeTag", "900000e0", "tag 0 where", "12", "001fa0ff"})
     EXPECT_NE(lines[0].find(part), std::string::npos) << part << " in " << lines[0];
   EXPECT_LT(lines[1].size(), 300u);
   EXPECT_NE(lines[1].find("00..."), std::string::npos) << "cut";

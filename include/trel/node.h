@@ -7,6 +7,17 @@
  * the node's critical section by itself; not 0, and the caller is inside already. Several calls can
  * so be put under one hold of the latch. The latch is not recursive.
  *
+ * An operation that changes nothing but what the caller's pointers lead to ("takes the read
+ * section") looks at the node without its latch, and looks again if a writer came in between; only
+ * where writers leave it no gap does it take the latch. So whatever it gives stood together at one
+ * moment, and it disturbs no writer. It does not wait for somebody inside a read section, who must
+ * not change anything: whoever changes a node enters it for writing. A buffer of the caller's may
+ * hold other bytes within its size until the call returns.
+ *
+ * On a segment that is attached for reading only these operations work, and wait at most 200 ms for
+ * a writer: then TREL_RC_WRITER_INSIDE. All that write, and the entries below, give
+ * TREL_RC_READING_ONLY.
+ *
  * Operations return 0 or a TREL_RC_ code, the first failure. Unless told otherwise a failure writes
  * nothing, and a node pointer of null gives TREL_RC_NODE_NULL. */
 #ifndef TREL_NODE_H
@@ -18,6 +29,8 @@ TREL_BEGIN_C
 
 /* Makes a node of 2908 bytes and the 64 section sizes in process memory, in condition
  * TREL_CONDITION_CREATED and concurrency model 1. exports: the export bits of the sections it has.
+ * sizes[k] belongs to export bit 2^(k + 1): sizes[0] to TREL_EXPORT_ID, 0x2, sizes[10] to
+ * TREL_EXPORT_DEPENDENT, 0x800.
  * Each size is at most 0x4000000, the node at most 0x8000000 bytes. *nodeSize gets the total, also
  * where a wrong version or a lack of memory makes the call fail; *nodeOffset gets the address of
  * the block, so that the node's base is 0. version and latchVersion: TREL_STRUCTURE_VERSION. The
@@ -27,7 +40,8 @@ TREL_API uint32_t trelCreateNodeInPM(SNodeCB_t** node, uint64_t exports, const u
                                      uint32_t latchVersion);
 
 /* The same in the pool of a segment; *nodeOffset is the offset from the segment's base. Takes the
- * pool's latch for the test of its free bytes and again for the block, no node latch. */
+ * pool's latch for the test of its free bytes and again for the block, no node latch. A caller who
+ * holds that latch gets TREL_RC_LATCH. *nodeSize is written also where there is no block. */
 TREL_API uint32_t trelCreateNode(ShmSegInfo_t* segInfo, SNodeCB_t** node, uint64_t exports,
                                  const uint64_t sizes[64], uint64_t* nodeSize,
                                  uint64_t* nodeOffset);
@@ -41,9 +55,11 @@ TREL_API uint32_t trelDisclaimNode(SNodeCB_t** node, ShmPoolHandle_t* pool, uint
 
 /* Fills the node: header, options, and of the sections those that its exports name. maxIdSize, at
  * most 4096 and rounded up to 8, holds for the node's own identifier and for its parent's. The
- * record of the parent is copied, and the caller's left as it was. A section too small for what is
- * to be written gives TREL_RC_SLOT_USED, with the node untouched. May run again on any node, and
- * then resets what it writes; it may change the concurrency model. Takes the write section. */
+ * record of the parent is copied, and the caller's left as it was; parentId holds parent->idSize
+ * bytes, record24 24. An argument whose section the node lacks is not looked at. A section too
+ * small for what is to be written gives TREL_RC_SLOT_USED, with the node untouched. May run again
+ * on any node, and then resets what it writes; it may change the concurrency model. Takes the write
+ * section. */
 TREL_API uint32_t trelInitNode(SNodeCB_t** node, uint64_t nodeOffset, uint64_t idSize,
                                const uint8_t* id, SNodeInfo_t* parent, const uint8_t* parentId,
                                uint64_t maxIdSize, const uint8_t* record24,
@@ -64,9 +80,9 @@ TREL_API uint32_t trelReturnExports(SNodeCB_t* node, uint64_t* exports);
 /* Bytes of a register value: 4. Takes the read section; initialised nodes too. */
 TREL_API uint32_t trelReturnRegisterSize(SNodeCB_t* node, uint64_t* size);
 
-/* Critical sections. area is &node->nodeLatchArea. Model 1: the latch, for readers and writers
- * alike; a write also marks the area. Other models: nothing. Whoever enters must leave, on the same
- * thread, and must not change the model in between. */
+/* Critical sections. By the latch always, for reading too. area is &node->nodeLatchArea. Model 1:
+ * the latch, for readers and writers alike; a write also marks the area. Other models: nothing.
+ * Whoever enters must leave, on the same thread, and must not change the model in between. */
 TREL_API uint32_t trelEnterCriticalSectionBeforeRead(SNodeCB_t* node, LatchArea_t* area);
 TREL_API uint32_t trelExitCriticalSectionAfterRead(SNodeCB_t* node, LatchArea_t* area);
 TREL_API uint32_t trelEnterCriticalSectionBeforeWrite(SNodeCB_t* node, LatchArea_t* area);
@@ -102,14 +118,20 @@ TREL_API uint32_t trelIsStillBeingUpdated(SNodeCB_t* node, WatchRecord_t* record
 /* Changes of the node's structure so far. No latch, no test of the condition. */
 TREL_API uint32_t trelGetNodeReconfigCounter(SNodeCB_t* node, uint64_t* counter);
 
+/* Size and tag, in initialised, active and disassociated nodes. Takes the read section. A size that
+ * is none, or more than is mapped: TREL_RC_NODE_SIZE. */
 TREL_API uint32_t trelGetNodeSize(SNodeCB_t* node, uint64_t* size, uint64_t inCriticalSection);
 TREL_API uint32_t trelGetNodeTag(SNodeCB_t* node, uint64_t* tag, uint64_t inCriticalSection);
+/* The same nodes. Write section. */
 TREL_API uint32_t trelSetNodeTag(SNodeCB_t* node, uint64_t tag, uint64_t inCriticalSection);
 
-/* The identifier in place: *id points into the node, and stays good as long as the node lives. */
+/* The identifier in place: *id points into the node, and stays good as long as the node lives.
+ * Active, abandoned and disassociated nodes. Takes the read section; who reads the bytes while
+ * others may rename the node enters it first. */
 TREL_API uint32_t trelGetNodeID(SNodeCB_t* node, uint8_t** id, uint64_t* idSize,
                                 uint64_t inCriticalSection);
-/* Rewrites the identifier. TREL_RC_SLOT_USED if it does not fit the section. */
+/* Rewrites the identifier, in initialised, active and disassociated nodes. TREL_RC_SLOT_USED if it
+ * does not fit the section. Write section. */
 TREL_API uint32_t trelSetNodeID(SNodeCB_t* node, const uint8_t* id, uint64_t idSize,
                                 uint64_t maxIdSize, uint64_t inCriticalSection);
 

@@ -12,7 +12,7 @@
  * identifier size, 0 to 4096; both are rounded up to a multiple of 8. A count is at most 32768.
  * An identifier pointer must not be null, whatever the size.
  *
- * A list is made once, by its create operation, in one of two forms:
+ * A list is made by its create operation, in one of two forms:
  *   flat form   an array of records that is searched from the start. A record of tag 0 is free, so
  *               no property has tag 0. Suits a few properties.
  *   hash form   table size H = the prime from the maximum count on, chains of about one record.
@@ -27,18 +27,23 @@
  *   Base R   144                         Base V: 428 + M
  * In hash form n is at least H. IR and IV have two further tables, by tag and by identifier, whose
  * sizes the caller gives; they become the primes H2 and H3.
+ * A list can be made anew at any time, in another form and with other limits: one step for all who
+ * use it. Records and addresses that somebody holds then lead to whatever the new list has there.
+ * A flat create clears the tag of every place in the section, which takes time in a large one.
  * A list that was never created behaves as an empty flat list without room. Operations for the hash
  * form alone refuse flat lists with TREL_RC_TABLE_SIZE.
  *
  * All but the operations told otherwise run inside the node's critical section: they enter unless
  * inCriticalSection is not 0, and then the caller is inside. Those that change take the write
- * section. Creates work on initialised, active and disassociated nodes, the others on active and
- * disassociated ones. Each property created, added or deleted counts as one change of structure.
+ * section; the others look at the node without its latch, as node.h tells, and what they give stood
+ * together at one moment. Creates work on initialised, active and disassociated nodes, the others
+ * on active and disassociated ones. Each property created, added or deleted counts as one change of
+ * structure.
  *
- * Operations return 0 or a TREL_RC_ code. The codes that depend on the kind:
- *                                     R      IR     V      IV     Base R  Base V
- *   no such section (create)          0b7    0b8    0b9    0ba    0bb     0bc
- *   too large for the section, flat   0c0    0c1    0c2    0c3    0c4     0c5
+ * Operations return 0 or a TREL_RC_ code. A failure writes to no out pointer, unless told
+ * otherwise; arrays and buffers may then hold anything within their sizes. The codes that depend on
+ * the kind: R      IR     V      IV     Base R  Base V no such section (create)          0b7    0b8
+ * 0b9    0ba    0bb     0bc too large for the section, flat   0c0    0c1    0c2    0c3    0c4 0c5
  *   flat list full                    0c6    0c7    0c8    0c9
  *   count out of range                0ca    0cb    0cc    0cd
  *   record outside the section        0fb    0fc    0fd    0fe    0ff     100
@@ -196,9 +201,10 @@ TREL_API uint32_t trelSetValueForBaseRProperty(SNodeCB_t* node, uint64_t tag, in
                                                uint64_t inCriticalSection);
 
 /* Bytes by key. Get: *size becomes the value's size, *address its place in the node, and the bytes
- * go to buffer unless that is null; M bytes are always enough. Set: size is 1 to M; bytes of a
- * longer value before stay behind it. Reading at *address outside the section is at the caller's
- * risk. */
+ * go to buffer unless that is null; M bytes are enough, as M is when the call begins: a larger
+ * value in a list that is made anew meanwhile gives TREL_RC_VALUE_SIZE. Set: size is 1 to M; bytes
+ * of a longer value before stay behind it. Reading at *address outside the section is at the
+ * caller's risk. */
 TREL_API uint32_t trelGetValueForVProperty(SNodeCB_t* node, uint64_t tag, uint64_t* size,
                                            uint8_t** address, uint8_t* buffer,
                                            uint64_t inCriticalSection);
@@ -321,7 +327,8 @@ TREL_API uint32_t trelReturnIRPropertyCount(SNodeCB_t* node, uint64_t tag, uint6
                                             uint64_t inCriticalSection);
 TREL_API uint32_t trelReturnIVPropertyCount(SNodeCB_t* node, uint64_t tag, uint64_t* number,
                                             uint64_t inCriticalSection);
-/* The number with a tag; absent if there is none, with *number 0. No test of the condition. */
+/* The number with a tag; absent if there is none, with *number 0. A list with a stored maximum of 0
+ * or that was never created gives 0 with success, but in R absent. No test of the condition. */
 TREL_API uint32_t trelGetRPropertiesNoForGivenTag(SNodeCB_t* node, uint64_t tag, uint64_t* number,
                                                   uint64_t inCriticalSection);
 TREL_API uint32_t trelGetVPropertiesNoForGivenTag(SNodeCB_t* node, uint64_t tag, uint64_t* number,
@@ -330,9 +337,9 @@ TREL_API uint32_t trelGetIRPropertiesNoForGivenTag(SNodeCB_t* node, uint64_t tag
                                                    uint64_t inCriticalSection);
 TREL_API uint32_t trelGetIVPropertiesNoForGivenTag(SNodeCB_t* node, uint64_t tag, uint64_t* number,
                                                    uint64_t inCriticalSection);
-/* How many there are, and how many the section could hold; both 0 if a stored maximum is 0. In hash
- * form the maximum moves with the number of freed places. In a flat IV list it can read one too
- * high. No test of the condition. */
+/* How many there are, and how many the section could hold; both 0, with success, if a stored
+ * maximum is 0 or the list was never created. In hash form the maximum moves with the number of
+ * freed places. In a flat IV list it can read one too high. No test of the condition. */
 TREL_API uint32_t trelGetNumberOfRProperties(SNodeCB_t* node, uint64_t* current, uint64_t* maximum,
                                              uint64_t inCriticalSection);
 TREL_API uint32_t trelGetNumberOfVProperties(SNodeCB_t* node, uint64_t* current, uint64_t* maximum,

@@ -87,8 +87,8 @@ uint32_t trelGetParentNodeLocation(SNodeCB_t* node, SNodeInfo_t** parent) {
   return traced(FID_trelGetParentNodeLocation, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!parent) return flow.fail(TREL_RC_NODE_INFO_NULL);
-    ExportSlot_t* slot = nullptr;
-    return parentOf(node, &slot, parent);
+    Section section;
+    return parentOf(node, &section, parent);
   });
 }
 
@@ -97,13 +97,13 @@ uint32_t trelGetParentNodeIdentifier(SNodeCB_t* node, uint64_t* idSize, uint8_t*
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!idSize) return flow.fail(TREL_RC_ID_SIZES_NULL);
     if (!id) return flow.fail(TREL_RC_ID_NULL);
-    ExportSlot_t* slot = nullptr;
+    Section section;
     SNodeInfo_t* parent = nullptr;
-    if (const uint32_t rc = parentOf(node, &slot, &parent)) return flow.fail(rc);
-    const uint64_t size = parent->idSize;
-    if (size > slot->size - sizeof(ParentSection_t)) return flow.fail(TREL_RC_ID_BOUNDS);
+    if (const uint32_t rc = parentOf(node, &section, &parent)) return flow.fail(rc);
+    const uint64_t size = once(parent->idSize);
+    if (size > section.size - sizeof(ParentSection_t)) return flow.fail(TREL_RC_ID_BOUNDS);
     *idSize = size;
-    if (size) *id = inSection(node, slot, sizeof(ParentSection_t));
+    if (size) *id = section.at(sizeof(ParentSection_t));
     return 0;
   });
 }

@@ -2,15 +2,15 @@
 #include <string.h>
 
 #include "trel/node.h"
-#include "treli/section.h"
-#include "trelshm/store.h"
+#include "treli/node_lock.h"
 
 using namespace trel;
 
 uint32_t trelGetPExportPointer(ExportSlot_t** slot, SNodeCB_t* node, uint32_t exportBit) {
   return traced(FID_trelGetPExportPointer, [&](const Flow& flow) -> uint32_t {
     if (!node || !slot) return flow.fail(TREL_RC_NODE_NULL);
-    return slotOf(node, exportBit, slot);
+    Section section;
+    return readSlot(node, exportBit, slot, &section);
   });
 }
 
@@ -18,10 +18,13 @@ uint32_t trelReturnExports(SNodeCB_t* node, uint64_t* exports) {
   return traced(FID_trelReturnExports, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!exports) return flow.fail(TREL_RC_OUT_EXPORTS);
-    return reading(node, 0, accept::usable, [&]() -> uint32_t {
-      *exports = node->exports;
+    uint64_t found = 0;
+    const uint32_t rc = reading(node, 0, accept::usable, [&]() -> uint32_t {
+      found = once(node->exports);
       return 0;
     });
+    if (rc == 0) *exports = found;
+    return rc;
   });
 }
 
@@ -29,10 +32,9 @@ uint32_t trelReturnRegisterSize(SNodeCB_t* node, uint64_t* size) {
   return traced(FID_trelReturnRegisterSize, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!size) return flow.fail(TREL_RC_OUT_REGISTER_SIZE);
-    return reading(node, 0, accept::settled, [&]() -> uint32_t {
-      *size = sizeof(int32_t);
-      return 0;
-    });
+    const uint32_t rc = reading(node, 0, accept::settled, [] { return 0u; });
+    if (rc == 0) *size = sizeof(int32_t);
+    return rc;
   });
 }
 
@@ -51,10 +53,15 @@ uint32_t trelGetNodeSize(SNodeCB_t* node, uint64_t* size, uint64_t inCriticalSec
   return traced(FID_trelGetNodeSize, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!size) return flow.fail(TREL_RC_OUT_NODE_SIZE);
-    return reading(node, inCriticalSection, accept::settled, [&]() -> uint32_t {
-      *size = node->nodeSize;
-      return *size == 0 || *size > TREL_MAX_NODE_SIZE ? uint32_t{TREL_RC_NODE_SIZE} : 0;
+    uint64_t found = 0;
+    const uint32_t rc = reading(node, inCriticalSection, accept::settled, [&]() -> uint32_t {
+      found = once(node->nodeSize);
+      return found == 0 || found > TREL_MAX_NODE_SIZE || found > bytesMappedFrom(node)
+                 ? uint32_t{TREL_RC_NODE_SIZE}
+                 : 0;
     });
+    if (rc == 0) *size = found;
+    return rc;
   });
 }
 
@@ -62,10 +69,13 @@ uint32_t trelGetNodeTag(SNodeCB_t* node, uint64_t* tag, uint64_t inCriticalSecti
   return traced(FID_trelGetNodeTag, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!tag) return flow.fail(TREL_RC_OUT_NODE_TAG);
-    return reading(node, inCriticalSection, accept::settled, [&]() -> uint32_t {
-      *tag = node->tag;
-      return *tag > TREL_MAX_TAG ? uint32_t{TREL_RC_TAG_RANGE} : 0;
+    uint64_t found = 0;
+    const uint32_t rc = reading(node, inCriticalSection, accept::settled, [&]() -> uint32_t {
+      found = once(node->tag);
+      return found > TREL_MAX_TAG ? uint32_t{TREL_RC_TAG_RANGE} : 0;
     });
+    if (rc == 0) *tag = found;
+    return rc;
   });
 }
 
@@ -86,18 +96,22 @@ uint32_t trelGetNodeID(SNodeCB_t* node, uint8_t** id, uint64_t* idSize,
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!idSize) return flow.fail(TREL_RC_ID_SIZES_NULL);
     if (!id) return flow.fail(TREL_RC_ID_NULL);
-    return within<Access::read>(node, inCriticalSection, [&]() -> uint32_t {
-      if (!(node->exports & TREL_EXPORT_ID)) return flow.fail(TREL_RC_GET_ID_NO_EXPORT);
-      ExportSlot_t* slot = nullptr;
-      if (const uint32_t rc = sectionOf(node, TREL_EXPORT_ID, &slot)) return flow.fail(rc);
-      if (const uint32_t rc = checkCondition(node, accept::published)) return flow.fail(rc);
-      auto* section = inSection<IdSection_t>(node, slot);
-      if (slot->size < sizeof *section || section->idSize > slot->size - sizeof *section)
-        return flow.fail(TREL_RC_ID_BOUNDS);
-      *idSize = section->idSize;
-      *id = reinterpret_cast<uint8_t*>(section + 1);
-      return 0;
+    Section section;
+    uint64_t found = 0;
+    const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+      if (!(once(node->exports) & TREL_EXPORT_ID)) return flow.fail(TREL_RC_GET_ID_NO_EXPORT);
+      if (const uint32_t failure = openSection(node, TREL_EXPORT_ID, &section))
+        return flow.fail(failure);
+      if (const uint32_t failure = checkCondition(node, accept::published))
+        return flow.fail(failure);
+      if (section.size < sizeof(IdSection_t)) return flow.fail(TREL_RC_ID_BOUNDS);
+      found = once(section.at<IdSection_t>()->idSize);
+      return found > section.size - sizeof(IdSection_t) ? flow.fail(TREL_RC_ID_BOUNDS) : 0;
     });
+    if (rc) return rc;
+    *idSize = found;
+    *id = section.at(sizeof(IdSection_t));
+    return 0;
   });
 }
 
@@ -107,20 +121,20 @@ uint32_t trelSetNodeID(SNodeCB_t* node, const uint8_t* id, uint64_t idSize, uint
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!id) return flow.fail(TREL_RC_ID_NULL);
     return within<Access::write>(node, inCriticalSection, [&]() -> uint32_t {
-      if (!(node->exports & TREL_EXPORT_ID)) return flow.fail(TREL_RC_SET_ID_NO_EXPORT);
+      if (!(once(node->exports) & TREL_EXPORT_ID)) return flow.fail(TREL_RC_SET_ID_NO_EXPORT);
       if (maxIdSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_SET_ID_MAX);
       const uint64_t maximum = round8(maxIdSize);
       if (idSize > maximum) return flow.fail(TREL_RC_SET_ID_SIZE);
-      ExportSlot_t* slot = nullptr;
-      if (const uint32_t rc = sectionOf(node, TREL_EXPORT_ID, &slot)) return flow.fail(rc);
-      auto* section = inSection<IdSection_t>(node, slot);
-      if (slot->size < sizeof *section + idSize) return flow.fail(TREL_RC_SLOT_USED);
+      Section section;
+      if (const uint32_t rc = openSection(node, TREL_EXPORT_ID, &section)) return flow.fail(rc);
+      auto* header = section.at<IdSection_t>();
+      if (section.size < sizeof *header + idSize) return flow.fail(TREL_RC_SLOT_USED);
       if (const uint32_t rc = checkCondition(node, accept::settled)) return flow.fail(rc);
-      storeLast(&section->idSize, 0);  // rather none than a mixture of two
-      section->maxIdSize = maximum;
-      memmove(section + 1, id, idSize);
-      storeLast(&section->idSize, idSize);
-      slot->used = sizeof *section + idSize;
+      storeLast(&header->idSize, 0);  // rather none than a mixture of two
+      header->maxIdSize = maximum;
+      memmove(header + 1, id, idSize);
+      storeLast(&header->idSize, idSize);
+      storeUsed(&section, TREL_EXPORT_ID, sizeof *header + idSize);
       return 0;
     });
   });

@@ -8,16 +8,12 @@ namespace {
 
 template <class K>
 uint32_t deleteBase(SNodeCB_t* node, uint64_t tag, uint64_t inCriticalSection) {
-  List<K> list;
-  const Key key{tag};
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  if (const uint32_t rc = openSection(&list)) return rc;
-  return withKey<K, Access::write>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
-    const uint64_t used = list.slot->used;
-    storeLast(&list.slot->used, used > bytesInUse(list) ? used - bytesInUse(list) : 0);
-    storeLast(&record->tag, 0);
-    return countReconfiguration(node);
-  });
+  return writeKey<K>(node, Key{tag}, 1, 0, inCriticalSection,
+                     [&](List<K>& list, auto* record) -> uint32_t {
+                       list.setUsed(lessOr0(list.used, bytesInUse(list)));
+                       storeLast(&record->tag, 0);
+                       return countReconfiguration(node);
+                     });
 }
 
 template <class K>
@@ -25,8 +21,7 @@ uint32_t getBaseLocation(SNodeCB_t* node, typename K::Record** record) {
   if (!node) return TREL_RC_NODE_NULL;
   if (!record) return Codes<K>::recordNull;
   List<K> list;
-  list.node = node;
-  const uint32_t rc = openSection(&list);
+  const uint32_t rc = openSection(node, K::bit, &list);
   return rc ? rc : baseRecord(list, record);
 }
 
@@ -37,22 +32,25 @@ uint32_t returnBase(SNodeCB_t* node, uint64_t* tag, uint64_t* valueSize,
   if (!node) return TREL_RC_NODE_NULL;
   if (!tag) return TREL_RC_OUT_BASE_TAG;
   if (K::hasBytes && !valueSize) return TREL_RC_VALUE_SIZES_NULL;
-  List<K> list;
-  list.node = node;
-  if (const uint32_t rc = openSection(&list)) return rc;
-  return reading(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
+  uint64_t foundTag = 0, foundSize = 0;
+  const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+    List<K> list;
     typename K::Record* record = nullptr;
-    if (const uint32_t rc = baseRecord(list, &record)) return rc;
+    if (const uint32_t failure = openSection(node, K::bit, &list)) return failure;
+    if (const uint32_t failure = checkCondition(node, accept::usable)) return failure;
+    if (const uint32_t failure = baseRecord(list, &record)) return failure;
     if (!list.holds(list.offset + Form<K>::flatHeader, sizeof *record)) return Codes<K>::bounds;
     if constexpr (K::hasBytes) {
-      if (!list.holds(record->valueOffset, 0)) return K::valueOffsetBounds;
-      *valueSize = record->valueSize;
+      if (!list.holds(once(record->valueOffset), 0)) return K::valueOffsetBounds;
+      foundSize = once(record->valueSize);
     }
-    const uint64_t stored = record->tag;
-    if (stored > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-    *tag = stored;
-    return 0;
+    foundTag = once(record->tag);
+    return foundTag > TREL_MAX_TAG ? uint32_t{TREL_RC_TAG_RANGE} : 0;
   });
+  if (rc) return rc;
+  *tag = foundTag;
+  if (K::hasBytes) *valueSize = foundSize;
+  return 0;
 }
 
 }  // namespace
@@ -66,12 +64,8 @@ uint32_t trelCreateBaseRProperty(SNodeCB_t* node, uint64_t tag, int32_t value,
   return traced(FID_trelCreateBaseRProperty, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!(node->exports & K::bit)) return flow.fail(Codes<K>::noExport);
-    List<K> list;
-    list.node = node;
-    if (const uint32_t rc = openSection(&list)) return rc;
-    if (list.size < bytesInUse(list)) return flow.fail(Codes<K>::flatFit);
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE, &tag, sizeof tag);
-    return writeBase(list, Key{tag}, Value{value}, inCriticalSection);
+    return writeBase<K>(node, 0, Key{tag}, Value{value}, inCriticalSection);
   });
 }
 
@@ -85,14 +79,9 @@ uint32_t trelCreateBaseVProperty(SNodeCB_t* node, uint64_t tag, const uint8_t* v
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE, &tag, sizeof tag);
     if (maxValueSize == 0 || maxValueSize > TREL_MAX_VALUE_SIZE)
       return flow.fail(TREL_RC_VALUE_MAX, &maxValueSize, sizeof maxValueSize);
-    List<K> list;
-    list.node = node;
-    list.maxValueSize = round8(maxValueSize);
-    if (!isValueSize(size, list.maxValueSize))
-      return flow.fail(TREL_RC_VALUE_SIZE, &size, sizeof size);
-    if (const uint32_t rc = openSection(&list)) return rc;
-    if (list.size < bytesInUse(list)) return flow.fail(Codes<K>::flatFit);
-    return writeBase(list, Key{tag}, Value{0, size, value}, inCriticalSection);
+    const uint64_t maximum = round8(maxValueSize);
+    if (!isValueSize(size, maximum)) return flow.fail(TREL_RC_VALUE_SIZE, &size, sizeof size);
+    return writeBase<K>(node, maximum, Key{tag}, Value{0, size, value}, inCriticalSection);
   });
 }
 

@@ -8,19 +8,12 @@
 namespace trel {
 namespace {
 
-// Turns the node's list on, if its section has room for one entry.
-uint32_t exportList(SNodeCB_t* node, const ExportSlot_t* slot, uint64_t maxIdSize) {
-  if (node->exports & TREL_EXPORT_DEPENDENT) return 0;
-  if (slot->size < kDependentHeader + sizeof(SNodeInfo_t) + maxIdSize)
+// Turns the node's list on, if its section has room for one entry. The caller is inside.
+uint32_t exportList(const DependentList& list, uint64_t maxIdSize) {
+  if (once(list.node->exports) & TREL_EXPORT_DEPENDENT) return 0;
+  if (list.size < kDependentHeader + sizeof(SNodeInfo_t) + maxIdSize)
     return TREL_RC_DEPENDENT_SECTION_SMALL;
-  exportDependents(node, true);
-  return 0;
-}
-
-uint32_t createEmpty(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize) {
-  if (const uint32_t rc = exportList(node, slot, maxIdSize)) return rc;
-  if (slot->size < kDependentHeader) return TREL_RC_DEPENDENT_SECTION_SMALL;
-  clearDependents(node, slot, maxIdSize);
+  exportDependents(list.node, true);
   return 0;
 }
 
@@ -58,45 +51,38 @@ uint32_t checkEntries(const NewEntries& given, uint64_t maxIdSize) {
   return 0;
 }
 
-void fillList(SNodeCB_t* node, ExportSlot_t* slot, const NewEntries& given, uint64_t maxIdSize) {
-  exportDependents(node, true);  // another writer may have emptied the list before this section
-  clearDependents(node, slot, maxIdSize);
+void fillList(DependentList* list, const NewEntries& given, uint64_t maxIdSize) {
+  clearDependents(list, maxIdSize);
   const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
   const uint8_t* id = given.ids;
   for (uint64_t i = 0; i < given.count; ++i) {
-    storeDependent(node, inSection<SNodeInfo_t>(node, slot, slot->used), &given.records[i], id,
+    storeDependent(list->node, list->at<SNodeInfo_t>(list->used), &given.records[i], id,
                    given.sizes[i]);
-    slot->used = slot->used + stride;
+    list->setUsed(list->used + stride);
     id += given.sizes[i];
   }
 }
 
-// The room for identifiers; 0 where the list is off.
-uint32_t readMaxIdSize(SNodeCB_t* node, uint64_t* maxIdSize) {
-  DependentList list = {};
-  if (node->exports & TREL_EXPORT_DEPENDENT) {
-    if (const uint32_t rc = locateDependents(node, &list)) return rc;
-  }
-  *maxIdSize = list.maxIdSize;
+// Copies one entry out, with its identifier, into a slot of the caller's. The base that the record
+// counts from is that of the mapping; only in memory of the caller's own the record itself tells.
+uint32_t copyOut(const SNodeInfo_t* entry, uint32_t maxIdSize, SNodeInfo_t* record, uint8_t* id,
+                 uint64_t idSlotSize) {
+  SNodeInfo_t copy = *entry;
+  const void* start = at<void>(entry, 0 - copy.selfOffset);
+  startOfMapping(entry, &start);
+  copy.segBase = offsetOf(start, nullptr);
+  copy.selfOffset = 0;
+  *record = copy;
+  if (copy.idSize > maxIdSize) return TREL_RC_ID_BOUNDS;
+  if (copy.idSize > idSlotSize) return TREL_RC_PROPERTY_ID_SIZE;
+  if (copy.idSize) memcpy(id, idOf(entry), static_cast<size_t>(copy.idSize));
   return 0;
 }
 
-// Copies one entry out, with its identifier.
-uint32_t copyOut(const SNodeInfo_t* entry, uint32_t maxIdSize, SNodeInfo_t* record, uint8_t* id) {
-  *record = *entry;
-  record->segBase = offsetOf(entry, nullptr) - record->selfOffset;
-  record->selfOffset = 0;
-  const uint64_t idSize = record->idSize;
-  if (idSize > maxIdSize) return TREL_RC_ID_BOUNDS;
-  if (idSize) memcpy(id, idOf(entry), idSize);
-  return 0;
-}
-
-// For operations that read a list: located, with a count that a list can have, and not empty.
-uint32_t locateFilled(SNodeCB_t* node, DependentList* list, uint32_t empty) {
-  if (locateDependents(node, list)) return TREL_RC_DEPENDENT_ABSENT;
-  if (list->live == 0) return empty;
-  return list->live > TREL_MAX_DEPENDENTS ? uint32_t{TREL_RC_DEPENDENT_COUNT} : 0;
+// The tests of a list that is read and must hold something.
+uint32_t checkFilled(const DependentList& list, uint32_t empty) {
+  if (list.live == 0) return empty;
+  return list.live > TREL_MAX_DEPENDENTS ? uint32_t{TREL_RC_DEPENDENT_COUNT} : 0;
 }
 
 }  // namespace
@@ -115,19 +101,23 @@ uint32_t trelCreateDependentNodeList(SNodeCB_t* node, SNodeInfo_t* records, cons
     if (count && !records) return flow.fail(TREL_RC_NODE_INFOS_NULL);
     if (count && !ids) return flow.fail(TREL_RC_ID_NULL);
     if (count && !sizes) return flow.fail(TREL_RC_ID_SIZES_NULL);
-    ExportSlot_t* slot = nullptr;
-    if (const uint32_t rc = sectionOf(node, TREL_EXPORT_DEPENDENT, &slot)) return flow.fail(rc);
-    if (count == 0) {
-      return writing(node, inCriticalSection, accept::settled,
-                     [&] { return createEmpty(node, slot, maximum); });
-    }
-    if (const uint32_t rc = exportList(node, slot, maximum)) return flow.fail(rc);
-    if (kDependentHeader + (maximum + sizeof(SNodeInfo_t)) * count > slot->size)
-      return flow.fail(TREL_RC_DEPENDENTS_FULL);
     const NewEntries given = {records, sizes, ids, count};
-    if (const uint32_t rc = checkEntries(given, maximum)) return flow.fail(rc);
-    return writing(node, inCriticalSection, accept::settled, [&]() -> uint32_t {
-      fillList(node, slot, given, maximum);
+    return within<Access::write>(node, inCriticalSection, [&]() -> uint32_t {
+      DependentList list;
+      if (const uint32_t rc = openSection(node, TREL_EXPORT_DEPENDENT, &list)) return flow.fail(rc);
+      if (count == 0) {
+        if (const uint32_t rc = checkCondition(node, accept::settled)) return flow.fail(rc);
+        if (const uint32_t rc = exportList(list, maximum)) return flow.fail(rc);
+        if (list.size < kDependentHeader) return flow.fail(TREL_RC_DEPENDENT_SECTION_SMALL);
+        clearDependents(&list, maximum);
+        return 0;
+      }
+      if (const uint32_t rc = exportList(list, maximum)) return flow.fail(rc);
+      if (kDependentHeader + (maximum + sizeof(SNodeInfo_t)) * count > list.size)
+        return flow.fail(TREL_RC_DEPENDENTS_FULL);
+      if (const uint32_t rc = checkEntries(given, maximum)) return flow.fail(rc);
+      if (const uint32_t rc = checkCondition(node, accept::settled)) return flow.fail(rc);
+      fillList(&list, given, maximum);
       return countReconfiguration(node);
     });
   });
@@ -158,8 +148,6 @@ uint32_t trelAddDependentNode(SNodeCB_t* node, SNodeInfo_t* record, const uint8_
     const uint64_t tag = record->nodeTag;
     if (tag == 0 || tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE, &tag, sizeof tag);
     const SoughtName name = {tag, id, idSize};
-    DependentList list;
-    if (const uint32_t rc = locateForAdd(node, name, &list)) return flow.fail(rc);
     return within<Access::write>(node, inCriticalSection, [&] {
       return addDependent(node, record, name, addMode == TREL_ADD_REPLACE);
     });
@@ -173,17 +161,19 @@ uint32_t trelAddParentNode(SNodeCB_t* node, SNodeInfo_t* record, uint64_t idSize
     if (!(node->exports & TREL_EXPORT_PARENT)) return flow.fail(TREL_RC_NO_PARENT_SECTION);
     if (!record) return flow.fail(TREL_RC_NODE_INFO_NULL);
     return writing(node, 0, accept::usable, [&]() -> uint32_t {
-      ExportSlot_t* slot = nullptr;
-      if (const uint32_t rc = sectionOf(node, TREL_EXPORT_PARENT, &slot)) return flow.fail(rc);
-      auto* section = inSection<ParentSection_t>(node, slot);
-      if (slot->size < sizeof *section) return flow.fail(TREL_RC_SLOT_USED);
-      if (section->maxIdSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_MAX);
-      if (idSize > section->maxIdSize) return flow.fail(TREL_RC_NODE_ID_SIZE);
+      Section section;
+      if (const uint32_t rc = openSection(node, TREL_EXPORT_PARENT, &section)) return flow.fail(rc);
+      if (section.size < sizeof(ParentSection_t)) return flow.fail(TREL_RC_SLOT_USED);
+      auto* stored = section.at<ParentSection_t>();
+      const uint64_t maxIdSize = once(stored->maxIdSize);
+      if (maxIdSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_MAX);
+      if (idSize > maxIdSize) return flow.fail(TREL_RC_NODE_ID_SIZE);
       if (idSize != 0 && !id) return flow.fail(TREL_RC_ID_NULL);
-      if (slot->size < sizeof *section + idSize) return flow.fail(TREL_RC_SLOT_USED);
-      storeLast(&slot->used, offsetof(ParentSection_t, parent));  // no parent while it changes
-      storeDependent(node, &section->parent, record, id, idSize);
-      storeLast(&slot->used, sizeof *section + idSize);
+      if (section.size < sizeof *stored + idSize) return flow.fail(TREL_RC_SLOT_USED);
+      // No parent while it changes.
+      storeUsed(&section, TREL_EXPORT_PARENT, offsetof(ParentSection_t, parent));
+      storeDependent(node, &stored->parent, record, id, idSize);
+      storeUsed(&section, TREL_EXPORT_PARENT, sizeof *stored + idSize);
       return 0;
     });
   });
@@ -199,32 +189,36 @@ uint32_t trelReturnDependentNodes(SNodeCB_t* node, SNodeInfo_t* records, uint8_t
     if (!live) return flow.fail(TREL_RC_OUT_RETURN_LIVE);
     if (!ids) return flow.fail(TREL_RC_ID_NULL);
     if (length == 0 || length > TREL_MAX_DEPENDENTS) return flow.fail(TREL_RC_DEPENDENT_COUNT);
-    uint64_t maxIdSize = 0;
-    if (const uint32_t rc = readMaxIdSize(node, &maxIdSize)) return flow.fail(rc);
-    if (idSlotSize > maxIdSize) return flow.fail(TREL_RC_ID_STRIDE);
-    DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
-    return reading(node, inCriticalSection, accept::any, [&]() -> uint32_t {
-      if (const uint32_t rc = locateFilled(node, &list, TREL_RC_DEPENDENTS_EMPTY))
-        return flow.fail(rc);
-      const uint64_t count = list.live < length ? list.live : length;
+    uint64_t count = 0, total = 0;
+    const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+      DependentList list;
+      if (const uint32_t failure = locateDependents(node, &list)) return flow.fail(failure);
+      if (idSlotSize > list.maxIdSize) return flow.fail(TREL_RC_ID_STRIDE);
+      if (const uint32_t failure = checkCondition(node, accept::any)) return flow.fail(failure);
+      if (const uint32_t failure = checkFilled(list, TREL_RC_DEPENDENTS_EMPTY))
+        return flow.fail(failure);
+      total = list.live;
+      count = total < length ? total : length;
       DependentWalk walk(list);
       for (uint64_t i = 0; i < count; ++i) {
         SNodeInfo_t* entry = nullptr;
-        if (const uint32_t rc = walk.next(&entry)) return flow.fail(rc);
-        if (const uint32_t rc = copyOut(entry, list.maxIdSize, &records[i], ids + i * idSlotSize))
-          return flow.fail(rc);
+        if (const uint32_t failure = walk.next(&entry)) return flow.fail(failure);
+        if (const uint32_t failure =
+                copyOut(entry, list.maxIdSize, &records[i], ids + i * idSlotSize, idSlotSize))
+          return flow.fail(failure);
       }
-      *returned = count;
-      *live = list.live;
       return 0;
     });
+    if (rc) return rc;
+    *returned = count;
+    *live = total;
+    return 0;
   });
 }
 
 uint32_t trelDeleteDependentNodesArray(void** block) {
   return traced(FID_trelDeleteDependentNodesArray, [&](const Flow& flow) -> uint32_t {
-    if (!block) return flow.fail(TREL_RC_NODE_INFOS_NULL);
+    if (!block || !*block) return flow.fail(TREL_RC_NODE_INFOS_NULL);
     return _platMemFree(block, 0, 0, kModuleName, __LINE__);
   });
 }
@@ -236,13 +230,14 @@ uint32_t trelReturnNumberOfDependentNodes(SNodeCB_t* node, uint64_t* live, uint6
     if (!live) return flow.fail(TREL_RC_OUT_LIVE_COUNT);
     if (!capacity) return flow.fail(TREL_RC_OUT_CAPACITY);
     DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
-    return reading(node, inCriticalSection, accept::any, [&]() -> uint32_t {
-      if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
-      *live = list.live;
-      *capacity = list.capacity();
-      return 0;
+    const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+      const uint32_t failure = locateDependents(node, &list);
+      return failure ? failure : checkCondition(node, accept::any);
     });
+    if (rc) return flow.fail(rc);
+    *live = list.live;
+    *capacity = list.capacity();
+    return 0;
   });
 }
 
@@ -252,17 +247,19 @@ uint32_t trelFindDependentNode(SNodeInfo_t** entry, SNodeCB_t* node, uint64_t ta
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!entry) return flow.fail(TREL_RC_NODE_INFO_NULL);
     if (idSize != 0 && !id) return flow.fail(TREL_RC_ID_NULL);
-    DependentList list;
-    if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
-    return writing(node, inCriticalSection, accept::any, [&]() -> uint32_t {
-      if (const uint32_t rc = locateFilled(node, &list, TREL_RC_DEPENDENT_ABSENT))
-        return flow.fail(rc);
-      FoundDependent found;
-      if (const uint32_t rc = findDependent(list, {tag, id, idSize}, &found)) return flow.fail(rc);
-      if (!found.entry) return flow.fail(TREL_RC_DEPENDENT_ABSENT);
-      *entry = found.entry;
-      return 0;
+    FoundDependent found;
+    const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+      DependentList list;
+      found = {};
+      if (const uint32_t failure = locateDependents(node, &list)) return failure;
+      if (const uint32_t failure = checkCondition(node, accept::any)) return failure;
+      if (const uint32_t failure = checkFilled(list, TREL_RC_DEPENDENT_ABSENT)) return failure;
+      return findDependent(list, {tag, id, idSize}, &found);
     });
+    if (rc) return flow.fail(rc);
+    if (!found.entry) return flow.fail(TREL_RC_DEPENDENT_ABSENT);
+    *entry = found.entry;
+    return 0;
   });
 }
 
@@ -272,8 +269,11 @@ uint32_t trelGetMaxIDSizeForDependentNode(SNodeCB_t* node, uint32_t exportBit,
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!maxIdSize) return flow.fail(TREL_RC_OUT_DEPENDENT_ID_MAX);
     if (exportBit != TREL_EXPORT_DEPENDENT) return flow.fail(TREL_RC_EXPORT_BIT);
-    const uint32_t rc = readMaxIdSize(node, maxIdSize);
-    return rc ? flow.fail(rc) : 0;
+    DependentList list;
+    if (once(node->exports) & TREL_EXPORT_DEPENDENT)  // else 0, whatever the slot holds
+      if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
+    *maxIdSize = list.maxIdSize;
+    return 0;
   });
 }
 
@@ -301,7 +301,8 @@ uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t* slot,
     DependentList list;
     if (const uint32_t rc = locateDependents(node, &list)) return flow.fail(rc);
     const uint64_t next = offsetOf(*entry, node) + list.stride();
-    if (next < slot->offset || next > slot->offset + slot->size)
+    const uint64_t offset = once(slot->offset);
+    if (next < offset || next > offset + once(slot->size))
       return flow.fail(TREL_RC_DEPENDENT_BOUNDS);
     *entry = at<SNodeInfo_t>(node, next);
     return 0;

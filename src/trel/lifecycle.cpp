@@ -1,7 +1,7 @@
 // Condition, options and heartbeat of a node.
 #include "trel/node.h"
+#include "treli/node_lock.h"
 #include "treli/options.h"
-#include "treli/section.h"
 
 namespace trel {
 namespace {

@@ -31,7 +31,7 @@ struct Initialisation {
   uint32_t fill(SNodeCB_t* node) const;
 
  private:
-  void fillSection(SNodeCB_t* node, uint32_t bit, ExportSlot_t* slot) const;
+  void fillSection(Section* section, uint32_t bit) const;
   template <class Use>
   uint32_t forEachSection(SNodeCB_t* node, Use&& use) const;
 };
@@ -56,7 +56,7 @@ uint32_t Initialisation::check(uint64_t exports) {
   return 0;
 }
 
-// use(section, rc, slot) for each of the node's fixed sections, rc being the slot's own failure.
+// use(fixed, rc, &section) for each of the node's fixed sections, rc being its slot's own failure.
 template <class Use>
 uint32_t Initialisation::forEachSection(SNodeCB_t* node, Use&& use) const {
   const FixedSection sections[] = {{TREL_EXPORT_ID, sizeof(IdSection_t) + maxIdSize},
@@ -64,12 +64,12 @@ uint32_t Initialisation::forEachSection(SNodeCB_t* node, Use&& use) const {
                                    {TREL_EXPORT_HDM_MODULE, sizeof(HdmModuleRecord_t)},
                                    {TREL_EXPORT_RECORD24, 24},
                                    {TREL_EXPORT_CHANGE_LIST, sizeof(ChangeListSection_t)}};
-  const uint64_t exports = node->exports;
-  for (const FixedSection& section : sections) {
-    if (!(exports & section.bit)) continue;
-    ExportSlot_t* slot = nullptr;
-    const uint32_t found = sectionOf(node, section.bit, &slot);
-    if (const uint32_t rc = use(section, found, slot)) return rc;
+  const uint64_t exports = once(node->exports);
+  for (const FixedSection& fixed : sections) {
+    if (!(exports & fixed.bit)) continue;
+    Section section;
+    const uint32_t found = openSection(node, fixed.bit, &section);
+    if (const uint32_t rc = use(fixed, found, &section)) return rc;
   }
   return 0;
 }
@@ -77,51 +77,48 @@ uint32_t Initialisation::forEachSection(SNodeCB_t* node, Use&& use) const {
 // A slot that cannot be looked up is not judged here: its own code comes up when it is filled.
 uint32_t Initialisation::checkRoom(SNodeCB_t* node) const {
   return forEachSection(
-      node, [](const FixedSection& section, uint32_t found, const ExportSlot_t* slot) -> uint32_t {
-        return found == 0 && slot->size < section.need ? uint32_t{TREL_RC_SLOT_USED} : 0;
+      node, [](const FixedSection& fixed, uint32_t found, const Section* section) -> uint32_t {
+        return found == 0 && section->size < fixed.need ? uint32_t{TREL_RC_SLOT_USED} : 0;
       });
 }
 
 uint32_t Initialisation::fill(SNodeCB_t* node) const {
-  return forEachSection(node, [&](const FixedSection& section, uint32_t found, ExportSlot_t* slot) {
-    if (found == 0) fillSection(node, section.bit, slot);
+  return forEachSection(node, [&](const FixedSection& fixed, uint32_t found, Section* section) {
+    if (found == 0) fillSection(section, fixed.bit);
     return found;
   });
 }
 
-void Initialisation::fillSection(SNodeCB_t* node, uint32_t bit, ExportSlot_t* slot) const {
+void Initialisation::fillSection(Section* section, uint32_t bit) const {
+  const auto use = [&](uint64_t bytes) { storeUsed(section, bit, bytes); };
   switch (bit) {
     case TREL_EXPORT_ID: {
-      auto* section = inSection<IdSection_t>(node, slot);
-      section->maxIdSize = maxIdSize;
-      section->idSize = idSize;
-      memmove(section + 1, id, idSize);
-      slot->used = sizeof *section + idSize;
-      break;
+      auto* header = section->at<IdSection_t>();
+      header->maxIdSize = maxIdSize;
+      header->idSize = idSize;
+      memmove(header + 1, id, idSize);
+      return use(sizeof *header + idSize);
     }
     case TREL_EXPORT_PARENT: {
-      auto* section = inSection<ParentSection_t>(node, slot);
-      section->maxIdSize = maxIdSize;
-      section->parent = *parent;
-      section->parent.selfOffset = nodeOffset + slot->offset + offsetof(ParentSection_t, parent);
-      section->parent.idSize = parentIdSize;
-      if (parentIdSize) memmove(section + 1, parentId, parentIdSize);
-      slot->used = sizeof *section + parentIdSize;
-      break;
+      auto* header = section->at<ParentSection_t>();
+      header->maxIdSize = maxIdSize;
+      header->parent = *parent;
+      header->parent.selfOffset = nodeOffset + section->offset + offsetof(ParentSection_t, parent);
+      header->parent.idSize = parentIdSize;
+      if (parentIdSize) memmove(header + 1, parentId, parentIdSize);
+      return use(sizeof *header + parentIdSize);
     }
     case TREL_EXPORT_HDM_MODULE:
-      *inSection<HdmModuleRecord_t>(node, slot) = *module;
-      slot->used = sizeof *module;
-      break;
+      *section->at<HdmModuleRecord_t>() = *module;
+      return use(sizeof *module);
     case TREL_EXPORT_RECORD24:
-      memcpy(inSection(node, slot), record24, 24);
-      slot->used = 24;
-      break;
+      memcpy(section->at(), record24, 24);
+      return use(24);
     default: {
-      auto* section = inSection<ChangeListSection_t>(node, slot);
-      memset(section, 0, sizeof *section);
-      section->exports = node->exports;
-      slot->used = sizeof *section;
+      auto* list = section->at<ChangeListSection_t>();
+      memset(list, 0, sizeof *list);
+      list->exports = once(section->node->exports);
+      use(sizeof *list);
     }
   }
 }

@@ -1,80 +1,72 @@
 // Lists of properties: create, add, find, delete, walk; one row for each kind.
 #include "trel/property.h"
 #include "treli/list_creation.h"
-#include "treli/property_access.h"
 #include "treli/rows.h"
 
 namespace trel {
 namespace {
 
-// The tests of an operation by key, up to the table sizes.
-template <class K>
-uint32_t open(SNodeCB_t* node, const Key& key, uint64_t valueSize, List<K>* list) {
-  const uint32_t rc = checkInput(node, key, valueSize, list);
-  return rc ? rc : openList(list);
-}
-
 template <class K>
 uint32_t add(SNodeCB_t* node, const Key& key, const Value& value, uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, value.size, &list)) return rc;
-  if (K::hasBytes && !value.bytes) return K::valueNull;
-  if (const uint32_t rc = openList(&list)) return rc;
-  return writing(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
-    if (const uint32_t rc = confirm(&list, key, value.size)) return rc;
+  if (!node) return TREL_RC_NODE_NULL;
+  return within<Access::write>(node, inCriticalSection, [&]() -> uint32_t {
+    List<K> list;
+    if (const uint32_t rc = openForKey(node, key, value.size, &list)) return rc;
+    if (K::hasBytes && !value.bytes) return K::valueNull;
+    if (const uint32_t rc = openTables(&list)) return rc;
+    if (const uint32_t rc = checkCondition(node, accept::usable)) return rc;
     return list.hashed() ? addHashed(list, key, value) : addFlat(list, key, value);
   });
+}
+
+// Work on a list in hash form, for a caller who is inside: work(list).
+template <class K, class Work>
+uint32_t onHashTable(SNodeCB_t* node, const Key& key, uint64_t valueSize, uint32_t refusal,
+                     Work&& work) {
+  List<K> list;
+  if (const uint32_t rc = openForKey(node, key, valueSize, &list)) return rc;
+  if (refusal) return refusal;
+  if (const uint32_t rc = openTables(&list)) return rc;
+  return list.hashed() ? work(list) : uint32_t{TREL_RC_TABLE_SIZE};
 }
 
 template <class K>
 uint32_t addToHashTable(SNodeCB_t* node, const Key& key, const Value& value,
                         uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, value.size, &list)) return rc;
-  if (K::hasBytes && !value.bytes) return K::valueNull;
-  if (const uint32_t rc = openList(&list)) return rc;
-  if (!list.hashed()) return TREL_RC_TABLE_SIZE;
-  return within<Access::write>(node, inCriticalSection, [&]() -> uint32_t {
-    if (const uint32_t rc = confirm(&list, key, value.size)) return rc;
-    return list.hashed() ? addHashed(list, key, value) : uint32_t{TREL_RC_TABLE_SIZE};
+  if (!node) return TREL_RC_NODE_NULL;
+  const uint32_t refusal = K::hasBytes && !value.bytes ? K::valueNull : 0;
+  return within<Access::write>(node, inCriticalSection, [&] {
+    return onHashTable<K>(node, key, value.size, refusal,
+                          [&](List<K>& list) { return addHashed(list, key, value); });
   });
 }
 
 template <class K>
 uint32_t findInHashTable(SNodeCB_t* node, const Key& key, typename K::Record** record) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  if (!record) return Codes<K>::recordNull;
-  if (const uint32_t rc = openList(&list)) return rc;
-  return list.hashed() ? findHashed(list, bucketOf(list, 0, key), key, Codes<K>::absent, record)
-                       : uint32_t{TREL_RC_TABLE_SIZE};
-}
-
-// The caller is inside the section.
-template <class K>
-uint32_t removeFound(List<K>* list, const Key& key) {
-  if (const uint32_t rc = confirm(list, key, 1)) return rc;
-  return list->hashed() ? deleteHashed(*list, key) : deleteFlat(*list, key);
+  if (!node) return TREL_RC_NODE_NULL;
+  return onHashTable<K>(node, key, 1, record ? 0 : Codes<K>::recordNull, [&](List<K>& list) {
+    return findHashed(list, bucketOf(list, 0, key), key, Codes<K>::absent, record);
+  });
 }
 
 template <class K>
 uint32_t removeFromHashTable(SNodeCB_t* node, const Key& key) {
-  List<K> list;
-  if (const uint32_t rc = open(node, key, 1, &list)) return rc;
-  if (!list.hashed()) return TREL_RC_TABLE_SIZE;
-  return within<Access::write>(node, 0, [&] { return removeFound(&list, key); });
+  if (!node) return TREL_RC_NODE_NULL;
+  return within<Access::write>(node, 0, [&] {
+    return onHashTable<K>(node, key, 1, 0, [&](List<K>& list) { return deleteHashed(list, key); });
+  });
 }
 
-// The condition is tested inside the section for a flat list, in front of it for a hashed one.
 template <class K>
 uint32_t remove(SNodeCB_t* node, const Key& key, uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = open(node, key, 1, &list)) return rc;
-  if (list.hashed()) {
+  if (!node) return TREL_RC_NODE_NULL;
+  return within<Access::write>(node, inCriticalSection, [&]() -> uint32_t {
+    List<K> list;
+    if (const uint32_t rc = openForKey(node, key, 1, &list)) return rc;
+    if (const uint32_t rc = openTables(&list)) return rc;
     if (const uint32_t rc = checkCondition(node, accept::usable)) return rc;
-    return within<Access::write>(node, inCriticalSection, [&] { return removeFound(&list, key); });
-  }
-  return writing(node, inCriticalSection, accept::usable, [&] { return removeFound(&list, key); });
+    return list.hashed() ? deleteHashed(list, key) : deleteFlat(list, key);
+  });
 }
 
 // The start of a flat walk, and the counts for it; none for a list that was never created.
@@ -86,10 +78,9 @@ uint32_t getFirst(SNodeCB_t* node, typename K::Record** record, uint64_t* count,
   if (!capacity) return Codes<K>::capacityNull;
   if (!record) return Codes<K>::recordNull;
   List<K> list;
-  list.node = node;
-  if (const uint32_t rc = openSection(&list)) return rc;
-  if (const uint32_t rc = readLimits(&list)) return rc;
-  list.created = list.slot->used >= Form<K>::flatHeader;
+  if (const uint32_t rc = openLimits(node, &list)) return rc;
+  if (list.fault) return list.fault;
+  list.created = list.used >= Form<K>::flatHeader;
   const bool counts = list.created && !reportsNothing(list);
   *count = counts ? occupiedRecords(list) : 0;
   *capacity = counts ? (list.size - Form<K>::flatHeader) / list.recordBytes() : 0;
@@ -103,10 +94,9 @@ uint32_t getNext(SNodeCB_t* node, const ExportSlot_t* slot, typename K::Record**
   if (!node || !slot) return TREL_RC_NODE_NULL;
   if (!record || !*record) return Codes<K>::recordNull;
   List<K> list;
-  list.node = node;
-  if (const uint32_t rc = readLimits(&list)) return rc;
-  list.offset = slot->offset;
-  list.size = slot->size;
+  if (const uint32_t rc = openLimits(node, &list)) return rc;
+  list.offset = once(slot->offset);
+  list.size = once(slot->size);
   *record = at<typename K::Record>(*record, list.recordBytes());
   return list.holds(offsetOf(*record, node), 0) ? 0 : K::walkBounds;
 }

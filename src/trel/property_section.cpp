@@ -31,13 +31,34 @@ uint32_t withKind(uint32_t bit, Work&& work) {
 template <class Work>
 uint32_t withStack(SNodeCB_t* node, uint32_t bit, Work&& work) {
   return withKind(bit, [&](auto of) -> uint32_t {
-    List<typename decltype(of)::Kind> list;
-    list.node = node;
+    using K = typename decltype(of)::Kind;
+    List<K> list;
     Stack stack;
-    if (const uint32_t rc = openSection(&list)) return rc;
+    if (const uint32_t rc = openSection(node, K::bit, &list)) return rc;
     const uint32_t rc = openStack(list, &stack);
     return work(list, stack, rc);
   });
+}
+
+// use(list, rc) of which the table sizes alone have been read and tested. The first is handed out
+// even if it is none.
+template <class K, class Use>
+uint32_t withTables(SNodeCB_t* node, Use&& use) {
+  List<K> list;
+  if (const uint32_t rc = openSection(node, K::bit, &list)) return rc;
+  const uint32_t rc = readTableSizes(&list);
+  use(list, rc);
+  return rc;
+}
+
+template <class K>
+uint32_t readMaxima(SNodeCB_t* node, uint64_t* maxIdSize, uint64_t* maxValueSize) {
+  List<K> list;
+  const uint32_t rc = openLimits(node, &list);
+  if (rc) return rc;
+  if (maxIdSize) *maxIdSize = list.maxIdSize;
+  if (maxValueSize) *maxValueSize = list.maxValueSize;
+  return 0;
 }
 
 template <class K>
@@ -47,7 +68,7 @@ uint32_t checkWithOuts(SNodeCB_t* node, const Key& key, uint64_t valueSize, uint
     return K::hasId ? TREL_RC_OUT_VALUE_MAX_IV : TREL_RC_OUT_VALUE_MAX_V;
   if (K::hasId && !maxIdSize) return K::hasBytes ? TREL_RC_OUT_ID_MAX_IV : TREL_RC_OUT_ID_MAX_IR;
   List<K> list;
-  const uint32_t rc = checkInput(node, key, valueSize, &list);
+  const uint32_t rc = openForKey(node, key, valueSize, &list);
   if (K::hasId) *maxIdSize = list.maxIdSize;
   if (K::hasBytes) *maxValueSize = list.maxValueSize;
   return rc;
@@ -96,7 +117,7 @@ uint32_t trelGetFreeSpaceOffsetForProperty(SNodeCB_t* node, uint32_t kind, uint6
     if (!node || !offset) return flow.fail(TREL_RC_NODE_NULL);
     return withStack(node, kind, [&](auto& list, const Stack& stack, uint32_t failure) -> uint32_t {
       if (failure) return failure;
-      if (const uint32_t rc = readLimits(&list)) return rc;
+      if (const uint32_t rc = openLimits(node, &list)) return rc;
       if (const uint32_t rc = findPlace(list, stack, offset)) return rc;
       takePlace(list, stack);
       return 0;
@@ -118,9 +139,10 @@ uint32_t trelGetNumberOfFreedLListNodes(SNodeCB_t* node, uint32_t kind, uint64_t
 uint32_t trelGetMemoryStackSizeForHashTable(SNodeCB_t* node, uint32_t kind, uint64_t* size) {
   return traced(FID_trelGetMemoryStackSizeForHashTable, [&](const Flow& flow) -> uint32_t {
     if (!node || !size) return flow.fail(TREL_RC_NODE_NULL);
-    return withStack(node, kind, [&](auto&, const Stack& stack, uint32_t failure) -> uint32_t {
-      if (stack.anchor) *size = stack.bytes;
-      return failure;
+    return withStack(node, kind, [&](auto& list, const Stack& stack, uint32_t failure) -> uint32_t {
+      if (!stack.anchor) return failure;
+      *size = stack.bytes;  // more freed list nodes than properties count elsewhere
+      return stack.freed <= (list.size - sizeof(HashAnchor_t)) / 8 ? 0u : TREL_RC_FREED_COUNT;
     });
   });
 }
@@ -144,9 +166,8 @@ uint32_t trelGetHashTableSizeForRVProperties(SNodeCB_t* node, uint32_t kind, uin
     return withKind(kind, [&](auto of) -> uint32_t {
       using K = typename decltype(of)::Kind;
       if (K::hasId) return TREL_RC_EXPORT_BIT;
-      ExportSlot_t* slot = nullptr;
-      if (const uint32_t rc = sectionOf(node, K::bit, &slot)) return rc;
-      return readTableSizes<K>(node, slot, {tableSize, nullptr, nullptr});
+      return withTables<K>(node,
+                           [&](const List<K>& list, uint32_t) { *tableSize = list.tables[0]; });
     });
   });
 }
@@ -159,9 +180,12 @@ uint32_t trelGetHashTableSizeForIRVProperties(SNodeCB_t* node, uint32_t kind, ui
     return withKind(kind, [&](auto of) -> uint32_t {
       using K = typename decltype(of)::Kind;
       if (!K::hasId) return TREL_RC_EXPORT_BIT;
-      ExportSlot_t* slot = nullptr;
-      if (const uint32_t rc = sectionOf(node, K::bit, &slot)) return rc;
-      return readTableSizes<K>(node, slot, {tableSize1, tableSize2, tableSize3});
+      return withTables<K>(node, [&](const List<K>& list, uint32_t rc) {
+        *tableSize1 = list.tables[0];
+        if (rc || !list.hashed()) return;
+        *tableSize2 = list.tables[1];
+        *tableSize3 = list.tables[2];
+      });
     });
   });
 }
@@ -170,8 +194,7 @@ uint32_t trelGetMaxVSizeForVProperties(SNodeCB_t* node, uint64_t* maxValueSize) 
   return traced(FID_trelGetMaxVSizeForVProperties, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!maxValueSize) return flow.fail(TREL_RC_OUT_VALUE_MAX_V);
-    uint64_t none = 0;
-    return readLimits<kind::V>(node, &none, maxValueSize);
+    return readMaxima<kind::V>(node, nullptr, maxValueSize);
   });
 }
 
@@ -179,8 +202,7 @@ uint32_t trelGetMaxIDSizeForIRProperties(SNodeCB_t* node, uint64_t* maxIdSize) {
   return traced(FID_trelGetMaxIDSizeForIRProperties, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!maxIdSize) return flow.fail(TREL_RC_OUT_ID_MAX_IR);
-    uint64_t none = 0;
-    return readLimits<kind::IR>(node, maxIdSize, &none);
+    return readMaxima<kind::IR>(node, maxIdSize, nullptr);
   });
 }
 
@@ -190,7 +212,7 @@ uint32_t trelGetMaxIDVSizeForIVProperties(SNodeCB_t* node, uint64_t* maxIdSize,
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!maxValueSize) return flow.fail(TREL_RC_OUT_VALUE_MAX_IV);
     if (!maxIdSize) return flow.fail(TREL_RC_OUT_ID_MAX_IV);
-    return readLimits<kind::IV>(node, maxIdSize, maxValueSize);
+    return readMaxima<kind::IV>(node, maxIdSize, maxValueSize);
   });
 }
 

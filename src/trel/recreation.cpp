@@ -60,8 +60,9 @@ uint32_t Recreation::prepare() {
         inSegment(oldSeg, parentRecord.hdmInfoOffset, sizeof *module));
     if (!module) return TREL_RC_BLOCK_OUTSIDE_POOL;
   }
-  ExportSlot_t* slot = nullptr;
-  if (sectionOf(node, TREL_EXPORT_CHANGE_LIST, &slot) || slot->size < sizeof(ChangeListSection_t))
+  Section section;
+  if (openSection(node, TREL_EXPORT_CHANGE_LIST, &section) ||
+      section.size < sizeof(ChangeListSection_t))
     return TREL_RC_NO_CHANGE_LIST;
   return wanted > TREL_MAX_DEPENDENTS ? uint32_t{TREL_RC_DEPENDENT_COUNT} : 0;
 }
@@ -78,9 +79,9 @@ uint32_t Recreation::disassociate() {
 // Writes the wanted capacity where the copy looks for it. A list that lost its last entry has lost
 // its export bit as well, and gets it back.
 uint32_t Recreation::wish() {
-  ExportSlot_t* slot = nullptr;
-  if (sectionOf(node, TREL_EXPORT_DEPENDENT, &slot) == 0 && slot->used >= kDependentHeader &&
-      !(node->exports & TREL_EXPORT_DEPENDENT)) {
+  Section section;
+  if (openSection(node, TREL_EXPORT_DEPENDENT, &section) == 0 && section.used >= kDependentHeader &&
+      !(once(node->exports) & TREL_EXPORT_DEPENDENT)) {
     exportDependents(node, true);
     if (const uint32_t rc =
             trelGetMaxIDSizeForDependentNode(node, TREL_EXPORT_DEPENDENT, &maxIdSize))

@@ -46,10 +46,9 @@ struct Search {
   Gathered gathered;
 
   uint32_t open(SNodeCB_t* node, uint64_t nodeSize, uint64_t levels, DependentWalk* walk) {
-    ExportSlot_t* slot = nullptr;
-    if (limit && depth + levels >= limit)
-      return sectionOf(node, TREL_EXPORT_DEPENDENT, &slot, nodeSize);
     DependentList list;
+    if (limit && depth + levels >= limit)
+      return openSection(node, TREL_EXPORT_DEPENDENT, &list, nodeSize);
     if (const uint32_t rc = locateDependents(node, nodeSize, &list)) return rc;
     *walk = DependentWalk(list);
     return 0;
@@ -113,12 +112,13 @@ uint32_t searchByTag(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, uint64_
 uint32_t testEntry(SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& name, Reached* child,
                    ExportSlot_t** slot, uint64_t* hasList) {
   if (const uint32_t rc = reachSearched(entry, child)) return rc;
-  if (const uint32_t rc = sectionOf(child->node, TREL_EXPORT_DEPENDENT, slot, child->size))
+  DependentList list;
+  if (const uint32_t rc = openSection(child->node, TREL_EXPORT_DEPENDENT, &list, child->size))
     return rc;
+  *slot = &child->node->exportTable[slotNumber(TREL_EXPORT_DEPENDENT)];
   *hasList = (child->node->exports & TREL_EXPORT_DEPENDENT) != 0;
   uint64_t limit = TREL_MAX_ID_SIZE;
   if (*hasList) {
-    DependentList list;
     if (const uint32_t rc = locateDependents(child->node, child->size, &list)) return rc;
     limit = list.maxIdSize;
   }
@@ -228,8 +228,9 @@ uint32_t trelFindNodeHard(SNodeInfo_t** found, SNodeCB_t* node, uint64_t pathLen
       return flow.fail(rc);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
     if (pathLength > depthLimit) return flow.fail(TREL_RC_PATH_LENGTH);
-    ExportSlot_t* slot = nullptr;
-    if (const uint32_t rc = sectionOf(node, TREL_EXPORT_DEPENDENT, &slot)) return flow.fail(rc);
+    Section section;
+    if (const uint32_t rc = openSection(node, TREL_EXPORT_DEPENDENT, &section))
+      return flow.fail(rc);
     if (pathLength == 0) return flow.fail(TREL_RC_NOT_FOUND);
     PathSearch search = {path, pathLength, nullptr, {}};
     if (const uint32_t rc = StableWalk<PathSearch>(&search).run(node)) return rc;

@@ -11,14 +11,14 @@ uint32_t trelGetMaxIDSizeForStatusNode(SNodeCB_t* node, uint32_t exportKind, uin
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!size) return flow.fail(TREL_RC_OUT_NODE_ID_MAX);
     if (exportKind != TREL_EXPORT_ID) return flow.fail(TREL_RC_EXPORT_BIT);
-    if (!(node->exports & TREL_EXPORT_ID)) {
+    if (!(once(node->exports) & TREL_EXPORT_ID)) {
       *size = 0;
       return 0;
     }
-    ExportSlot_t* slot = nullptr;
-    if (const uint32_t rc = sectionOf(node, TREL_EXPORT_ID, &slot)) return flow.fail(rc);
+    Section section;
+    if (const uint32_t rc = openSection(node, TREL_EXPORT_ID, &section)) return flow.fail(rc);
     const uint64_t stored =
-        slot->size < sizeof(IdSection_t) ? 0 : inSection<IdSection_t>(node, slot)->maxIdSize;
+        section.size < sizeof(IdSection_t) ? 0 : once(section.at<IdSection_t>()->maxIdSize);
     if (stored > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_MAX, &stored, sizeof stored);
     *size = stored;
     return 0;

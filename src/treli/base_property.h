@@ -11,21 +11,25 @@ uint64_t bytesInUse(const List<K>& list) {
 }
 
 // Writes the property over an earlier one, if there is any; while it is written there is none. The
-// section has been found, and is large enough.
+// arguments have been tested; M is the list's.
 template <class K>
-uint32_t writeBase(const List<K>& list, const Key& key, const Value& value,
+uint32_t writeBase(SNodeCB_t* node, uint64_t maxValueSize, const Key& key, const Value& value,
                    uint64_t inCriticalSection) {
-  return writing(list.node, inCriticalSection, accept::settled, [&]() -> uint32_t {
-    const uint64_t start = list.offset + Form<K>::flatHeader;
-    const uint64_t before = list.slot->used;
-    storeLast(&list.slot->used, 0);
-    if (const uint32_t rc = fill(list, list.recordAt(start), key, value)) {
-      list.slot->used = before;
+  return writing(node, inCriticalSection, accept::settled, [&]() -> uint32_t {
+    List<K> list;
+    list.maxValueSize = maxValueSize;
+    if (const uint32_t rc = openSection(node, K::bit, &list)) return rc;
+    if (list.size < bytesInUse(list)) return Codes<K>::flatFit;
+    const uint64_t before = list.used;
+    list.setUsed(0);
+    if (const uint32_t rc =
+            fill(list, list.recordAt(list.offset + Form<K>::flatHeader), key, value)) {
+      list.setUsed(before);
       return rc;
     }
-    if (K::hasBytes) *wordAt(list.node, list.offset) = list.maxValueSize;
-    storeLast(&list.slot->used, bytesInUse(list));
-    return countReconfiguration(list.node);
+    if (K::hasBytes) *list.word(list.offset) = list.maxValueSize;
+    list.setUsed(bytesInUse(list));
+    return countReconfiguration(node);
   });
 }
 

@@ -14,7 +14,8 @@ bool mayHaveChanged(SNodeCB_t* node, int32_t stamp) {
   const int32_t* writing = PLATVAtomicSigned32::word(&node->nodeLatchArea.writeFlag);
   // Under the other models nobody is inside; a writer may have died that changed the model.
   for (int looks = 0;
-       node->concurrencyModel == 1 && __atomic_load_n(writing, __ATOMIC_ACQUIRE) != 0; ++looks) {
+       once(node->concurrencyModel) == 1 && __atomic_load_n(writing, __ATOMIC_ACQUIRE) != 0;
+       ++looks) {
     if (looks == kPatience) {
       // Waits for its end, or clears up after its death. Refused to a caller who is the writer.
       reading(node, 0, accept::any, [] { return 0u; });
@@ -36,13 +37,13 @@ uint32_t findDependent(const DependentList& list, const SoughtName& name, FoundD
   }
 }
 
-void clearDependents(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize) {
-  storeLast(&slot->used, 0);  // reads as a list without entries while its places change
+void clearDependents(DependentList* list, uint64_t maxIdSize) {
+  list->setUsed(0);  // reads as a list without entries while its places change
   const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
-  for (uint64_t place = kDependentHeader; place + stride <= slot->size; place += stride)
-    inSection<SNodeInfo_t>(node, slot, place)->nodeTag = 0;
-  inSection<DependentHeader>(node, slot)->maxIdSize = maxIdSize;
-  storeLast(&slot->used, kDependentHeader);
+  for (uint64_t place = kDependentHeader; place + stride <= list->size; place += stride)
+    list->at<SNodeInfo_t>(place)->nodeTag = 0;
+  list->at<DependentHeader>()->maxIdSize = maxIdSize;
+  list->setUsed(kDependentHeader);
 }
 
 // An entry that moves to another place of its segment changes by the one store of its nodeOffset,
@@ -62,15 +63,11 @@ void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, co
   storeLast(&place->nodeTag, tag);
 }
 
-uint32_t locateForAdd(SNodeCB_t* node, const SoughtName& name, DependentList* list) {
-  if (!(node->exports & TREL_EXPORT_DEPENDENT)) exportDependents(node, true);
-  if (const uint32_t rc = locateDependents(node, list)) return rc;
-  return name.idSize > list->maxIdSize ? uint32_t{TREL_RC_PROPERTY_ID_SIZE} : 0;
-}
-
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace) {
+  if (!(once(node->exports) & TREL_EXPORT_DEPENDENT)) exportDependents(node, true);
   DependentList list;
-  if (const uint32_t rc = locateForAdd(node, name, &list)) return rc;
+  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  if (name.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
   if (const uint32_t rc = checkCondition(node, accept::living)) return rc;
   if (list.live > TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
   FoundDependent found;
@@ -81,24 +78,24 @@ uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& na
     return countReconfiguration(node);
   }
   if (list.maxIdSize == 0) return TREL_RC_DEPENDENTS_FULL;
-  const uint64_t used = list.slot->used + list.stride();
+  const uint64_t used = list.used + list.stride();
   if (!found.vacant) {
-    if (used > list.slot->size) return TREL_RC_DEPENDENTS_FULL;
+    if (used > list.size) return TREL_RC_DEPENDENTS_FULL;
     if (!found.walk.fits()) return TREL_RC_DEPENDENT_BOUNDS;
   }
   if (list.live == TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
   storeDependent(node, found.vacant ? found.vacant : found.walk.place(), record, name.id,
                  name.idSize);
-  storeLast(&list.slot->used, used);
+  list.setUsed(used);
   return countReconfiguration(node);
 }
 
-uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry) {
+uint32_t removeDependent(DependentList& list, SNodeInfo_t* entry) {
   storeLast(&entry->nodeTag, 0);
   entry->idSize = 0;
-  storeLast(&list.slot->used, list.slot->used - list.stride());
+  list.setUsed(list.used - list.stride());
   const uint32_t rc = countReconfiguration(list.node);
-  if (list.slot->used == kDependentHeader) exportDependents(list.node, false);
+  if (list.used == kDependentHeader) exportDependents(list.node, false);
   return rc;
 }
 
@@ -109,10 +106,9 @@ void recountDependents(SNodeCB_t* node) {
   if (locateDependents(node, &list) || list.maxIdSize == 0) return;
   uint32_t tags = 0;
   for (uint64_t i = 0, places = list.capacity(); i < places; ++i)
-    tags +=
-        inSection<SNodeInfo_t>(node, list.slot, kDependentHeader + i * list.stride())->nodeTag != 0;
+    tags += list.at<SNodeInfo_t>(kDependentHeader + i * list.stride())->nodeTag != 0;
   if (tags == list.live + 1 || tags + 1 == list.live)
-    storeLast(&list.slot->used, kDependentHeader + uint64_t{tags} * list.stride());
+    list.setUsed(kDependentHeader + uint64_t{tags} * list.stride());
 }
 
 void setExport(SNodeCB_t* node, uint32_t exportBit, bool on) {

@@ -12,7 +12,7 @@
 #include <string.h>
 
 #include "treli/identifier.h"
-#include "treli/section.h"
+#include "treli/node_lock.h"
 
 namespace trel {
 
@@ -29,34 +29,30 @@ struct SoughtName {
   bool exact = false;
 };
 
-struct DependentList {
-  SNodeCB_t* node;
-  ExportSlot_t* slot;
-  uint64_t start, end;  // of the section, as addresses
-  uint32_t maxIdSize;
-  uint32_t live;  // 0 where maxIdSize is 0
+// The list as it was read: nobody looks at its slot again.
+struct DependentList : Section {
+  uint32_t maxIdSize = 0;
+  uint32_t live = 0;  // 0 where maxIdSize is 0
 
   uint32_t stride() const { return maxIdSize + static_cast<uint32_t>(sizeof(SNodeInfo_t)); }
-  uint64_t capacity() const { return maxIdSize ? (end - start - kDependentHeader) / stride() : 0; }
+  uint64_t capacity() const { return maxIdSize ? (size - kDependentHeader) / stride() : 0; }
+  void setUsed(uint64_t bytes) { storeUsed(this, TREL_EXPORT_DEPENDENT, bytes); }
 };
 
 // Fails as the slot's lookup does, and for a stored maximum above 4096.
 TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, uint64_t nodeSize, DependentList* list) {
-  ExportSlot_t* slot = nullptr;
-  if (const uint32_t rc = sectionOf(node, TREL_EXPORT_DEPENDENT, &slot, nodeSize)) return rc;
-  const auto start = reinterpret_cast<uintptr_t>(inSection(node, slot));
-  *list = {node, slot, start, start + slot->size, 0, 0};
-  const uint64_t used = slot->used;
-  if (!(node->exports & TREL_EXPORT_DEPENDENT) || used < kDependentHeader) return 0;
-  const uint64_t maxIdSize = inSection<DependentHeader>(node, slot)->maxIdSize;
+  list->maxIdSize = list->live = 0;
+  if (const uint32_t rc = openSection(node, TREL_EXPORT_DEPENDENT, list, nodeSize)) return rc;
+  if (!(once(node->exports) & TREL_EXPORT_DEPENDENT) || list->used < kDependentHeader) return 0;
+  const uint64_t maxIdSize = once(list->at<DependentHeader>()->maxIdSize);
   if (maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_DEPENDENT_ID_MAX;
   list->maxIdSize = static_cast<uint32_t>(maxIdSize);
-  if (maxIdSize) list->live = static_cast<uint32_t>(used - kDependentHeader) / list->stride();
+  if (maxIdSize) list->live = static_cast<uint32_t>(list->used - kDependentHeader) / list->stride();
   return 0;
 }
 
 TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, DependentList* list) {
-  return locateDependents(node, node->nodeSize, list);
+  return locateDependents(node, once(node->nodeSize), list);
 }
 
 // An entry that has been read without the node's latch, and whether it still names that node.
@@ -65,8 +61,8 @@ struct SeenEntry {
   uint64_t nodeOffset = 0;
 
   SeenEntry() = default;
-  explicit SeenEntry(SNodeInfo_t* e) : entry(e), nodeOffset(e->nodeOffset) {}
-  bool stands() const { return entry->nodeTag != 0 && entry->nodeOffset == nodeOffset; }
+  explicit SeenEntry(SNodeInfo_t* e) : entry(e), nodeOffset(once(e->nodeOffset)) {}
+  bool stands() const { return once(entry->nodeTag) != 0 && once(entry->nodeOffset) == nodeOffset; }
 };
 
 // The one walk over a list.
@@ -74,8 +70,8 @@ class DependentWalk {
  public:
   DependentWalk() = default;
   explicit DependentWalk(const DependentList& list)
-      : place_(list.start + kDependentHeader),
-        end_(list.end),
+      : place_(offsetOf(list.at(kDependentHeader), nullptr)),
+        end_(offsetOf(list.at(list.size), nullptr)),
         stride_(list.stride()),
         left_(list.live) {}
 
@@ -87,7 +83,7 @@ class DependentWalk {
     while (fits()) {
       SNodeInfo_t* here = place();
       place_ += stride_;
-      if (TREL_LIKELY(here->nodeTag != 0)) {
+      if (TREL_LIKELY(once(here->nodeTag) != 0)) {
         --left_;
         *entry = here;
         return 0;
@@ -133,11 +129,11 @@ inline const uint8_t* idOf(const SNodeInfo_t* entry) {
 // Whether the entry has the name. Refuses names and entries that no tree has.
 TREL_INLINE uint32_t hasName(const SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& name,
                              bool* same) {
-  const uint64_t tag = entry->nodeTag;
+  const uint64_t tag = once(entry->nodeTag);
   *same = tag == name.tag;
   if (name.idSize == 0 && !name.exact) return 0;
   if (TREL_UNLIKELY(name.tag > TREL_MAX_TAG || tag > TREL_MAX_TAG)) return TREL_RC_TAG_RANGE;
-  const uint64_t idSize = entry->idSize;
+  const uint64_t idSize = once(entry->idSize);
   if (TREL_UNLIKELY(name.idSize > TREL_MAX_ID_SIZE || idSize > TREL_MAX_ID_SIZE))
     return TREL_RC_COMPARE_ID_SIZE;
   if (TREL_UNLIKELY(idSize > maxIdSize)) return TREL_RC_ID_BOUNDS;
@@ -170,18 +166,15 @@ struct FoundDependent {
 uint32_t findDependent(const DependentList& list, const SoughtName& name, FoundDependent* found);
 
 // Empties the list, or makes it.
-void clearDependents(SNodeCB_t* node, ExportSlot_t* slot, uint64_t maxIdSize);
+void clearDependents(DependentList* list, uint64_t maxIdSize);
 // Adds an entry behind `place`, which is vacant, or overwrites the entry there.
 void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, const uint8_t* id,
                     uint64_t idSize);
-// Turns the list on, and tests whether it could hold the name. Needs no section: it is repeated in
-// it, since a list that loses its last entry is turned off.
-uint32_t locateForAdd(SNodeCB_t* node, const SoughtName& name, DependentList* list);
-// Adds the record, or with `replace` overwrites the entry of its name. Counts the change. Tests all
-// but the record's tag.
+// Turns the list on and adds the record, or with `replace` overwrites the entry of its name. Counts
+// the change. Tests all but the record's tag.
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace);
 // Makes the entry vacant. Counts the change.
-uint32_t removeDependent(const DependentList& list, SNodeInfo_t* entry);
+uint32_t removeDependent(DependentList& list, SNodeInfo_t* entry);
 
 // Runs find(list, &found) on a list that has entries, and removes what it found.
 template <class Find>

@@ -5,8 +5,6 @@
 
 namespace trel {
 
-constexpr uint64_t lessOr0(uint64_t a, uint64_t b) { return a > b ? a - b : 0; }
-
 // Current and maximum number, worked out from `used` and `size`. The caller is inside the section.
 template <class K>
 uint32_t countRecords(const List<K>& list, uint64_t* current, uint64_t* maximum) {
@@ -18,7 +16,7 @@ uint32_t countRecords(const List<K>& list, uint64_t* current, uint64_t* maximum)
     each = list.nodeBytes();
   }
   *maximum = lessOr0(list.size, overhead) / each;
-  *current = lessOr0(list.slot->used, overhead) / each;
+  *current = lessOr0(list.used, overhead) / each;
   return 0;
 }
 
@@ -29,20 +27,19 @@ uint32_t getNumber(SNodeCB_t* node, uint64_t* current, uint64_t* maximum,
   if (!node) return TREL_RC_NODE_NULL;
   if (!current) return Codes<K>::countNull;
   if (!maximum) return Codes<K>::capacityNull;
-  List<K> list;
-  list.node = node;
-  if (const uint32_t rc = openSection(&list)) return rc;
-  if (const uint32_t rc = readLimits(&list)) return rc;
-  if (!reportsNothing(list))
-    if (const uint32_t rc = openList(&list)) return rc;
-  if (!list.created) {
-    *current = *maximum = 0;
-    return 0;
-  }
-  return within<Access::read>(node, inCriticalSection, [&] {
-    const uint32_t rc = confirm(&list);
-    return rc ? rc : countRecords(list, current, maximum);
+  uint64_t foundCurrent = 0, foundMaximum = 0;
+  const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+    List<K> list;
+    foundCurrent = foundMaximum = 0;
+    if (const uint32_t failure = openLimits(node, &list)) return failure;
+    if (list.fault || reportsNothing(list)) return list.fault;
+    if (const uint32_t failure = openTables(&list)) return failure;
+    return list.created ? countRecords(list, &foundCurrent, &foundMaximum) : 0;
   });
+  if (rc) return rc;
+  *current = foundCurrent;
+  *maximum = foundMaximum;
+  return 0;
 }
 
 // Number of properties with a tag. The caller is inside the section.
@@ -53,8 +50,9 @@ uint32_t countTag(const List<K>& list, uint64_t tag, uint64_t* number) {
     if (list.hashed()) {
       ChainWalk<K> walk(list, bucketOf(list, 1, Key{tag}), kLinkOfTable[1]);
       while (walk.next()) {
-        if (walk.record->tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-        *number += walk.record->tag == tag;
+        const uint64_t stored = once(walk.record->tag);
+        if (stored > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+        *number += stored == tag;
       }
       return walk.rc ? walk.rc : *number ? 0 : Codes<K>::absent;
     }
@@ -66,10 +64,11 @@ uint32_t countTag(const List<K>& list, uint64_t tag, uint64_t* number) {
     return rc;
   }
   FlatWalk<K> walk(list, reportedRecords(list));
-  while (walk.next()) *number += walk.record->tag == tag;
+  while (walk.next()) *number += walk.tag == tag;
   return walk.rc ? walk.rc : *number ? 0 : Codes<K>::absent;
 }
 
+// *number is also told where the tag is absent.
 template <class K>
 uint32_t getNumberForTag(SNodeCB_t* node, uint64_t tag, uint64_t* number,
                          uint64_t inCriticalSection) {
@@ -78,37 +77,37 @@ uint32_t getNumberForTag(SNodeCB_t* node, uint64_t tag, uint64_t* number,
   if (tagFirst && tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
   if (!number) return Codes<K>::countNull;
   if (tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-  List<K> list;
-  list.node = node;
-  if (const uint32_t rc = openSection(&list)) return rc;
-  if (const uint32_t rc = readLimits(&list)) return rc;
-  if (reportsNothing(list)) {
-    *number = 0;
-    return 0;
-  }
-  if (const uint32_t rc = openList(&list)) return rc;
-  return within<Access::read>(node, inCriticalSection, [&] {
-    const uint32_t rc = confirm(&list);
-    return rc ? rc : countTag(list, tag, number);
+  uint64_t found = 0;
+  const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+    List<K> list;
+    found = 0;
+    if (const uint32_t failure = openLimits(node, &list)) return failure;
+    if (list.fault || reportsNothing(list)) return list.fault;
+    const uint32_t failure = openTables(&list);
+    return failure ? failure : countTag(list, tag, &found);
   });
+  if (rc == 0 || rc == Codes<K>::absent) *number = found;
+  return rc;
 }
 
 template <class K>
 uint32_t returnCount(SNodeCB_t* node, uint64_t tag, uint64_t* number, uint64_t inCriticalSection) {
-  if constexpr (K::hasId) {
-    if (!node) return TREL_RC_NODE_NULL;
-  } else {
-    List<K> list;
-    if (const uint32_t rc = checkInput(node, Key{tag}, 1, &list)) return rc;
-  }
-  if (!number) return TREL_RC_OUT_PROPERTY_COUNT;
-  const uint32_t rc = reading(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
-    uint64_t maximum = 0;
+  if (!node) return TREL_RC_NODE_NULL;
+  uint64_t found = 0, maximum = 0;
+  const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+    if constexpr (!K::hasId) {
+      List<K> list;
+      if (const uint32_t failure = openForKey(node, Key{tag}, 1, &list)) return failure;
+    }
+    if (!number) return TREL_RC_OUT_PROPERTY_COUNT;
+    if (const uint32_t failure = checkCondition(node, accept::usable)) return failure;
     if (tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-    return tag ? getNumberForTag<K>(node, tag, number, 1) : getNumber<K>(node, number, &maximum, 1);
+    const uint32_t failure =
+        tag ? getNumberForTag<K>(node, tag, &found, 1) : getNumber<K>(node, &found, &maximum, 1);
+    return failure ? failure : found > TREL_MAX_PROPERTIES ? Codes<K>::count : 0;
   });
-  if (rc) return rc;
-  return *number > TREL_MAX_PROPERTIES ? Codes<K>::count : 0;
+  if (rc == 0 || rc == Codes<K>::absent) *number = found;
+  return rc;
 }
 
 // The caller's arrays of `count` entries. idSizes and ids: IR, IV. sizes: V, IV.
@@ -123,16 +122,34 @@ struct Listing {
   uint64_t written = 0;
 };
 
-// The tests that a record passes before anything of it is listed.
-template <class K>
-TREL_INLINE uint32_t examine(const List<K>& list, const typename K::Record* record) {
-  if (record->tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-  if constexpr (K::hasId) {
-    if (record->idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+// What a record says of itself, each word read once.
+struct Fields {
+  uint64_t tag = 0, idOffset = 0, idSize = 0, valueOffset = 0, valueSize = 0;
+
+  template <class Record>
+  TREL_INLINE void readId(const Record* record) {
+    idOffset = once(record->idOffset);
+    idSize = once(record->idSize);
   }
+  template <class Record>
+  TREL_INLINE void readValue(const Record* record) {
+    valueOffset = once(record->valueOffset);
+    valueSize = once(record->valueSize);
+  }
+};
+
+// Reads a record with the tests that it passes before anything of it is listed or copied.
+template <class K>
+TREL_INLINE uint32_t examine(const List<K>& list, const typename K::Record* record,
+                             Fields* fields) {
+  fields->tag = once(record->tag);
+  if constexpr (K::hasId) fields->readId(record);
+  if constexpr (K::hasBytes) fields->readValue(record);
+  if (fields->tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  if (K::hasId && fields->idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
   if constexpr (K::hasBytes) {
-    const bool sized = isValueSize(record->valueSize, list.maxValueSize);
-    const bool placed = list.holds(record->valueOffset, 0);
+    const bool sized = isValueSize(fields->valueSize, list.maxValueSize);
+    const bool placed = list.holds(fields->valueOffset, 0);
     if (K::hasId && !sized) return TREL_RC_VALUE_SIZE;  // IV tests the size first, V the offset
     if (!placed) return K::valueOffsetBounds;
     if (!sized) return TREL_RC_VALUE_SIZE;
@@ -141,18 +158,16 @@ TREL_INLINE uint32_t examine(const List<K>& list, const typename K::Record* reco
 }
 
 template <class K>
-TREL_INLINE uint32_t append(const List<K>& list, const typename K::Record* record,
-                            Listing* listing) {
+TREL_INLINE uint32_t append(const List<K>& list, const Fields& fields, Listing* listing) {
   const uint64_t i = listing->written;
   if constexpr (K::hasId) {
-    const uint64_t idSize = record->idSize;
-    if (idSize > listing->idStride) return TREL_RC_PROPERTY_ID_SIZE;
-    if (!list.holds(record->idOffset, idSize)) return TREL_RC_ID_BOUNDS;
-    copyBytes(listing->ids + i * listing->idStride, at(list.node, record->idOffset), idSize);
-    listing->idSizes[i] = idSize;
+    if (fields.idSize > listing->idStride) return TREL_RC_PROPERTY_ID_SIZE;
+    if (!list.holds(fields.idOffset, fields.idSize)) return TREL_RC_ID_BOUNDS;
+    copyBytes(listing->ids + i * listing->idStride, at(list.node, fields.idOffset), fields.idSize);
+    listing->idSizes[i] = fields.idSize;
   }
-  if constexpr (K::hasBytes) listing->sizes[i] = record->valueSize;
-  listing->tags[i] = record->tag;
+  if constexpr (K::hasBytes) listing->sizes[i] = fields.valueSize;
+  listing->tags[i] = fields.tag;
   ++listing->written;
   return 0;
 }
@@ -174,10 +189,11 @@ template <class K, class Walk>
 TREL_INLINE uint32_t listWalk(const List<K>& list, Walk& walk, Listing* listing,
                               bool beyondRoom = false) {
   while ((listing->written < listing->count || beyondRoom) && walk.next()) {
-    if (const uint32_t rc = examine(list, walk.record)) return rc;
-    if (listing->tag && walk.record->tag != listing->tag) continue;
+    Fields fields;
+    if (const uint32_t rc = examine(list, walk.record, &fields)) return rc;
+    if (listing->tag && fields.tag != listing->tag) continue;
     if (listing->written == listing->count) break;
-    if (const uint32_t rc = append(list, walk.record, listing)) return rc;
+    if (const uint32_t rc = append(list, fields, listing)) return rc;
   }
   return walk.rc;
 }
@@ -201,7 +217,7 @@ uint32_t listBuckets(const List<K>& list, Listing* listing) {
   while (bucket < end && listing->written < listing->count) {
     uint64_t chains[64], count = 0;
     for (uint64_t i = 0; i < 64 && bucket < end; ++i, bucket += 8) {
-      const uint64_t head = *wordAt(list.node, bucket);
+      const uint64_t head = once(*list.word(bucket));
       __builtin_prefetch(at(list.node, head + sizeof(typename K::Links)));
       chains[count] = bucket;
       count += head != 0;
@@ -228,8 +244,9 @@ uint32_t listHashed(const List<K>& list, Listing* listing) {
     if (const uint32_t rc = findHashed(list, bucketOf(list, 0, Key{listing->tag}),
                                        Key{listing->tag}, Codes<K>::absent, &record))
       return rc;
-    if (const uint32_t rc = examine(list, record)) return rc;
-    return append(list, record, listing);
+    Fields fields;
+    const uint32_t rc = examine(list, record, &fields);
+    return rc ? rc : append(list, fields, listing);
   }
   if (listing->tag == 0)
     if (const uint32_t rc = listBuckets(list, listing)) return rc;
@@ -238,41 +255,39 @@ uint32_t listHashed(const List<K>& list, Listing* listing) {
   return 0;
 }
 
-// The checks in front differ in order from kind to kind.
+// The checks in front differ in order from kind to kind. The caller is inside.
 template <class K>
-uint32_t checkListing(SNodeCB_t* node, const Listing& listing, List<K>* list) {
+uint32_t openListing(SNodeCB_t* node, const Listing& listing, List<K>* list) {
   const bool counted = listing.count != 0 && listing.count <= TREL_MAX_PROPERTIES;
-  if (!node) return TREL_RC_NODE_NULL;
-  list->node = node;
   if constexpr (K::hasId) {
     if (!listing.idSizes) return TREL_RC_ID_SIZES_NULL;
     if (!listing.ids) return TREL_RC_ID_NULL;
     if (!listing.tags) return TREL_RC_TAGS_NULL;
     if (K::hasBytes && !listing.sizes) return TREL_RC_VALUE_SIZES_NULL;
     if (!counted) return Codes<K>::count;
-  } else {
-    if constexpr (K::hasBytes) {
-      if (const uint32_t rc = checkInput(node, Key{listing.tag}, 1, list)) return rc;
-    }
-    if (!counted) return Codes<K>::count;
-    if (!listing.tags) return TREL_RC_TAGS_NULL;
-    if (K::hasBytes && !listing.sizes) return TREL_RC_VALUE_SIZES_NULL;
+  } else if constexpr (K::hasBytes) {
+    if (const uint32_t rc = openForKey(node, Key{listing.tag}, 1, list)) return rc;
   }
-  if (const uint32_t rc = openSection(list)) return rc;
+  if (!counted) return Codes<K>::count;
+  if (!listing.tags) return TREL_RC_TAGS_NULL;
+  if (K::hasBytes && !listing.sizes) return TREL_RC_VALUE_SIZES_NULL;
+  if (!K::hasBytes || K::hasId) {
+    if (const uint32_t rc = openLimits(node, list)) return rc;
+  }
+  if (list->fault) return list->fault;
   if (listing.tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-  if constexpr (K::hasId) {
-    if (const uint32_t rc = readLimits(list)) return rc;
-    if (listing.idStride > list->maxIdSize) return TREL_RC_ID_STRIDE;
-  }
-  return openList(list);
+  if (K::hasId && listing.idStride > list->maxIdSize) return TREL_RC_ID_STRIDE;
+  if (const uint32_t rc = openTables(list)) return rc;
+  return checkCondition(node, accept::usable);
 }
 
 template <class K>
-uint32_t returnProperties(SNodeCB_t* node, Listing listing, uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkListing(node, listing, &list)) return rc;
-  return reading(node, inCriticalSection, accept::usable, [&] {
-    if (const uint32_t rc = confirm(&list)) return rc;
+uint32_t returnProperties(SNodeCB_t* node, const Listing& wanted, uint64_t inCriticalSection) {
+  if (!node) return TREL_RC_NODE_NULL;
+  return looking(node, inCriticalSection, [&]() -> uint32_t {
+    List<K> list;
+    Listing listing = wanted;
+    if (const uint32_t rc = openListing(node, wanted, &list)) return rc;
     return list.hashed() ? listHashed(list, &listing) : listFlat(list, &listing);
   });
 }

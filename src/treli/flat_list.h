@@ -10,9 +10,8 @@ namespace trel {
 
 template <class K>
 uint64_t occupiedRecords(const List<K>& list) {
-  const uint64_t used = list.slot->used;
-  return list.created && used > Form<K>::flatHeader
-             ? (used - Form<K>::flatHeader) / list.recordBytes()
+  return list.created && list.used > Form<K>::flatHeader
+             ? (list.used - Form<K>::flatHeader) / list.recordBytes()
              : 0;
 }
 
@@ -34,6 +33,7 @@ struct FlatWalk {
   const List<K>& list;
   uint64_t count;
   uint64_t position = Form<K>::flatHeader;  // of what comes behind `record`
+  uint64_t tag = 0;                         // of `record`
   typename K::Record* record = nullptr;
   typename K::Record* firstFree = nullptr;
   uint32_t rc = 0;
@@ -48,7 +48,8 @@ struct FlatWalk {
       }
       record = list.recordAt(list.offset + position);
       position += list.recordBytes();
-      if (record->tag) return --count, true;
+      tag = once(record->tag);
+      if (tag) return --count, true;
       if (!firstFree) firstFree = record;
     }
     return false;
@@ -60,7 +61,7 @@ uint32_t findFlat(const List<K>& list, const Key& key, typename K::Record** reco
   FlatWalk<K> walk(list, reportedRecords(list));
   while (walk.next()) {
     if constexpr (K::hasId) {
-      if (walk.record->idSize != key.idSize) continue;
+      if (once(walk.record->idSize) != key.idSize) continue;
     }
     int order = 0;
     if (const uint32_t rc = compareRecord(list, walk.record, key, &order)) return rc;
@@ -74,7 +75,7 @@ uint32_t findFlat(const List<K>& list, const Key& key, typename K::Record** reco
 
 // The first free record takes a new property; without one, what lies behind the last occupied.
 template <class K>
-uint32_t addFlat(const List<K>& list, const Key& key, const Value& value) {
+uint32_t addFlat(List<K>& list, const Key& key, const Value& value) {
   if (key.tag == 0) return TREL_RC_TAG_RANGE;
   if (!list.created) return Codes<K>::flatFull;
   const bool blind = reportedRecords(list) == 0;
@@ -87,23 +88,23 @@ uint32_t addFlat(const List<K>& list, const Key& key, const Value& value) {
     if (order == 0) return Codes<K>::present;
   }
   if (walk.rc) return walk.rc;
-  const uint64_t used = list.slot->used + list.recordBytes();
+  const uint64_t used = list.used + list.recordBytes();
   if (used > list.size) return Codes<K>::flatFull;
   if (!walk.firstFree) {
     if (!list.holds(list.offset + walk.position, list.recordBytes())) return Codes<K>::bounds;
     walk.firstFree = list.recordAt(list.offset + walk.position);
   }
   if (const uint32_t rc = fill(list, walk.firstFree, key, value)) return rc;
-  list.slot->used = used;
+  list.setUsed(used);
   return countReconfiguration(list.node);
 }
 
 template <class K>
-uint32_t deleteFlat(const List<K>& list, const Key& key) {
+uint32_t deleteFlat(List<K>& list, const Key& key) {
   typename K::Record* record = nullptr;
   if (const uint32_t rc = findFlat(list, key, &record)) return rc;
   storeLast(&record->tag, 0);
-  list.slot->used -= list.recordBytes();
+  list.setUsed(list.used - list.recordBytes());
   return countReconfiguration(list.node);
 }
 
@@ -139,14 +140,14 @@ uint32_t testEntries(const List<K>& list, const Entries& entries) {
 // Fills a new list: the entries, then blank records up to maxCount, which only a list with entries
 // gets.
 template <class K>
-uint32_t fillFlat(const List<K>& list, const Entries& entries, uint64_t maxCount) {
-  writeHeader(list);
+uint32_t fillFlat(List<K>& list, const Entries& entries, uint64_t maxCount) {
+  writeHeader(&list);
   uint64_t position = list.offset + Form<K>::flatHeader;
   // Places whose tags are all 0 or live can be counted after the death of a writer.
   for (uint64_t place = position; list.holds(place, list.recordBytes());
        place += list.recordBytes())
     list.recordAt(place)->tag = 0;
-  storeLast(&list.slot->used, Form<K>::flatHeader);
+  list.setUsed(Form<K>::flatHeader);
   const auto append = [&](const Key& key, const Value& value) -> uint32_t {
     if (!list.holds(position, list.recordBytes())) return Codes<K>::bounds;
     const uint32_t rc = fill(list, list.recordAt(position), key, value);
@@ -157,7 +158,8 @@ uint32_t fillFlat(const List<K>& list, const Entries& entries, uint64_t maxCount
                                           [&](const Key& key, const Value& value) -> uint32_t {
                                             if (const uint32_t failure = append(key, value))
                                               return failure;
-                                            if (key.tag) list.slot->used += list.recordBytes();
+                                            if (key.tag)
+                                              list.setUsed(list.used + list.recordBytes());
                                             return countReconfiguration(list.node);
                                           }))
     return rc;
@@ -171,7 +173,7 @@ uint32_t fillFlat(const List<K>& list, const Entries& entries, uint64_t maxCount
 }
 
 template <class K>
-uint32_t createFlat(const List<K>& list, const Entries& entries, uint64_t maxCount,
+uint32_t createFlat(List<K>& list, const Entries& entries, uint64_t maxCount,
                     uint64_t inCriticalSection) {
   if (Form<K>::flatHeader + list.recordBytes() * entries.count > list.size)
     return Codes<K>::flatFit;

@@ -31,8 +31,9 @@ TREL_INLINE uint64_t bucketOf(const List<K>& list, uint32_t table, const Key& ke
 template <class K>
 struct ChainWalk {
   const List<K>& list;
-  uint64_t link;  // of a cell: where in the list node the chain runs through
-  TrelU64* cell;  // the cell that leads to `record`, or ends the chain
+  uint64_t link;         // of a cell: where in the list node the chain runs through
+  TrelU64* cell;         // the cell that leads to `record`, or ends the chain
+  uint64_t leadsTo = 0;  // what the cell holds
   typename K::Record* record = nullptr;
   uint64_t room;
   uint32_t rc = 0;
@@ -42,17 +43,19 @@ struct ChainWalk {
 
   TREL_INLINE bool next() {
     if (record) cell = wordAt(record, link - sizeof(typename K::Links));
-    const uint64_t leadsTo = *cell;
+    leadsTo = once(*cell);
     if (leadsTo == 0) return false;
-    const uint64_t start = leadsTo - link;
-    record = list.recordAt(start + sizeof(typename K::Links));
-    if (TREL_UNLIKELY(room < list.nodeBytes() || !list.holds(start, list.nodeBytes()))) {
+    record = list.recordAt(place() + sizeof(typename K::Links));
+    if (TREL_UNLIKELY(room < list.nodeBytes() || !list.holds(place(), list.nodeBytes()))) {
       rc = Codes<K>::bounds;
       return false;
     }
     room -= list.nodeBytes();
     return true;
   }
+
+  // The offset of the record's list node.
+  uint64_t place() const { return leadsTo - link; }
 };
 
 // Walks the key's first chain up to the record with the key, *found, or to where it belongs. Only a
@@ -79,17 +82,19 @@ TREL_INLINE uint32_t findHashed(const List<K>& list, uint64_t bucket, const Key&
   return rc ? rc : found ? 0 : absent;
 }
 
-// The memory stack: its anchor, the number f of freed list nodes, and its size.
+// The memory stack as it was read: its anchor, the number f of freed list nodes, its size, and the
+// offset of the first list node that was never used.
 struct Stack {
   HashAnchor_t* anchor = nullptr;
-  uint64_t freed = 0, bytes = 0;
+  uint64_t freed = 0, bytes = 0, nextFree = 0;
 };
 
 template <class K>
 uint32_t openStack(const List<K>& list, Stack* stack) {
   if (list.size < sizeof(HashAnchor_t)) return TREL_RC_FREED_COUNT;
   stack->anchor = at<HashAnchor_t>(list.node, list.offset + list.size - sizeof(HashAnchor_t));
-  stack->freed = stack->anchor->freedNodeCount;
+  stack->freed = once(stack->anchor->freedNodeCount);
+  stack->nextFree = once(stack->anchor->nextFreeOffset);
   stack->bytes = 8 * stack->freed + sizeof(HashAnchor_t);
   return stack->freed > TREL_MAX_PROPERTIES || stack->bytes > list.size
              ? uint32_t{TREL_RC_FREED_COUNT}
@@ -101,11 +106,10 @@ template <class K>
 uint32_t findPlace(const List<K>& list, const Stack& stack, uint64_t* place) {
   uint64_t next = 0;
   if (stack.freed) {
-    next = *wordAt(list.node, list.offset + list.size - stack.bytes);
+    next = once(*list.word(list.offset + list.size - stack.bytes));
   } else {
-    const uint64_t used = list.slot->used;
-    if (used > list.size || list.size - used < list.nodeBytes()) return TREL_RC_NO_LIST_NODE;
-    next = stack.anchor->nextFreeOffset;
+    if (list.size - list.used < list.nodeBytes()) return TREL_RC_NO_LIST_NODE;
+    next = stack.nextFree;
   }
   if (next - list.offset > list.size - stack.bytes)
     return stack.freed ? TREL_RC_NO_LIST_NODE : TREL_RC_NEXT_FREE_OFFSET;
@@ -114,29 +118,29 @@ uint32_t findPlace(const List<K>& list, const Stack& stack, uint64_t* place) {
 }
 
 template <class K>
-void takePlace(const List<K>& list, const Stack& stack) {
+void takePlace(List<K>& list, const Stack& stack) {
   if (stack.freed) {
     storeLast(&stack.anchor->freedNodeCount, stack.freed - 1);
-    list.slot->used -= 8;
+    list.setUsed(list.used - 8);
   } else {
-    storeLast(&stack.anchor->nextFreeOffset, stack.anchor->nextFreeOffset + list.nodeBytes());
+    storeLast(&stack.anchor->nextFreeOffset, stack.nextFree + list.nodeBytes());
   }
 }
 
 template <class K>
 uint32_t checkPush(const List<K>& list, const Stack& stack) {
-  const uint64_t used = list.slot->used, entry = list.offset + list.size - stack.bytes - 8;
-  return used > list.size || list.size - used < 8 || stack.freed == TREL_MAX_PROPERTIES ||
-                 stack.bytes + 8 > list.size || entry < stack.anchor->nextFreeOffset
+  const uint64_t entry = list.offset + list.size - stack.bytes - 8;
+  return list.size - list.used < 8 || stack.freed == TREL_MAX_PROPERTIES ||
+                 stack.bytes + 8 > list.size || entry < stack.nextFree
              ? uint32_t{TREL_RC_STACK_FULL}
              : 0;
 }
 
 template <class K>
-void push(const List<K>& list, const Stack& stack, uint64_t freed) {
-  *wordAt(list.node, list.offset + list.size - stack.bytes - 8) = freed;
+void push(List<K>& list, const Stack& stack, uint64_t freed) {
+  *list.word(list.offset + list.size - stack.bytes - 8) = freed;
   storeLast(&stack.anchor->freedNodeCount, stack.freed + 1);
-  list.slot->used += 8;
+  list.setUsed(list.used + 8);
 }
 
 // What a list node of IR or IV holds for the second and third table each. next: the offset of the
@@ -154,7 +158,7 @@ constexpr uint64_t kLinkOfTable[3] = {0, offsetof(IdHashLinks_t, nextTagCell),
 // Reads the head of a chain for linkFirst, before anything is written.
 template <class K>
 bool readHead(const List<K>& list, uint64_t bucket, uint64_t* head) {
-  *head = *wordAt(list.node, bucket);
+  *head = once(*list.word(bucket));
   return *head == 0 || list.holds(*head, sizeof(ChainCell));
 }
 
@@ -162,26 +166,27 @@ template <class K>
 void linkFirst(const List<K>& list, uint64_t bucket, uint64_t head, uint64_t cell) {
   *at<ChainCell>(list.node, cell) = {head, bucket};
   if (head) at<ChainCell>(list.node, head)->prev = cell;
-  storeLast(wordAt(list.node, bucket), cell);
+  storeLast(list.word(bucket), cell);
 }
 
 // Reads the links of a cell for unlink.
 template <class K>
 bool readCell(const List<K>& list, uint64_t cell, ChainCell* links) {
-  *links = *at<ChainCell>(list.node, cell);
+  const auto* stored = at<ChainCell>(list.node, cell);
+  *links = {once(stored->next), once(stored->prev)};
   return (links->next == 0 || list.holds(links->next, sizeof *links)) &&
-         list.holds(links->prev, 8) && *wordAt(list.node, links->prev) == cell;
+         list.holds(links->prev, 8) && once(*list.word(links->prev)) == cell;
 }
 
 template <class K>
 void unlink(const List<K>& list, const ChainCell& links) {
   if (links.next) at<ChainCell>(list.node, links.next)->prev = links.prev;
-  storeLast(wordAt(list.node, links.prev), links.next);
+  storeLast(list.word(links.prev), links.next);
 }
 
 // All that can fail comes before a place is taken; until then the section is as it was.
 template <class K>
-uint32_t addHashed(const List<K>& list, const Key& key, const Value& value) {
+uint32_t addHashed(List<K>& list, const Key& key, const Value& value) {
   ChainWalk<K> walk(list, bucketOf(list, 0, key));
   bool found = false;
   if (const uint32_t rc = seek(&walk, key, false, &found)) return rc;
@@ -204,16 +209,16 @@ uint32_t addHashed(const List<K>& list, const Key& key, const Value& value) {
     return rc;
 
   takePlace(list, stack);
-  list.slot->used += list.nodeBytes();
+  list.setUsed(list.used + list.nodeBytes());
   for (uint32_t i = 1; i < Form<K>::tables; ++i)
     linkFirst(list, buckets[i], heads[i], place + kLinkOfTable[i]);
-  *wordAt(list.node, place) = *walk.cell;
+  *list.word(place) = walk.leadsTo;
   storeLast(walk.cell, place);
   return countReconfiguration(list.node);
 }
 
 template <class K>
-uint32_t deleteHashed(const List<K>& list, const Key& key) {
+uint32_t deleteHashed(List<K>& list, const Key& key) {
   ChainWalk<K> walk(list, bucketOf(list, 0, key));
   bool found = false;
   if (const uint32_t rc = seek(&walk, key, K::hasId, &found)) return rc;
@@ -222,15 +227,15 @@ uint32_t deleteHashed(const List<K>& list, const Key& key) {
   Stack stack;
   if (const uint32_t rc = openStack(list, &stack)) return rc;
   if (const uint32_t rc = checkPush(list, stack)) return rc;
-  const uint64_t place = *walk.cell;
+  const uint64_t place = walk.place();
   ChainCell links[3] = {};
   for (uint32_t i = 1; i < Form<K>::tables; ++i)
     if (!readCell(list, place + kLinkOfTable[i], &links[i])) return Codes<K>::bounds;
 
   push(list, stack, place);
   for (uint32_t i = 1; i < Form<K>::tables; ++i) unlink(list, links[i]);
-  storeLast(walk.cell, *wordAt(list.node, place));
-  list.slot->used -= list.nodeBytes();
+  storeLast(walk.cell, once(*list.word(place)));
+  list.setUsed(list.used - list.nodeBytes());
   return countReconfiguration(list.node);
 }
 
@@ -252,18 +257,16 @@ uint32_t createHashed(List<K>& list, const Entries& entries, uint64_t maxCount, 
   if (tablesEnd + sizeof(HashAnchor_t) + list.tables[0] * list.nodeBytes() > list.size)
     return Codes<K>::hashFit;
   return writing(list.node, inCriticalSection, accept::settled, [&]() -> uint32_t {
-    writeHeader(list);
+    writeHeader(&list);
     const uint64_t end = list.offset + list.size;
     *at<HashAnchor_t>(list.node, end - sizeof(HashAnchor_t)) = {list.offset + tablesEnd, 0};
-    memset(inSection(list.node, list.slot, Form<K>::hashHeader), 0,
-           static_cast<size_t>(list.bucketBytes()));
-    storeLast(&list.slot->used, tablesEnd + sizeof(HashAnchor_t));
+    memset(list.at(Form<K>::hashHeader), 0, static_cast<size_t>(list.bucketBytes()));
+    list.setUsed(tablesEnd + sizeof(HashAnchor_t));
     list.created = true;
     return forEachEntry<K>(entries, list.maxValueSize,
                            [&](const Key& key, const Value& value) -> uint32_t {
-                             List<K> again = list;
-                             const uint32_t rc = checkInput(list.node, key, value.size, &again);
-                             return rc ? rc : addHashed(list, key, value);
+                             if (const uint32_t rc = checkKey(list, key, value.size)) return rc;
+                             return addHashed(list, key, value);
                            });
   });
 }

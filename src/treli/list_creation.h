@@ -15,10 +15,9 @@ template <class K>
 uint32_t createList(SNodeCB_t* node, const Entries& entries, const NewList& wanted,
                     uint64_t inCriticalSection) {
   if (!node) return TREL_RC_NODE_NULL;
-  if (!(node->exports & K::bit)) return Codes<K>::noExport;
+  if (!(once(node->exports) & K::bit)) return Codes<K>::noExport;
   if (entries.count > TREL_MAX_PROPERTIES) return Codes<K>::count;
   List<K> list;
-  list.node = node;
   if constexpr (K::hasId) {
     if (wanted.maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_PROPERTY_ID_MAX;
     list.maxIdSize = round8(wanted.maxIdSize);
@@ -37,7 +36,8 @@ uint32_t createList(SNodeCB_t* node, const Entries& entries, const NewList& want
     if (K::hasId && !entries.idSizes) return TREL_RC_ID_SIZES_NULL;
     if (K::hasId && !entries.ids) return TREL_RC_ID_NULL;
   }
-  if (const uint32_t rc = openSection(&list)) return rc;
+  // Where the section lies stays as it is; `used` is only written from here on.
+  if (const uint32_t rc = openSection(node, K::bit, &list)) return rc;
   switch (wanted.useHashTable) {
     case 0:
       return createFlat(list, entries, wanted.maxCount, inCriticalSection);

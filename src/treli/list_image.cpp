@@ -20,7 +20,7 @@ uint32_t takeImage(SNodeCB_t* node, ListImage* image) {
     if ((rc = walk.next(&stored))) break;
     auto* entry = at<SNodeInfo_t>(image->bytes, image->count * stride);
     memcpy(static_cast<void*>(entry), stored, static_cast<size_t>(stride));
-    entry->selfOffset = offsetOf(stored, nullptr) - list.start;
+    entry->selfOffset = offsetOf(stored, list.at());
     if (entry->nodeTag == 0 || entry->nodeTag > TREL_MAX_TAG) rc = TREL_RC_TAG_RANGE;
     if (entry->idSize > list.maxIdSize) rc = TREL_RC_ID_BOUNDS;
     ++image->count;
@@ -33,11 +33,12 @@ bool stillHolds(SNodeCB_t* node, const SNodeInfo_t* entry) {
   bool holds = false;
   within<Access::read>(node, 0, [&] {
     DependentList list;
-    if (locateDependents(node, &list) || entry->selfOffset > list.end - list.start ||
-        list.end - list.start - entry->selfOffset < sizeof *entry)
+    if (locateDependents(node, &list) ||
+        !list.holds(list.offset + entry->selfOffset, sizeof *entry))
       return 0u;
-    const auto* stored = at<const SNodeInfo_t>(nullptr, list.start + entry->selfOffset);
-    holds = stored->nodeTag == entry->nodeTag && stored->nodeOffset == entry->nodeOffset;
+    const auto* stored = list.at<const SNodeInfo_t>(entry->selfOffset);
+    holds =
+        once(stored->nodeTag) == entry->nodeTag && once(stored->nodeOffset) == entry->nodeOffset;
     return 0u;
   });
   return holds;

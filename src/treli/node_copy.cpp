@@ -41,17 +41,16 @@ constexpr SectionForm kSections[] = {
 };
 
 // A section of a node that the copy reads, and whether it was ever filled.
-struct FoundSection {
-  ExportSlot_t* slot = nullptr;
+struct FoundSection : Section {
   bool filled = false;
 };
 
 // A list of dependents that has become empty is off, but it is there: its room goes with the copy.
 uint32_t findSection(SNodeCB_t* source, const SectionForm& form, FoundSection* found) {
-  const bool on = source->exports & form.bit;
+  const bool on = once(source->exports) & form.bit;
   if (!on && form.bit != TREL_EXPORT_DEPENDENT) return TREL_RC_COPY_NO_SECTION;
-  if (const uint32_t rc = sectionOf(source, form.bit, &found->slot)) return rc;
-  found->filled = found->slot->used >= form.leastUsed;
+  if (const uint32_t rc = openSection(source, form.bit, found)) return rc;
+  found->filled = found->used >= form.leastUsed;
   return on || found->filled ? 0 : uint32_t{TREL_RC_COPY_NO_SECTION};
 }
 
@@ -175,10 +174,10 @@ class Plan {
  private:
   uint32_t readChanges(bool* wishes) {
     if (!(source_->exports & TREL_EXPORT_CHANGE_LIST)) return 0;
-    ExportSlot_t* slot = nullptr;
-    if (const uint32_t rc = sectionOf(source_, TREL_EXPORT_CHANGE_LIST, &slot)) return rc;
-    if (slot->used < sizeof changes_) return 0;
-    memcpy(&changes_, inSection(source_, slot), sizeof changes_);
+    Section section;
+    if (const uint32_t rc = openSection(source_, TREL_EXPORT_CHANGE_LIST, &section)) return rc;
+    if (section.used < sizeof changes_) return 0;
+    memcpy(&changes_, section.at(), sizeof changes_);
     exports = changes_.exports;
     *wishes = true;
     return 0;
@@ -190,7 +189,7 @@ class Plan {
     const uint32_t rc = findSection(source_, form, &found);
     if (rc == TREL_RC_COPY_NO_SECTION) return 0;  // is refused once the block is there
     if (rc) return rc;
-    sizes[slotNumber(form.bit)] = found.slot->size;
+    sizes[slotNumber(form.bit)] = found.size;
     if (!found.filled) return 0;
     filled_ |= form.bit;
     switch (form.bit) {
@@ -203,7 +202,7 @@ class Plan {
       case TREL_EXPORT_IV:
         return surveyList<kind::IV>();
       case TREL_EXPORT_DEPENDENT:
-        return surveyDependents(found.slot);
+        return surveyDependents(found);
       default:
         return 0;
     }
@@ -223,15 +222,13 @@ class Plan {
     return 0;
   }
 
-  uint32_t surveyDependents(const ExportSlot_t* slot) {
-    const uint64_t used = slot->used, size = slot->size;
-    const TrelU64* const word = inSection<TrelU64>(source_, slot);
-    const uint64_t maxIdSize = *word;
+  uint32_t surveyDependents(const Section& section) {
+    const uint64_t maxIdSize = once(section.at<DependentHeader>()->maxIdSize);
     if (maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_DEPENDENT_ID_MAX;
     if (maxIdSize) {
       const uint64_t stride = maxIdSize + sizeof(SNodeInfo_t);
-      limits.currentDependents = (used - kDependentHeader) / stride;
-      limits.maxDependents = (size - kDependentHeader) / stride;
+      limits.currentDependents = (section.used - kDependentHeader) / stride;
+      limits.maxDependents = (section.size - kDependentHeader) / stride;
     }
     if (keepsRoom_)
       listMaxIdSize = maxIdSize;
@@ -348,31 +345,30 @@ class Filling {
   }
 
   uint32_t copySection(const SectionForm& form) {
-    FoundSection found;
-    ExportSlot_t* to = nullptr;
-    if (const uint32_t rc = findSection(source_, form, &found)) return rc;
-    if (const uint32_t rc = sectionOf(copy_, form.bit, &to)) return rc;
-    ExportSlot_t* const from = found.slot;
-    if (!found.filled) {
-      const uint64_t header = form.leastUsed < to->size ? form.leastUsed : uint64_t{to->size};
-      memset(inSection(copy_, to), 0, static_cast<size_t>(header));
-      to->used = 0;
+    FoundSection from;
+    Section to;
+    if (const uint32_t rc = findSection(source_, form, &from)) return rc;
+    if (const uint32_t rc = openSection(copy_, form.bit, &to)) return rc;
+    if (!from.filled) {
+      const uint64_t header = form.leastUsed < to.size ? form.leastUsed : to.size;
+      memset(to.at(), 0, static_cast<size_t>(header));
+      storeUsed(&to, form.bit, 0);
       return 0;
     }
     switch (form.bit) {
       case TREL_EXPORT_ID: {
-        idSize_ = inSection<IdSection_t>(source_, from)->idSize;
-        return copyNamed(from, to, sizeof(IdSection_t), idSize_);
+        idSize_ = once(from.at<IdSection_t>()->idSize);
+        return copyNamed(from, &to, form.bit, sizeof(IdSection_t), idSize_);
       }
       case TREL_EXPORT_PARENT:
-        return copyParent(from, to);
+        return copyParent(from, &to);
       case TREL_EXPORT_BASE_R:
         return copyBase<kind::BaseR>();
       case TREL_EXPORT_BASE_V:
         return copyBase<kind::BaseV>();
       case TREL_EXPORT_CHANGE_LIST:
-        if (const uint32_t rc = copyBytesOf(from, to, form.leastUsed)) return rc;
-        inSection<ChangeListSection_t>(copy_, to)->exports = copy_->exports;
+        if (const uint32_t rc = copyBytesOf(from, &to, form.bit, form.leastUsed)) return rc;
+        to.at<ChangeListSection_t>()->exports = copy_->exports;
         return 0;
       case TREL_EXPORT_R:
         return copyList<kind::R>();
@@ -383,29 +379,32 @@ class Filling {
       case TREL_EXPORT_IV:
         return copyList<kind::IV>();
       case TREL_EXPORT_DEPENDENT:
-        return makeList(to);
+        return makeList();
       default:
-        return copyBytesOf(from, to, form.leastUsed);
+        return copyBytesOf(from, &to, form.bit, form.leastUsed);
     }
   }
 
-  uint32_t copyBytesOf(ExportSlot_t* from, ExportSlot_t* to, uint64_t bytes) {
-    if (bytes > from->size || bytes > to->size) return TREL_RC_SLOT_USED;
-    memcpy(inSection(copy_, to), inSection(source_, from), static_cast<size_t>(bytes));
-    to->used = bytes;
+  uint32_t copyBytesOf(const Section& from, Section* to, uint32_t exportBit, uint64_t bytes) {
+    if (bytes > from.size || bytes > to->size) return TREL_RC_SLOT_USED;
+    memcpy(to->at(), from.at(), static_cast<size_t>(bytes));
+    storeUsed(to, exportBit, bytes);
     return 0;
   }
 
   // A header and an identifier behind it.
-  uint32_t copyNamed(ExportSlot_t* from, ExportSlot_t* to, uint64_t header, uint64_t idSize) {
+  uint32_t copyNamed(const Section& from, Section* to, uint32_t exportBit, uint64_t header,
+                     uint64_t idSize) {
     return idSize > TREL_MAX_ID_SIZE ? uint32_t{TREL_RC_NODE_ID_SIZE}
-                                     : copyBytesOf(from, to, header + idSize);
+                                     : copyBytesOf(from, to, exportBit, header + idSize);
   }
 
-  uint32_t copyParent(ExportSlot_t* from, ExportSlot_t* to) {
-    const uint64_t idSize = inSection<ParentSection_t>(source_, from)->parent.idSize;
-    if (const uint32_t rc = copyNamed(from, to, sizeof(ParentSection_t), idSize)) return rc;
-    SNodeInfo_t& parent = inSection<ParentSection_t>(copy_, to)->parent;
+  uint32_t copyParent(const Section& from, Section* to) {
+    const uint64_t idSize = once(from.at<ParentSection_t>()->parent.idSize);
+    if (const uint32_t rc =
+            copyNamed(from, to, TREL_EXPORT_PARENT, sizeof(ParentSection_t), idSize))
+      return rc;
+    SNodeInfo_t& parent = to->at<ParentSection_t>()->parent;
     parent.nodeOffset = wanted_.parent.nodeOffset;
     parent.segInfoOffset = wanted_.parent.segInfoOffset;
     parent.hdmInfoOffset = wanted_.parent.hdmInfoOffset;
@@ -416,24 +415,19 @@ class Filling {
 
   template <class K>
   uint32_t copyBase() {
-    List<K> from, to;
+    List<K> from;
     Key key;
     Value value;
-    from.node = source_;
-    to.node = copy_;
     if (const uint32_t rc = checkCondition(source_, accept::usable)) return rc;
-    if (const uint32_t rc = readLimits(&from)) return rc;
-    if (const uint32_t rc = openSection(&from)) return rc;
-    if (const uint32_t rc = openSection(&to)) return rc;
+    if (const uint32_t rc = openLimits(source_, &from)) return rc;
+    if (from.fault) return from.fault;
     if (K::hasBytes && (from.maxValueSize == 0 || from.maxValueSize > TREL_MAX_VALUE_SIZE))
       return TREL_RC_VALUE_MAX;
-    to.maxValueSize = round8(from.maxValueSize);
     if (!from.holds(from.offset, bytesInUse(from))) return Codes<K>::bounds;
-    if (to.size < bytesInUse(to)) return Codes<K>::flatFit;
     if (const uint32_t rc =
             readRecord(from, from.recordAt(from.offset + Form<K>::flatHeader), &key, &value))
       return rc;
-    return writeBase(to, key, value, 1);
+    return writeBase<K>(copy_, round8(from.maxValueSize), key, value, 1);
   }
 
   template <class K>
@@ -450,11 +444,13 @@ class Filling {
     return rc || part.current == 0 ? rc : copyProperties<K>(source_, copy_);
   }
 
-  uint32_t makeList(ExportSlot_t* to) {
+  uint32_t makeList() {
     if (listMaxIdSize_ > TREL_MAX_ID_SIZE) return TREL_RC_NODE_ID_MAX;
     if (const uint32_t rc = checkCondition(copy_, accept::settled)) return rc;
-    if (to->size < kDependentHeader) return TREL_RC_DEPENDENT_SECTION_SMALL;
-    clearDependents(copy_, to, round8(listMaxIdSize_));
+    DependentList list;
+    if (const uint32_t rc = openSection(copy_, TREL_EXPORT_DEPENDENT, &list)) return rc;
+    if (list.size < kDependentHeader) return TREL_RC_DEPENDENT_SECTION_SMALL;
+    clearDependents(&list, round8(listMaxIdSize_));
     return 0;
   }
 
@@ -575,13 +571,12 @@ uint32_t linkDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id, 
 uint32_t appendDependent(SNodeCB_t* node, SNodeInfo_t* record, const uint8_t* id) {
   DependentList list;
   if (const uint32_t rc = locateDependents(node, &list)) return rc;
-  const uint64_t used = list.slot->used, idSize = record->idSize;
+  const uint64_t idSize = record->idSize;
   if (idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
-  if (list.maxIdSize == 0 || list.start + used + list.stride() > list.end)
-    return TREL_RC_DEPENDENTS_FULL;
+  if (list.maxIdSize == 0 || list.used + list.stride() > list.size) return TREL_RC_DEPENDENTS_FULL;
   if (list.live == TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
-  storeDependent(node, at<SNodeInfo_t>(nullptr, list.start + used), record, id, idSize);
-  storeLast(&list.slot->used, used + list.stride());
+  storeDependent(node, list.at<SNodeInfo_t>(list.used), record, id, idSize);
+  list.setUsed(list.used + list.stride());
   return countReconfiguration(node);
 }
 

@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "platsvc/time.h"
-#include "treli/section.h"
+#include "treli/node_lock.h"
 #include "trelshm/process_memory.h"
 
 namespace trel {

@@ -1,6 +1,7 @@
 #include "treli/node_making.h"
 
 #include "trel/storage.h"
+#include "trelshm/handle.h"
 
 namespace trel {
 
@@ -10,6 +11,9 @@ uint32_t makeNode(const ShmSegInfo_t* segInfo, uint64_t exports, const uint64_t*
 
   // Only a first look: another process can take the space before the block is allocated.
   ShmPoolHandle_t* pool = segInfo->shmPoolHandle;
+  // The latch does not nest: a caller who holds it would lose it here.
+  if (pool && pool->base && platVLatchIsHeld(heapOf(pool).header()->heapLatch.latch))
+    return TREL_RC_LATCH;
   if (const uint32_t rc = trelLatchShmPool(pool)) return rc;
   ShmPoolInfo_t info;
   uint32_t failure = trelGetShmPoolInfo(pool, &info) ? uint32_t{TREL_RC_POOL_INFO} : 0;

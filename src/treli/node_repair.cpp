@@ -14,25 +14,29 @@ namespace {
 // One operation is off by one record at most. More means that the places behind were never made
 // vacant, and then their tags say nothing.
 template <class K>
-bool repairFlat(const List<K>& list) {
+bool repairFlat(List<K>& list) {
   const uint64_t occupied = occupiedRecords(list);
   uint64_t tags = 0;
   for (uint64_t position = Form<K>::flatHeader;
        list.holds(list.offset + position, list.recordBytes()); position += list.recordBytes())
-    tags += list.recordAt(list.offset + position)->tag != 0;
+    tags += once(list.recordAt(list.offset + position)->tag) != 0;
   if (tags == occupied + 1 || tags + 1 == occupied)
-    storeLast(&list.slot->used, Form<K>::flatHeader + tags * list.recordBytes());
+    list.setUsed(Form<K>::flatHeader + tags * list.recordBytes());
   FlatWalk<K> walk(list, occupiedRecords(list));
   while (walk.next()) {
   }
   return walk.rc == 0;
 }
 
+// The key that a record holds. False if its identifier is larger than the section allows.
 template <class K>
-Key keyOf(const List<K>& list, typename K::Record* record) {
-  Key key{record->tag};
-  if constexpr (K::hasId) key = {record->tag, record->idSize, list.idOf(record)};
-  return key;
+bool readKeyOf(const List<K>& list, typename K::Record* record, Key* key) {
+  *key = {once(record->tag)};
+  if constexpr (K::hasId) {
+    key->idSize = once(record->idSize);
+    key->id = list.idOf(record);
+  }
+  return key->idSize <= list.maxIdSize;
 }
 
 // The places of list nodes in a hash list.
@@ -55,12 +59,10 @@ bool areChainsSound(const List<K>& list, const Places& places) {
     typename K::Record* last = nullptr;
     ChainWalk<K> walk(list, bucket);
     while (walk.next()) {
-      if constexpr (K::hasId) {
-        if (walk.record->idSize > list.maxIdSize) return false;
-      }
       int order = -1;
-      const Key key = keyOf(list, walk.record);
-      if (!places.has(*walk.cell) || bucketOf(list, 0, key) != bucket ||
+      Key key;
+      if (!readKeyOf(list, walk.record, &key) || !places.has(walk.place()) ||
+          bucketOf(list, 0, key) != bucket ||
           (last && compareRecord(list, last, key, &order) != 0) || order >= 0)
         return false;
       last = walk.record;
@@ -74,37 +76,38 @@ bool areChainsSound(const List<K>& list, const Places& places) {
 template <class K>
 bool isLive(const List<K>& list, uint64_t place) {
   typename K::Record* record = list.recordAt(place + sizeof(typename K::Links));
-  if constexpr (K::hasId) {
-    if (record->idSize > list.maxIdSize) return false;
-  }
-  ChainWalk<K> walk(list, bucketOf(list, 0, keyOf(list, record)));
+  Key key;
+  if (!readKeyOf(list, record, &key)) return false;
+  ChainWalk<K> walk(list, bucketOf(list, 0, key));
   while (walk.next())
-    if (*walk.cell == place) return true;
+    if (walk.place() == place) return true;
   return false;
 }
 
 template <class K>
 void rebuildTables(const List<K>& list, const Places& places) {
   const uint64_t first = Form<K>::hashHeader + 8 * list.tables[0];
-  memset(inSection(list.node, list.slot, first), 0,
-         static_cast<size_t>(8 * (list.tables[1] + list.tables[2])));
+  memset(list.at(first), 0, static_cast<size_t>(8 * (list.tables[1] + list.tables[2])));
   for (uint64_t i = 0; i < places.count; ++i) {
     const uint64_t place = places.at(i);
-    if (!isLive(list, place)) continue;
-    const Key key = keyOf(list, list.recordAt(place + sizeof(typename K::Links)));
+    Key key;
+    if (!isLive(list, place) ||
+        !readKeyOf(list, list.recordAt(place + sizeof(typename K::Links)), &key))
+      continue;
     for (uint32_t table = 1; table < Form<K>::tables; ++table) {
       const uint64_t bucket = bucketOf(list, table, key);
-      linkFirst(list, bucket, *wordAt(list.node, bucket), place + kLinkOfTable[table]);
+      uint64_t head = 0;
+      if (readHead(list, bucket, &head)) linkFirst(list, bucket, head, place + kLinkOfTable[table]);
     }
   }
 }
 
 template <class K>
-bool repairHashed(const List<K>& list) {
+bool repairHashed(List<K>& list) {
   const uint64_t tablesEnd = Form<K>::hashHeader + list.bucketBytes();
   const uint64_t end = list.offset + list.size - sizeof(HashAnchor_t);
   auto* anchor = at<HashAnchor_t>(list.node, end);
-  const uint64_t nextFree = anchor->nextFreeOffset;
+  const uint64_t nextFree = once(anchor->nextFreeOffset);
   const uint64_t first = list.offset + tablesEnd;
   if (nextFree < first || nextFree > end || (nextFree - first) % list.nodeBytes() != 0)
     return false;
@@ -120,22 +123,20 @@ bool repairHashed(const List<K>& list) {
       ++live;
     } else {
       if (freed == TREL_MAX_PROPERTIES || newNext + 8 * (freed + 1) > end) return false;
-      *wordAt(list.node, end - 8 * ++freed) = places.at(i);
+      *list.word(end - 8 * ++freed) = places.at(i);
     }
   }
   storeLast(&anchor->nextFreeOffset, newNext);
   storeLast(&anchor->freedNodeCount, freed);
-  storeLast(&list.slot->used,
-            tablesEnd + sizeof(HashAnchor_t) + live * list.nodeBytes() + 8 * freed);
+  list.setUsed(tablesEnd + sizeof(HashAnchor_t) + live * list.nodeBytes() + 8 * freed);
   return true;
 }
 
 template <class K>
 bool repairList(SNodeCB_t* node) {
   List<K> list;
-  list.node = node;
-  if (!(node->exports & K::bit)) return true;
-  if (readLimits(&list) || openList(&list)) return false;
+  if (!(once(node->exports) & K::bit)) return true;
+  if (openList(node, &list)) return false;
   if (!list.created) return true;
   return list.hashed() ? repairHashed(list) : repairFlat(list);
 }
@@ -144,24 +145,23 @@ bool repairList(SNodeCB_t* node) {
 template <class K>
 bool repairBase(SNodeCB_t* node) {
   List<K> list;
-  list.node = node;
-  if (!(node->exports & K::bit)) return true;
-  if (openSection(&list)) return false;
+  if (!(once(node->exports) & K::bit)) return true;
+  if (openSection(node, K::bit, &list)) return false;
   const uint64_t start = list.offset + Form<K>::flatHeader;
-  if (list.slot->used == 0 && list.holds(start, sizeof(typename K::Record)))
+  if (list.used == 0 && list.holds(start, sizeof(typename K::Record)))
     list.recordAt(start)->tag = 0;
   return true;
 }
 
 bool repairId(SNodeCB_t* node) {
-  ExportSlot_t* slot = nullptr;
-  if (!(node->exports & TREL_EXPORT_ID)) return true;
-  if (sectionOf(node, TREL_EXPORT_ID, &slot)) return false;
-  if (slot->used == 0) return true;
-  if (slot->size < sizeof(IdSection_t)) return false;
-  const uint64_t used = sizeof(IdSection_t) + inSection<IdSection_t>(node, slot)->idSize;
-  if (used < sizeof(IdSection_t) || used > slot->size) return false;
-  slot->used = used;
+  Section section;
+  if (!(once(node->exports) & TREL_EXPORT_ID)) return true;
+  if (openSection(node, TREL_EXPORT_ID, &section)) return false;
+  if (section.used == 0) return true;
+  if (section.size < sizeof(IdSection_t)) return false;
+  const uint64_t used = sizeof(IdSection_t) + once(section.at<IdSection_t>()->idSize);
+  if (used < sizeof(IdSection_t) || used > section.size) return false;
+  storeUsed(&section, TREL_EXPORT_ID, used);
   return true;
 }
 

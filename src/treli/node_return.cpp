@@ -1,6 +1,6 @@
 #include "treli/node_return.h"
 
-#include "treli/section.h"
+#include "treli/node_lock.h"
 #include "trelshm/allocator.h"
 #include "trelshm/process_memory.h"
 #include "trelshm/store.h"
@@ -13,10 +13,11 @@ namespace trel {
 uint32_t giveNodeBack(SNodeCB_t** node, ShmPoolHandle_t* pool) {
   SNodeCB_t* const given = *node;
   LatchArea_t* const area = &given->nodeLatchArea;
-  Section section;
-  if (const uint32_t rc = enterSection<Access::write>(given, area, &section)) return rc;
+  NodeHold hold;
+  if (isReadOnly(given)) return TREL_RC_READING_ONLY;
+  if (const uint32_t rc = lockNode<Access::write>(given, area, &hold)) return rc;
   const uint32_t condition = given->condition;
-  uint32_t* const mark = section.latched ? &plat::latchAt(area->primaryLatch)->mark : nullptr;
+  uint32_t* const mark = hold.latched ? &plat::latchAt(area->primaryLatch)->mark : nullptr;
   const uint32_t marked = mark ? __atomic_exchange_n(mark, 0, __ATOMIC_RELAXED) : 0;
   storeLast(&given->condition, 0);
   void* block = given;
@@ -24,7 +25,7 @@ uint32_t giveNodeBack(SNodeCB_t** node, ShmPoolHandle_t* pool) {
   if (const uint32_t rc = freeBlock(&block, pool, caller)) {
     given->condition = condition;
     if (mark) __atomic_store_n(mark, marked, __ATOMIC_RELEASE);
-    return firstOf(rc, leaveSection<Access::write>(area, section));
+    return firstOf(rc, unlockNode<Access::write>(area, hold));
   }
   *node = nullptr;
   return 0;

@@ -1,4 +1,7 @@
 // Reaching a property by its key or its record, and reading or writing it.
+//
+// All that an operation learns of a list it learns inside, and so does whatever it answers. What it
+// finds goes to locals first: a look may be repeated, and a failure writes nothing.
 #pragma once
 
 #include "treli/flat_list.h"
@@ -15,94 +18,65 @@ uint32_t baseRecord(const List<K>& list, typename K::Record** record) {
   return list.holds(start, 0) ? 0 : Codes<K>::bounds;
 }
 
-// The bucket of a key; 0 in flat form.
+// The whole record of a key.
 template <class K>
-TREL_INLINE uint64_t keyBucket(const List<K>& list, const Key& key) {
-  if constexpr (K::base) {
-    return 0;
-  } else {
-    return TREL_LIKELY(list.hashed()) ? bucketOf(list, 0, key) : 0;
-  }
-}
-
-// The whole record of a key. The caller is inside the section.
-template <class K>
-TREL_INLINE uint32_t findKey(const List<K>& list, uint64_t bucket, const Key& key,
-                             typename K::Record** record) {
+TREL_INLINE uint32_t findKey(const List<K>& list, const Key& key, typename K::Record** record) {
   if constexpr (K::base) {
     if (const uint32_t rc = baseRecord(list, record)) return rc;
-    if (list.slot->used == 0) return Codes<K>::keyAbsent;
+    if (list.used == 0) return Codes<K>::keyAbsent;
     if ((K::hasBytes && list.maxValueSize == 0) ||
         list.maxValueSize > list.size ||  // it is as stored; the sum must not wrap
         !list.holds(list.offset + Form<K>::flatHeader, list.recordBytes()))
       return Codes<K>::bounds;
-    return (*record)->tag == key.tag ? 0 : Codes<K>::keyAbsent;
+    return once((*record)->tag) == key.tag ? 0 : Codes<K>::keyAbsent;
   } else {
-    return TREL_LIKELY(bucket) ? findHashed(list, bucket, key, Codes<K>::keyAbsent, record)
-                               : findFlat(list, key, record);
+    if (TREL_LIKELY(list.hashed()))
+      return findHashed(list, bucketOf(list, 0, key), key, Codes<K>::keyAbsent, record);
+    // Nobody takes the address of the list on the usual way, so that it stays in registers.
+    const List<K> flat = list;
+    return findFlat(flat, key, record);
   }
 }
 
-// The same in a list that was made anew while the caller waited for the section.
-template <class K>
-__attribute__((noinline)) uint32_t findKeyAgain(SNodeCB_t* node, const Key& key, uint64_t valueSize,
-                                                List<K>* fresh, typename K::Record** record) {
-  if (const uint32_t rc = openAgain(node, fresh)) return rc;
-  if (const uint32_t rc = checkSizes(*fresh, key, valueSize)) return rc;
-  return findKey(*fresh, keyBucket(*fresh, key), key, record);
+// Work on the property of a key, for a caller who is inside: work(list, record). `refusal` is the
+// code of an argument whose turn comes behind the key's, or 0.
+template <class K, class Work>
+TREL_INLINE uint32_t onKey(SNodeCB_t* node, const Key& key, uint64_t valueSize, uint32_t refusal,
+                           Work&& work) {
+  List<K> list;
+  if (const uint32_t rc = openForKey(node, key, valueSize, &list)) return rc;
+  if (TREL_UNLIKELY(refusal)) return refusal;
+  if (const uint32_t rc = checkCondition(node, accept::usable)) return rc;
+  if constexpr (K::base) {
+    if (list.fault) return list.fault;
+  } else {
+    if (const uint32_t rc = openTables(&list)) return rc;
+  }
+  typename K::Record* record = nullptr;
+  if (const uint32_t rc = findKey(list, key, &record)) return rc;
+  if (!record) __builtin_unreachable();  // success comes with a record
+  return work(list, record);
 }
 
-// Where a key leads. What needs no section is done in front of it, while the latch is on its way.
-template <class K>
-class Road {
- public:
-  TREL_INLINE Road(List<K>* list, const Key& key) : list_(list), key_(key) {
-    if constexpr (K::base) {
-      opened_ = openSection(list);
-    } else {
-      opened_ = openList(list);
-    }
-    if (TREL_LIKELY(opened_ == 0)) bucket_ = keyBucket(*list, key);
-  }
-
-  // The caller is inside the section. On the usual way nobody takes the list's address, so that it
-  // stays in registers.
-  TREL_INLINE uint32_t follow(uint64_t valueSize, typename K::Record** record) const {
-    if (TREL_UNLIKELY(opened_)) return opened_;
-    if (TREL_LIKELY(isAsRead(*list_))) return findKey(*list_, bucket_, key_, record);
-    List<K> fresh;
-    typename K::Record* found = nullptr;
-    const Key key = key_;
-    const uint32_t rc = findKeyAgain(list_->node, key, valueSize, &fresh, &found);
-    *list_ = fresh;
-    *record = found;
-    return rc;
-  }
-
- private:
-  List<K>* list_;
-  const Key& key_;
-  uint64_t bucket_ = 0;
-  uint32_t opened_;
-};
-
-// work(record) inside a section, on the property of a key, of which checkInput approved with that
-// size of a value.
-template <class K, Access access, class Work>
-TREL_INLINE uint32_t withKey(List<K>* list, const Key& key, uint64_t valueSize,
+template <class K, class Work>
+TREL_INLINE uint32_t readKey(SNodeCB_t* node, const Key& key, uint32_t refusal,
                              uint64_t inCriticalSection, Work&& work) {
-  const Road<K> road(list, key);
-  return within<access>(list->node, inCriticalSection, [&]() -> uint32_t {
-    if (const uint32_t rc = checkCondition(list->node, accept::usable)) return rc;
-    typename K::Record* record = nullptr;
-    if (const uint32_t rc = road.follow(valueSize, &record)) return rc;
-    if (!record) __builtin_unreachable();  // success comes with a record
-    return work(record);
+  if (!node) return TREL_RC_NODE_NULL;
+  return looking(node, inCriticalSection,
+                 [&]() TREL_INLINED { return onKey<K>(node, key, 1, refusal, work); });
+}
+
+template <class K, class Work>
+TREL_INLINE uint32_t writeKey(SNodeCB_t* node, const Key& key, uint64_t valueSize, uint32_t refusal,
+                              uint64_t inCriticalSection, Work&& work) {
+  if (!node) return TREL_RC_NODE_NULL;
+  return within<Access::write>(node, inCriticalSection, [&]() TREL_INLINED {
+    return onKey<K>(node, key, valueSize, refusal, work);
   });
 }
 
-inline uint32_t loadRegister(PLATVAtomicSigned32* cell, int32_t* value) {
-  return PLATVAtomicSigned32::add(cell, 0, value) ? uint32_t{TREL_RC_ATOMIC} : 0;
+inline int32_t loadRegister(PLATVAtomicSigned32* cell) {
+  return __atomic_load_n(PLATVAtomicSigned32::word(cell), __ATOMIC_ACQUIRE);
 }
 
 // A swap whose old value nobody wants, and so without a locked instruction.
@@ -113,23 +87,24 @@ inline void storeRegister(PLATVAtomicSigned32* cell, int32_t value) {
 template <class K>
 TREL_INLINE uint32_t getRegister(SNodeCB_t* node, const Key& key, int32_t* value,
                                  uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  if (!value) return K::valueNull;
-  return withKey<K, Access::read>(&list, key, 1, inCriticalSection, [&](auto* record) {
-    return loadRegister(&record->value, value);
-  });
+  int32_t found = 0;
+  const uint32_t rc = readKey<K>(node, key, value ? 0 : K::valueNull, inCriticalSection,
+                                 [&](const List<K>&, auto* record) TREL_INLINED -> uint32_t {
+                                   found = loadRegister(&record->value);
+                                   return 0;
+                                 });
+  if (TREL_LIKELY(rc == 0)) *value = found;
+  return rc;
 }
 
 template <class K>
 TREL_INLINE uint32_t setRegister(SNodeCB_t* node, const Key& key, int32_t value,
                                  uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  return withKey<K, Access::write>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
-    storeRegister(&record->value, value);
-    return 0;
-  });
+  return writeKey<K>(node, key, 1, 0, inCriticalSection,
+                     [&](const List<K>&, auto* record) TREL_INLINED -> uint32_t {
+                       storeRegister(&record->value, value);
+                       return 0;
+                     });
 }
 
 template <class K>
@@ -139,11 +114,18 @@ TREL_INLINE uint32_t getHeldRegister(SNodeCB_t* node, typename K::Record* record
   if (!record) return Codes<K>::recordNull;
   if (!value) return K::valueNull;
   if (!rcField) return TREL_RC_OUT_RC;
-  return reading(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
-    if (const uint32_t rc = loadRegister(&record->value, value)) return rc;
-    *rcField = record->rc;
-    return 0;
-  });
+  int32_t found = 0;
+  uint64_t foundRc = 0;
+  const uint32_t rc =
+      reading(node, inCriticalSection, accept::usable, [&]() TREL_INLINED -> uint32_t {
+        found = loadRegister(&record->value);
+        foundRc = once(record->rc);
+        return 0;
+      });
+  if (TREL_UNLIKELY(rc)) return rc;
+  *value = found;
+  *rcField = foundRc;
+  return 0;
 }
 
 template <class K>
@@ -151,49 +133,63 @@ TREL_INLINE uint32_t setHeldRegister(SNodeCB_t* node, typename K::Record* record
                                      uint64_t rcField, uint64_t inCriticalSection) {
   if (!node) return TREL_RC_NODE_NULL;
   if (!record) return Codes<K>::recordNull;
-  return writing(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
+  return writing(node, inCriticalSection, accept::usable, [&]() TREL_INLINED -> uint32_t {
     storeRegister(&record->value, value);
     record->rc = rcField;
     return 0;
   });
 }
 
+// M as it stands in the section when an operation begins, whether it counts or not. A caller who
+// gives a buffer without its size has sized it by that; who makes the list anew with a larger one
+// meanwhile must not make it overflow.
+template <class K>
+uint64_t maxValueSizeNow(SNodeCB_t* node) {
+  Section section;
+  constexpr uint64_t position = 8 * uint64_t{K::hasId};
+  if (openSection(node, K::bit, &section) || !section.holds(section.offset + position, 8)) return 0;
+  const uint64_t size = once(*wordAt(node, section.offset + position));
+  return size > TREL_MAX_VALUE_SIZE ? 0 : size;
+}
+
 template <class K>
 TREL_INLINE uint32_t getBytes(SNodeCB_t* node, const Key& key, uint64_t* size, uint8_t** address,
                               uint8_t* buffer, uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  if (!size) return TREL_RC_VALUE_SIZES_NULL;
-  if (!address) return K::valueNull;
-  return withKey<K, Access::read>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
-    const uint64_t stored = record->valueSize;
-    if (stored > list.maxValueSize) return TREL_RC_VALUE_SIZE;
-    *address = list.valueOf(record);
-    *size = stored;
-    if (buffer) copyBytes(buffer, *address, stored);
-    return 0;
-  });
+  const uint32_t refusal = !size ? TREL_RC_VALUE_SIZES_NULL : !address ? K::valueNull : 0;
+  const uint64_t room = buffer && node ? maxValueSizeNow<K>(node) : TREL_MAX_VALUE_SIZE;
+  uint64_t stored = 0;
+  uint8_t* bytes = nullptr;
+  const uint32_t rc = readKey<K>(node, key, refusal, inCriticalSection,
+                                 [&](const List<K>& list, auto* record) TREL_INLINED -> uint32_t {
+                                   stored = once(record->valueSize);
+                                   if (stored > list.maxValueSize || stored > room)
+                                     return TREL_RC_VALUE_SIZE;
+                                   bytes = list.valueOf(record);
+                                   if (buffer) copyBytes(buffer, bytes, stored);
+                                   return 0;
+                                 });
+  if (TREL_UNLIKELY(rc)) return rc;
+  *address = bytes;
+  *size = stored;
+  return 0;
 }
 
 template <class K>
 TREL_INLINE uint32_t setBytes(SNodeCB_t* node, const Key& key, uint64_t size, const uint8_t* value,
                               uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, size, &list)) return rc;
-  if (!value) return K::valueNull;
-  return withKey<K, Access::write>(&list, key, size, inCriticalSection,
-                                   [&](auto* record) -> uint32_t {
-                                     copyBytes(list.valueOf(record), value, size);
-                                     record->valueSize = size;
-                                     return 0;
-                                   });
+  return writeKey<K>(node, key, size, value ? 0 : K::valueNull, inCriticalSection,
+                     [&](const List<K>& list, auto* record) TREL_INLINED -> uint32_t {
+                       copyBytes(list.valueOf(record), value, size);
+                       record->valueSize = size;
+                       return 0;
+                     });
 }
 
 // Whether `bytes` bytes of a held record's value lie in the section. Only the bytes are tested: the
 // record is the caller's word.
 template <class K>
-TREL_INLINE bool holdsValue(List<K>* list, typename K::Record* record, uint64_t bytes) {
-  return openSection(list) == 0 && list->holds(offsetOf(list->valueOf(record), list->node), bytes);
+TREL_INLINE bool holdsValue(const List<K>& list, typename K::Record* record, uint64_t bytes) {
+  return list.fault == 0 && list.holds(offsetOf(list.valueOf(record), list.node), bytes);
 }
 
 template <class K>
@@ -205,21 +201,29 @@ TREL_INLINE uint32_t getHeldBytes(SNodeCB_t* node, typename K::Record* record, u
   if (!rcField) return TREL_RC_OUT_RC;
   if (!size) return TREL_RC_VALUE_SIZES_NULL;
   if (!address) return K::valueNull;
-  List<K> list;
-  list.node = node;
-  if (K::hasId || buffer)
-    if (const uint32_t rc = readLimits(&list)) return rc;
-  if (buffer && *size > list.maxValueSize) return TREL_RC_VALUE_SIZE;
-  return reading(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
-    if (buffer && *size) {
-      if (!holdsValue(&list, record, *size)) return Codes<K>::bounds;
-      copyBytes(buffer, list.valueOf(record), *size);
+  const uint64_t wanted = *size;
+  uint64_t stored = 0, foundRc = 0;
+  uint8_t* bytes = nullptr;
+  const uint32_t rc = looking(node, inCriticalSection, [&]() TREL_INLINED -> uint32_t {
+    List<K> list;
+    if (K::hasId || buffer)
+      if (const uint32_t failure = openLimits(node, &list)) return failure;
+    if (buffer && wanted > list.maxValueSize) return TREL_RC_VALUE_SIZE;
+    if (const uint32_t failure = checkCondition(node, accept::usable)) return failure;
+    bytes = list.valueOf(record);
+    if (buffer && wanted) {
+      if (!holdsValue(list, record, wanted)) return Codes<K>::bounds;
+      copyBytes(buffer, bytes, wanted);
     }
-    *address = list.valueOf(record);
-    *size = record->valueSize;
-    *rcField = record->rc;
+    stored = once(record->valueSize);
+    foundRc = once(record->rc);
     return 0;
   });
+  if (TREL_UNLIKELY(rc)) return rc;
+  *address = bytes;
+  *size = stored;
+  *rcField = foundRc;
+  return 0;
 }
 
 template <class K>
@@ -229,12 +233,12 @@ TREL_INLINE uint32_t setHeldBytes(SNodeCB_t* node, typename K::Record* record, u
   if (!node) return TREL_RC_NODE_NULL;
   if (!record) return Codes<K>::recordNull;
   if (!value) return K::valueNull;
-  List<K> list;
-  list.node = node;
-  if (const uint32_t rc = readLimits(&list)) return rc;
-  if (!isValueSize(size, list.maxValueSize)) return TREL_RC_VALUE_SIZE;
-  return writing(node, inCriticalSection, accept::usable, [&]() -> uint32_t {
-    if (!holdsValue(&list, record, size)) return Codes<K>::bounds;
+  return within<Access::write>(node, inCriticalSection, [&]() TREL_INLINED -> uint32_t {
+    List<K> list;
+    if (const uint32_t rc = openLimits(node, &list)) return rc;
+    if (!isValueSize(size, list.maxValueSize)) return TREL_RC_VALUE_SIZE;
+    if (const uint32_t rc = checkCondition(node, accept::usable)) return rc;
+    if (!holdsValue(list, record, size)) return Codes<K>::bounds;
     copyBytes(list.valueOf(record), value, size);
     record->valueSize = size;
     record->rc = rcField;
@@ -244,50 +248,46 @@ TREL_INLINE uint32_t setHeldBytes(SNodeCB_t* node, typename K::Record* record, u
 
 template <class K>
 uint32_t getRc(SNodeCB_t* node, const Key& key, uint64_t* rcField, uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  if (!rcField) return TREL_RC_OUT_RC;
-  return withKey<K, Access::read>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
-    *rcField = record->rc;
-    return 0;
-  });
+  uint64_t found = 0;
+  const uint32_t rc = readKey<K>(node, key, rcField ? 0u : TREL_RC_OUT_RC, inCriticalSection,
+                                 [&](const List<K>&, auto* record) TREL_INLINED -> uint32_t {
+                                   found = once(record->rc);
+                                   return 0;
+                                 });
+  if (rc == 0) *rcField = found;
+  return rc;
 }
 
 template <class K>
 uint32_t setRc(SNodeCB_t* node, const Key& key, uint64_t rcField, uint64_t inCriticalSection) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  return withKey<K, Access::write>(&list, key, 1, inCriticalSection, [&](auto* record) -> uint32_t {
-    record->rc = rcField;
-    return 0;
-  });
+  return writeKey<K>(node, key, 1, 0, inCriticalSection,
+                     [&](const List<K>&, auto* record) TREL_INLINED -> uint32_t {
+                       record->rc = rcField;
+                       return 0;
+                     });
 }
 
 // The address forms enter nothing: their callers are inside.
 template <class K>
 uint32_t getAddress(SNodeCB_t* node, const Key& key, typename K::Record** address) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  if (!address) return Codes<K>::recordNull;
-  return withKey<K, Access::read>(&list, key, 1, 1, [&](auto* record) -> uint32_t {
-    *address = record;
-    return 0;
-  });
+  return readKey<K>(node, key, address ? 0 : Codes<K>::recordNull, 1,
+                    [&](const List<K>&, auto* record) TREL_INLINED -> uint32_t {
+                      *address = record;
+                      return 0;
+                    });
 }
 
 // Value: PLATVAtomicSigned32 or uint8_t.
 template <class K, class Value>
 uint32_t getValueAddress(SNodeCB_t* node, const Key& key, Value** address) {
-  List<K> list;
-  if (const uint32_t rc = checkInput(node, key, 1, &list)) return rc;
-  if (!address) return K::valueNull;
-  return withKey<K, Access::read>(&list, key, 1, 1, [&](auto* record) -> uint32_t {
-    if constexpr (K::hasBytes)
-      *address = list.valueOf(record);
-    else
-      *address = &record->value;
-    return 0;
-  });
+  return readKey<K>(node, key, address ? 0 : K::valueNull, 1,
+                    [&](const List<K>& list, auto* record) TREL_INLINED -> uint32_t {
+                      if constexpr (K::hasBytes)
+                        *address = list.valueOf(record);
+                      else
+                        *address = &record->value;
+                      return 0;
+                    });
 }
 
 }  // namespace trel

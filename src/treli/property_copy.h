@@ -12,9 +12,7 @@ template <class K>
 uint32_t surveyList(SNodeCB_t* source, NodeCopyLimits_t* limits) {
   auto& part = partOf<K>(*limits);
   List<K> list;
-  list.node = source;
-  if (const uint32_t rc = readLimits<K>(source, &list.maxIdSize, &list.maxValueSize)) return rc;
-  if (const uint32_t rc = openList(&list)) return rc;
+  if (const uint32_t rc = openList(source, &list)) return rc;
   if (const uint32_t rc = countRecords(list, &part.current, &part.maximum)) return rc;
   if constexpr (K::hasId) {
     part.maxIdSize = list.maxIdSize;
@@ -46,34 +44,31 @@ uint32_t forEachRecord(const List<K>& list, Visit&& visit) {
 // A property of the source, for a copy: identifier and bytes go from node to node.
 template <class K>
 uint32_t readRecord(const List<K>& list, typename K::Record* record, Key* key, Value* value) {
-  if (const uint32_t rc = examine(list, record)) return rc;
-  key->tag = record->tag;
-  if constexpr (K::hasId) {
-    key->idSize = record->idSize;
-    key->id = at<uint8_t>(list.node, record->idOffset);
-    if (!list.holds(record->idOffset, key->idSize)) return TREL_RC_ID_BOUNDS;
-  }
+  Fields fields;
+  if (const uint32_t rc = examine(list, record, &fields)) return rc;
+  if (K::hasId && !list.holds(fields.idOffset, fields.idSize)) return TREL_RC_ID_BOUNDS;
+  *key = {fields.tag, fields.idSize, at<uint8_t>(list.node, fields.idOffset)};
   if constexpr (K::hasBytes) {
-    value->size = record->valueSize;
+    value->size = fields.valueSize;
     value->bytes = list.valueOf(record);
-    return 0;
   } else {
-    return loadRegister(&record->value, &value->number);
+    value->number = loadRegister(&record->value);
   }
+  return 0;
 }
 
 // Adds to a list that only this copy has filled, from a list in which nothing is twice: the next
 // record is free, and in a flat list nothing needs to be compared.
 template <class K>
-uint32_t appendProperty(const List<K>& list, const Key& key, const Value& value) {
+uint32_t appendProperty(List<K>& list, const Key& key, const Value& value) {
   if (key.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
   if (K::hasBytes && !isValueSize(value.size, list.maxValueSize)) return TREL_RC_VALUE_SIZE;
   if (list.hashed()) return addHashed(list, key, value);
-  const uint64_t used = list.slot->used, place = list.offset + used;
-  if (used + list.recordBytes() > list.size) return Codes<K>::flatFull;
+  const uint64_t place = list.offset + list.used;
+  if (list.used + list.recordBytes() > list.size) return Codes<K>::flatFull;
   if (!list.holds(place, list.recordBytes())) return Codes<K>::bounds;
   if (const uint32_t rc = fill(list, list.recordAt(place), key, value)) return rc;
-  list.slot->used = used + list.recordBytes();
+  list.setUsed(list.used + list.recordBytes());
   return countReconfiguration(list.node);
 }
 
@@ -81,14 +76,8 @@ uint32_t appendProperty(const List<K>& list, const Key& key, const Value& value)
 template <class K>
 uint32_t copyProperties(SNodeCB_t* source, SNodeCB_t* copy) {
   List<K> from, to;
-  from.node = source;
-  to.node = copy;
-  List<K>* const lists[] = {&from, &to};
-  for (List<K>* list : lists) {
-    if (const uint32_t rc = readLimits<K>(list->node, &list->maxIdSize, &list->maxValueSize))
-      return rc;
-    if (const uint32_t rc = openList(list)) return rc;
-  }
+  if (const uint32_t rc = openList(source, &from)) return rc;
+  if (const uint32_t rc = openList(copy, &to)) return rc;
   if (const uint32_t rc = checkCondition(copy, accept::usable)) return rc;
   return forEachRecord(from, [&](typename K::Record* record) -> uint32_t {
     Key key;

@@ -1,14 +1,14 @@
 // A property section as an operation sees it, and what all its forms share.
 //
-// What the section says about itself is read once, tested, and kept in a List. Whatever an
-// operation reaches by an offset found in the section is tested against that List, start and end,
-// before it is touched; so damaged bytes yield a code and never lead outside the section.
+// What the section says about itself is read once, inside, tested, and kept in a List: a list can
+// be created again whenever nobody holds the node. Whatever an operation reaches by an offset found
+// in the section is tested against that List, start and end, before it is touched; so damaged bytes
+// yield a code and never lead outside the section.
 #pragma once
 
 #include "treli/identifier.h"
+#include "treli/node_lock.h"
 #include "treli/property_kind.h"
-#include "treli/section.h"
-#include "trelshm/store.h"
 
 namespace trel {
 
@@ -34,121 +34,77 @@ inline void copyBytes(void* to, const void* from, uint64_t bytes) {
 inline TrelU64* wordAt(const void* base, uint64_t offset) { return at<uint64_t>(base, offset); }
 
 template <class K>
-struct List {
+struct List : Section {
   using Kind = K;
   using Record = typename K::Record;
 
-  SNodeCB_t* node = nullptr;
-  ExportSlot_t* slot = nullptr;
-  uint64_t offset = 0, size = 0;  // of the section
-  uint64_t maxIdSize = 0;         // D; 0 in kinds without
-  uint64_t maxValueSize = 0;      // M; 0 in kinds without
-  uint64_t tables[3] = {};        // sizes; in flat form 0
-  bool created = false;           // if not: a flat list without room
+  uint32_t fault = 0;         // of the slot's lookup; it counts where the section is needed
+  bool exported = false;      // the node's exports name the section
+  bool created = false;       // if not: a flat list without room
+  uint64_t maxIdSize = 0;     // D; 0 in kinds without
+  uint64_t maxValueSize = 0;  // M; 0 in kinds without
+  uint64_t tables[3] = {};    // sizes; in flat form 0
 
   bool hashed() const { return tables[0] != 0; }
   uint64_t recordBytes() const { return sizeof(Record) + maxIdSize + maxValueSize; }
   uint64_t nodeBytes() const { return sizeof(typename K::Links) + recordBytes(); }
   uint64_t bucketBytes() const { return 8 * (tables[0] + tables[1] + tables[2]); }
 
-  // Whether `bytes` bytes at an offset from the node's start lie in the section.
-  bool holds(uint64_t from, uint64_t bytes) const {
-    const uint64_t position = from - offset;
-    return position <= size && size - position >= bytes;
+  Record* recordAt(uint64_t from) const { return trel::at<Record>(node, from); }
+  TrelU64* word(uint64_t from) const { return wordAt(node, from); }
+  uint8_t* idOf(Record* record) const { return trel::at<uint8_t>(record, sizeof(Record)); }
+  uint8_t* valueOf(Record* record) const {
+    return trel::at<uint8_t>(record, sizeof(Record) + maxIdSize);
   }
-  Record* recordAt(uint64_t from) const { return at<Record>(node, from); }
-  uint8_t* idOf(Record* record) const { return at<uint8_t>(record, sizeof(Record)); }
-  uint8_t* valueOf(Record* record) const { return at<uint8_t>(record, sizeof(Record) + maxIdSize); }
+  void setUsed(uint64_t bytes) { storeUsed(this, K::bit, bytes); }
 };
 
-// Reads D and M. A kind, node or section without any gives 0.
+// Looks the section up, and reads D and M. A kind, node or section without any gives 0.
 template <class K>
-TREL_INLINE uint32_t readLimits(SNodeCB_t* node, uint64_t* maxIdSize, uint64_t* maxValueSize) {
-  *maxIdSize = *maxValueSize = 0;
+TREL_INLINE uint32_t openLimits(SNodeCB_t* node, List<K>* list) {
+  list->fault = openSection(node, K::bit, list);
+  list->node = node;
   if constexpr (K::hasId || K::hasBytes) {
-    if (!(node->exports & K::bit)) return 0;
-    ExportSlot_t* slot = nullptr;
-    if (const uint32_t rc = sectionOf(node, K::bit, &slot)) return rc;
-    if ((K::base ? slot->size : slot->used) < Form<K>::flatHeader) return 0;
-    const TrelU64* word = inSection<TrelU64>(node, slot);
-    if constexpr (K::hasId) *maxIdSize = *word++;
-    if constexpr (K::hasBytes) *maxValueSize = *word;
-    if (K::hasId && *maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_PROPERTY_ID_MAX;
-    if (K::hasBytes && !K::base && (*maxValueSize == 0 || *maxValueSize > TREL_MAX_VALUE_SIZE))
+    list->exported = once(node->exports) & K::bit;
+    if (!list->exported) return 0;
+    if (list->fault) return list->fault;
+    if ((K::base ? list->size : list->used) < Form<K>::flatHeader) return 0;
+    const TrelU64* word = list->word(list->offset);
+    if constexpr (K::hasId) list->maxIdSize = once(*word++);
+    if constexpr (K::hasBytes) list->maxValueSize = once(*word);
+    if (K::hasId && list->maxIdSize > TREL_MAX_ID_SIZE) return TREL_RC_PROPERTY_ID_MAX;
+    if (K::hasBytes && !K::base &&
+        (list->maxValueSize == 0 || list->maxValueSize > TREL_MAX_VALUE_SIZE))
       return TREL_RC_VALUE_MAX;
   }
   return 0;
-}
-
-template <class K>
-TREL_INLINE uint32_t readLimits(List<K>* list) {
-  return readLimits<K>(list->node, &list->maxIdSize, &list->maxValueSize);
-}
-
-constexpr bool isValueSize(uint64_t size, uint64_t maxValueSize) {
-  return size == 1 || (size != 0 && size <= maxValueSize);
-}
-
-template <class K>
-TREL_INLINE uint32_t checkSizes(const List<K>& list, const Key& key, uint64_t valueSize) {
-  if (K::hasId && key.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
-  return K::hasBytes && !isValueSize(valueSize, list.maxValueSize) ? uint32_t{TREL_RC_VALUE_SIZE}
-                                                                   : 0;
-}
-
-// The tests that all operations by key begin with. Reads D and M into the list.
-template <class K>
-TREL_INLINE uint32_t checkInput(SNodeCB_t* node, const Key& key, uint64_t valueSize,
-                                List<K>* list) {
-  if (!node) return TREL_RC_NODE_NULL;
-  if (key.tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-  list->node = node;
-  if (const uint32_t rc = readLimits(list)) return rc;
-  if (const uint32_t rc = checkSizes(*list, key, valueSize)) return rc;
-  return K::hasId && !key.id ? uint32_t{TREL_RC_ID_NULL} : 0;
 }
 
 constexpr bool isTableSize(uint64_t tableSize, uint64_t sectionSize) {
   return tableSize <= TREL_MAX_TABLE_SIZE && tableSize <= sectionSize;
 }
 
-// Reads the table sizes. *sizes[1] and [2] are left alone unless the list has three tables.
+// Reads the table sizes. The second and third are left alone unless the list has three tables.
 template <class K>
-TREL_INLINE uint32_t readTableSizes(SNodeCB_t* node, const ExportSlot_t* slot,
-                                    uint64_t* const (&sizes)[3]) {
-  *sizes[0] = 0;
-  if (slot->used < Form<K>::flatHeader) return 0;
-  const uint64_t bytes = slot->size;
-  const TrelU64* word = inSection<TrelU64>(node, slot, 8 * Form<K>::limits);
-  *sizes[0] = word[0];
-  if (!isTableSize(*sizes[0], bytes)) return TREL_RC_TABLE_SIZE;
-  if (Form<K>::tables == 3 && *sizes[0] != 0) {
-    if (bytes < Form<K>::hashHeader) return TREL_RC_TABLE_SIZE;
-    *sizes[1] = word[1];
-    *sizes[2] = word[2];
-    if (!isTableSize(*sizes[1], bytes) || !isTableSize(*sizes[2], bytes)) return TREL_RC_TABLE_SIZE;
+TREL_INLINE uint32_t readTableSizes(List<K>* list) {
+  if (list->used < Form<K>::flatHeader) return 0;
+  const TrelU64* word = list->word(list->offset + 8 * Form<K>::limits);
+  for (uint32_t i = 0; i < Form<K>::tables; ++i) {
+    if (i && list->size < Form<K>::hashHeader) return TREL_RC_TABLE_SIZE;
+    list->tables[i] = once(word[i]);
+    if (!isTableSize(list->tables[i], list->size)) return TREL_RC_TABLE_SIZE;
+    if (list->tables[0] == 0) break;
   }
   return 0;
 }
 
-// Looks the section up; D and M are in the list already. Base kinds end here.
+// The rest of what a list says of itself. A list in hash form has tables that fit the section.
 template <class K>
-TREL_INLINE uint32_t openSection(List<K>* list) {
-  if (const uint32_t rc = sectionOf(list->node, K::bit, &list->slot)) return rc;
-  list->offset = list->slot->offset;
-  list->size = list->slot->size;
-  return 0;
-}
-
-// The same, and the table sizes. A list in hash form has tables that fit the section.
-template <class K>
-TREL_INLINE uint32_t openList(List<K>* list) {
-  if (const uint32_t rc = openSection(list)) return rc;
-  list->created = list->slot->used >= Form<K>::flatHeader &&
-                  (Form<K>::limits == 0 || (list->node->exports & K::bit));
+TREL_INLINE uint32_t openTables(List<K>* list) {
+  if (TREL_UNLIKELY(list->fault)) return list->fault;
+  list->created = list->used >= Form<K>::flatHeader && (Form<K>::limits == 0 || list->exported);
   if (!list->created) return 0;
-  uint64_t* const sizes[3] = {&list->tables[0], &list->tables[1], &list->tables[2]};
-  if (const uint32_t rc = readTableSizes<K>(list->node, list->slot, sizes)) return rc;
+  if (const uint32_t rc = readTableSizes(list)) return rc;
   if (!list->hashed()) return 0;
   for (uint32_t i = 1; i < Form<K>::tables; ++i)
     if (list->tables[i] == 0) return TREL_RC_TABLE_SIZE;
@@ -157,58 +113,42 @@ TREL_INLINE uint32_t openList(List<K>* list) {
              : 0;
 }
 
-// What a section says about itself changes when its list is made anew, and that may happen while
-// the caller waits for the section. Whether it is still as it was read.
 template <class K>
-TREL_INLINE bool isAsRead(const List<K>& list) {
-  const TrelU64* word = wordAt(list.node, list.offset);
-  if constexpr (K::base) {
-    return !K::hasBytes || list.size < Form<K>::flatHeader || *word == list.maxValueSize;
-  } else {
-    if ((list.slot->used >= Form<K>::flatHeader) != list.created) return false;
-    if (!list.created) return true;
-    if (K::hasId && *word++ != list.maxIdSize) return false;
-    if (K::hasBytes && *word++ != list.maxValueSize) return false;
-    if (*word != list.tables[0]) return false;
-    return Form<K>::tables != 3 || !list.hashed() ||
-           (word[1] == list.tables[1] && word[2] == list.tables[2]);
-  }
+TREL_INLINE uint32_t openList(SNodeCB_t* node, List<K>* list) {
+  const uint32_t rc = openLimits(node, list);
+  return rc ? rc : openTables(list);
+}
+
+constexpr bool isValueSize(uint64_t size, uint64_t maxValueSize) {
+  return size == 1 || (size != 0 && size <= maxValueSize);
 }
 
 template <class K>
-__attribute__((noinline)) uint32_t openAgain(SNodeCB_t* node, List<K>* fresh) {
-  fresh->node = node;
-  if (const uint32_t rc = readLimits(fresh)) return rc;
-  if constexpr (K::base) {
-    return openSection(fresh);
-  } else {
-    return openList(fresh);
-  }
+TREL_INLINE uint32_t checkKey(const List<K>& list, const Key& key, uint64_t valueSize) {
+  if (key.tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  if (K::hasId && key.idSize > list.maxIdSize) return TREL_RC_PROPERTY_ID_SIZE;
+  if (K::hasBytes && !isValueSize(valueSize, list.maxValueSize)) return TREL_RC_VALUE_SIZE;
+  return K::hasId && !key.id ? uint32_t{TREL_RC_ID_NULL} : 0;
 }
 
-// For those who are inside now: the list as it is.
+// The tests that all operations by key begin with, on a node that is not null. The caller is
+// inside.
 template <class K>
-TREL_INLINE uint32_t confirm(List<K>* list) {
-  if (TREL_LIKELY(isAsRead(*list))) return 0;
-  SNodeCB_t* const node = list->node;
-  *list = List<K>();
-  return openAgain(node, list);
-}
-template <class K>
-TREL_INLINE uint32_t confirm(List<K>* list, const Key& key, uint64_t valueSize) {
-  if (TREL_LIKELY(isAsRead(*list))) return 0;
-  const uint32_t rc = confirm(list);
-  return rc ? rc : checkSizes(*list, key, valueSize);
+TREL_INLINE uint32_t openForKey(SNodeCB_t* node, const Key& key, uint64_t valueSize,
+                                List<K>* list) {
+  if (key.tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  const uint32_t rc = openLimits(node, list);
+  return rc ? rc : checkKey(*list, key, valueSize);
 }
 
 // Orders a stored record against a key: *order is negative if the record comes first. Tests what
 // the record says of its identifier.
 template <class K>
-TREL_INLINE uint32_t compareRecord(const List<K>& list, typename K::Record* record, const Key& key,
-                                   int* order) {
-  const uint64_t tag = record->tag;
+TREL_INLINE uint32_t compareRecord(const List<K>& list, const typename K::Record* record,
+                                   const Key& key, int* order) {
+  const uint64_t tag = once(record->tag);
   if constexpr (K::hasId) {
-    const uint64_t idOffset = record->idOffset, idSize = record->idSize;
+    const uint64_t idOffset = once(record->idOffset), idSize = once(record->idSize);
     if (!list.holds(idOffset, 0)) return TREL_RC_ID_BOUNDS;
     if (tag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
     if (idSize > TREL_MAX_ID_SIZE) return TREL_RC_COMPARE_ID_SIZE;
@@ -250,12 +190,12 @@ uint32_t fill(const List<K>& list, typename K::Record* record, const Key& key, c
 
 // Begins a new list: D, M and as many table sizes as there are. While used is 0 nothing counts.
 template <class K>
-void writeHeader(const List<K>& list) {
-  storeLast(&list.slot->used, 0);
-  TrelU64* word = inSection<TrelU64>(list.node, list.slot);
-  if (K::hasId) *word++ = list.maxIdSize;
-  if (K::hasBytes) *word++ = list.maxValueSize;
-  for (uint32_t i = 0; i < (list.hashed() ? Form<K>::tables : 1); ++i) *word++ = list.tables[i];
+void writeHeader(List<K>* list) {
+  list->setUsed(0);
+  TrelU64* word = list->word(list->offset);
+  if (K::hasId) *word++ = list->maxIdSize;
+  if (K::hasBytes) *word++ = list->maxValueSize;
+  for (uint32_t i = 0; i < (list->hashed() ? Form<K>::tables : 1); ++i) *word++ = list->tables[i];
 }
 
 // What the caller of a create passes: arrays of `count` entries. Identifiers are packed, values lie

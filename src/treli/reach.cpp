@@ -2,7 +2,7 @@
 
 #include "trel/segment.h"
 #include "treli/attach_latch.h"
-#include "treli/section.h"
+#include "treli/node_lock.h"
 #include "trelll/list.h"
 #include "trelshm/handle.h"
 
@@ -221,17 +221,19 @@ uint32_t keepReached(Reached* reached) {
   return rc;
 }
 
-uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent) {
-  if (const uint32_t rc = sectionOf(node, TREL_EXPORT_PARENT, slot)) return rc;
-  if ((*slot)->size < sizeof(ParentSection_t)) return TREL_RC_SLOT_USED;
-  *parent = &inSection<ParentSection_t>(node, *slot)->parent;
+uint32_t parentOf(SNodeCB_t* node, Section* section, SNodeInfo_t** parent) {
+  if (!(once(node->exports) & TREL_EXPORT_PARENT)) return TREL_RC_NO_PARENT_SECTION;
+  if (const uint32_t rc = openSection(node, TREL_EXPORT_PARENT, section)) return rc;
+  if (section->size < sizeof(ParentSection_t)) return TREL_RC_SLOT_USED;
+  if (section->used == 0) return TREL_RC_NO_PARENT_SECTION;  // never filled
+  *parent = &section->at<ParentSection_t>()->parent;
   return 0;
 }
 
 uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record) {
-  ExportSlot_t* slot = nullptr;
-  if (const uint32_t rc = parentOf(node, &slot, record)) return rc;
-  return slot->used < sizeof(ParentSection_t) ? uint32_t{TREL_RC_NO_PARENT_SECTION} : 0;
+  Section section;
+  if (const uint32_t rc = parentOf(node, &section, record)) return rc;
+  return section.used < sizeof(ParentSection_t) ? uint32_t{TREL_RC_NO_PARENT_SECTION} : 0;
 }
 
 }  // namespace trel

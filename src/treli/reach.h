@@ -3,6 +3,7 @@
 
 #include "treli/attachment.h"
 #include "treli/bounds.h"
+#include "treli/slot.h"
 
 namespace trel {
 
@@ -81,9 +82,8 @@ inline uint32_t nodeBehind(const SNodeInfo_t* record, SNodeCB_t** node) {
   return rc;
 }
 
-// The place of the node's parent record in its section. *slot and *parent are written when they are
-// known.
-uint32_t parentOf(SNodeCB_t* node, ExportSlot_t** slot, SNodeInfo_t** parent);
+// The place of the node's parent record in its section, if that was ever filled.
+uint32_t parentOf(SNodeCB_t* node, Section* section, SNodeInfo_t** parent);
 // The node's parent record, if it holds one: a writer may have died while it changed.
 uint32_t parentRecordOf(SNodeCB_t* node, SNodeInfo_t** record);
 

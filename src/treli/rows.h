@@ -4,9 +4,9 @@
 
 #include "treli/property_list.h"
 
-#define OPERATION(name, parameters, work)                         \
-  uint32_t name parameters {                                      \
-    return traced(FID_##name, [&](const Flow&) { return work; }); \
+#define OPERATION(name, parameters, work)                                      \
+  uint32_t name parameters {                                                   \
+    return traced(FID_##name, [&](const Flow&) TREL_INLINED { return work; }); \
   }
 
 // Parameters that name a property or hold its value, and what they become.

@@ -3,6 +3,8 @@
 
 #include "trelshm/bytes.h"
 #include "trelshm/flow.h"
+#include "trelshm/mapping.h"
+#include "trelshm/store.h"
 
 namespace trel {
 
@@ -16,37 +18,62 @@ constexpr uint32_t bitNumber(uint32_t exportBit) {
 // The place of a section's slot in the export table.
 constexpr uint32_t slotNumber(uint32_t exportBit) { return bitNumber(exportBit) - 1; }
 
+// A section as its slot described it when it was read, once. Whatever is reached by an offset that
+// was found in the section is tested against this, start and end, before it is touched; so neither
+// damaged bytes nor a slot that others change lead outside.
+struct Section {
+  SNodeCB_t* node = nullptr;
+  uint64_t offset = 0, size = 0;  // from the node's start
+  uint64_t used = 0;
+
+  // Whether `bytes` bytes at an offset from the node's start lie in the section.
+  bool holds(uint64_t from, uint64_t bytes) const {
+    const uint64_t position = from - offset;
+    return position <= size && size - position >= bytes;
+  }
+  // What lies at a position of the section.
+  template <class T = uint8_t>
+  T* at(uint64_t position = 0) const {
+    return trel::at<T>(node, offset + position);
+  }
+};
+
 // The tests of trelGetPExportPointer. *slot is written as soon as the bit is known to be good.
-TREL_INLINE uint32_t slotOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot) {
+TREL_INLINE uint32_t readSlot(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot,
+                              Section* section) {
   const uint32_t n = bitNumber(exportBit);
   if (n == 0 || n > kReachableSlots) return TREL_RC_EXPORT_BIT;
-  ExportSlot_t* s = &node->exportTable[n - 1];
-  *slot = s;
-  if (TREL_UNLIKELY(s->offset == 0)) return TREL_RC_SLOT_OFFSET;
-  if (TREL_UNLIKELY(s->used > s->size)) return TREL_RC_SLOT_USED;
-  if (TREL_UNLIKELY(s->size > TREL_MAX_SECTION_SIZE)) return TREL_RC_SLOT_SIZE;
+  *slot = &node->exportTable[n - 1];
+  *section = {node, once((*slot)->offset), once((*slot)->size), once((*slot)->used)};
+  if (TREL_UNLIKELY(section->offset == 0)) return TREL_RC_SLOT_OFFSET;
+  if (TREL_UNLIKELY(section->used > section->size)) return TREL_RC_SLOT_USED;
+  if (TREL_UNLIKELY(section->size > TREL_MAX_SECTION_SIZE)) return TREL_RC_SLOT_SIZE;
   return 0;
 }
 
-// The same for an operation that is going to touch the section: it must also lie inside the node,
-// behind its header. A walk that holds no latch gives the node's size as it has tested it.
-TREL_INLINE uint32_t sectionOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot,
-                               uint64_t nodeSize) {
-  if (const uint32_t rc = slotOf(node, exportBit, slot)) return rc;
-  const uint64_t size = (*slot)->size, offset = (*slot)->offset;
-  if (TREL_UNLIKELY(offset - sizeof(SNodeCB_t) > TREL_MAX_NODE_SIZE || offset + size > nodeSize))
+// For an operation that is going to touch the section: it must also lie behind the node's header,
+// in the node, and in what is mapped. A walk that holds no latch gives the node's size as it has
+// tested it.
+TREL_INLINE uint32_t openSection(SNodeCB_t* node, uint32_t exportBit, Section* section,
+                                 uint64_t nodeSize) {
+  ExportSlot_t* slot = nullptr;
+  if (const uint32_t rc = readSlot(node, exportBit, &slot, section)) return rc;
+  const uint64_t end = section->offset + section->size;
+  if (TREL_UNLIKELY(section->offset - sizeof(SNodeCB_t) > TREL_MAX_NODE_SIZE || end > nodeSize ||
+                    end > bytesMappedFrom(node)))
     return TREL_RC_SLOT_SIZE;
   return 0;
 }
 
-TREL_INLINE uint32_t sectionOf(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot) {
-  return sectionOf(node, exportBit, slot, node->nodeSize);
+TREL_INLINE uint32_t openSection(SNodeCB_t* node, uint32_t exportBit, Section* section) {
+  return openSection(node, exportBit, section, once(node->nodeSize));
 }
 
-// What lies at a position of the section.
-template <class T = uint8_t>
-inline T* inSection(SNodeCB_t* node, const ExportSlot_t* slot, uint64_t position = 0) {
-  return at<T>(node, slot->offset + position);
+// Says how much of the section is in use, by a store that commits. The caller is inside the node's
+// write section.
+inline void storeUsed(Section* section, uint32_t exportBit, uint64_t used) {
+  section->used = used;
+  storeLast(&section->node->exportTable[slotNumber(exportBit)].used, used);
 }
 
 }  // namespace trel

@@ -1,7 +1,7 @@
 #include "treli/top_node.h"
 
+#include "treli/node_lock.h"
 #include "treli/reach.h"
-#include "treli/section.h"
 #include "trelshm/handle.h"
 #include "trelshm/store.h"
 

@@ -1,5 +1,6 @@
-#include "treli/section.h"
+#include "treli/node_lock.h"
 
+#include "platsvc/time.h"
 #include "trel/node.h"
 
 namespace trel {
@@ -19,13 +20,58 @@ uint32_t refusalOf(uint32_t condition) {
 
 // A reader changes nothing, so its death needs no repair. A writer may have died between any two
 // stores: what it left half done is worked out anew, and readers are told that the structure may
-// have changed. A node that cannot be put in order is abandoned. The flag falls last, so that a
-// death in here is repaired in turn.
+// have changed. A node that cannot be put in order is abandoned. The writer may not have counted
+// yet, so the repair counts before its first store. The flag falls last, so that a death in here is
+// repaired in turn.
 void onNodeOwnerDied(SNodeCB_t* node, LatchArea_t* area) {
-  if (__atomic_load_n(PLATVAtomicSigned32::word(&area->writeFlag), __ATOMIC_ACQUIRE) == 0) return;
+  if (!isMarkedWriting(area)) return;
+  markWriting(area);
   if (area == &node->nodeLatchArea && !repairNode(node)) node->condition = TREL_CONDITION_ABANDONED;
   countReconfiguration(node);
   markWritten(area);
+}
+
+namespace {
+
+constexpr uint32_t kTries = 3, kPauses = 100, kLongestMs = 200, kSleepMs = 1;
+
+// Where the latch cannot be taken. A writer may be inside again whenever one looks, so it is the
+// clock that ends this.
+Turn awaitVersion(SNodeCB_t* node, Turn turn) {
+  LatchArea_t* area = &node->nodeLatchArea;
+  uint64_t time = 0;
+  platTimeGetMonotonic(&time);
+  const uint32_t now = static_cast<uint32_t>(time);
+  if (turn.until == 0) turn.until = (now + kLongestMs) | 1;
+  const bool busy = isMarkedWriting(area);
+  if (!busy && once(area->latchVersion) != TREL_STRUCTURE_VERSION) {
+    turn.failure = TREL_RC_LATCH_VERSION;
+  } else if (!busy && !plat::isLatch(area->primaryLatch)) {
+    turn.failure = TREL_RC_LATCH;
+  } else {
+    platSleep(kSleepMs);
+  }
+  if (turn.failure == 0 && static_cast<int32_t>(now - turn.until) >= 0)
+    turn.failure = TREL_RC_WRITER_INSIDE;
+  return turn;
+}
+
+}  // namespace
+
+Turn nextTurn(SNodeCB_t* node, Turn turn) {
+  LatchArea_t* area = &node->nodeLatchArea;
+  for (uint32_t i = 0; i < kPauses && isMarkedWriting(area); ++i) __builtin_ia32_pause();
+  if (++turn.tries <= kTries) return turn;
+  uint32_t model = 0;
+  turn.failure = readModel(node, &model);
+  if (turn.failure) return turn;
+  NodeHold hold;
+  if (model == 1) {
+    if (isReadOnly(node)) return awaitVersion(node, turn);
+    turn.failure = lockNode<Access::read>(node, area, &hold);
+  }
+  turn.way = hold.latched ? Turn::Way::latch : Turn::Way::free;
+  return turn;
 }
 
 uint32_t initialiseLatches(SNodeCB_t* node, LatchArea_t* area, uint32_t latchVersion) {
@@ -44,13 +90,14 @@ uint32_t initialiseLatches(SNodeCB_t* node, LatchArea_t* area, uint32_t latchVer
 namespace {
 
 // The tests of the four exported ways in and out. *latched: the node's model asks for the latch.
-// The ways out have only the model to go by, since no Section comes to them from the way in.
+// The ways out have only the model to go by, since no NodeHold comes to them from the way in.
 uint32_t checkLatched(SNodeCB_t* node, const LatchArea_t* area, bool* latched) {
   if (!node) return TREL_RC_NODE_NULL;
   if (!area) return TREL_RC_LATCH_AREA_NULL;
   uint32_t model = 0;
   if (const uint32_t rc = readModel(node, &model)) return rc;
   *latched = model == 1;
+  if (isReadOnly(node)) return TREL_RC_READING_ONLY;
   return *latched && area->latchVersion != TREL_STRUCTURE_VERSION ? uint32_t{TREL_RC_LATCH_VERSION}
                                                                   : 0;
 }
@@ -60,19 +107,19 @@ uint32_t enterExported(uint32_t function, SNodeCB_t* node, LatchArea_t* area) {
   return traced(function, [&](const Flow& flow) -> uint32_t {
     bool latched = false;
     if (const uint32_t rc = checkLatched(node, area, &latched)) return flow.fail(rc);
-    Section section;
-    return latched ? enterSection<access>(node, area, &section) : 0;
+    NodeHold hold;
+    return latched ? lockNode<access>(node, area, &hold) : 0;
   });
 }
 
 template <Access access>
 uint32_t leaveExported(uint32_t function, SNodeCB_t* node, LatchArea_t* area) {
   return traced(function, [&](const Flow& flow) -> uint32_t {
-    Section section;
-    if (const uint32_t rc = checkLatched(node, area, &section.latched)) return flow.fail(rc);
+    NodeHold hold;
+    if (const uint32_t rc = checkLatched(node, area, &hold.latched)) return flow.fail(rc);
     // Another writer's mark is not taken away.
-    if (section.latched && !platVLatchIsHeld(area->primaryLatch)) return flow.fail(TREL_RC_LATCH);
-    return leaveSection<access>(area, section);
+    if (hold.latched && !platVLatchIsHeld(area->primaryLatch)) return flow.fail(TREL_RC_LATCH);
+    return unlockNode<access>(area, hold);
   });
 }
 
