@@ -119,13 +119,16 @@ TEST_F(Library, MemoryOfTheCallerUsesTheSlot) {
 
 TEST_F(Attach, RefusesWhatIsNoStatusSegment) {
   Key key;
-  EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, tree.attach(key));
+  EXPECT_EQ(TREL_RC_SEGMENT_ABSENT, tree.connect(key));
   for (size_t size : {size_t{100}, size_t{4096}, size_t{65536}}) {
     const int id = shmget(static_cast<key_t>(key.id().key), size, IPC_CREAT | IPC_EXCL | 0600);
-    EXPECT_EQ(TREL_RC_DOMAIN_STATE, tree.attach(key)) << size;
+    EXPECT_EQ(TREL_RC_SEGMENT_HALF_MADE, tree.connect(key)) << size;
+    *static_cast<char*>(shmat(id, nullptr, 0)) = 'x';
+    EXPECT_EQ(TREL_RC_SEGMENT_FOREIGN, tree.connect(key)) << size;
     shmid_ds state;
     EXPECT_EQ(0, shmctl(id, IPC_STAT, &state));
-    EXPECT_EQ(0u, state.shm_nattch);
+    EXPECT_EQ(1u, state.shm_nattch) << "the test's own";
+    EXPECT_EQ(TREL_RC_SEGMENT_FOREIGN, trelRemoveStatusSegment(key, 2));
     key.remove();
   }
   EXPECT_EQ(nullptr, (*pSegAttachList)->next);
@@ -137,7 +140,7 @@ TEST_F(Attach, AccessIsGrantedByTheOwner) {
     EXPECT_EQ(0, setgid(65534) | setuid(65534));
     return Tree().attach(segment.key);
   };
-  EXPECT_EQ(0, inOtherProcess([&] { EXPECT_EQ(TREL_RC_SEGMENT_ATTACH, attachAsNobody()); }));
+  EXPECT_EQ(0, inOtherProcess([&] { EXPECT_EQ(TREL_RC_SEGMENT_FORBIDDEN, attachAsNobody()); }));
   const SegSecurity_t forAll = {65534, 65534, 0600};
   EXPECT_EQ(0u, trelAuthorizeStatusSegment(segment.info, &forAll));
   EXPECT_EQ(0, inOtherProcess([&] { EXPECT_EQ(0u, attachAsNobody()); }));

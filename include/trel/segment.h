@@ -81,6 +81,15 @@ TREL_API uint32_t trelGetProtectedStatusSegment(ShmSegInfo_t** seg, uint32_t siz
                                                 const ShmDomainParam_t* domainParam,
                                                 const ShmPoolParam_t* poolParam);
 
+/* Removes the segment of that key, which the caller need not have attached; the library need not be
+ * initialised. mode 1: only if nobody has it attached, else TREL_RC_POOL_CONNECTED; 2: whoever has,
+ * without waiting for anybody: they go on with memory that has no name any more. What a dead maker
+ * has left half made is removed as well; but one in which not even a version stands could be
+ * somebody else's, so it is removed only while nobody has it attached. TREL_RC_SEGMENT_FOREIGN: not
+ * a segment of this library, or one of another version; it stays. TREL_RC_SEGMENT_ABSENT: there is
+ * none. TREL_RC_SEGMENT_FORBIDDEN: the caller may not look at it, or not remove it. */
+TREL_API uint32_t trelRemoveStatusSegment(const PLATIPCResID* key, uint32_t mode);
+
 /* Sets owner, group and access bits of the segment. In access mode 3 there is nothing to set. */
 TREL_API uint32_t trelAuthorizeStatusSegment(ShmSegInfo_t* seg, const SegSecurity_t* security);
 

@@ -106,9 +106,7 @@ uint32_t PLATHIPCMemory::create(const PLATIPCMemoryCreateParam* param) {
   const int id = shmget(static_cast<key_t>(param->resId.key), param->size,
                         IPC_CREAT | IPC_EXCL | static_cast<int>(param->permissions & kAccessBits));
   if (id < 0) return codeOf(errno);
-  const uint32_t code = adopt(id, reinterpret_cast<const void*>(param->address), param->size, 0);
-  if (code != 0) shmctl(id, IPC_RMID, nullptr);
-  return code;
+  return adopt(id, reinterpret_cast<const void*>(param->address), param->size, 0);
 }
 
 uint32_t PLATHIPCMemory::attachAs(const PLATIPCResID* resId, const void* address, int flags) {

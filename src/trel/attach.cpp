@@ -92,6 +92,12 @@ bool isForReaders(uint32_t code) {
     case TREL_RC_NEW_POOL_SIZE:
     case TREL_RC_NOT_INITIALISED:
     case TREL_RC_LATCH:
+    case TREL_RC_NO_TREE:
+    case TREL_RC_SEGMENT_FOREIGN:
+    case TREL_RC_SEGMENT_ABSENT:
+    case TREL_RC_SEGMENT_FORBIDDEN:
+    case TREL_RC_SEGMENT_HALF_MADE:
+    case TREL_RC_SEGMENT_LIMIT:
       return true;
     default:
       return false;

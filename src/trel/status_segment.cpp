@@ -5,14 +5,16 @@
 #include "trel/storage.h"
 #include "treli/attach_latch.h"
 #include "treli/attachment.h"
+#include "trelshm/domain.h"
 #include "trelshm/handle.h"
+#include "trelshm/pool.h"
+#include "trelshm/segment_memory.h"
 
 namespace trel {
 namespace {
 
 constexpr uint64_t kMostPads = 216;  // what a chunk can cost in any debug mode
 constexpr uint64_t kUsualPads = 32;  // in the mode of a new domain
-constexpr uint32_t kFreeForced = 4;  // free mode of a pool
 
 // The defaults by which a heap is sized, taken from a parameter record that may be null.
 template <class Param>
@@ -114,35 +116,40 @@ uint32_t Creation::payload(uint32_t* bytes) const {
 
 // Makes domain and pool, and publishes the attachment.
 uint32_t Creation::create(NewAttachment* made) const {
+  struct Context {
+    const Creation* creation;
+    ShmSegInfo_t* segInfo;
+  } context = {this, made->segInfo()};
+  const Furnishing pool = {
+      [](void* given, const ShmDomainHandle_t* domain) -> uint32_t {
+        const auto& [creation, segInfo] = *static_cast<Context*>(given);
+        uint32_t bytes = 0;
+        freeHandle(&segInfo->shmPoolHandle);  // of a domain that had to be made again
+        if (const uint32_t rc = creation->payload(&bytes)) return rc;
+        return createPoolInNew(&segInfo->shmPoolHandle, domain, bytes, creation->poolParam,
+                               {FID_trelGetProtectedStatusSegment, __LINE__, kModuleName});
+      },
+      &context};
   ShmSegInfo_t* segInfo = made->segInfo();
-  if (const uint32_t rc =
-          trelCreateShmDomain(key, address, size, domainParam, &segInfo->shmDomainHandle))
-    return rc;
-  uint32_t bytes = 0;
-  uint32_t rc = payload(&bytes);
-  if (rc == 0)
-    rc = _trelCreateShmPool(&segInfo->shmPoolHandle, segInfo->shmDomainHandle, bytes, poolParam,
-                            FID_trelGetProtectedStatusSegment, __LINE__, kModuleName);
+  uint32_t rc = createDomain(key, address, size, domainParam, &segInfo->shmDomainHandle, &pool);
   if (rc == 0) rc = made->publish();
   if (rc == 0) return 0;
-  undoPoolCreation(&segInfo->shmPoolHandle);
+  freeHandle(&segInfo->shmPoolHandle);
   undoDomainCreation(&segInfo->shmDomainHandle);
   return rc;
 }
 
-// Handles that are gone already are passed over, so that a failed call can be repeated.
+// Handles that are gone already are passed over, so that a failed call can be repeated. Forced, so
+// is a segment that others have ended.
 uint32_t freeSegment(ShmSegInfo_t* segInfo, uint32_t poolFreeMode, uint32_t freeMode) {
   const bool forced = freeMode == 2;
   if (freeMode != 1 && !forced) return TREL_RC_DOMAIN_FREE_MODE;
-  if (segInfo->shmPoolHandle) {
-    uint32_t rc = _trelFreeShmPool(&segInfo->shmPoolHandle, forced ? kFreeForced : poolFreeMode,
-                                   FID_trelDeleteStatusSegment, __LINE__, kModuleName);
-    if (forced && isGone(rc)) rc = freeHandle(&segInfo->shmPoolHandle);
-    if (rc) return rc;
-  }
-  if (!segInfo->shmDomainHandle) return 0;
-  const uint32_t rc = trelFreeShmDomain(&segInfo->shmDomainHandle, freeMode);
-  return forced && isGone(rc) ? destroyMemory(&segInfo->shmDomainHandle) : rc;
+  if (!segInfo->shmDomainHandle) return freeHandle(&segInfo->shmPoolHandle);
+  const uint32_t rc = freeDomainWithPool(&segInfo->shmDomainHandle, &segInfo->shmPoolHandle,
+                                         poolFreeMode, freeMode);
+  if (!forced || !isGone(rc)) return rc;
+  if (const uint32_t failed = freeHandle(&segInfo->shmPoolHandle)) return failed;
+  return destroyMemory(&segInfo->shmDomainHandle);
 }
 
 }  // namespace
@@ -197,6 +204,15 @@ uint32_t trelAuthorizeStatusSegment(ShmSegInfo_t* seg, const SegSecurity_t* secu
     const PLATIPCSecurityParam param = {PLAT_STRUCTURE_TAG, security->ownerId, security->groupId,
                                         security->accessBits};
     return memory->authorize(&param) ? flow.fail(TREL_RC_AUTHORIZE) : 0;
+  });
+}
+
+uint32_t trelRemoveStatusSegment(const PLATIPCResID* key, uint32_t mode) {
+  return traced(FID_trelRemoveStatusSegment, [&](const Flow& flow) -> uint32_t {
+    if (!key) return flow.fail(TREL_RC_SEGMENT_NULL);
+    if (mode != 1 && mode != 2) return flow.fail(TREL_RC_REMOVE_MODE);
+    const uint32_t rc = removeSegment(key, mode);
+    return rc ? flow.fail(rc) : 0;
   });
 }
 

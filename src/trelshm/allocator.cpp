@@ -217,7 +217,7 @@ uint32_t releaseInside(Heap* heap, uint64_t blockOffset, uint64_t dataOffset, co
 
 uint32_t allocate(Heap* heap, Allocation* wanted, const Caller& caller) {
   const HeapKind& kind = heap->kind();
-  if (heap->header()->heapState != kind.state) return kind.rcState;
+  if (!wanted->inNewHeap && heap->header()->heapState != kind.state) return kind.rcState;
   if (wanted->options != 0) return kind.rcOptions;
   if (heap->header()->heapOffset != heap->offset()) return kind.rcOffset;
   if (const uint32_t rc = heap->openHeader()) return rc;
@@ -229,7 +229,8 @@ uint32_t allocate(Heap* heap, Allocation* wanted, const Caller& caller) {
   DebugSettings debug;
   if (const uint32_t rc = debug.read(*heap)) return rc;
   wanted->size += debug.mode->frontSize(debug.frontWords) + debug.mode->backSize(debug.backWords);
-  return insideHeap(heap, [&] { return allocateInside(heap, wanted, debug, caller); });
+  const auto work = [&] { return allocateInside(heap, wanted, debug, caller); };
+  return wanted->inNewHeap ? work() : insideHeap(heap, work);
 }
 
 uint32_t release(Heap* heap, uint64_t blockOffset, uint64_t dataOffset, bool latched,

@@ -22,6 +22,8 @@ struct Allocation {
   // Work on the new block while a death still takes it back, inside heapLatch. May be null.
   void (*work)(void* context, uint64_t dataOffset) = nullptr;
   void* context = nullptr;
+  // The heap is being made: its maker holds heapLatch, and it has no heapState yet.
+  bool inNewHeap = false;
 };
 
 // Takes the block, writes its pads. Enters debugLatch, then heapLatch. A failure leaves every block

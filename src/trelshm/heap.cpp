@@ -6,6 +6,7 @@
 #include "trelshm/alloc_list.h"
 #include "trelshm/heap_latch.h"
 #include "trelshm/space.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {
@@ -84,6 +85,8 @@ uint32_t writeDebug(const Heap& heap, uint64_t latchVersion) {
   });
 }
 
+}  // namespace
+
 uint32_t initHeap(Heap* heap, const HeapPlan& plan) {
   writeHeader(*heap, plan);
   if (const uint32_t rc = heap->openHeader()) return rc;
@@ -101,12 +104,8 @@ uint32_t initHeap(Heap* heap, const HeapPlan& plan) {
   resetFreeLists(*heap);
   forgetHoles(*heap);
   InFlight first = {heap->spaceEnd(), heap->blocksEnd() - heap->spaceEnd()};
-  if (const uint32_t rc = insertFreeGuarded(heap, &first, true)) return rc;
-  heap->header()->heapState = heap->kind().state;
-  return 0;
+  return insertFreeGuarded(heap, &first, true);
 }
-
-}  // namespace
 
 void HeapSizes::compute(uint64_t heapSize, uint32_t kind, uint64_t userAreaSize) {
   const bool domain = kind == TREL_HEAP_DOMAIN;
@@ -126,20 +125,29 @@ uint64_t defaultMaxLevel(uint32_t kind, uint64_t nodeCount) {
   return level;
 }
 
+uint32_t checkPlan(const HeapKind& kind, const HeapPlan& plan) {
+  const bool fits =
+      plan.userAreaSize <= plan.size && plan.sizes.maxLevel != 0 &&
+      plan.sizes.maxLevel <= TREL_HEAP_MAX_LEVEL && plan.sizes.headerSize <= plan.size &&
+      plan.sizes.space <= plan.size && plan.size >= plan.sizes.headerSize + plan.sizes.space + 8 &&
+      heapHeaderSizeOf(plan.userAreaSize) + slHeaderSizeOf(plan.sizes.maxLevel) <= plan.size;
+  return fits ? 0 : kind.rcHeader;
+}
+
+uint32_t takeFreshHeap(Heap* heap, uint64_t latchVersion) {
+  // Memory that is used again may hold an old signature.
+  heap->header()->heapState = 0;
+  if (const uint32_t rc = initialiseLatch(&heap->header()->heapLatch, latchVersion)) return rc;
+  uint32_t ownerDied = 0;
+  return enterLatch(&heap->header()->heapLatch, &ownerDied);
+}
+
 uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const HeapPlan& plan) {
   Heap heap(base, offset, kind);
-  // Without managed memory there is no heap, and perhaps no room for the header.
-  if (plan.userAreaSize > plan.size || plan.sizes.maxLevel == 0 ||
-      plan.sizes.maxLevel > TREL_HEAP_MAX_LEVEL || plan.sizes.headerSize > plan.size ||
-      plan.sizes.space > plan.size || plan.size < plan.sizes.headerSize + plan.sizes.space + 8 ||
-      heapHeaderSizeOf(plan.userAreaSize) + slHeaderSizeOf(plan.sizes.maxLevel) > plan.size)
-    return kind.rcHeader;
-  // Memory that is used again may hold an old signature.
-  heap.header()->heapState = 0;
-  if (const uint32_t rc = initialiseLatch(&heap.header()->heapLatch, plan.latchVersion)) return rc;
-  uint32_t ownerDied = 0;
-  if (const uint32_t rc = enterLatch(&heap.header()->heapLatch, &ownerDied)) return rc;
+  if (const uint32_t rc = checkPlan(kind, plan)) return rc;
+  if (const uint32_t rc = takeFreshHeap(&heap, plan.latchVersion)) return rc;
   const uint32_t rc = initHeap(&heap, plan);
+  if (rc == 0) storeLast(&heap.header()->heapState, kind.state);
   return firstOf(rc, leaveHeap(heap));
 }
 

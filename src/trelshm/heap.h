@@ -25,6 +25,12 @@ struct HeapPlan {
   uint64_t flags, ownerOffset;
 };
 
+// Whether there is managed memory at all; without it there is perhaps no room for the header.
+uint32_t checkPlan(const HeapKind& kind, const HeapPlan& plan);
+// The steps of createHeap(), for who makes more than the heap before heapState tells of it: the
+// latch of memory that nobody else uses made ready and taken; then all but heapState.
+uint32_t takeFreshHeap(Heap* heap, uint64_t latchVersion);
+uint32_t initHeap(Heap* heap, const HeapPlan& plan);
 // Lays a heap out in memory that the caller has at its disposal; enters heapLatch for it.
 uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const HeapPlan& plan);
 // Counts a connection in, unless the heap is marked for deletion; and out.

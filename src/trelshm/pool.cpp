@@ -191,13 +191,17 @@ bool isOnSharedList(const Heap& domain, uint64_t node) {
   return false;
 }
 
-uint32_t createPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domainHandle,
-                    uint32_t poolSize, const ShmPoolParam_t* given, const Caller& caller) {
+namespace {
+
+uint32_t makePool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domainHandle,
+                  uint32_t poolSize, const ShmPoolParam_t* given, const Caller& caller,
+                  bool inNewDomain) {
   const ShmPoolParam_t param = complete(given);
   if (param.userAreaSize > poolSize) return TREL_RC_USER_AREA_SIZE;
   if (const uint32_t rc = checkVersions(param)) return rc;
   Heap domain = heapOf(domainHandle);
-  if (const uint32_t rc = checkDomain(domain)) return rc;
+  if (!inNewDomain)
+    if (const uint32_t rc = checkDomain(domain)) return rc;
   if (const uint32_t rc = checkGranularity(param.granularity, poolSize, TREL_RC_POOL_GRANULARITY,
                                            TREL_RC_POOL_GRANULARITY_ALIGN))
     return rc;
@@ -208,16 +212,29 @@ uint32_t createPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domainHan
   plan.size = (poolSize + extra + param.granularity - 1) / param.granularity * param.granularity;
 
   NewPool pool = {domainHandle->base, plan, 0};
-  Allocation chunk = {poolSize, 0, extra, plan.size, 0, 0, nullptr, NewPool::create, &pool};
+  Allocation chunk = {poolSize, 0,       extra,           plan.size, 0,
+                      0,        nullptr, NewPool::create, &pool,     inNewDomain};
   if (const uint32_t rc = allocate(&domain, &chunk, caller)) return rc;
   const uint32_t rc = pool.rc ? uint32_t{TREL_RC_POOL_HEAP}
                               : makeHandle(handle, {domainHandle->base, domain.offset(),
                                                     chunk.dataOffset, chunk.blockOffset});
-  if (rc) {
+  if (rc && !inNewDomain) {
     Heap(domain.base(), chunk.dataOffset, kPoolKind).header()->heapState = 0;
     release(&domain, chunk.blockOffset, chunk.dataOffset, false, caller);
   }
   return rc;
+}
+
+}  // namespace
+
+uint32_t createPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domain, uint32_t poolSize,
+                    const ShmPoolParam_t* given, const Caller& caller) {
+  return makePool(handle, domain, poolSize, given, caller, false);
+}
+
+uint32_t createPoolInNew(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domain,
+                         uint32_t poolSize, const ShmPoolParam_t* given, const Caller& caller) {
+  return makePool(handle, domain, poolSize, given, caller, true);
 }
 
 uint32_t connectPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domainHandle,

@@ -9,6 +9,10 @@ namespace trel {
 
 uint32_t createPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domain, uint32_t poolSize,
                     const ShmPoolParam_t* given, const Caller& caller);
+// The same by the maker of the domain, who holds its heapLatch and has not stored heapState yet.
+// After a failure the domain is good for nothing.
+uint32_t createPoolInNew(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domain,
+                         uint32_t poolSize, const ShmPoolParam_t* given, const Caller& caller);
 uint32_t connectPool(ShmPoolHandle_t** handle, const ShmDomainHandle_t* domain, uint32_t poolOffset,
                      const ShmPoolParam_t* given);
 // A failure leaves the handle.

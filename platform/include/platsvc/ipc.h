@@ -52,8 +52,9 @@ class PLAT_API PLATHIPCMemory {
   static void* operator new(size_t size) noexcept;
   static void operator delete(void* object) noexcept;
 
-  /* Makes and maps a new segment, its bytes zero. kPlatSegmentExists if the key is taken; a segment
-   * that cannot be mapped is removed again. */
+  /* Makes and maps a new segment, its bytes zero. kPlatSegmentExists if the key is taken. A segment
+   * that cannot be mapped stays, for others may use it by now. PLAT_RC_NO_SEGMENT: others have
+   * removed it before it was mapped. */
   uint32_t create(const PLATIPCMemoryCreateParam* param);
   /* Maps the segment of that key, at the address if it can be had, else anywhere. */
   uint32_t attach(const PLATIPCResID* resId, const void* address);
