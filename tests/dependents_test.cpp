@@ -1,5 +1,7 @@
 // Names and lists of dependents.
+#include <algorithm>
 #include <chrono>
+#include <random>
 #include <thread>
 
 #include "tree_fixture.h"
@@ -162,6 +164,51 @@ TEST_F(Dependents, TheLastGoesWhileOthersWaitToAdd) {
     if (!byCreate) {
       EXPECT_EQ(0u, remove(5, "B"));
     }
+  }
+}
+
+// Long lists are looked up in an index of the process, which others' changes and lists made anew
+// make worthless.
+TEST_F(Dependents, LongListsAreWhatTheyWouldBeByWalking) {
+  constexpr uint64_t kPlaces = 400;
+  Segment wide(0x40000);
+  SNodeCB_t* list = makeNode(wide, 1, "wide", kPlaces);
+  std::vector<std::string> places;  // "" is vacant
+  std::mt19937 random(7);
+  const auto change = [&](const std::string& id, bool isThere) {
+    SNodeInfo_t record = recordOf(wide, list, wide);
+    record.nodeTag = 9;
+    record.idSize = id.size();
+    return isThere ? trelDeleteDependentNode(list, &record, bytes(id), 0)
+                   : trelAddDependentNode(list, &record, bytes(id), id.size(), 0, 0);
+  };
+  for (int step = 0; step < 6000; ++step) {
+    const std::string id = "n" + std::to_string(random() % 500);
+    const auto at = std::find(places.begin(), places.end(), id);
+    const bool isThere = at != places.end();
+    const auto hole = std::find(places.begin(), places.end(), "");
+    if (!isThere && hole == places.end() && places.size() == kPlaces) continue;
+    if (step % 500 == 0)
+      ASSERT_EQ(0, inOtherProcess([&] { EXPECT_EQ(0u, change(id, isThere)); }));
+    else
+      ASSERT_EQ(0u, change(id, isThere)) << step;
+    if (isThere)
+      at->clear();
+    else if (hole != places.end())
+      *hole = id;
+    else
+      places.push_back(id);
+    while (!places.empty() && places.back().empty()) places.pop_back();
+    SNodeInfo_t* entry = nullptr;
+    EXPECT_EQ(isThere ? TREL_RC_DEPENDENT_ABSENT : 0u,
+              trelFindDependentNode(&entry, list, 9, id.size(), bytes(id), 0));
+  }
+  // Each at its place.
+  const auto* first = sectionOf<uint8_t>(list, TREL_EXPORT_DEPENDENT) + 8;
+  for (size_t i = 0; i < places.size(); ++i) {
+    const auto* entry = reinterpret_cast<const SNodeInfo_t*>(first + i * (56 + kIdRoom));
+    const auto* id = reinterpret_cast<const char*>(entry + 1);
+    EXPECT_EQ(places[i], entry->nodeTag ? std::string(id, entry->idSize) : "");
   }
 }
 

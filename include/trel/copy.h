@@ -167,14 +167,16 @@ TREL_API uint32_t trelCopyTreeRecursively(
     uint32_t* marker, uint64_t* totalSize, uint64_t depth, uint64_t maxDepth);
 
 /* Replaces a node by a copy that has room for `wanted` dependents, at least for as many as before
- * and at most 32768; 0 asks for no more. The node needs a change list section. oldSegInfo is the
- * segment of the node and of its parent, newSegInfo that of the copy; they may be the same.
+ * and at most 32768; 0 keeps the present capacity. The node needs a change list section, and its
+ * parent's entry must lead to it, else TREL_RC_DEPENDENT_ABSENT. oldSegInfo is the segment of the
+ * node and of its parent, newSegInfo that of the copy; they may be the same.
  *
- * The node is disassociated and marked, copied, its entry in the parent pointed at the copy, the
- * copy activated. Meanwhile searches that meet the node answer TREL_RC_BEING_RECREATED. The old
- * node stays, disassociated and marked, until its owner deletes it. The parent records of its
- * children still name it: the caller renews them. A failure undoes nothing: the node stays marked,
- * and from the copy on *newNode is set. */
+ * The node is disassociated and marked, copied, its entry in the parent pointed at the copy, which
+ * is active by then. Meanwhile searches that meet the node answer TREL_RC_BEING_RECREATED, and so
+ * does another recreation or a deletion of it. After a death in here whoever meets the node puts it
+ * in order. The old node stays, disassociated and marked, until its owner deletes it. The parent
+ * records of its children still name it: the caller renews them. A failure undoes nothing: the node
+ * stays marked, and from the copy on *newNode is set. */
 TREL_API uint32_t trelRecreateNodeWithMoreDepNodes(SNodeCB_t** node, SNodeCB_t** newNode,
                                                    ShmSegInfo_t* oldSegInfo,
                                                    ShmSegInfo_t* newSegInfo, uint64_t wanted,

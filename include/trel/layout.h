@@ -115,6 +115,26 @@ TREL_OFFSET(LatchArea_t, spareLatch, 68);
 TREL_OFFSET(LatchArea_t, writeCounter, 132);
 TREL_OFFSET(LatchArea_t, writeFlag, 260);
 
+/* How far the owner of the spare latch area's primaryLatch is with replacing the node by a copy; it
+ * lies behind that latch. What a record of the parent's list would say of the copy, so from the base
+ * of the parent's segment, stands there once there is a block. */
+#define TREL_RECREATION_OFFSET 1008u
+#define TREL_RECREATION_COPIED 1u
+#define TREL_RECREATION_LINKING 2u /* the parent's entry is about to lead to it */
+typedef struct RecreationIntent_t {
+  TrelU32 condition;     /* of the node, from before */
+  TrelU32 state;         /* TREL_RECREATION_..., 0: no copy */
+  TrelU64 segInfoOffset; /* as in SNodeInfo_t */
+  TrelU64 nodeOffset;    /* of the copy, */
+  TrelU64 born;          /* and its birth stamp */
+} RecreationIntent_t;
+
+TREL_SIZE(RecreationIntent_t, 32);
+TREL_OFFSET(RecreationIntent_t, state, 4);
+TREL_OFFSET(RecreationIntent_t, segInfoOffset, 8);
+TREL_OFFSET(RecreationIntent_t, nodeOffset, 16);
+TREL_OFFSET(RecreationIntent_t, born, 24);
+
 /* One section: `size` bytes are reserved at `offset` from the node's start, `used` of them are in
  * use. used is 0 until the owner of the section writes it, and never above size. */
 typedef struct ExportSlot_t {
@@ -149,7 +169,7 @@ typedef struct SNodeCB_t {
   PLATVAtomicSigned32 spareCounter1;
   PLATVAtomicSigned32 spareCounter2;
   LatchArea_t nodeLatchArea;  /* the one that every node operation enters */
-  LatchArea_t spareLatchArea; /* initialised, never entered */
+  LatchArea_t spareLatchArea; /* its primaryLatch: held while the node is replaced by a copy */
   TrelU32 concurrencyModel;   /* 1: latched; 0 and 2 to 5: no latch is used */
   ExportSlot_t exportTable[TREL_SLOTS];
 } SNodeCB_t;
@@ -178,6 +198,9 @@ TREL_STATIC_ASSERT(((592u + 4u + PLAT_LATCH_BYTES + 7u) & ~7u) == TREL_BIRTH_STA
                        TREL_BIRTH_STAMP_OFFSET + 8u + 7u <= 592u + 4u + TREL_LATCH_CELL,
                    "birth stamp");
 TREL_OFFSET(SNodeCB_t, spareLatchArea, 980);
+TREL_STATIC_ASSERT(980u + 4u + PLAT_LATCH_BYTES == TREL_RECREATION_OFFSET &&
+                       TREL_RECREATION_OFFSET + 32u <= 980u + 4u + TREL_LATCH_CELL,
+                   "recreation intent");
 TREL_OFFSET(SNodeCB_t, concurrencyModel, 1368);
 TREL_OFFSET(SNodeCB_t, exportTable, 1372);
 

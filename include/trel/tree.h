@@ -133,14 +133,16 @@ TREL_API uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t
  * was attached for a node that is passed over is detached again, and kept if another thread has
  * come to use it. A thread that detaches by itself must know that no other one searches there
  * without an attach of its own. A node under recreation ends a search with TREL_RC_BEING_RECREATED:
- * try again later. A depth limit (0 to 32768) of 0 means no limit; a tree deeper than 32768 levels,
- * with a cycle, or with so many ways to the same nodes that no walk would end, gives
- * TREL_RC_DEPTH_LIMIT.
+ * try again later. A depth limit (0 to 32768) of 0 means no limit; a path of more than 32768 nodes,
+ * with the one at which the search starts, a cycle, or so many ways to the same nodes that no walk
+ * would end, give TREL_RC_DEPTH_LIMIT.
  *
  * No latch is held while a list is read. A list that changes meanwhile is read again, with all that
- * lies below it, so that each list counts as it stood at some instant; a list that never stands
- * still ends the search with TREL_RC_BEING_RECREATED as well. The trelSearch operations are the
- * steps of those that begin with trelFind.
+ * lies below it, and at last from a copy, so that each list counts as it stood at some instant, and
+ * no publisher makes a search fail by being busy. Changes of properties do not disturb it. What goes
+ * on the way is passed over. A list in which a writer is inside for more than 100 ms ends the search
+ * with TREL_RC_WRITER_INSIDE: try again. The trelSearch operations are the steps of those that begin
+ * with trelFind. A failure leaves *found as it was.
  * ------------------------------------------------------------------------------------------- */
 
 /* The first node of that name, depth first: an entry, what lies below it, then the next entry. */
@@ -175,8 +177,9 @@ TREL_API uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, u
  * The given node is at depth 1; a depth limit (0 to 32768) of 0 means no limit. Children come
  * before their parent. A failure stops a walk where it is, and nothing is undone. Segments on the
  * way are attached, and stay so. What no walk would come to the end of gives TREL_RC_DEPTH_LIMIT,
- * as in searches. Sums read a list again that changes meanwhile, as searches do; status operations,
- * which change what they walk over, do not.
+ * as in searches. Sums read lists as searches do. Status operations, which change what they walk
+ * over, go on from where they stand: what others take off a list, and what they move to a place
+ * that was passed already, is passed over.
  * ------------------------------------------------------------------------------------------- */
 
 /* What to do with a node. */
@@ -195,7 +198,12 @@ TREL_API uint32_t trelSearchForNodeByTag(SNodeInfo_t** found, SNodeCB_t* node, u
 
 /* Applies a status operation to each selected node. TREL_STATUS_DISCLAIM removes the entry of each
  * node that goes, and abandoned nodes go whatever the options select; a selected node whose
- * children stay goes all the same. */
+ * children stay by selection, options or depth limit goes all the same. Several may delete in one
+ * tree at once, and while others add to it: each node is given back by one of them, each in a write
+ * section of its own, then its entry is removed in one of the parent's. A node that gets new
+ * dependents over and over ends the walk with TREL_RC_KEEPS_CHANGING. After a kill the tree stands
+ * as far as it was not yet deleted, perhaps with one abandoned node, which the next deletion takes;
+ * the block of one node may stay allocated. */
 TREL_API uint32_t trelSetStatusForEachNodeInATree(SNodeCB_t* node, ShmSegInfo_t* segment,
                                                   uint64_t depthLimit, uint32_t statusOperation,
                                                   uint32_t options);
@@ -227,7 +235,10 @@ TREL_API uint32_t trelDeleteDependentNode(SNodeCB_t* node, const SNodeInfo_t* re
 /* Removes the entry of the child that the record names, and gives the child and what lies below it
  * back to their pools, as trelSetStatusForEachNodeInATree does with TREL_STATUS_DISCLAIM. Without a
  * record the given node itself is the top of what goes. To be rid of the whole subtree select all
- * nodes: what is not selected stays, and then no entry leads to it any more. */
+ * nodes: what is not selected stays, and then no entry leads to it any more. Who comes too late gets
+ * TREL_RC_DEPENDENT_ABSENT, or TREL_RC_DEPENDENTS_EMPTY, and nothing is changed. The entry goes
+ * first: a failure or a kill behind that leaves what was not yet given back allocated, and off the
+ * tree. (By TREL_WALK_REMOVE_TOP the entry goes last.) */
 TREL_API uint32_t trelDeleteDependentNodeAndSubtree(SNodeCB_t* node, const SNodeInfo_t* record,
                                                     ShmSegInfo_t* childSegment, uint64_t depthLimit,
                                                     uint32_t options);

@@ -35,8 +35,7 @@ uint32_t trelDeleteDependentNodeAndSubtree(SNodeCB_t* node, const SNodeInfo_t* r
     const Look look;
     SNodeCB_t* top = node;
     if (record) {
-      if (const uint32_t rc = nodeBehind(record, &top)) return flow.fail(rc);
-      if (const uint32_t rc = unlinkChild(node, record, top)) return flow.fail(rc);
+      if (const uint32_t rc = unlinkChild(node, record, &top)) return flow.fail(rc);
       options &= ~TREL_WALK_REMOVE_TOP;
     }
     return setStatusOfTree(top, childSegment, depthLimit, TREL_STATUS_DISCLAIM, options);

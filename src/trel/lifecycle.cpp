@@ -1,7 +1,6 @@
 // Condition, options and heartbeat of a node.
 #include "trel/node.h"
-#include "treli/node_lock.h"
-#include "treli/options.h"
+#include "treli/heartbeat.h"
 
 namespace trel {
 namespace {
@@ -12,44 +11,6 @@ uint32_t changeCondition(uint32_t function, SNodeCB_t** node, Change&& change) {
     if (!node || !*node) return flow.fail(TREL_RC_NODE_NULL);
     return within<Access::write>(*node, 0, [&] { return change(*node); });
   });
-}
-
-// A heartbeat, shown or watched, has codes of its own for each condition.
-uint32_t checkBeating(const SNodeCB_t* node) {
-  switch (node->condition) {
-    case TREL_CONDITION_CREATED:
-      return TREL_RC_BEAT_CREATED;
-    case TREL_CONDITION_INITIALISED:
-      return TREL_RC_BEAT_INITIALISED;
-    case TREL_CONDITION_ACTIVE:
-      return 0;
-    case TREL_CONDITION_ABANDONED:
-      return TREL_RC_BEAT_ABANDONED;
-    case TREL_CONDITION_DISASSOCIATED:
-      return TREL_RC_BEAT_DISASSOCIATED;
-    default:
-      return TREL_RC_CONDITION;
-  }
-}
-
-uint32_t beat(SNodeCB_t* node) {
-  int32_t counter = 0;
-  switch (node->updateMode) {
-    case TREL_UPDATE_BY_COUNTER:
-      // Under the latch nobody else counts, and a locked instruction would be half of the work.
-      if (node->concurrencyModel == 1) {
-        countLatched(&node->updateCounter);
-        return 0;
-      }
-      return PLATVAtomicSigned32::increment(&node->updateCounter, &counter)
-                 ? uint32_t{TREL_RC_ATOMIC}
-                 : 0;
-    case TREL_UPDATE_BY_TIME:
-      node->lastUpdateTime = currentTick();
-      return 0;
-    default:
-      return TREL_RC_UPDATE_MODE;
-  }
 }
 
 uint32_t lookAtCounter(SNodeCB_t* node, WatchRecord_t* record) {
@@ -144,10 +105,7 @@ uint32_t trelSetNodeOptions(SNodeCB_t* node, const NodeOptions_t* options) {
 uint32_t trelUpdateNodeStatus(SNodeCB_t* node) {
   return traced(FID_trelUpdateNodeStatus, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
-    return within<Access::write>(node, 0, [&]() -> uint32_t {
-      const uint32_t rc = checkBeating(node);
-      return rc ? rc : beat(node);
-    });
+    return within<Access::write>(node, 0, [&] { return beat(node); });
   });
 }
 

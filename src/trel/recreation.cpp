@@ -1,4 +1,6 @@
 // A node with a full list of dependents is replaced, in its tree, by a larger copy.
+#include "treli/recreation.h"
+
 #include "trel/copy.h"
 #include "trel/node.h"
 #include "trel/segment.h"
@@ -6,21 +8,13 @@
 #include "treli/attach_latch.h"
 #include "treli/dependent_list.h"
 #include "treli/node_copy.h"
+#include "treli/node_record.h"
 #include "treli/reach.h"
 #include "trelll/enter.h"
+#include "trelshm/store.h"
 
 namespace trel {
 namespace {
-
-// Sets or clears the mark by which searches tell that a node is being replaced.
-void markRecreation(SNodeCB_t* node, bool on) {
-  auto* byte = reinterpret_cast<uint8_t*>(&node->optionWord0);
-  if (on) {
-    __atomic_fetch_or(byte, TREL_OPTION_RECREATION, __ATOMIC_ACQ_REL);
-  } else {
-    __atomic_fetch_and(byte, static_cast<uint8_t>(~TREL_OPTION_RECREATION), __ATOMIC_ACQ_REL);
-  }
-}
 
 struct Recreation {
   SNodeCB_t* node;
@@ -28,30 +22,29 @@ struct Recreation {
   ShmSegInfo_t* newSeg;
   uint64_t wanted;
 
-  SNodeCB_t* parent = nullptr;
-  ShmSegInfo_t* parentSeg = nullptr;  // most often oldSeg
+  RecreationHold hold{};
+  ParentLink link{};
   SNodeInfo_t parentRecord = {};
+  SNodeInfo_t record = {};  // of the copy, for the parent's list
   const HdmModuleRecord_t* module = nullptr;
-  uint8_t* id = nullptr;
-  uint64_t idSize = 0, maxIdSize = 0;
-  const Look look = {};  // the parent's segment stays mapped
+  uint64_t maxIdSize = 0;
+  const Look look{};  // the parent's segment stays mapped
 
   // All that can be refused before the node is touched.
   uint32_t prepare();
   uint32_t disassociate();
   uint32_t wish();
-  uint32_t copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size);
-  uint32_t replace(SNodeCB_t* made, const SNodeInfo_t& info);
+  uint32_t copy(SNodeCB_t** made, uint64_t* size);
+  uint32_t replace(SNodeCB_t* made);
 };
 
 uint32_t Recreation::prepare() {
   SNodeInfo_t* stored = nullptr;
+  uint8_t* id = nullptr;
+  uint64_t idSize = 0;
   if (const uint32_t rc = parentRecordOf(node, &stored)) return rc;
   if (const uint32_t rc = trelGetNodeID(node, &id, &idSize, 0)) return rc;
-  Reached reached;
-  if (const uint32_t rc = locateNode(stored, &reached)) return rc;
-  parent = reached.node;
-  parentSeg = reached.segInfo;
+  if (const uint32_t rc = findParentLink(node, &link)) return rc;
   if (const uint32_t rc = trelGetMaxIDSizeForDependentNode(node, TREL_EXPORT_DEPENDENT, &maxIdSize))
     return rc;
   parentRecord = *stored;
@@ -67,13 +60,22 @@ uint32_t Recreation::prepare() {
   return wanted > TREL_MAX_DEPENDENTS ? uint32_t{TREL_RC_DEPENDENT_COUNT} : 0;
 }
 
+// The condition from before is noted first: the mark leads others to it. The mark comes before the
+// condition that makes others look for it.
 uint32_t Recreation::disassociate() {
-  uint32_t condition = 0;
-  if (const uint32_t rc = trelGetNodeCondition(node, &condition)) return rc;
-  if (condition != TREL_CONDITION_DISASSOCIATED)
-    if (const uint32_t rc = trelDisassociateNode(&node)) return rc;
-  markRecreation(node, true);
-  return 0;
+  if (const uint32_t rc = hold.take(node, oldSeg)) return rc;
+  link = {};
+  if (const uint32_t rc = findParentLink(node, &link)) return rc;
+  if (link.named != node) return TREL_RC_DEPENDENT_ABSENT;
+  return within<Access::write>(node, 0, [&]() -> uint32_t {
+    const uint32_t condition = node->condition;
+    if (condition < TREL_CONDITION_CREATED || condition > TREL_CONDITION_DISASSOCIATED)
+      return TREL_RC_CONDITION;
+    storeLast(&intentOf(node)->condition, condition);
+    markRecreation(node, true);
+    storeLast(&node->condition, TREL_CONDITION_DISASSOCIATED);
+    return 0;
+  });
 }
 
 // Writes the wanted capacity where the copy looks for it. A list that lost its last entry has lost
@@ -91,14 +93,14 @@ uint32_t Recreation::wish() {
   if (const uint32_t rc = trelReturnNumberOfDependentNodes(node, &live, &capacity, 0)) return rc;
   uint32_t changes[TREL_CHANGE_WORDS] = {};
   const uint64_t raised = wanted > capacity ? wanted : capacity;
-  if (wanted)
-    changes[4] = static_cast<uint32_t>(raised < TREL_MAX_DEPENDENTS ? raised : TREL_MAX_DEPENDENTS);
+  // Of a wanted capacity of 0 as well: an older wish may stand there.
+  changes[4] = static_cast<uint32_t>(raised < TREL_MAX_DEPENDENTS ? raised : TREL_MAX_DEPENDENTS);
   setExport(node, TREL_EXPORT_CHANGE_LIST, true);
   return trelExportListOfChangedProperties(node, 0, changes);
 }
 
 // The parent record goes with the copy. In another segment it names that segment's own lists.
-uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
+uint32_t Recreation::copy(SNodeCB_t** made, uint64_t* size) {
   SNodeInfo_t* stored = nullptr;
   if (const uint32_t rc = trelGetParentNodeLocation(node, &stored)) return rc;
   ParentPlace place{parentRecord.nodeOffset, parentRecord.segInfoOffset, parentRecord.hdmInfoOffset,
@@ -110,6 +112,11 @@ uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
     if (const uint32_t rc = enterIdentity(pool, &target.identity, &place.segInfoOffset)) return rc;
     if (const uint32_t rc = enterModule(pool, module, &place.hdmInfoOffset)) return rc;
   }
+  if (const uint32_t rc =
+          recordNode(&record, link.parent.segInfo, newSeg, 0, node->tag, link.idSize, module))
+    return rc;
+  intentOf(node)->segInfoOffset = record.segInfoOffset;
+  SNodeInfo_t info = {};
   const NodeCopy request{oldSeg,
                          newSeg,
                          node,
@@ -119,25 +126,31 @@ uint32_t Recreation::copy(SNodeCB_t** made, SNodeInfo_t* info, uint64_t* size) {
                          nullptr,
                          &maxIdSize,
                          nullptr,
-                         info,
+                         &info,
                          nullptr,
                          nullptr,
                          nullptr,
                          TREL_COPY_SHM_TO_SHM,
                          TREL_COPY_LIMITS_CHANGE_LIST,
-                         true};
-  return copyNode(request, TREL_COPY_DEPENDENTS_SAME, made, size);
+                         true,
+                         intentOf(node)};
+  if (const uint32_t rc = copyNode(request, TREL_COPY_DEPENDENTS_SAME, made, size)) return rc;
+  record.nodeOffset = info.nodeOffset;
+  record.nodeTag = info.nodeTag;
+  record.idSize = info.idSize;
+  return 0;
 }
 
-// Points the parent's entry at the copy, then lets it be seen.
-uint32_t Recreation::replace(SNodeCB_t* made, const SNodeInfo_t& info) {
-  SNodeInfo_t record = {};
-  if (const uint32_t rc = trelAddStatusNodeInfo(&record, parentSeg, newSeg, info.nodeOffset,
-                                                info.nodeTag, info.idSize, nullptr, module))
-    return rc;
-  if (const uint32_t rc = linkDependent(parent, &record, id, idSize, 0)) return rc;
-  markRecreation(made, false);
-  return trelActivateNode(&made);
+// Nobody sees the copy before the parent's entry leads to it.
+uint32_t Recreation::replace(SNodeCB_t* made) {
+  const uint32_t rc = within<Access::write>(made, 0, [&] {
+    markRecreation(made, false);
+    made->condition = TREL_CONDITION_ACTIVE;
+    return 0u;
+  });
+  if (rc) return rc;
+  storeLast(&intentOf(node)->state, TREL_RECREATION_LINKING);
+  return replaceLink(link, &record);
 }
 
 }  // namespace
@@ -158,8 +171,7 @@ uint32_t trelRecreateNodeWithMoreDepNodes(SNodeCB_t** node, SNodeCB_t** newNode,
     if (const uint32_t rc = recreation.prepare()) return flow.fail(rc);
     if (const uint32_t rc = recreation.disassociate()) return flow.fail(rc);
     if (const uint32_t rc = recreation.wish()) return flow.fail(rc);
-    SNodeInfo_t info = {};
-    if (const uint32_t rc = recreation.copy(newNode, &info, size)) return flow.fail(rc);
-    return recreation.replace(*newNode, info);
+    if (const uint32_t rc = recreation.copy(newNode, size)) return flow.fail(rc);
+    return recreation.replace(*newNode);
   });
 }

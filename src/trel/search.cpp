@@ -1,5 +1,6 @@
 // Searches below a node: by name, by path, by tag.
 #include "trel/tree.h"
+#include "treli/recreation.h"
 #include "treli/stable_walk.h"
 
 namespace trel {
@@ -10,12 +11,12 @@ uint32_t reachSearched(const SNodeInfo_t* entry, Reached* child) {
   uint32_t rc = reachNode(entry, child);
   switch (rc) {
     case TREL_RC_DISASSOCIATED:
-      if (!(child->node->optionWord0 & TREL_OPTION_RECREATION)) {
-        keepReached(child);
-        return 0;
+      if (isMarkedForRecreation(child->node)) {
+        rc = endDeadRecreation(child->node, child->segInfo);
+        if (rc == 0) rc = lookAtCondition(child->node, accept::usable);
+        if (rc) break;
       }
-      rc = TREL_RC_BEING_RECREATED;
-      break;
+      return keepReached(child);
     case TREL_RC_INITIALISED:
     case TREL_RC_CREATED:
     case TREL_RC_ABANDONED:
@@ -41,30 +42,29 @@ struct Search {
   SNodeInfo_t** found;
   uint64_t length;
   bool firstOnly;
+  bool withNames;
   uint64_t depth, limit;
   IsSought isSought;
   Gathered gathered;
 
-  uint32_t open(SNodeCB_t* node, uint64_t nodeSize, uint64_t levels, DependentWalk* walk) {
-    DependentList list;
+  uint32_t open(uint64_t levels, ListReading* list) {
+    Section section;
     if (limit && depth + levels >= limit)
-      return openSection(node, TREL_EXPORT_DEPENDENT, &list, nodeSize);
-    if (const uint32_t rc = locateDependents(node, nodeSize, &list)) return rc;
-    *walk = DependentWalk(list);
-    return 0;
+      return openSection(list->node(), TREL_EXPORT_DEPENDENT, &section, list->nodeSize());
+    return list->open();
   }
 
-  uint32_t visit(uint64_t, const DependentWalk& walk, SNodeInfo_t* entry, Reached* below,
+  uint32_t visit(uint64_t, const ListReading& list, const ReadEntry& entry, Reached* below,
                  bool* isOver) {
     Reached child;
-    if (const uint32_t rc = reachSearched(entry, &child))
+    if (const uint32_t rc = reachSearched(entry.stored, &child))
       return rc == TREL_RC_ENTRY_DIFFERS ? 0 : rc;
-    walk.fetchAhead(entry, child.node);
+    list.fetchAhead(entry, child.node);
     bool isHit = false;
-    if (const uint32_t rc = isSought(entry, walk.maxIdSize(), &isHit)) return rc;
+    if (const uint32_t rc = isSought(&entry.record, list.maxIdSize(), &isHit)) return rc;
     if (isHit) {
       ++gathered.total;
-      if (gathered.returned < length) found[gathered.returned++] = entry;
+      if (gathered.returned < length) found[gathered.returned++] = entry.stored;
     }
     *isOver = isHit && firstOnly;
     if (!*isOver) *below = child;
@@ -77,8 +77,9 @@ struct Search {
 // The hits are added to *count, those of a search that fails too.
 template <class IsSought>
 uint32_t search(SNodeCB_t* node, SNodeInfo_t** found, uint64_t length, bool firstOnly,
-                uint64_t depth, uint64_t limit, HitCount* count, IsSought&& isSought) {
-  Search<IsSought&> task = {found, length, firstOnly, depth, limit, isSought, *count};
+                bool withNames, uint64_t depth, uint64_t limit, HitCount* count,
+                IsSought&& isSought) {
+  Search<IsSought&> task = {found, length, firstOnly, withNames, depth, limit, isSought, *count};
   const uint32_t rc = StableWalk<Search<IsSought&>>(&task).run(node);
   *count = task.gathered;
   return rc;
@@ -88,8 +89,8 @@ uint32_t searchByName(SNodeInfo_t** found, SNodeCB_t* node, uint64_t* foundCount
                       const SoughtName& name, uint64_t depth, uint64_t limit) {
   SNodeInfo_t* entry = nullptr;
   HitCount count = {0, 0};
-  const uint32_t rc = search(node, &entry, 1, true, depth, limit, &count,
-                             [&](SNodeInfo_t* candidate, uint32_t maxIdSize, bool* isHit) {
+  const uint32_t rc = search(node, &entry, 1, true, name.idSize != 0, depth, limit, &count,
+                             [&](const SNodeInfo_t* candidate, uint32_t maxIdSize, bool* isHit) {
                                return hasName(candidate, maxIdSize, name, isHit);
                              });
   if (rc || count.total == 0) return rc;
@@ -100,17 +101,17 @@ uint32_t searchByName(SNodeInfo_t** found, SNodeCB_t* node, uint64_t* foundCount
 
 uint32_t searchByTag(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, uint64_t length,
                      uint64_t depth, uint64_t limit, HitCount* count) {
-  return search(node, found, length, false, depth, limit, count,
+  return search(node, found, length, false, false, depth, limit, count,
                 [&](const SNodeInfo_t* entry, uint32_t, bool* isHit) {
                   *isHit = entry->nodeTag == tag;
                   return 0u;
                 });
 }
 
-// Tests one entry of a list with room for identifiers of maxIdSize. A wanted identifier is also
-// refused if the child's own list could not hold it.
-uint32_t testEntry(SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& name, Reached* child,
-                   ExportSlot_t** slot, uint64_t* hasList) {
+// Tests one entry, `read` from a list with room for identifiers of maxIdSize. A wanted identifier
+// is also refused if the child's own list could not hold it.
+uint32_t testEntry(const SNodeInfo_t* entry, const SNodeInfo_t* read, uint32_t maxIdSize,
+                   const SoughtName& name, Reached* child, ExportSlot_t** slot, uint64_t* hasList) {
   if (const uint32_t rc = reachSearched(entry, child)) return rc;
   DependentList list;
   if (const uint32_t rc = openSection(child->node, TREL_EXPORT_DEPENDENT, &list, child->size))
@@ -122,11 +123,11 @@ uint32_t testEntry(SNodeInfo_t* entry, uint32_t maxIdSize, const SoughtName& nam
     if (const uint32_t rc = locateDependents(child->node, child->size, &list)) return rc;
     limit = list.maxIdSize;
   }
-  if (entry->nodeTag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
-  if (name.idSize > limit || entry->idSize > limit) return TREL_RC_NODE_ID_SIZE;
+  if (read->nodeTag > TREL_MAX_TAG) return TREL_RC_TAG_RANGE;
+  if (name.idSize > limit || read->idSize > limit) return TREL_RC_NODE_ID_SIZE;
   if (name.idSize && !name.id) return TREL_RC_ID_NULL;
   bool same = false;
-  if (const uint32_t rc = hasName(entry, maxIdSize, name, &same)) return rc;
+  if (const uint32_t rc = hasName(read, maxIdSize, name, &same)) return rc;
   return same ? 0 : uint32_t{TREL_RC_ENTRY_DIFFERS};
 }
 
@@ -151,30 +152,30 @@ struct PathSearch {
   uint64_t length;
   SNodeInfo_t* found;
   Gathered gathered;
+  const bool withNames = true;
 
-  uint32_t open(SNodeCB_t* node, uint64_t nodeSize, uint64_t depth, DependentWalk* walk) {
-    if (depth && !(node->exports & TREL_EXPORT_DEPENDENT)) return TREL_RC_NOT_FOUND;
-    DependentList list;
-    if (const uint32_t rc = locateDependents(node, nodeSize, &list)) return rc;
+  uint32_t open(uint64_t depth, ListReading* list) {
+    if (depth && !(list->node()->exports & TREL_EXPORT_DEPENDENT)) return TREL_RC_NOT_FOUND;
+    if (const uint32_t rc = list->open()) return rc;
     do {
       if (const uint32_t rc = checkPathName(path[depth])) return rc;
-    } while (list.live == 0 && ++depth < length);
-    *walk = DependentWalk(list);
+    } while (list->live() == 0 && ++depth < length);
     return 0;
   }
 
-  uint32_t visit(uint64_t depth, const DependentWalk& walk, SNodeInfo_t* entry, Reached* below,
+  uint32_t visit(uint64_t depth, const ListReading& list, const ReadEntry& entry, Reached* below,
                  bool* isOver) {
     const SoughtName name = {path[depth].traverseTag, path[depth].traverseId,
                              path[depth].traverseIdSize};
     Reached child;
     ExportSlot_t* slot = nullptr;
     uint64_t hasList = 0;
-    if (const uint32_t rc = testEntry(entry, walk.maxIdSize(), name, &child, &slot, &hasList))
+    if (const uint32_t rc =
+            testEntry(entry.stored, &entry.record, list.maxIdSize(), name, &child, &slot, &hasList))
       return rc == TREL_RC_ENTRY_DIFFERS ? 0 : rc;
     *isOver = depth + 1 == length;
     if (*isOver) {
-      found = entry;
+      found = entry.stored;
     } else {
       *below = child;
     }
@@ -194,7 +195,7 @@ uint32_t trelFindNodeSoft(SNodeInfo_t** found, SNodeCB_t* node, uint64_t tag, ui
   return traced(FID_trelFindNodeSoft, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!found) return flow.fail(TREL_RC_NODE_INFO_NULL);
-    if (const uint32_t rc = reading(node, 0, accept::any, [] { return 0u; })) return flow.fail(rc);
+    if (const uint32_t rc = lookAtCondition(node, accept::any)) return flow.fail(rc);
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE);
     if (idSize > TREL_MAX_ID_SIZE) return flow.fail(TREL_RC_NODE_ID_SIZE);
     if (idSize && !id) return flow.fail(TREL_RC_ID_NULL);
@@ -224,8 +225,7 @@ uint32_t trelFindNodeHard(SNodeInfo_t** found, SNodeCB_t* node, uint64_t pathLen
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!path) return flow.fail(TREL_RC_TRAVERSE_NULL);
     if (!found) return flow.fail(TREL_RC_NODE_INFO_NULL);
-    if (const uint32_t rc = reading(node, 0, accept::living, [] { return 0u; }))
-      return flow.fail(rc);
+    if (const uint32_t rc = lookAtCondition(node, accept::living)) return flow.fail(rc);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
     if (pathLength > depthLimit) return flow.fail(TREL_RC_PATH_LENGTH);
     Section section;
@@ -249,7 +249,7 @@ uint32_t trelSearchForNodeHard(SNodeInfo_t* entry, SNodeCB_t** child, ExportSlot
     const Look look;
     Reached reached;
     const uint32_t rc =
-        testEntry(entry, roomForId(entry), {tag, id, idSize}, &reached, slot, hasList);
+        testEntry(entry, entry, roomForId(entry), {tag, id, idSize}, &reached, slot, hasList);
     *child = reached.node;
     return rc;
   });
@@ -262,8 +262,7 @@ uint32_t trelFindNodesByTag(SNodeCB_t* node, uint64_t tag, uint64_t depthLimit, 
     if (!returned) return flow.fail(TREL_RC_OUT_FOUND_RETURNED);
     if (!total) return flow.fail(TREL_RC_OUT_FOUND_TOTAL);
     if (!found) return flow.fail(TREL_RC_NODE_INFOS_NULL);
-    if (const uint32_t rc = reading(node, 0, accept::living, [] { return 0u; }))
-      return flow.fail(rc);
+    if (const uint32_t rc = lookAtCondition(node, accept::living)) return flow.fail(rc);
     if (tag > TREL_MAX_TAG) return flow.fail(TREL_RC_TAG_RANGE);
     if (depthLimit > kMaxDepth) return flow.fail(TREL_RC_DEPTH_LIMIT);
     if (length == 0 || length > 0x100000) return flow.fail(TREL_RC_ARRAY_LENGTH);

@@ -1,32 +1,12 @@
 #include "treli/dependent_list.h"
 
+#include "treli/dependent_index.h"
 #include "trelshm/store.h"
 
 namespace trel {
-namespace {
-
-constexpr int kPatience = 1000;  // looks at a writer, some ten microseconds
-
-}  // namespace
-
-bool mayHaveChanged(SNodeCB_t* node, int32_t stamp) {
-  __atomic_thread_fence(__ATOMIC_ACQUIRE);
-  const int32_t* writing = PLATVAtomicSigned32::word(&node->nodeLatchArea.writeFlag);
-  // Under the other models nobody is inside; a writer may have died that changed the model.
-  for (int looks = 0;
-       once(node->concurrencyModel) == 1 && __atomic_load_n(writing, __ATOMIC_ACQUIRE) != 0;
-       ++looks) {
-    if (looks == kPatience) {
-      // Waits for its end, or clears up after its death. Refused to a caller who is the writer.
-      reading(node, 0, accept::any, [] { return 0u; });
-      break;
-    }
-    __builtin_ia32_pause();
-  }
-  return stampOf(node) != stamp;
-}
-
 uint32_t findDependent(const DependentList& list, const SoughtName& name, FoundDependent* found) {
+  if (findByIndex(list, name, found)) return 0;
+  *found = {};
   found->walk = DependentWalk(list);
   for (;;) {
     if (const uint32_t rc = found->walk.next(&found->entry, &found->vacant)) return rc;
@@ -63,6 +43,12 @@ void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, co
   storeLast(&place->nodeTag, tag);
 }
 
+static uint32_t countChange(const DependentList& list, SNodeInfo_t* place) {
+  const uint32_t rc = countReconfiguration(list.node);
+  noteInIndex(list, place);
+  return rc;
+}
+
 uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& name, bool replace) {
   if (!(once(node->exports) & TREL_EXPORT_DEPENDENT)) exportDependents(node, true);
   DependentList list;
@@ -75,7 +61,7 @@ uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& na
   if (found.entry) {
     if (!replace) return TREL_RC_DEPENDENT_PRESENT;
     storeDependent(node, found.entry, record, name.id, name.idSize);
-    return countReconfiguration(node);
+    return countChange(list, found.entry);
   }
   if (list.maxIdSize == 0) return TREL_RC_DEPENDENTS_FULL;
   const uint64_t used = list.used + list.stride();
@@ -84,17 +70,17 @@ uint32_t addDependent(SNodeCB_t* node, SNodeInfo_t* record, const SoughtName& na
     if (!found.walk.fits()) return TREL_RC_DEPENDENT_BOUNDS;
   }
   if (list.live == TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
-  storeDependent(node, found.vacant ? found.vacant : found.walk.place(), record, name.id,
-                 name.idSize);
+  SNodeInfo_t* place = found.vacant ? found.vacant : found.walk.place();
+  storeDependent(node, place, record, name.id, name.idSize);
   list.setUsed(used);
-  return countReconfiguration(node);
+  return countChange(list, place);
 }
 
 uint32_t removeDependent(DependentList& list, SNodeInfo_t* entry) {
   storeLast(&entry->nodeTag, 0);
   entry->idSize = 0;
   list.setUsed(list.used - list.stride());
-  const uint32_t rc = countReconfiguration(list.node);
+  const uint32_t rc = countChange(list, entry);
   if (list.used == kDependentHeader) exportDependents(list.node, false);
   return rc;
 }

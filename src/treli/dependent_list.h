@@ -55,14 +55,22 @@ TREL_INLINE uint32_t locateDependents(SNodeCB_t* node, DependentList* list) {
   return locateDependents(node, once(node->nodeSize), list);
 }
 
-// An entry that has been read without the node's latch, and whether it still names that node.
+// An entry that has been read, and whether its place still holds an entry of the same node.
 struct SeenEntry {
   SNodeInfo_t* entry = nullptr;
-  uint64_t nodeOffset = 0;
+  uint64_t nodeOffset = 0, nodeTag = 0, segInfoOffset = 0;
 
   SeenEntry() = default;
-  explicit SeenEntry(SNodeInfo_t* e) : entry(e), nodeOffset(once(e->nodeOffset)) {}
-  bool stands() const { return once(entry->nodeTag) != 0 && once(entry->nodeOffset) == nodeOffset; }
+  SeenEntry(SNodeInfo_t* place, const SNodeInfo_t& read)
+      : entry(place),
+        nodeOffset(once(read.nodeOffset)),
+        nodeTag(once(read.nodeTag)),
+        segInfoOffset(once(read.segInfoOffset)) {}
+  explicit SeenEntry(SNodeInfo_t* e) : SeenEntry(e, *e) {}
+  bool stands() const {
+    return once(entry->nodeTag) == nodeTag && once(entry->nodeOffset) == nodeOffset &&
+           once(entry->segInfoOffset) == segInfoOffset;
+  }
 };
 
 // The one walk over a list.
@@ -97,23 +105,6 @@ class DependentWalk {
   SNodeInfo_t* place() const { return at<SNodeInfo_t>(nullptr, place_); }
   bool fits() const { return end_ - place_ >= stride_; }
 
-  // Fetches what will be read of the node two places on, while the one behind `entry` is walked:
-  // most siblings lie in one segment and are laid out alike. A wrong guess does no harm.
-  TREL_INLINE void fetchAhead(const SNodeInfo_t* entry, const SNodeCB_t* node) const {
-    if (end_ - place_ < 2 * uint64_t{stride_}) return;
-    const uint64_t offset = at<SNodeInfo_t>(nullptr, place_ + stride_)->nodeOffset;
-    const auto* later = at<SNodeCB_t>(node, offset - entry->nodeOffset);
-    __builtin_prefetch(later);
-    __builtin_prefetch(&later->reconfigCounter);
-    __builtin_prefetch(&later->nodeLatchArea.primaryLatch);
-    __builtin_prefetch(&later->concurrencyModel);
-    __builtin_prefetch(&later->nodeLatchArea.writeFlag);
-    constexpr uint32_t kSlot = slotNumber(TREL_EXPORT_DEPENDENT);
-    __builtin_prefetch(&later->exportTable[kSlot]);
-    __builtin_prefetch(&later->exportTable[kSlot].offset);
-    __builtin_prefetch(at<uint8_t>(later, node->exportTable[kSlot].offset));
-  }
-
   bool isDone() const { return left_ == 0; }
   uint32_t maxIdSize() const { return stride_ - static_cast<uint32_t>(sizeof(SNodeInfo_t)); }
 
@@ -141,19 +132,10 @@ TREL_INLINE uint32_t hasName(const SNodeInfo_t* entry, uint32_t maxIdSize, const
   return 0;
 }
 
-// For those who read a list without the node's latch: whether it may have changed since stampOf().
-// A writer is inside from before its first store until after it has counted the change; one that is
-// inside now is waited for.
+// For those who read a list without the node's latch: a writer is inside from before its first
+// store until after it has counted the change here.
 inline int32_t stampOf(SNodeCB_t* node) {
   return __atomic_load_n(PLATVAtomicSigned32::word(&node->reconfigCounter), __ATOMIC_ACQUIRE);
-}
-bool mayHaveChanged(SNodeCB_t* node, int32_t stamp);
-// A list that is made anew, and empty, is not counted as a change. A walk that is on its way over
-// it fails, since the entries are vacant or the section ends. To be asked before mayHaveChanged():
-// what is added to the list again is counted.
-inline bool hasBeenEmptied(SNodeCB_t* node, uint64_t nodeSize) {
-  DependentList list;
-  return locateDependents(node, nodeSize, &list) == 0 && list.live == 0;
 }
 
 // The rest is for those who are inside the node's write section.

@@ -11,6 +11,7 @@
 #include "treli/node_making.h"
 #include "treli/node_record.h"
 #include "treli/property_copy.h"
+#include "treli/recreation.h"
 #include "treli/reach.h"
 #include "trelll/enter.h"
 #include "trelshm/process_memory.h"
@@ -527,6 +528,7 @@ uint32_t copyInside(const NodeCopy& wanted, uint32_t copyDependents, const Trans
   if (const uint32_t rc = plan.make(wanted.copyLimits)) return rc;
   plan.limits.copyDependents = copyDependents;
   if (const uint32_t rc = makeBlock(wanted, plan, dst, nodeOffset)) return rc;
+  if (wanted.intent) noteCopy(wanted.intent, *nodeOffset, birthStamp(*dst));
   return Filling(wanted, *dst, *nodeOffset, plan.limits, plan.listMaxIdSize, translation).run();
 }
 

@@ -31,6 +31,7 @@ struct NodeCopy {
   // dependents its maximum; a word of 0 in the change list is no wish. So a copy never needs more
   // than its source. For tree copies and recreations; trelCopyNode sizes lists in hash form anew.
   bool keepsRoom = false;
+  RecreationIntent_t* intent = nullptr;  // is told where the block is, as soon as there is one
 };
 
 // The tests of trelCopyNode's arguments.

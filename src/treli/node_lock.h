@@ -189,6 +189,19 @@ TREL_INLINE uint32_t checkCondition(const SNodeCB_t* node, uint32_t mask) {
   return (mask >> condition & 1) ? 0 : refusalOf(condition);
 }
 
+// The same by one look from outside: the condition is one word, so nobody is waited for who is
+// inside. What is no node has no latch.
+TREL_INLINE uint32_t lookAtCondition(SNodeCB_t* node, uint32_t mask) {
+  uint32_t model = 0;
+  if (const uint32_t rc = readModel(node, &model)) return rc;
+  if (model == 1) {
+    LatchArea_t& area = node->nodeLatchArea;
+    if (once(area.latchVersion) != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
+    if (!plat::isLatch(area.primaryLatch)) return TREL_RC_LATCH;
+  }
+  return checkCondition(node, mask);
+}
+
 // Looks at a node whose condition the mask accepts.
 template <class Work>
 TREL_INLINE uint32_t reading(SNodeCB_t* node, uint64_t inCriticalSection, uint32_t mask,

@@ -143,10 +143,16 @@ uint32_t bring(const Pins& pins, const SegIdentity_t& identity) {
 }
 
 uint32_t checkReached(const Target& target, Reached* reached, uint32_t otherSegment) {
-  reached->size = nodeSizeInDomain(reached->segInfo->shmDomainHandle, target.nodeOffset);
-  if (reached->size == 0) return TREL_RC_TOP_NODE_BOUNDS;
+  const ShmDomainHandle_t* domain = reached->segInfo->shmDomainHandle;
+  reached->born = birthStamp(reached->node);
+  __atomic_thread_fence(__ATOMIC_ACQUIRE);
+  if (nodeSizeInDomain(domain, target.nodeOffset) == 0) return TREL_RC_TOP_NODE_BOUNDS;
   if (otherSegment == 0 && target.nodeTag != reached->node->tag) return TREL_RC_RECORD_TAG_DIFFERS;
-  return reading(reached->node, 0, accept::active, [] { return 0u; });
+  const uint32_t rc = lookAtCondition(reached->node, accept::active);
+  // The size last: before, it may have been that of a node in the making.
+  __atomic_thread_fence(__ATOMIC_ACQUIRE);
+  reached->size = nodeSizeInDomain(domain, target.nodeOffset);
+  return reached->size && birthStamp(reached->node) == reached->born ? rc : uint32_t{TREL_RC_LATCH};
 }
 
 }  // namespace

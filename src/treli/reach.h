@@ -50,6 +50,7 @@ struct Reached {
   ShmSegInfo_t* segInfo = nullptr;
   bool isUndecided = false;  // a look has brought the segment, and nobody uses it yet
   uint64_t size = 0;         // of the node, all of which lies in its segment
+  uint64_t born = 0;         // its birth stamp, from before it was looked at
 };
 
 // Finds the node, without attaching. With kStayInSegment *otherSegment tells whether it lies in

@@ -42,7 +42,7 @@ class TraversalStack {
  public:
   TraversalStack() = default;
   ~TraversalStack() {
-    if (levels_ != first_) release(&levels_);
+    if (levels_ != first()) release(&levels_);
   }
   TraversalStack(const TraversalStack&) = delete;
   TraversalStack& operator=(const TraversalStack&) = delete;
@@ -56,14 +56,26 @@ class TraversalStack {
   void pop() { --count_; }
   WalkBudget& budget() { return budget_; }
 
-  // May move the levels.
-  uint32_t push(const Level& level) {
-    if (isFull() || closesCycle(level.node) || !budget_.spend()) return TREL_RC_DEPTH_LIMIT;
+  // Room for one more level, to be filled. May move the levels.
+  uint32_t prepare(Level** next) {
+    if (isFull()) return TREL_RC_DEPTH_LIMIT;
     if (count_ == capacity_) {
       if (const uint32_t rc = grow()) return rc;
     }
-    levels_[count_++] = level;
+    *next = levels_ + count_;
     return 0;
+  }
+  // Takes what prepare() gave onto the path.
+  uint32_t push() {
+    if (closesCycle(levels_[count_].node) || !budget_.spend()) return TREL_RC_DEPTH_LIMIT;
+    ++count_;
+    return 0;
+  }
+  uint32_t push(const Level& level) {
+    Level* next = nullptr;
+    if (const uint32_t rc = prepare(&next)) return rc;
+    *next = level;
+    return push();
   }
 
  private:
@@ -82,17 +94,20 @@ class TraversalStack {
     Level* larger = nullptr;
     if (obtain(&larger, 2 * capacity_) != 0) return TREL_RC_DEPTH_LIMIT;
     memcpy(static_cast<void*>(larger), levels_, count_ * sizeof(Level));
-    if (levels_ != first_) release(&levels_);
+    if (levels_ != first()) release(&levels_);
     levels_ = larger;
     capacity_ *= 2;
     return 0;
   }
 
-  uint32_t count_ = 0, capacity_ = 16;  // a power of 2, up to kMaxDepth
+  Level* first() { return reinterpret_cast<Level*>(first_); }
+
+  static constexpr uint32_t kFirst = 16;
+  uint32_t count_ = 0, capacity_ = kFirst;  // a power of 2, up to kMaxDepth
   WalkBudget budget_;
   const Look look_;  // what the walk resolves stays mapped until it ends
-  Level first_[16];
-  Level* levels_ = first_;
+  alignas(Level) unsigned char first_[kFirst * sizeof(Level)];
+  Level* levels_ = first();
 };
 
 }  // namespace trel

@@ -1,48 +1,26 @@
 // Walks over whole trees, children before their parent: status operations and sums.
 //
 // A sum is of lists that stood still while they were read. A status operation changes what it walks
-// over, so it goes on from where it stands, whatever others do; a list that has changed meanwhile
-// may end early.
+// over, so it goes on from where it stands, whatever others do. What went meanwhile is passed over.
+//
+// A node is given back so: in its write section, if its entry names it and its list holds nothing
+// but what stays, it becomes abandoned, so that it gets no dependents any more. That section is
+// left before the parent's is entered. Who takes the entry off the list there frees the node; who
+// finds it gone touches nothing more.
 #include "treli/tree_walk.h"
 
 #include "trel/node.h"
 #include "trel/tree.h"
+#include "treli/heartbeat.h"
+#include "treli/node_return.h"
+#include "treli/recreation.h"
 #include "treli/stable_walk.h"
 
 namespace trel {
 namespace {
 
-// The entry of a node in its parent's list, found before the node goes.
-struct ParentEntry {
-  SNodeCB_t* parent = nullptr;
-  SeenEntry seen;
-
-  uint32_t find(SNodeCB_t* node);
-  uint32_t remove() const;
-};
-
-// A node whose children are being walked.
-struct WalkLevel {
-  SNodeCB_t* node;
-  uint64_t size;              // of the node, as tested
-  ShmSegInfo_t* segment;      // the node's
-  ShmSegInfo_t* walkSegment;  // the one that TREL_WALK_ONE_SEGMENT means
-  uint64_t depth;
-  uint32_t options;
-  const ParentEntry* parent = nullptr;  // that goes with the node
-  int32_t stamp = 0;
-  DependentWalk walk = {};
-};
-
-// Begins at the children of a node, if they lie within the limit.
-uint32_t openDependents(SNodeCB_t* node, uint64_t nodeSize, uint64_t depth, uint64_t limit,
-                        DependentWalk* walk) {
-  if (!(node->exports & TREL_EXPORT_DEPENDENT) || (limit && depth >= limit)) return 0;
-  DependentList list;
-  if (const uint32_t rc = locateDependents(node, nodeSize, &list)) return rc;
-  *walk = DependentWalk(list);
-  return 0;
-}
+// How often a walk begins again at what others keep changing.
+constexpr uint32_t kRounds = 32;
 
 // trelGetNodeCondition.
 uint32_t readCondition(const SNodeCB_t* node, uint32_t* condition) {
@@ -52,172 +30,320 @@ uint32_t readCondition(const SNodeCB_t* node, uint32_t* condition) {
   return isOne ? 0 : uint32_t{TREL_RC_CONDITION};
 }
 
+// Runs work() in the write section of the node that was met.
+template <class Work>
+uint32_t changing(const MetNode& met, Work&& work) {
+  return within<Access::write>(
+      met.node, 0, [&]() -> uint32_t { return met.isAlive() ? work() : uint32_t{TREL_RC_LATCH}; });
+}
+
 // Reaches the node behind an entry, whatever its condition; *refusal gets the code of a condition
 // other than active. *inside: the walk may go there. What it passes over is left.
-uint32_t reachWalked(const DependentWalk& walk, const SNodeInfo_t* entry, ShmSegInfo_t* walkSegment,
+uint32_t reachWalked(const ListReading& list, const ReadEntry& entry, ShmSegInfo_t* walkSegment,
                      uint32_t options, bool passesAbandoned, Reached* child, bool* inside,
                      uint32_t* refusal) {
   uint32_t otherSegment = 0;
-  *refusal = reachNode(entry, child, walkSegment, &otherSegment, options);
+  *refusal = reachNode(entry.stored, child, walkSegment, &otherSegment, options);
+  if (*refusal == TREL_RC_DISASSOCIATED && isMarkedForRecreation(child->node) &&
+      endDeadRecreation(child->node, child->segInfo) == 0)
+    *refusal = lookAtCondition(child->node, accept::active);
   if (*refusal && !isRefusedCondition(*refusal)) return *refusal;
   *inside = otherSegment == 0 && !(passesAbandoned && *refusal == TREL_RC_ABANDONED);
   if (*inside) {
-    walk.fetchAhead(entry, child->node);
-    keepReached(child);
-  } else {
-    leaveReached(child);
+    list.fetchAhead(entry, child->node);
+    return keepReached(child);
   }
+  leaveReached(child);
   return 0;
 }
 
-class StatusWalk {
- public:
-  StatusWalk(uint32_t operation, uint64_t limit) : operation_(operation), limit_(limit) {}
+// ---- Giving nodes back -------------------------------------------------------------------------
 
-  uint32_t run(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment, uint64_t depth,
-               uint32_t options, const ParentEntry* parent) {
-    WalkLevel top = {*node, (*node)->nodeSize, segment, walkSegment, depth, options, parent};
-    uint32_t rc = enter(&top);
-    while (rc == 0 && !levels_.empty()) {
-      WalkLevel& level = levels_.top();
-      SNodeInfo_t* entry = nullptr;
-      rc = level.walk.next(&entry);
-      if (rc && (hasBeenEmptied(level.node, level.size) || mayHaveChanged(level.node, level.stamp)))
-        rc = 0;
-      if (rc == 0 && entry) {
-        WalkLevel below = {};
-        rc = treat(level, entry, &below);
-        if (rc == 0 && below.node) rc = enter(&below);
-      } else if (rc == 0) {
-        rc = apply(&level);
-        if (levels_.count() == 1) top = level;  // without its node, if that was given back
-        levels_.pop();
-      }
-    }
-    *node = top.node;
-    return rc;
-  }
-
- private:
-  uint32_t enter(WalkLevel* level) {
-    if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
-    level->stamp = stampOf(level->node);
-    if (const uint32_t rc =
-            openDependents(level->node, level->size, level->depth, limit_, &level->walk))
-      return rc;
-    return level->walk.isDone() ? apply(level) : levels_.push(*level);
-  }
-
-  static bool selects(uint32_t options, uint32_t condition) {
-    return options & (TREL_WALK_ALL | 1u << condition);
-  }
-
-  uint32_t treat(WalkLevel& level, SNodeInfo_t* entry, WalkLevel* below) {
-    Reached child;
-    bool inside = false;
-    uint32_t refusal = 0;
-    const SeenEntry seen(entry);
-    if (const uint32_t rc =
-            reachWalked(level.walk, entry, level.walkSegment, level.options,
-                        operation_ != TREL_STATUS_DISCLAIM, &child, &inside, &refusal))
-      return seen.stands() ? rc : 0;  // else taken off the list meanwhile
-    if (!inside) return 0;
-    if (operation_ == TREL_STATUS_DISCLAIM) {
-      if (refusal == TREL_RC_ABANDONED) return remove(entry, child, TREL_WALK_ALL, below);
-      uint32_t condition = 0;
-      if (const uint32_t rc = readCondition(child.node, &condition)) return rc;
-      if (selects(level.options, condition)) return remove(entry, child, 0, below);
-      if (isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
-    }
-    *below = {child.node,        child.size,      child.segInfo,
-              level.walkSegment, level.depth + 1, level.options};
-    return 0;
-  }
-
-  // Takes the child off the list, then begins with it as the top of a tree of its own.
-  // What could hinder that is found out before.
-  uint32_t remove(SNodeInfo_t* entry, const Reached& child, uint32_t added, WalkLevel* below) {
-    if (limit_ > kMaxDepth || isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
-    if (levels_.isFull()) return TREL_RC_DEPTH_LIMIT;
-    WalkLevel& level = levels_.top();
-    const uint32_t options = (level.options | added) & ~TREL_WALK_REMOVE_TOP;
-    if (const uint32_t rc = reading(level.node, 0, accept::any, [] { return 0u; })) return rc;
-    if (const uint32_t rc = unlinkChild(level.node, entry, child.node)) return rc;
-    level.stamp = static_cast<int32_t>(static_cast<uint32_t>(level.stamp) + 1);  // this change
-    if (const uint32_t rc = reading(child.node, 0, accept::any, [] { return 0u; })) return rc;
-    *below = {child.node, child.size, child.segInfo, child.segInfo, 1, options};
-    return 0;
-  }
-
-  // In a cycle a node would be given back while its own children are walked.
-  bool isOnPath(const SNodeCB_t* node) {
-    for (uint32_t i = 0; i < levels_.count(); ++i)
-      if (levels_[i].node == node) return true;
-    return false;
-  }
-
-  uint32_t apply(WalkLevel* level) const {
-    uint32_t condition = 0;
-    if (const uint32_t rc = readCondition(level->node, &condition)) return rc;
-    if (operation_ < TREL_STATUS_ACTIVATE || operation_ > TREL_STATUS_UPDATE)
-      return TREL_RC_STATUS_OPERATION;
-    if (operation_ == TREL_STATUS_UPDATE) {
-      const bool selected = level->options & (1u << TREL_CONDITION_ACTIVE | 1u << condition);
-      return selected ? trelUpdateNodeStatus(level->node) : 0;
-    }
-    if (!selects(level->options, condition)) return 0;
-    switch (operation_) {
-      case TREL_STATUS_ACTIVATE:
-        return trelActivateNode(&level->node);
-      case TREL_STATUS_ABANDON:
-        return trelAbandonNode(&level->node);
-      case TREL_STATUS_DISASSOCIATE:
-        return trelDisassociateNode(&level->node);
-      default:
-        if (!level->segment) return TREL_RC_SEGMENT_NULL;
-        if (level->parent) {
-          if (const uint32_t rc = level->parent->remove()) return rc;
-        }
-        return trelDisclaimNode(&level->node, level->segment->shmPoolHandle,
-                                level->segment->identity.handleVersion);
-    }
-  }
-
-  uint32_t operation_;
-  uint64_t limit_;
-  TraversalStack<WalkLevel> levels_;
+// A node that is to go, and the entry that leads to it; without a parent there is none.
+struct Goner {
+  MetNode met;
+  ShmSegInfo_t* segment = nullptr;
+  MetNode parent = {};
+  SeenEntry seen = {};
 };
 
-uint32_t ParentEntry::find(SNodeCB_t* node) {
+uint32_t poolOf(const ShmSegInfo_t* segment, ShmPoolHandle_t** pool) {
+  if (!segment) return TREL_RC_SEGMENT_NULL;
+  *pool = segment->shmPoolHandle;
+  if (!*pool) return TREL_RC_POOL_HANDLE_NULL;
+  return segment->identity.handleVersion == TREL_STRUCTURE_VERSION
+             ? 0
+             : uint32_t{TREL_RC_HANDLE_VERSION};
+}
+
+// Whether the entry names the node, seen from outside the parent's section. *moved: a writer is
+// inside, so that cannot be told.
+bool isNamed(const Goner& goner, bool* moved) {
+  const ListReading list(goner.parent, 0, false);
+  const bool stands = goner.seen.stands();
+  *moved = list.hasMoved();
+  return stands;
+}
+
+enum class Fate { goes, isGone, again };
+
+// Abandons a node whose turn has come. Nothing but what `left` has seen may be on its list; null:
+// anything may.
+uint32_t abandon(const Goner& goner, const ListReading* left, uint32_t* before, Fate* turn) {
+  bool moved = false;
+  const uint32_t rc = changing(goner.met, [&]() -> uint32_t {
+    SNodeCB_t* node = goner.met.node;
+    if (isBeingRecreated(node)) return TREL_RC_BEING_RECREATED;
+    *turn = goner.parent.node && !isNamed(goner, &moved) ? Fate::isGone : Fate::goes;
+    if (moved || (left && !left->stoodTogether())) *turn = Fate::again;
+    if (*turn != Fate::goes) return 0;
+    *before = node->condition;
+    node->condition = TREL_CONDITION_ABANDONED;
+    return 0;
+  });
+  // Waits outside for the writer of the parent.
+  return moved ? reading(goner.parent.node, 0, accept::any, [] { return 0u; }) : rc;
+}
+
+uint32_t unlink(const Goner& goner, Fate* turn) {
+  return changing(goner.parent, [&]() -> uint32_t {
+    DependentList list;
+    if (const uint32_t rc = locateDependents(goner.parent.node, &list)) return rc;
+    *turn = goner.seen.stands() && goner.met.isAlive() ? Fate::goes : Fate::isGone;
+    if (*turn == Fate::isGone) return 0;
+    if (goner.met.node->condition != TREL_CONDITION_ABANDONED) {  // somebody has revived it
+      *turn = Fate::again;
+      return 0;
+    }
+    return removeDependent(list, goner.seen.entry);
+  });
+}
+
+uint32_t giveBack(const Goner& goner, const ListReading* left, Fate* turn) {
+  uint32_t before = 0;
+  ShmPoolHandle_t* pool = nullptr;
+  if (const uint32_t rc = poolOf(goner.segment, &pool)) return rc;
+  const uint32_t failed = abandon(goner, left, &before, turn);
+  if (failed || *turn != Fate::goes) return failed;
+  if (goner.parent.node) {
+    if (const uint32_t rc = unlink(goner, turn)) {
+      changing(goner.met, [&] {
+        goner.met.node->condition = before;
+        return 0u;
+      });
+      return rc;
+    }
+  }
+  SNodeCB_t* node = goner.met.node;
+  return *turn == Fate::goes ? giveNodeBack(&node, pool) : 0;
+}
+
+// The entry of a node in its parent's list.
+uint32_t findInParent(SNodeCB_t* node, Goner* goner) {
   SNodeInfo_t* record = nullptr;
   if (const uint32_t rc = parentRecordOf(node, &record)) return rc;
   SoughtName name = {node->tag, nullptr, 0, true};
   uint8_t* id = nullptr;
   if (const uint32_t rc = trelGetNodeID(node, &id, &name.idSize, 0)) return rc;
   name.id = id;
+  SNodeCB_t* parent = nullptr;
   if (const uint32_t rc = nodeBehind(record, &parent)) return rc;
+  goner->parent = MetNode(parent);
   DependentList list;
   if (const uint32_t rc = locateDependents(parent, &list)) return rc;
-  return writing(parent, 0, accept::any, [&]() -> uint32_t {
+  return reading(parent, 0, accept::any, [&]() -> uint32_t {
     if (locateDependents(parent, &list) || list.live == 0) return TREL_RC_DEPENDENT_ABSENT;
     if (list.live > TREL_MAX_DEPENDENTS) return TREL_RC_DEPENDENT_COUNT;
     FoundDependent found;
     if (const uint32_t rc = findDependent(list, name, &found)) return rc;
     if (!found.entry) return TREL_RC_DEPENDENT_ABSENT;
-    seen = SeenEntry(found.entry);
+    goner->seen = SeenEntry(found.entry);
     return 0;
   });
 }
 
-uint32_t ParentEntry::remove() const {
-  return writing(parent, 0, accept::any, [&]() -> uint32_t {
-    DependentList list;
-    if (const uint32_t rc = locateDependents(parent, &list)) return rc;
-    if (list.live == 0) return TREL_RC_DEPENDENTS_EMPTY;
-    if (!seen.stands()) return TREL_RC_DEPENDENT_ABSENT;
-    return removeDependent(list, seen.entry);
-  });
-}
+// ---- Status walks ------------------------------------------------------------------------------
+
+// A node whose children are being walked.
+struct WalkLevel {
+  Goner self;
+  SNodeCB_t* node;
+  ShmSegInfo_t* walkSegment;  // the one that TREL_WALK_ONE_SEGMENT means
+  uint64_t depth;
+  uint32_t options;
+  bool goes;  // to be given back
+  uint32_t rounds;
+  ListReading reading;  // its confirmed entries are those that stay
+
+  // Others have taken it off the list on which it was found.
+  bool hasGone() const { return !self.met.isAlive() || (self.parent.node && !self.seen.stands()); }
+};
+
+class StatusWalk {
+ public:
+  StatusWalk(uint32_t operation, uint64_t limit) : operation_(operation), limit_(limit) {}
+
+  // *node becomes null if it is given back.
+  uint32_t run(SNodeCB_t** node, const Goner& self, ShmSegInfo_t* walkSegment, uint64_t depth,
+               uint32_t options) {
+    uint32_t rc = enter(self, (*node)->nodeSize, walkSegment, depth, options, false);
+    while (!levels_.empty()) {
+      if (rc == 0) {
+        rc = step();
+      } else if (levels_.count() > 1 && levels_.top().hasGone()) {
+        levels_.pop();  // a failure at what others have taken away
+        rc = 0;
+      } else {
+        break;
+      }
+    }
+    if (topIsGone_) *node = nullptr;
+    return rc;
+  }
+
+ private:
+  bool deletes() const { return operation_ == TREL_STATUS_DISCLAIM; }
+  static bool selects(uint32_t options, uint32_t condition) {
+    return options & (TREL_WALK_ALL | 1u << condition);
+  }
+
+  uint32_t enter(const Goner& self, uint64_t size, ShmSegInfo_t* walkSegment, uint64_t depth,
+                 uint32_t options, bool goes) {
+    WalkLevel* level = nullptr;
+    if (const uint32_t rc = levels_.prepare(&level)) return rc;
+    *level = {self, self.met.node, walkSegment, depth, options, goes, 0, {}};
+    level->reading = ListReading(self.met, size, false);
+    if (const uint32_t rc = levels_.push()) return rc;
+    return open(level);
+  }
+
+  // Begins at the children of a node, if they lie within the limit.
+  uint32_t open(WalkLevel* level) {
+    level->reading.begin();
+    if (!(level->node->exports & TREL_EXPORT_DEPENDENT) || isAtLimit(*level)) return 0;
+    return level->reading.open();
+  }
+  bool isAtLimit(const WalkLevel& level) const { return limit_ && level.depth >= limit_; }
+
+  uint32_t step() {
+    ListReading& list = levels_.top().reading;
+    const uint32_t rc = list.next(&entry_);
+    if (rc == 0 && entry_.stored) return treat();
+    if (rc ? list.explainsFailure() : list.hasMoved() && !list.isReadOn()) return list.readOn();
+    return rc ? rc : finish();
+  }
+
+  uint32_t treat() {
+    WalkLevel& level = levels_.top();
+    Reached child;
+    bool inside = false;
+    uint32_t refusal = 0;
+    for (uint32_t looks = 1;; ++looks) {
+      const uint32_t rc = reachWalked(level.reading, entry_, level.walkSegment, level.options,
+                                      !deletes(), &child, &inside, &refusal);
+      if (rc == 0) break;
+      if (!entry_.stands()) return pass();
+      if (!level.reading.hasMoved() || looks == kRounds) return rc;
+    }
+    if (!inside) return 0;
+    const Goner self = {{child.node, child.born}, child.segInfo, level.self.met, entry_.seen()};
+    if (!entry_.stands()) return pass();
+    if (!level.self.met.isAlive()) return TREL_RC_LATCH;  // it was no list any more
+    uint32_t options = level.options;
+    if (!deletes())
+      return enter(self, child.size, level.walkSegment, level.depth + 1, options, false);
+    uint32_t condition = 0;
+    if (const uint32_t rc = readCondition(child.node, &condition))
+      return entry_.stands() ? rc : pass();
+    if (refusal == TREL_RC_ABANDONED) options |= TREL_WALK_ALL;
+    if (!selects(options, condition))
+      return enter(self, child.size, level.walkSegment, level.depth + 1, options, false);
+    // The top of a tree of its own.
+    if (limit_ > kMaxDepth || isOnPath(child.node)) return TREL_RC_DEPTH_LIMIT;
+    level.reading.dismiss();
+    return enter(self, child.size, child.segInfo, 1, options & ~TREL_WALK_REMOVE_TOP, true);
+  }
+
+  // An entry that went.
+  uint32_t pass() {
+    levels_.top().reading.dismiss();
+    return 0;
+  }
+
+  // Where a limit ends the path before a cycle shows, a node would be given back while its own
+  // children are walked.
+  bool isOnPath(const SNodeCB_t* node) {
+    for (uint32_t i = 0; limit_ && i < levels_.count(); ++i)
+      if (levels_[i].node == node) return true;
+    return false;
+  }
+
+  uint32_t finish() {
+    WalkLevel& level = levels_.top();
+    bool again = false;
+    if (const uint32_t rc = apply(&level, &again)) return rc;
+    if (!again) {
+      levels_.pop();
+      return 0;
+    }
+    if (++level.rounds == kRounds) return TREL_RC_KEEPS_CHANGING;
+    return open(&level);
+  }
+
+  uint32_t apply(WalkLevel* level, bool* again) {
+    uint32_t condition = 0;
+    if (const uint32_t rc = readCondition(level->node, &condition)) return rc;
+    switch (operation_) {
+      case TREL_STATUS_ACTIVATE:
+      case TREL_STATUS_ABANDON:
+      case TREL_STATUS_DISASSOCIATE:
+        return change(*level);
+      case TREL_STATUS_UPDATE:
+        return update(*level, condition);
+      case TREL_STATUS_DISCLAIM:
+        return giveBack(level, condition, again);
+      default:
+        return TREL_RC_STATUS_OPERATION;
+    }
+  }
+
+  uint32_t change(const WalkLevel& level) const {
+    return changing(level.self.met, [&]() -> uint32_t {
+      SNodeCB_t* node = level.node;
+      if (!selects(level.options, node->condition)) return 0;
+      if (operation_ == TREL_STATUS_ACTIVATE && node->condition == TREL_CONDITION_CREATED)
+        return TREL_RC_ACTIVATE_CREATED;
+      node->condition = operation_;  // the two count alike
+      return 0;
+    });
+  }
+
+  // A node below the top that has been abandoned meanwhile is passed over like others.
+  uint32_t update(const WalkLevel& level, uint32_t condition) {
+    if (!(level.options & (1u << TREL_CONDITION_ACTIVE | 1u << condition))) return 0;
+    const uint32_t rc = changing(level.self.met, [&] { return beat(level.node); });
+    return rc == TREL_RC_BEAT_ABANDONED && levels_.count() > 1 ? 0 : rc;
+  }
+
+  uint32_t giveBack(WalkLevel* level, uint32_t condition, bool* again) {
+    const bool isTop = levels_.count() == 1;
+    if (isTop ? !selects(level->options, condition) : !level->goes) return 0;
+    Fate turn = Fate::isGone;
+    const ListReading* left = isAtLimit(*level) ? nullptr : &level->reading;
+    if (const uint32_t rc = trel::giveBack(level->self, left, &turn)) return rc;
+    *again = turn == Fate::again;
+    topIsGone_ = isTop && turn == Fate::goes;
+    return 0;
+  }
+
+  uint32_t operation_;
+  uint64_t limit_;
+  bool topIsGone_ = false;
+  TraversalStack<WalkLevel> levels_;
+  ReadEntry entry_;
+};
+
+// ---- Sums --------------------------------------------------------------------------------------
 
 // Adds one node to the sums.
 uint32_t count(SNodeCB_t* node, uint64_t tag, TreeInfo_t* info) {
@@ -250,17 +376,19 @@ struct TreeSum {
   uint32_t options;
   uint64_t tag, depth, limit;
   Gathered gathered;
+  const bool withNames = false;
 
-  uint32_t open(SNodeCB_t* node, uint64_t nodeSize, uint64_t levels, DependentWalk* walk) {
-    return openDependents(node, nodeSize, depth + levels, limit, walk);
+  uint32_t open(uint64_t levels, ListReading* list) {
+    if (!(list->node()->exports & TREL_EXPORT_DEPENDENT) || (limit && depth + levels >= limit))
+      return 0;
+    return list->open();
   }
-  uint32_t visit(uint64_t, const DependentWalk& walk, const SNodeInfo_t* entry, Reached* below,
-                 bool*) {
+  uint32_t visit(uint64_t, const ListReading& list, const ReadEntry& entry, Reached* below, bool*) {
     Reached child;
     bool inside = false;
     uint32_t refusal = 0;
     if (const uint32_t rc =
-            reachWalked(walk, entry, walkSegment, options, false, &child, &inside, &refusal))
+            reachWalked(list, entry, walkSegment, options, false, &child, &inside, &refusal))
       return rc;
     if (inside) *below = child;
     return 0;
@@ -290,20 +418,18 @@ uint32_t setStatusOfTree(SNodeCB_t* node, ShmSegInfo_t* segment, uint64_t depthL
   const uint32_t mask = operation == TREL_STATUS_DISCLAIM ? accept::any : accept::living;
   if (const uint32_t rc = reading(node, 0, mask, [] { return 0u; })) return rc;
   if (depthLimit > kMaxDepth) return TREL_RC_DEPTH_LIMIT;
-  const bool removeTop = operation == TREL_STATUS_DISCLAIM && (options & TREL_WALK_REMOVE_TOP) &&
-                         (node->exports & TREL_EXPORT_PARENT);
-  ParentEntry parent;
-  if (removeTop) {
-    if (const uint32_t rc = parent.find(node)) return rc;
+  Goner top = {MetNode(node), segment};
+  if (operation == TREL_STATUS_DISCLAIM && (options & TREL_WALK_REMOVE_TOP) &&
+      (node->exports & TREL_EXPORT_PARENT)) {
+    if (const uint32_t rc = findInParent(node, &top)) return rc;
   }
-  StatusWalk status(operation, depthLimit);
-  return status.run(&node, segment, segment, 1, options, removeTop ? &parent : nullptr);
+  return StatusWalk(operation, depthLimit).run(&node, top, segment, 1, options);
 }
 
 uint32_t setStatusFrom(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* walkSegment,
                        uint64_t depth, uint64_t depthLimit, uint32_t operation, uint32_t options) {
   StatusWalk status(operation, depthLimit);
-  return status.run(node, segment, walkSegment, depth, options, nullptr);
+  return status.run(node, {MetNode(*node), segment}, walkSegment, depth, options);
 }
 
 uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* walkSegment, uint32_t options, uint64_t tag,
@@ -314,19 +440,38 @@ uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* walkSegment, uint32_t options,
   return rc;
 }
 
-// The name is exact here: without an identifier a sibling of the same tag must not go instead.
-uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t* child) {
+// Who comes too late finds a child that was given back, and no entry.
+static uint32_t whyNotFound(SNodeCB_t* parent, const SNodeInfo_t& sought, uint32_t failure) {
+  return reading(parent, 0, accept::any, [&]() -> uint32_t {
+    DependentList list;
+    FoundDependent found;
+    if (locateDependents(parent, &list) || findStored(list, sought, &found)) return failure;
+    if (list.live == 0) return TREL_RC_DEPENDENTS_EMPTY;
+    return found.entry ? failure : uint32_t{TREL_RC_DEPENDENT_ABSENT};
+  });
+}
+
+// The name is exact here: without an identifier a sibling of the same tag must not go instead. And
+// the entry must name the child itself.
+uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t** child) {
   const SNodeInfo_t sought = *record;
+  if (const uint32_t rc = nodeBehind(record, child)) return whyNotFound(parent, sought, rc);
+  const MetNode met(*child);
   uint8_t* id = nullptr;
   uint64_t idSize = 0;
-  const uint32_t rc = trelGetNodeID(child, &id, &idSize, 0);
+  const uint32_t rc = trelGetNodeID(met.node, &id, &idSize, 0);
   const bool isUnnamed = rc == TREL_RC_CREATED || rc == TREL_RC_INITIALISED;  // not told yet
-  if (rc && !isUnnamed) return rc;
+  if (rc && !isUnnamed) return whyNotFound(parent, sought, rc);
   if (!isUnnamed && idSize != sought.idSize) return TREL_RC_COMPARE_ID_SIZE;
+  if (isBeingRecreated(met.node)) return TREL_RC_BEING_RECREATED;
   return writing(parent, 0, accept::any, [&] {
     return removeFound(parent, [&](const DependentList& list, FoundDependent* found) {
-      return isUnnamed ? findStored(list, sought, found)
-                       : findDependent(list, {sought.nodeTag, id, idSize, true}, found);
+      const uint32_t failure = isUnnamed
+                                   ? findStored(list, sought, found)
+                                   : findDependent(list, {sought.nodeTag, id, idSize, true}, found);
+      const bool isOther = found->entry && found->entry->nodeOffset != sought.nodeOffset;
+      if (isOther || !met.isAlive()) found->entry = nullptr;
+      return failure;
     });
   });
 }

@@ -17,8 +17,8 @@ uint32_t setStatusFrom(SNodeCB_t** node, ShmSegInfo_t* segment, ShmSegInfo_t* wa
 uint32_t addUpTree(SNodeCB_t* node, ShmSegInfo_t* walkSegment, uint32_t options, uint64_t tag,
                    uint64_t depth, uint64_t limit, TreeInfo_t* info);
 
-// Removes from the parent's list the entry of `child`, which a record of that list names; the
-// record may be the stored one or a copy.
-uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t* child);
+// Removes from the parent's list the entry of the child that a record of that list names; the
+// record may be the stored one or a copy. Only who succeeds may give *child back.
+uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t** child);
 
 }  // namespace trel
