@@ -64,8 +64,13 @@ const Operation kRows[] = {
                         nullptr, nullptr, nullptr);
            trelDisclaimNode(&made, s.pool, TREL_STRUCTURE_VERSION);
          }),
-    CALL(end, trelInitNode, &s.node, s.world.nodes[s.target], s.idSize(), s.nodeIdBytes(),
-         &s.record, s.nodeIdBytes(), kIdRoom, s.value, &s.module, nullptr),
+    WORK(end, trelInitNode,
+         {
+           SNodeInfo_t parent = s.record;
+           parent.idSize = s.idSize();
+           trelInitNode(&s.node, s.world.nodes[s.target], s.idSize(), s.nodeIdBytes(), &parent,
+                        s.nodeIdBytes(), kIdRoom, s.value, &s.module, nullptr);
+         }),
     WORK(end, trelDisclaimNode,
          {
            SNodeCB_t* gone = s.node;
