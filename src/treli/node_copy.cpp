@@ -246,7 +246,7 @@ class Plan {
       *maximum = wish;
       resized_ |= bit;
     };
-    const auto& words = changes_.words;
+    const TrelU32* const words = changes_.words;  // auto would drop that they are unaligned
     take(TREL_EXPORT_R, words[0], limits.r.current, &limits.r.maximum, !keepsRoom_);
     take(TREL_EXPORT_V, words[1], limits.v.current, &limits.v.maximum, !keepsRoom_);
     take(TREL_EXPORT_IR, words[2], limits.ir.current, &limits.ir.maximum, !keepsRoom_);
