@@ -1,5 +1,6 @@
 // Two writers and two readers on one segment, while a supervisor kills writers at random moments
-// and starts others in their place. TREL_KILL_SECONDS makes it longer than 5 seconds.
+// and starts others in their place; and daemons that are killed at any moment of their life and
+// started again. TREL_KILL_SECONDS makes it longer than 5 seconds and 100 restarts.
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -212,6 +213,73 @@ TEST_F(Kills, WritersAtRandomMoments) {
   EXPECT_EQ(0u, board->refusals);
   EXPECT_LT(board->longestWaitUs, 200000u);
   EXPECT_EQ(atFirst, unnoted());  // memory in use does not creep
+}
+
+struct Restarts : Library {
+  struct Board {
+    std::atomic<uint64_t> starts, failures, code;
+  };
+  const Key key;
+  const Shared<Board> board;
+
+  bool succeeds(uint32_t rc) {
+    if (rc == 0) return true;
+    board->code = rc;
+    ++board->failures;
+    return false;
+  }
+  // A daemon's life, over and over: it ends what its predecessor has left whole, makes its segment,
+  // publishes, compacts, and deletes its segment again.
+  void serve() {
+    srand(static_cast<uint32_t>(getpid()));
+    for (uint64_t round = 0;; ++round) {
+      ShmSegInfo_t* info = nullptr;
+      const auto create = [&] {
+        return trelGetProtectedStatusSegment(&info, 0x40000, key, 0, 0, nullptr, nullptr);
+      };
+      uint32_t rc = create();
+      if (rc == TREL_RC_SEGMENT_EXISTS && succeeds(trelRemoveStatusSegment(key, 2))) rc = create();
+      if (!succeeds(rc)) return;
+      ++board->starts;
+      uint64_t sizes[64] = {16 + 64}, size = 0, offset = 0, found = 0;
+      SNodeCB_t* node = nullptr;
+      succeeds(trelCreateNode(info, &node, TREL_EXPORT_ID, sizes, &size, &offset));
+      succeeds(trelPutTopNodeInfoIntoDomainHeader(
+          info->shmDomainHandle, 1, offset,
+          static_cast<uint32_t>(info->shmPoolHandle->poolOffset)));
+      void* blocks[20] = {};
+      for (uint32_t i = 0; i < 40; ++i) {
+        void*& block = blocks[i % 20];
+        succeeds(
+            block ? _trelFreeShmBlock(&block, info->shmPoolHandle, 1, 2, "daemon")
+                  : _trelAllocateShmBlock(&block, info->shmPoolHandle, 24 + i, 0, 1, 2, "daemon"));
+      }
+      succeeds(trelLatchShmPool(info->shmPoolHandle));
+      trelDefragmentSList(info->shmDomainHandle->base, TREL_HEAP_POOL,
+                          info->shmPoolHandle->poolOffset, &size, &found);
+      succeeds(trelUnlatchShmPool(info->shmPoolHandle));
+      if (!succeeds(trelDeleteStatusSegment(&info, 3, 1 + round % 2, 2))) return;
+    }
+  }
+};
+
+TEST_F(Restarts, OfADaemonNeedNobody) {
+  const int restarts = getenv("TREL_KILL_SECONDS") ? 1000 : 100;
+  std::mt19937 random(7);
+  for (int i = 0; i < restarts; ++i) {
+    Child daemon([&] { serve(); });
+    for (const uint64_t before = board->starts; board->starts == before && board->failures == 0;)
+      usleep(50);
+    usleep(random() % 3000);
+    EXPECT_TRUE(daemon.isRunning());
+    daemon.end();
+    ASSERT_EQ(0u, board->failures) << "restart " << i << ": " << std::hex << board->code;
+  }
+  printf("%d restarts, %llu segments made\n", restarts,
+         static_cast<unsigned long long>(board->starts));
+  const uint32_t rc = trelRemoveStatusSegment(key, 1);
+  EXPECT_TRUE(rc == 0 || rc == TREL_RC_SEGMENT_ABSENT) << std::hex << rc;
+  EXPECT_FALSE(key.exists());
 }
 
 }  // namespace

@@ -74,7 +74,12 @@ TREL_API const char* trelPrintrc(uint32_t code);
  * TREL_RC_DOMAIN_ABOVE_HEAP. No payload left: TREL_RC_SEGMENT_SMALL. Key taken, or still held by
  * this process, or the slot of access mode 3 in use: TREL_RC_SEGMENT_EXISTS.
  *
- * A failure leaves no segment behind. trelSegAttachLatch is held throughout. */
+ * What a dead maker has left half made under the key is made anew in place, if it is the caller's
+ * user's own and of the same size, or removed, if the caller may; but only while nobody else has it
+ * attached. It waits up to some 200 ms for others to finish or to go. TREL_RC_SEGMENT_LIMIT: the
+ * system has no room for another segment. A failure leaves no segment behind, except that memory
+ * that could be made but not mapped stays under the key, for the next creation or removal.
+ * trelSegAttachLatch is held throughout. */
 TREL_API uint32_t trelGetProtectedStatusSegment(ShmSegInfo_t** seg, uint32_t size,
                                                 const PLATIPCResID* key, uintptr_t address,
                                                 uint32_t poolSize,
@@ -97,7 +102,11 @@ TREL_API uint32_t trelAuthorizeStatusSegment(ShmSegInfo_t* seg, const SegSecurit
  * further attaches, only counts one down; 2: at once. freeMode 2: whoever is connected; 1: with
  * other processes connected TREL_RC_DOMAIN_CONNECTED, and the pool goes by poolFreeMode (3 counted,
  * 4 forced). With freeMode 2 it also ends an attachment to a segment that was deleted
- * meanwhile, and can be repeated after a failure. The nodes are not visited. */
+ * meanwhile, and can be repeated after a failure. The nodes are not visited.
+ *
+ * The key goes first. Without the right to remove it TREL_RC_SEGMENT_DESTROY, and nothing has
+ * changed; nor has it where others are connected. Counts that processes have left behind when they
+ * died do not count, once the system knows of one attachment and this process has one handle. */
 TREL_API uint32_t trelDeleteStatusSegment(ShmSegInfo_t** segInfo, uint32_t poolFreeMode,
                                           uint32_t freeMode, uint32_t countMode);
 
@@ -105,8 +114,9 @@ TREL_API uint32_t trelDeleteStatusSegment(ShmSegInfo_t** segInfo, uint32_t poolF
 
 /* Attaches the segment of that key and delivers its top node, checked: initialised, active or
  * disassociated, and of the tag that the domain header names. *top is filled also where a later
- * check fails. Failures that are of no use to a reader are all TREL_RC_CONNECT, no tree among
- * them. */
+ * check fails. Failures that are of no use to a reader are all TREL_RC_CONNECT; these tell what is
+ * wrong with the key: TREL_RC_SEGMENT_ABSENT, TREL_RC_SEGMENT_FORBIDDEN, TREL_RC_SEGMENT_FOREIGN,
+ * TREL_RC_SEGMENT_HALF_MADE, TREL_RC_NO_TREE, TREL_RC_SEGMENT_LIMIT. */
 TREL_API uint32_t trelConnectToATree(ShmSegInfo_t** segInfo, SNodeCB_t** node, TopNodeInfo_t* top,
                                      const PLATIPCResID* key, uintptr_t address,
                                      const ShmDomainParam_t* domainParam,
