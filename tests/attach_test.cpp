@@ -1,4 +1,6 @@
 // Library state, status segments, attach and detach, the road from records to nodes.
+#include <grp.h>
+
 #include <thread>
 #include <vector>
 
@@ -404,6 +406,78 @@ TEST_F(Attach, CountsDoNotWrap) {
   trelAPIInitRefCount = UINT32_MAX;
   EXPECT_EQ(TREL_RC_ATTACH_COUNT_FULL, TRELOneTimeOnlyInitialization(kVersion, kVersion));
   trelAPIInitRefCount = 1;
+}
+
+// A monitor of another user, who may only read.
+TEST_F(TwoSegments, LookingNeedsNoRightToWrite) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  constexpr uint32_t kGroup = 4711;
+  const auto connect = [&](Tree* tree, const PLATIPCResID* key) {
+    return trelConnectToATreeForReading(&tree->info, &tree->node, &tree->top, key, 0, nullptr,
+                                        nullptr);
+  };
+  const auto look = [&](uint32_t group) {
+    EXPECT_EQ(0, setgroups(0, nullptr) | setgid(group) | setuid(65534));
+    Tree tree;
+    EXPECT_NE(0u, tree.attach(home.key));
+    ASSERT_EQ(0u, connect(&tree, home.key));
+    SNodeInfo_t record = farRecord;
+    record.segBase = reinterpret_cast<uintptr_t>(tree.info->shmDomainHandle->base);
+    ASSERT_EQ(0u, trelAttachToNode(&record, &node));
+    uint32_t word = 0;
+    uint64_t size = 0;
+    uint8_t *id = nullptr, byte = 0;
+    for (SNodeCB_t* const found : {tree.node, node}) {
+      EXPECT_EQ(0u, trelGetNodeCondition(found, &word));
+      EXPECT_EQ(uint32_t{TREL_CONDITION_ACTIVE}, word);
+      EXPECT_EQ(0u, trelGetNodeID(found, &id, &size, 0));
+      EXPECT_EQ("node", std::string(reinterpret_cast<char*>(id), size));
+      EXPECT_EQ(0u, trelGetNodeReconfigCounter(found, &size));
+      SNodeCB_t* changed = found;
+      for (const uint32_t code :
+           {trelSetNodeTag(found, 9, 0), trelSetNodeTag(found, 9, 1), trelAbandonNode(&changed),
+            trelUpdateNodeStatus(found), trelSetConcurrencyModel(found, 2),
+            trelInitializeLatches(found, &found->nodeLatchArea, kVersion),
+            trelEnterCriticalSectionBeforeRead(found, &found->nodeLatchArea),
+            trelExitCriticalSectionAfterWrite(found, &found->nodeLatchArea)})
+        EXPECT_EQ(TREL_RC_READING_ONLY, code);
+    }
+    ShmDomainHandle_t* domain = tree.info->shmDomainHandle;
+    void* block = nullptr;
+    for (const uint32_t code :
+         {_trelAllocateShmBlock(&block, tree.info->shmPoolHandle, 8, 0, 0, 0, "test"),
+          trelLatchShmDomain(domain), trelMarkStatusSegmentForDeletion(tree.info),
+          trelPutTopNodeInfoIntoDomainHeader(domain, 1, near->nodeOffset, 4096),
+          trelSetDomainUserAppData(domain, 0, &byte), drop(&tree.info),
+          trelFreeShmDomain(&domain, 2)})
+      EXPECT_EQ(TREL_RC_READING_ONLY, code) << word++;
+    EXPECT_EQ(0u, trelDetachFromNode(&record, 1));
+    EXPECT_EQ(0u, detach(&tree.info));
+    EXPECT_EQ(nullptr, *pSegAttachList);
+  };
+  const SegSecurity_t forGroup = {0, kGroup, 0640}, forAll = {0, 0, 0644};
+  for (const auto& [security, group] :
+       Rows<SegSecurity_t, uint32_t>{{forGroup, kGroup}, {forAll, 65534}}) {
+    for (const Segment* segment : {&home, &away})
+      EXPECT_EQ(0u, trelAuthorizeStatusSegment(segment->info, &security));
+    EXPECT_EQ(0, inOtherProcess([&, by = group] { look(by); }));
+    EXPECT_EQ(1u, home.heap()->connectionCount);
+  }
+  // What is held for writing serves; held for reading, it is mapped once more for writing.
+  Tree reader, writer;
+  EXPECT_EQ(0u, connect(&reader, home.key));
+  EXPECT_EQ(home.info, reader.info);
+  EXPECT_EQ(0u, detach(&reader.info));
+  EXPECT_EQ(0, inOtherProcess([&] {
+              EXPECT_EQ(0u, connect(&reader, home.key));
+              EXPECT_EQ(0u, writer.attach(home.key));
+              EXPECT_NE(reader.info, writer.info);
+              EXPECT_EQ(0u, trelSetNodeTag(writer.node, 1, 0));
+              EXPECT_EQ(TREL_RC_READING_ONLY, trelSetNodeTag(reader.node, 1, 0));
+              EXPECT_EQ(0u, detach(&reader.info));
+              EXPECT_EQ(0u, detach(&writer.info));
+              EXPECT_EQ(nullptr, *pSegAttachList);
+            }));
 }
 
 // A record in process memory with nonsense in each field, and a stored one that misstates its

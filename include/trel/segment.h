@@ -121,8 +121,20 @@ TREL_API uint32_t trelConnectToATree(ShmSegInfo_t** segInfo, SNodeCB_t** node, T
                                      const PLATIPCResID* key, uintptr_t address,
                                      const ShmDomainParam_t* domainParam,
                                      const ShmPoolParam_t* poolParam);
-/* The same with the code as it was raised. A failure leaves the attach count as it was; *node is
- * null after a failure that came behind the attach. */
+/* The same for who only looks. It asks for the right to read alone (mode 640 or 644), takes no
+ * latch and writes nothing, so it neither slows nor damages anybody, and its death leaves nothing
+ * behind. Segments that are met on the way are attached likewise. What would write or take a latch,
+ * or delete the segment, gives TREL_RC_READING_ONLY at once; a store by the caller's own pointer is
+ * a fault. A segment that this process holds for writing already serves. An attach for writing of
+ * one that is held for reading maps it once more, with a record of its own; by its key that one is
+ * found first. Undone by the detaches below. */
+TREL_API uint32_t trelConnectToATreeForReading(ShmSegInfo_t** segInfo, SNodeCB_t** node,
+                                               TopNodeInfo_t* top, const PLATIPCResID* key,
+                                               uintptr_t address,
+                                               const ShmDomainParam_t* domainParam,
+                                               const ShmPoolParam_t* poolParam);
+/* trelConnectToATree with the code as it was raised. A failure leaves the attach count as it was;
+ * *node is null after a failure that came behind the attach. */
 TREL_API uint32_t trelAttachToTopNode(ShmSegInfo_t** segInfo, SNodeCB_t** node, TopNodeInfo_t* top,
                                       const PLATIPCResID* key, uintptr_t address,
                                       const ShmDomainParam_t* domainParam,
@@ -131,7 +143,10 @@ TREL_API uint32_t trelAttachToTopNode(ShmSegInfo_t** segInfo, SNodeCB_t** node, 
 /* Attaches the segment: by key, or in access mode 3 at the address. poolOffset 0: the pool that the
  * domain header names; TREL_RC_NO_TREE if it names none, whatever newPoolSize says. Access mode 3
  * with the slot in use ignores the address. A segment marked for deletion gives
- * TREL_RC_DOMAIN_MARKED, also where this process holds it already. */
+ * TREL_RC_DOMAIN_MARKED, also where this process holds it already. One that was deleted meanwhile,
+ * or made anew under its key: where only walks have attached it here, they are detached and the new
+ * one is attached; where explicit attaches count, TREL_RC_DOMAIN_STATE until they are undone. More
+ * attaches than can be counted: TREL_RC_ATTACH_COUNT_FULL. */
 TREL_API uint32_t trelAttachStatusSegment(ShmSegInfo_t** segInfo, const PLATIPCResID* key,
                                           uintptr_t address, uint32_t poolOffset,
                                           uint32_t newPoolSize, const ShmDomainParam_t* domainParam,
@@ -143,9 +158,10 @@ TREL_API uint32_t trelDetachFromTopNode(ShmSegInfo_t** segInfo, uint32_t detachM
 TREL_API uint32_t trelDetachStatusSegment(ShmSegInfo_t** segInfo, uint32_t detachMode);
 
 /* Delivers the node that a record names, attaching its segment if this process does not hold it.
- * The segment stays attached; where it was held already, the count stays. A node that is not active
- * gives the code of its condition: with *node set, unless this call had attached the segment, for
- * then it has detached again and *node is null. */
+ * The segment stays attached, with a count of 1; where it was held already, the count stays. Other
+ * threads may detach it meanwhile: it stays mapped until the call ends, no longer. A node that is
+ * not active gives the code of its condition: with *node set, unless this call had attached the
+ * segment, for then it has detached again and *node is null. */
 TREL_API uint32_t trelAttachToNode(const SNodeInfo_t* record, SNodeCB_t** node);
 
 /* The same, and delivers the attachment. Bit 64 of options keeps the caller in the segment

@@ -98,6 +98,8 @@ bool isForReaders(uint32_t code) {
     case TREL_RC_SEGMENT_FORBIDDEN:
     case TREL_RC_SEGMENT_HALF_MADE:
     case TREL_RC_SEGMENT_LIMIT:
+    case TREL_RC_READING_ONLY:
+    case TREL_RC_ATTACH_COUNT_FULL:
       return true;
     default:
       return false;
@@ -144,6 +146,17 @@ uint32_t trelConnectToATree(ShmSegInfo_t** segInfo, SNodeCB_t** node, TopNodeInf
   return traced(FID_trelConnectToATree, [&](const Flow& flow) -> uint32_t {
     const uint32_t rc =
         trelAttachToTopNode(segInfo, node, top, key, address, domainParam, poolParam);
+    return isForReaders(rc) ? rc : flow.fail(TREL_RC_CONNECT, &rc, sizeof rc);
+  });
+}
+
+uint32_t trelConnectToATreeForReading(ShmSegInfo_t** segInfo, SNodeCB_t** node, TopNodeInfo_t* top,
+                                      const PLATIPCResID* key, uintptr_t address,
+                                      const ShmDomainParam_t* domainParam,
+                                      const ShmPoolParam_t* poolParam) {
+  return traced(FID_trelConnectToATreeForReading, [&](const Flow& flow) -> uint32_t {
+    const uint32_t rc =
+        attachToTopNode(segInfo, node, top, {key, address, 0, domainParam, poolParam, true});
     return isForReaders(rc) ? rc : flow.fail(TREL_RC_CONNECT, &rc, sizeof rc);
   });
 }

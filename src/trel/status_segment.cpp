@@ -225,6 +225,7 @@ uint32_t trelDeleteStatusSegment(ShmSegInfo_t** segInfo, uint32_t poolFreeMode, 
     Attachment held;
     if (const uint32_t rc = attachmentOf(*segInfo, &held)) return flow.fail(rc);
     if (countMode != 1 && countMode != 2) return flow.fail(TREL_RC_COUNT_MODE);
+    if (isForReading(held)) return flow.fail(TREL_RC_READING_ONLY);
     if (countMode == 1 && *held.count > 1) {
       --*held.count;
       return 0;

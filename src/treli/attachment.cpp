@@ -75,6 +75,11 @@ uint32_t keepForWalk(const ShmSegInfo_t* segInfo) {
   return 0;
 }
 
+bool isForReading(const Attachment& held) {
+  const ShmDomainHandle_t* domain = held.segInfo->shmDomainHandle;
+  return domain && isReadOnly(domain->base);
+}
+
 bool isDeleted(const ShmSegInfo_t* segInfo) {
   const ShmDomainHandle_t* domain = segInfo->shmDomainHandle;
   if (!domain) return false;
@@ -135,7 +140,8 @@ uint32_t NewAttachment::publish(const void* undecidedBy) {
   if (node_) {
     // One of a deleted segment would be found in place of the new one of its key.
     Attachment held;
-    if (attachmentOfKey(key, &held) == 0 && endIfDeleted(held) != TREL_RC_NOT_ATTACHED)
+    if (attachmentOfKey(key, &held) == 0 && !isForReading(held) &&
+        endIfDeleted(held) != TREL_RC_NOT_ATTACHED)
       return TREL_RC_SEGMENT_EXISTS;
     linkAttachment(node_);
   } else {
@@ -257,8 +263,8 @@ uint32_t connectPoolAt(const SegmentAddress& where, ShmSegInfo_t* segInfo) {
 // Connects domain and pool, and publishes the attachment.
 uint32_t connect(const SegmentAddress& where, NewAttachment* made, const void* undecidedBy) {
   ShmSegInfo_t* segInfo = made->segInfo();
-  if (const uint32_t rc =
-          connectDomain(where.key, where.address, where.domainParam, &segInfo->shmDomainHandle))
+  if (const uint32_t rc = connectDomain(where.key, where.address, where.domainParam,
+                                        &segInfo->shmDomainHandle, where.forReading))
     return rc;
   uint32_t rc = connectPoolAt(where, segInfo);
   if (rc == 0) rc = made->publish(undecidedBy);
@@ -301,7 +307,11 @@ uint32_t attachSegment(const SegmentAddress& where, ShmSegInfo_t** segInfo) {
     default:
       return TREL_RC_ACCESS_MODE;
   }
-  if (rc == 0) rc = attachAgain(held, segInfo);
+  if (rc == 0 && (where.forReading || !isForReading(held))) {
+    rc = attachAgain(held, segInfo);
+  } else if (rc == 0) {
+    rc = TREL_RC_NOT_ATTACHED;
+  }
   if (rc != TREL_RC_NOT_ATTACHED && rc != TREL_RC_SLOT_EMPTY) return rc;
   return attachNew(form, where, nullptr, segInfo);
 }

@@ -38,6 +38,9 @@ uint32_t countAttach(const Attachment& held);
 // A look uses what it has brought. TREL_RC_NOT_ATTACHED: it has ended meanwhile.
 uint32_t keepForWalk(const ShmSegInfo_t* segInfo);
 
+// Whether its memory may only be read.
+bool isForReading(const Attachment& held);
+
 // Whether the segment was deleted, or its key leads elsewhere by now.
 bool isDeleted(const ShmSegInfo_t* segInfo);
 // Ends an attachment of a deleted segment: TREL_RC_NOT_ATTACHED. Where explicit attaches count,
@@ -106,9 +109,11 @@ struct SegmentAddress {
   uint32_t poolOffset;
   const ShmDomainParam_t* domainParam;
   const ShmPoolParam_t* poolParam;
+  bool forReading = false;  // mapped without the right to write, and counted nowhere
 };
 
-// trelAttachStatusSegment, but for its null test.
+// trelAttachStatusSegment, but for its null test. For reading, a segment that is held for writing
+// serves; for writing, one that is held for reading is attached once more.
 uint32_t attachSegment(const SegmentAddress& where, ShmSegInfo_t** segInfo);
 // Of a segment that is not held. undecidedBy: the look that brings it, else null.
 uint32_t attachNew(const SegmentForm& form, const SegmentAddress& where, const void* undecidedBy,

@@ -77,6 +77,7 @@ Turn nextTurn(SNodeCB_t* node, Turn turn) {
 uint32_t initialiseLatches(SNodeCB_t* node, LatchArea_t* area, uint32_t latchVersion) {
   uint32_t model = 0;
   if (const uint32_t rc = readModel(node, &model)) return rc;
+  if (isReadOnly(area)) return TREL_RC_READING_ONLY;
   if (model != 1) return 0;
   if (latchVersion != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
   platVLatchInit(area->primaryLatch, 1);
@@ -156,6 +157,7 @@ uint32_t trelSetConcurrencyModel(SNodeCB_t* node, uint32_t model) {
   return traced(FID_trelSetConcurrencyModel, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (model > 5) return flow.fail(TREL_RC_MODEL_RANGE, &model, sizeof model);
+    if (isReadOnly(node)) return flow.fail(TREL_RC_READING_ONLY);
     node->concurrencyModel = model;
     return 0;
   });

@@ -66,7 +66,8 @@ uint32_t readTarget(Pins* pins, const SNodeInfo_t* record, Target* target, Mappi
   } else {
     *home = {};
   }
-  *target = {*at<const SegIdentity_t>(base, copy.segInfoOffset), copy.nodeOffset, copy.nodeTag};
+  *target = {*at<const SegIdentity_t>(base, copy.segInfoOffset), copy.nodeOffset, copy.nodeTag,
+             rc == 0 && !home->writable};
   return 0;
 }
 
@@ -117,7 +118,7 @@ uint32_t locate(Pins* pins, const SNodeInfo_t* record, Target* target, Reached* 
 }
 
 // Attaches the segment of an identity, unless somebody else has done so meanwhile.
-uint32_t bring(const Pins& pins, const SegIdentity_t& identity) {
+uint32_t bring(const Pins& pins, const SegIdentity_t& identity, bool forReading) {
   const AttachLatch latch;
   Attachment held;
   Mapping known;
@@ -138,7 +139,7 @@ uint32_t bring(const Pins& pins, const SegIdentity_t& identity) {
   const PLATIPCResID key = {identity.segmentKey.structureTag, identity.segmentKey.key};
   ShmSegInfo_t* segInfo = nullptr;
   hasBrought = true;
-  return attachNew(readForm(&domainParam, 2), {&key, 0, 0, &domainParam, &poolParam},
+  return attachNew(readForm(&domainParam, 2), {&key, 0, 0, &domainParam, &poolParam, forReading},
                    pins.identity(), &segInfo);
 }
 
@@ -209,7 +210,7 @@ uint32_t reachNode(const SNodeInfo_t* record, Reached* reached, ShmSegInfo_t* cu
         }
       }
       if (attachNothing) return TREL_RC_NOT_ATTACHED;
-      if ((rc = bring(look.pins(), target.identity))) return rc;
+      if ((rc = bring(look.pins(), target.identity, target.forReading))) return rc;
       continue;
     }
     if (rc == 0) rc = checkReached(target, reached, *otherSegment);

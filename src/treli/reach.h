@@ -34,6 +34,7 @@ inline uint64_t nodesThatFit() { return bytesMapped() / sizeof(SNodeCB_t); }
 struct Target {
   SegIdentity_t identity;
   uint64_t nodeOffset, nodeTag;
+  bool forReading;  // the record lies in memory that may only be read
 };
 
 uint32_t targetOf(const SNodeInfo_t* record, Target* target);

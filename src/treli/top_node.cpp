@@ -1,5 +1,7 @@
 #include "treli/top_node.h"
 
+#include <atomic>
+
 #include "treli/node_lock.h"
 #include "treli/reach.h"
 #include "trelshm/handle.h"
@@ -7,6 +9,8 @@
 
 namespace trel {
 namespace {
+
+constexpr int kTries = 1000;
 
 // The tests that the fields have to pass wherever they are read or written.
 uint32_t check(const Heap& domain, const TopNodeInfo_t& top) {
@@ -23,19 +27,39 @@ uint32_t open(Heap* domain) {
   return domain->openHeader();
 }
 
+uint32_t readFields(const Heap& heap, TopNodeInfo_t* top) {
+  top->poolOffset = static_cast<uint32_t>(heap.header()->topPool);
+  top->nodeOffset = heap.topNodeOffset();
+  top->tag = heap.topNodeTag();
+  if (top->poolOffset == 0) return TREL_RC_NO_TREE;
+  return top->nodeOffset == 0 ? uint32_t{TREL_RC_NO_TOP_NODE} : 0;
+}
+
+// Who writes them ends the pool's offset first, and stores it last.
+uint32_t readFieldsAlone(const Heap& heap, TopNodeInfo_t* top) {
+  TopNodeInfo_t again = {};
+  uint32_t rc = readFields(heap, top);
+  for (int tries = 0; tries < kTries; ++tries) {
+    std::atomic_thread_fence(std::memory_order_acquire);
+    const uint32_t next = readFields(heap, &again);
+    const bool stands = next == rc && again.poolOffset == top->poolOffset &&
+                        again.nodeOffset == top->nodeOffset && again.tag == top->tag;
+    if (stands) break;
+    *top = again;
+    rc = next;
+  }
+  return rc;
+}
+
 }  // namespace
 
 uint32_t readTopNode(const ShmDomainHandle_t* domain, TopNodeInfo_t* top) {
   Heap heap = heapOf(domain);
   if (const uint32_t rc = open(&heap)) return rc;
   TopNodeInfo_t read = {};
-  const uint32_t rc = insideHeap(&heap, [&]() -> uint32_t {
-    read.poolOffset = static_cast<uint32_t>(heap.header()->topPool);
-    read.nodeOffset = heap.topNodeOffset();
-    read.tag = heap.topNodeTag();
-    if (heap.header()->topPool == 0) return TREL_RC_NO_TREE;
-    return read.nodeOffset == 0 ? uint32_t{TREL_RC_NO_TOP_NODE} : 0;
-  });
+  const uint32_t rc = isReadOnly(heap.header())
+                          ? readFieldsAlone(heap, &read)
+                          : insideHeap(&heap, [&] { return readFields(heap, &read); });
   if (rc) return rc;
   *top = read;
   return check(heap, read);

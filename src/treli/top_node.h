@@ -5,7 +5,8 @@
 
 namespace trel {
 
-// Both under heapLatch. *top is filled also where it turns out to be out of bounds.
+// Both under heapLatch; where it may not be taken, the fields are read until they stand still.
+// *top is filled also where it turns out to be out of bounds.
 uint32_t readTopNode(const ShmDomainHandle_t* domain, TopNodeInfo_t* top);
 uint32_t writeTopNode(const ShmDomainHandle_t* domain, const TopNodeInfo_t& top);
 

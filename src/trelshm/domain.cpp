@@ -26,12 +26,12 @@ bool holds(const SegmentMemory& memory, uint64_t heapOffset) {
 
 // Gives the memory to a new handle, which enters the table of what is mapped.
 uint32_t hand(SegmentMemory* memory, ShmDomainHandle_t** handle, const ShmDomainParam_t& param,
-              uint64_t heapSize) {
+              uint64_t heapSize, bool writable = true) {
   ShmDomainHandle_t* made = nullptr;
   if (obtain(&made)) return TREL_RC_DOMAIN_NO_MEMORY;
   PLATHIPCMemory* const object = memory->object();
   *made = {memory->base, param.accessMode, param.heapOffset, object};
-  if (!enterMapping(made, object ? object->getSize() : param.heapOffset + heapSize, true)) {
+  if (!enterMapping(made, object ? object->getSize() : param.heapOffset + heapSize, writable)) {
     release(&made);
     return TREL_RC_DOMAIN_NO_MEMORY;
   }
@@ -154,7 +154,7 @@ uint32_t connectFailure(const SegmentMemory& memory) {
 }  // namespace
 
 uint32_t connectDomain(const PLATIPCResID* id, uintptr_t address, const ShmDomainParam_t* given,
-                       ShmDomainHandle_t** handle) {
+                       ShmDomainHandle_t** handle, bool forReading) {
   const ShmDomainParam_t param = complete(given, 2);
   if (!isAligned8(param.heapOffset)) return TREL_RC_HEAP_OFFSET_ALIGN;
   if (param.handleVersion != TREL_STRUCTURE_VERSION) return TREL_RC_HANDLE_VERSION;
@@ -164,7 +164,7 @@ uint32_t connectDomain(const PLATIPCResID* id, uintptr_t address, const ShmDomai
   SegmentMemory memory;
   if (byKey(param.accessMode)) {
     if (!id) return TREL_RC_SEGMENT_NULL;
-    if (const uint32_t rc = memory.attach(id, address)) return rc;
+    if (const uint32_t rc = memory.attach(id, address, forReading)) return rc;
   } else if (param.accessMode == 3) {
     if (!address) return TREL_RC_BASE_NULL;
     memory.base = reinterpret_cast<void*>(address);
@@ -176,7 +176,8 @@ uint32_t connectDomain(const PLATIPCResID* id, uintptr_t address, const ShmDomai
   if (!holds(memory, param.heapOffset)) return TREL_RC_DOMAIN_STATE;
   // In the table first, so that its bounds hold for all that is read from here on.
   ShmDomainHandle_t* made = nullptr;
-  if (const uint32_t rc = hand(&memory, &made, param, heap.header()->heapSize)) return rc;
+  if (const uint32_t rc = hand(&memory, &made, param, heap.header()->heapSize, !forReading))
+    return rc;
   memory.keep();
   if (const uint32_t rc = connectHeap(&heap)) {
     dropHandle(&made, rc);
@@ -260,6 +261,7 @@ uint32_t freeDomainWithPool(ShmDomainHandle_t** domain, ShmPoolHandle_t** pool,
   if (const uint32_t rc = checkStoredVersions(heap, true)) return rc;
   if (const uint32_t rc = checkHeap(heap)) return rc;
   if (freeMode != 1 && freeMode != 2) return TREL_RC_DOMAIN_FREE_MODE;
+  if (isReadOnly(heap.header())) return TREL_RC_READING_ONLY;
   if (poolHandle && freeMode == 1) {
     if (poolFreeMode != 3 && poolFreeMode != 4) return TREL_RC_POOL_FREE_MODE;
     if (const uint32_t rc = checkHeap(heapOf(poolHandle))) return rc;
@@ -315,6 +317,7 @@ uint32_t trelMarkShmDomainForDeletion(ShmDomainHandle_t* handle) {
     if (const uint32_t rc = checkDomainHandle(handle)) return flow.fail(rc);
     const Heap heap = heapOf(handle);
     if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
+    if (isReadOnly(heap.header())) return flow.fail(TREL_RC_READING_ONLY);
     heap.header()->heapFlags |= TREL_HEAP_MARKED;
     return 0;
   });

@@ -17,8 +17,9 @@ struct Furnishing {
 uint32_t createDomain(const PLATIPCResID* id, uintptr_t address, uint32_t size,
                       const ShmDomainParam_t* given, ShmDomainHandle_t** handle,
                       const Furnishing* furnishing = nullptr);
+// For reading, the domain is not written to, and not counted either.
 uint32_t connectDomain(const PLATIPCResID* id, uintptr_t address, const ShmDomainParam_t* given,
-                       ShmDomainHandle_t** handle);
+                       ShmDomainHandle_t** handle, bool forReading = false);
 // A failure leaves the handle, and the connection counted, so that the call can be repeated.
 uint32_t disconnectDomain(ShmDomainHandle_t** handle);
 uint32_t freeDomain(ShmDomainHandle_t** handle, uint32_t freeMode);

@@ -15,21 +15,28 @@ struct Entry {
 
 constexpr uintptr_t kFree = 0, kTaken = 1;
 
-Entry* entries = nullptr;
+// By a hash of the heap's address, so that a process may have many.
+constexpr uint32_t kBuckets = 1024;
+Entry* buckets[kBuckets];
+
+Entry** bucketOf(uintptr_t heap) {
+  return &buckets[static_cast<uint32_t>(heap >> 3) * 0x9e3779b1u >> 22];
+}
 
 bool change(Entry* entry, uintptr_t seen, uintptr_t next) {
   return __atomic_compare_exchange_n(&entry->heap, &seen, next, false, __ATOMIC_ACQ_REL,
                                      __ATOMIC_RELAXED);
 }
 
-Entry* takeFreeEntry() {
-  for (Entry* entry = __atomic_load_n(&entries, __ATOMIC_ACQUIRE); entry; entry = entry->next)
+Entry* takeFreeEntry(uintptr_t heap) {
+  Entry** const first = bucketOf(heap);
+  for (Entry* entry = __atomic_load_n(first, __ATOMIC_ACQUIRE); entry; entry = entry->next)
     if (change(entry, kFree, kTaken)) return entry;
   Entry* entry = nullptr;
   if (obtain(&entry)) return nullptr;
   entry->heap = kTaken;
-  entry->next = __atomic_load_n(&entries, __ATOMIC_RELAXED);
-  while (!__atomic_compare_exchange_n(&entries, &entry->next, entry, false, __ATOMIC_RELEASE,
+  entry->next = __atomic_load_n(first, __ATOMIC_RELAXED);
+  while (!__atomic_compare_exchange_n(first, &entry->next, entry, false, __ATOMIC_RELEASE,
                                       __ATOMIC_RELAXED)) {
   }
   return entry;
@@ -39,7 +46,8 @@ Entry* takeFreeEntry() {
 template <class Visit>
 Entry* findEntry(const void* heap, Visit&& visit) {
   const auto address = reinterpret_cast<uintptr_t>(heap);
-  for (Entry* entry = __atomic_load_n(&entries, __ATOMIC_ACQUIRE); entry; entry = entry->next)
+  for (Entry* entry = __atomic_load_n(bucketOf(address), __ATOMIC_ACQUIRE); entry;
+       entry = entry->next)
     if (__atomic_load_n(&entry->heap, __ATOMIC_ACQUIRE) == address && visit(entry)) return entry;
   return nullptr;
 }
@@ -47,10 +55,11 @@ Entry* findEntry(const void* heap, Visit&& visit) {
 }  // namespace
 
 bool enterHandle(const void* handle, const void* heap) {
-  Entry* entry = takeFreeEntry();
+  const auto address = reinterpret_cast<uintptr_t>(heap);
+  Entry* entry = takeFreeEntry(address);
   if (!entry) return false;
   entry->handle = handle;
-  __atomic_store_n(&entry->heap, reinterpret_cast<uintptr_t>(heap), __ATOMIC_RELEASE);
+  __atomic_store_n(&entry->heap, address, __ATOMIC_RELEASE);
   return true;
 }
 

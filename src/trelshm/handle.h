@@ -163,6 +163,7 @@ uint32_t latchHandle(uint32_t function, Handle* handle) {
     Heap heap = heapOf(handle);
     if (const uint32_t rc = checkHeap(heap)) return flow.fail(rc);
     if (const uint32_t rc = heap.openHeader()) return flow.fail(rc);
+    if (heap.isReadOnly()) return flow.fail(TREL_RC_READING_ONLY);
     enterHeap(&heap);  // a failure is not told: it shows when the latch is to be left
     return 0;
   });

@@ -151,9 +151,12 @@ uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const Hea
   return firstOf(rc, leaveHeap(heap));
 }
 
+// Who may only read is not counted.
 uint32_t connectHeap(Heap* heap) {
   if (const uint32_t rc = checkHeap(*heap)) return rc;
   if (const uint32_t rc = heap->openHeader()) return rc;
+  if (isReadOnly(heap->header()))
+    return heap->header()->heapFlags & TREL_HEAP_MARKED ? heap->kind().rcMarked : 0;
   return insideHeap(heap, [&]() -> uint32_t {
     HeapHeader_t* h = heap->header();
     if (h->heapFlags & TREL_HEAP_MARKED) return heap->kind().rcMarked;
@@ -163,6 +166,7 @@ uint32_t connectHeap(Heap* heap) {
 }
 
 uint32_t disconnectHeap(Heap* heap) {
+  if (isReadOnly(heap->header())) return 0;
   if (const uint32_t rc = checkHeap(*heap)) return rc;
   if (const uint32_t rc = heap->openHeader()) return rc;
   return insideHeap(heap, [&]() -> uint32_t {
@@ -208,13 +212,16 @@ uint32_t trelGetHHeaderInfo(uint64_t size, uint32_t heapKind, uint64_t* nodeCoun
 
 uint32_t trelInitializeExsLatch(ExclusiveLatch_t* record, uint64_t latchVersion) {
   return traced(FID_trelInitializeExsLatch, [&](const Flow& flow) -> uint32_t {
-    return record ? initialiseLatch(record, latchVersion) : flow.fail(TREL_RC_LATCH_RECORD_NULL);
+    if (!record) return flow.fail(TREL_RC_LATCH_RECORD_NULL);
+    return isReadOnly(record) ? flow.fail(TREL_RC_READING_ONLY)
+                              : initialiseLatch(record, latchVersion);
   });
 }
 
 uint32_t trelEnterELCriticalSection(ExclusiveLatch_t* record) {
   return traced(FID_trelEnterELCriticalSection, [&](const Flow& flow) -> uint32_t {
     if (!record) return flow.fail(TREL_RC_LATCH_RECORD_NULL);
+    if (isReadOnly(record)) return flow.fail(TREL_RC_READING_ONLY);
     uint32_t ownerDied = 0;
     const uint32_t rc = enterLatch(record, &ownerDied);
     // The heap is not known here, if there is one: whoever enters it next repairs it.
@@ -227,7 +234,8 @@ uint32_t trelEnterELCriticalSection(ExclusiveLatch_t* record) {
 
 uint32_t trelExitELCriticalSection(ExclusiveLatch_t* record) {
   return traced(FID_trelExitELCriticalSection, [&](const Flow& flow) -> uint32_t {
-    return record ? leaveLatch(record) : flow.fail(TREL_RC_LATCH_RECORD_NULL);
+    if (!record) return flow.fail(TREL_RC_LATCH_RECORD_NULL);
+    return isReadOnly(record) ? flow.fail(TREL_RC_READING_ONLY) : leaveLatch(record);
   });
 }
 

@@ -18,6 +18,7 @@ uint32_t onLists(uint32_t function, void* base, uint32_t heapKind, uint64_t heap
                   if (testOffset && loadOnce(&heap->header()->heapOffset) != heapOffset)
                     return flow.fail(heap->kind().rcOffset);
                   if (const uint32_t rc = heap->openHeader()) return flow.fail(rc);
+                  if (heap->isReadOnly()) return flow.fail(TREL_RC_READING_ONLY);
                   if (const uint32_t rc = repairIfDue(heap)) return flow.fail(rc);
                   if (const uint32_t rc = heap->openLists()) return flow.fail(rc);
                   const HeapChange change(*heap);

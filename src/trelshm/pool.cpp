@@ -283,6 +283,7 @@ uint32_t freePool(ShmPoolHandle_t** handle, uint32_t freeMode, const Caller& cal
   Heap pool = heapOf(&h);
   if (const uint32_t rc = checkHeap(pool)) return rc;
   if (freeMode != 3 && freeMode != 4) return TREL_RC_POOL_FREE_MODE;
+  if (isReadOnly(pool.header())) return TREL_RC_READING_ONLY;
   if (const uint32_t rc = domain.openHeader()) return rc;
   if (const uint32_t rc = pool.openHeader()) return rc;
   if (const uint32_t rc = insideHeap(

@@ -76,9 +76,11 @@ void SegmentMemory::leaveLatch() {
   isMaker_ = false;
 }
 
-uint32_t SegmentMemory::attach(const PLATIPCResID* id, uintptr_t address) {
+uint32_t SegmentMemory::attach(const PLATIPCResID* id, uintptr_t address, bool forReading) {
   if (!(object_ = new PLATHIPCMemory)) return TREL_RC_DOMAIN_NO_MEMORY;
-  if (const uint32_t rc = object_->attach(id, reinterpret_cast<const void*>(address)))
+  const void* const hint = reinterpret_cast<const void*>(address);
+  if (const uint32_t rc =
+          forReading ? object_->attachForReading(id, hint) : object_->attach(id, hint))
     return attachFailure(rc);
   return object_->getAddress(&base) ? uint32_t{TREL_RC_SEGMENT_ADDRESS} : 0;
 }

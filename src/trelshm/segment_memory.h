@@ -37,7 +37,7 @@ class SegmentMemory {
   // Gives up what was not kept: a segment that the caller is the maker of is removed.
   ~SegmentMemory();
 
-  uint32_t attach(const PLATIPCResID* id, uintptr_t address);
+  uint32_t attach(const PLATIPCResID* id, uintptr_t address, bool forReading = false);
   // Makes the caller the maker of the segment of that key: of a new one, or of one that a dead
   // maker has left half made. He holds its heapLatch, its header says what is being made, and all
   // but these is to be laid out by him. TREL_RC_SEGMENT_EXISTS: it is whole, or nothing that the
