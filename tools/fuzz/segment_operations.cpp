@@ -142,6 +142,7 @@ const Operation kRows[] = {
            trelDetachStatusSegment(&seg, 1);
          }),
     CALL(end, trelMarkStatusSegmentForDeletion, s.seg),
+    CALL(door, trelRemoveStatusSegment, &s.key, 1),  // refused: somebody is attached
     WORK(end, trelDeleteStatusSegment,
          {
            // Polite, and the world's own connection counts: it is refused, or undone by the damage.
