@@ -562,6 +562,105 @@ TREL_OFFSET(HeapHeaderTail_t, debug, 64);
 TREL_OFFSET(HeapHeaderTail_t, debugLatch, 104);
 #define TREL_HEAP_HEADER_SIZE 488u /* without the user area */
 
+/* ---------------------------------------------------------------------------------------------
+ * Description of a tree: names, units and kinds of its values, and who publishes it. It lies in two
+ * blocks of a pool, to which the reserved bytes of a domain's HeapHeaderTail_t lead.
+ * ------------------------------------------------------------------------------------------- */
+
+/* In HeapHeaderTail_t.reserved of a domain. All 0 without a description. The block that counts is
+ * that of place[generation & 1]; the other place is 0, or names one that a dead writer left. */
+typedef struct DescriptionAnchor_t {
+  TrelU64 place[2];  /* of a DescriptionBlock_t */
+  TrelU64 publisher; /* of a PublisherRecord_t, 0 for none */
+  TrelU32 generation;
+  TrelU32 reserved;
+} DescriptionAnchor_t;
+
+TREL_SIZE(DescriptionAnchor_t, 32);
+TREL_OFFSET(DescriptionAnchor_t, publisher, 16);
+TREL_OFFSET(DescriptionAnchor_t, generation, 24);
+
+/* Behind it an index of indexSize words, then `used` bytes of entries. An entry is found at the
+ * word of its hash or one of those that follow, up to a word of 0. A word holds the entry's
+ * distance from the start of the block. */
+typedef struct DescriptionBlock_t {
+  TrelU32 mark;      /* TREL_DESCRIPTION_MARK */
+  TrelU32 size;      /* bytes of the block */
+  TrelU32 indexSize; /* a power of two */
+  TrelU32 used;      /* bytes of entries; grows by the store that makes one of them count */
+} DescriptionBlock_t;
+
+#define TREL_DESCRIPTION_MARK 0x64657363u
+
+TREL_SIZE(DescriptionBlock_t, 16);
+TREL_OFFSET(DescriptionBlock_t, size, 4);
+TREL_OFFSET(DescriptionBlock_t, indexSize, 8);
+TREL_OFFSET(DescriptionBlock_t, used, 12);
+
+/* What is described, and the description of it. Behind it come the fields of a record, items like
+ * its own. */
+typedef struct DescriptionEntry_t {
+  TrelU32 size; /* of all of it, a multiple of 8 */
+  TrelU32 nodeTag;
+  TrelU32 exportBit;
+  TrelU32 propertyTag;
+  TrelU32 offset; /* of the value in the property's bytes; a property can hold several */
+  TrelU32 fieldCount;
+} DescriptionEntry_t;
+
+/* Texts follow: name, unit, help, without an end mark; then up to 7 bytes of 0, to a multiple of
+ * 8. */
+typedef struct DescriptionItem_t {
+  TrelU32 offset; /* of a field, from the start of its record; of an entry's own item as there */
+  TrelU32 valueSize;
+  uint8_t valueType;
+  uint8_t valueKind;
+  uint8_t nameSize;
+  uint8_t unitSize;
+  uint8_t helpSize;
+  uint8_t reserved[3];
+} DescriptionItem_t;
+
+TREL_SIZE(DescriptionEntry_t, 24);
+TREL_OFFSET(DescriptionEntry_t, nodeTag, 4);
+TREL_OFFSET(DescriptionEntry_t, exportBit, 8);
+TREL_OFFSET(DescriptionEntry_t, propertyTag, 12);
+TREL_OFFSET(DescriptionEntry_t, offset, 16);
+TREL_OFFSET(DescriptionEntry_t, fieldCount, 20);
+TREL_SIZE(DescriptionItem_t, 16);
+TREL_OFFSET(DescriptionItem_t, valueSize, 4);
+TREL_OFFSET(DescriptionItem_t, valueType, 8);
+TREL_OFFSET(DescriptionItem_t, valueKind, 9);
+TREL_OFFSET(DescriptionItem_t, nameSize, 10);
+TREL_OFFSET(DescriptionItem_t, unitSize, 11);
+TREL_OFFSET(DescriptionItem_t, helpSize, 12);
+
+/* Times in nanoseconds since 1970 in UTC; 0 for never. lastBeat changes by one store at any moment,
+ * the others while `changing` is odd. */
+typedef struct PublisherRecord_t {
+  TrelU32 mark;     /* TREL_PUBLISHER_MARK */
+  TrelU32 changing; /* odd while the record is written */
+  TrelU64 lastBeat;
+  TrelU64 startTime;
+  TrelU64 endTime;   /* set by a publisher that took its leave */
+  TrelU32 processId; /* in the publisher's own pid namespace */
+  TrelU32 token;     /* its life token */
+  char program[64];
+  char version[32];
+} PublisherRecord_t;
+
+#define TREL_PUBLISHER_MARK 0x7075626cu
+
+TREL_SIZE(PublisherRecord_t, 136);
+TREL_OFFSET(PublisherRecord_t, changing, 4);
+TREL_OFFSET(PublisherRecord_t, lastBeat, 8);
+TREL_OFFSET(PublisherRecord_t, startTime, 16);
+TREL_OFFSET(PublisherRecord_t, endTime, 24);
+TREL_OFFSET(PublisherRecord_t, processId, 32);
+TREL_OFFSET(PublisherRecord_t, token, 36);
+TREL_OFFSET(PublisherRecord_t, program, 40);
+TREL_OFFSET(PublisherRecord_t, version, 104);
+
 /* A free block, in two orders at once. With k = level + 1 there follow k forward links by offset,
  * k backward links by offset, k forward and k backward links by size. A link holds the offset of a
  * node; head and tail close both orders at every level. */

@@ -5,6 +5,7 @@
 #include "platsvc/memory.h" /* some operations give blocks that _platMemFree frees */
 #include "trel/codes.h"
 #include "trel/copy.h"
+#include "trel/describe.h"
 #include "trel/layout.h"
 #include "trel/lists.h"
 #include "trel/node.h"

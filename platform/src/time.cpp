@@ -56,3 +56,9 @@ void platSleep(uint32_t milliseconds) {
                            static_cast<long>(milliseconds % 1000) * 1000000};
   clock_nanosleep(CLOCK_MONOTONIC, 0, &length, nullptr);
 }
+
+uint64_t platTimeNanoseconds() {
+  timespec clock;
+  clock_gettime(CLOCK_REALTIME, &clock);
+  return static_cast<uint64_t>(clock.tv_sec) * 1000000000 + static_cast<uint64_t>(clock.tv_nsec);
+}

@@ -13,6 +13,7 @@
 #include "trel/segment_creation.h"
 #include "trel/storage.h"
 #include "trel/tree.h"
+#include "treli/description.h"
 #include "treli/reach.h"
 #include "treli/tree_walk_copy.h"
 
@@ -34,12 +35,6 @@ uint32_t destroy(ShmSegInfo_t** segInfo) {
 uint32_t dropping(ShmSegInfo_t** segInfo, uint32_t rc) {
   destroy(segInfo);
   return rc;
-}
-
-uint32_t publish(const ShmSegInfo_t* segInfo, const SNodeCB_t* top) {
-  return trelPutTopNodeInfoIntoDomainHeader(
-      segInfo->shmDomainHandle, top->tag, top->nodeOffset,
-      static_cast<uint32_t>(segInfo->shmPoolHandle->poolOffset));
 }
 
 // How the source of a pass is held: by the heapLatch of its domain. What the pass resolves stays
@@ -90,6 +85,7 @@ struct TreeCopy {
   SegSecurity_t security;
   uint64_t maxIdSize;  // of the top's list of dependents
   uint32_t wholePool;  // where the new pool is to be as large as the source's
+  DescriptionImage description;
 
   uint32_t check(const ShmDomainParam_t* given);
   uint32_t direct();
@@ -114,6 +110,7 @@ struct TreeCopy {
   void attachAll() const { attachTree(srcTop, *srcSeg, maxDepth); }
   uint32_t walk(uint32_t direction, SNodeCB_t* from, ShmSegInfo_t* fromSeg, ShmSegInfo_t* to,
                 SNodeCB_t** copy) const;
+  uint32_t publish(ShmSegInfo_t* segInfo, const SNodeCB_t* top) const;
   uint32_t abandon() const;
   static uint32_t keepTemporary(ShmSegInfo_t** temp, uint32_t rc);
   uint32_t fillFromTemporary(ShmSegInfo_t* temp, SNodeCB_t* top, SourceHold* hold,
@@ -130,6 +127,7 @@ uint32_t TreeCopy::check(const ShmDomainParam_t* given) {
     return rc;
   if (maxIdSize == 0) return TREL_RC_TOP_NO_DEPENDENTS;
   if (const uint32_t rc = readSecurity()) return rc;
+  if (const uint32_t rc = description.take(*srcSeg)) return rc;
   ShmPoolInfo_t pool;
   if (trelGetShmPoolInfo((*srcSeg)->shmPoolHandle, &pool) == 0 && pool.heapSize == poolSize)
     wholePool = poolSize;
@@ -220,6 +218,14 @@ uint32_t TreeCopy::walk(uint32_t direction, SNodeCB_t* from, ShmSegInfo_t* fromS
   const uint32_t rc = copyTree(pass, name, &top);
   *copy = top.copy;
   return rc || !top.leftOut ? rc : kNotCopied;
+}
+
+// The tree shows with its description and publisher, or not at all.
+uint32_t TreeCopy::publish(ShmSegInfo_t* segInfo, const SNodeCB_t* top) const {
+  if (const uint32_t rc = description.give(segInfo)) return rc;
+  return trelPutTopNodeInfoIntoDomainHeader(
+      segInfo->shmDomainHandle, top->tag, top->nodeOffset,
+      static_cast<uint32_t>(segInfo->shmPoolHandle->poolOffset));
 }
 
 uint32_t TreeCopy::abandon() const {
@@ -349,9 +355,9 @@ uint32_t trelCopyTreeIntoSingleShmSegment(SNodeCB_t* srcTop, SNodeCB_t** newTop,
     if (!srcSeg || !*srcSeg || !dstSeg) return flow.fail(TREL_RC_SEGMENT_NULL);
     if (!srcTop || !newTop) return flow.fail(TREL_RC_NODE_NULL);
     if (!totalSize) return flow.fail(TREL_RC_OUT_COPY_TOTAL);
-    TreeCopy copy{srcTop,   newTop,    srcSeg,    dstSeg,    size,       key,
-                  address,  poolSize,  poolParam, copyFlags, copyMethod, copyLimits,
-                  maxDepth, totalSize, {},        {},        0,          0};
+    TreeCopy copy{srcTop,   newTop,    srcSeg,    dstSeg,     size,       key,      address,
+                  poolSize, poolParam, copyFlags, copyMethod, copyLimits, maxDepth, totalSize,
+                  {},       {},        0,         0,          {}};
     if (const uint32_t rc = copy.check(domainParam)) return flow.fail(rc);
     if (!known) return flow.fail(TREL_RC_COPY_DIRECTION);
     if (!keyed) return flow.fail(TREL_RC_SEGMENT_NULL);

@@ -91,6 +91,7 @@ uint32_t initHeap(Heap* heap, const HeapPlan& plan) {
   writeHeader(*heap, plan);
   if (const uint32_t rc = heap->openHeader()) return rc;
   memset(heap->tail()->words, 0, sizeof heap->tail()->words);
+  memset(heap->tail()->reserved, 0, sizeof heap->tail()->reserved);
   if (const uint32_t rc = writeDebug(*heap, plan.latchVersion)) return rc;
   if (heapHeaderSizeOf(plan.userAreaSize) != plan.sizes.headerSize) return heap->kind().rcHeader;
   heap->setMaxLevel(plan.sizes.maxLevel);

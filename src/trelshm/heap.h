@@ -40,7 +40,8 @@ uint32_t disconnectHeap(Heap* heap);
 // Ends a pool of that domain: nobody accepts it any more, and no list or tree of the domain leads
 // into it. Can be done again. The caller holds the domain's heapLatch, and gives the memory back.
 void endPool(const Heap& domain, uint64_t poolOffset, uint64_t poolSize);
-// Whether a shared list of the domain leads to that node. The caller holds the domain's heapLatch.
-bool isOnSharedList(const Heap& domain, uint64_t node);
+// Whether a shared list or the description of the domain leads to that block. The caller holds the
+// domain's heapLatch.
+bool isLedTo(const Heap& domain, uint64_t node);
 
 }  // namespace trel

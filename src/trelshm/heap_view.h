@@ -105,6 +105,9 @@ class Heap {
   TrelU64& topNodeOffset() const { return *at<TrelU64>(offset_ + 248 + userAreaSize_); }
   TrelU64& topNodeTag() const { return *at<TrelU64>(offset_ + 256 + userAreaSize_); }
   TrelU64& segmentListHead() const { return tail()->words[2]; }
+  DescriptionAnchor_t* description() const {
+    return reinterpret_cast<DescriptionAnchor_t*>(tail()->reserved);
+  }
   TrelU64& hdmListHead() const { return tail()->words[3]; }
 
   // The skip-list space. S is its offset.

@@ -111,6 +111,9 @@ void endPoolBy(const Heap& domain, uint64_t poolOffset, uint64_t poolSize, Store
     }
     if (isTop && *walk.link) store(walk.link, 0);  // it leads out of the domain
   }
+  DescriptionAnchor_t* const description = domain.description();
+  for (TrelU64* place : {&description->place[0], &description->place[1], &description->publisher})
+    if (*place - poolOffset < poolSize) store(place, 0);
   if (isTop) store(topPool, 0);
 }
 
@@ -179,7 +182,7 @@ void endPool(const Heap& domain, uint64_t poolOffset, uint64_t poolSize) {
             [](TrelU64* word, uint64_t value) { storeLast(word, value); });
 }
 
-bool isOnSharedList(const Heap& domain, uint64_t node) {
+bool isLedTo(const Heap& domain, uint64_t node) {
   TrelU64* const heads[] = {&domain.segmentListHead(), &domain.hdmListHead()};
   for (TrelU64* head : heads) {
     ListWalk walk(domain, head);
@@ -188,7 +191,9 @@ bool isOnSharedList(const Heap& domain, uint64_t node) {
       walk.link = next;
     }
   }
-  return false;
+  const DescriptionAnchor_t* description = domain.description();
+  return node == description->place[0] || node == description->place[1] ||
+         node == description->publisher;
 }
 
 namespace {

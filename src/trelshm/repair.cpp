@@ -33,7 +33,7 @@ void settleName(const Heap& pool, const LiveNodes& nodes) {
     storeLast(&intent->listNode, 0);
 }
 
-// Gives that block back, unless a list leads to it.
+// Gives that block back, unless a list or the description leads to it.
 uint32_t settleListNode(const Heap& domain) {
   HeapIntent_t* intent = domain.intent();
   if (intent->listNode == 0) return 0;
@@ -46,7 +46,7 @@ uint32_t settleListNode(const Heap& domain) {
     uint32_t rc = insideHeap(&pool, [] { return 0u; });  // puts it in order if that is due
     const uint64_t node = intent->listNode;
     void* block = domain.at<void>(node);
-    if (rc == 0 && node && !isOnSharedList(domain, node))
+    if (rc == 0 && node && !isLedTo(domain, node))
       rc = freeBlock(&block, &handle, {0, 0, ""}, &intent->listNode);
     if (canBeRetried(rc)) return rc;
   }

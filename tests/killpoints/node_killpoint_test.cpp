@@ -49,6 +49,16 @@ struct Deaths : Library {
     return section.properties;
   }
 
+  // Of the pool, behind a look at both heaps.
+  size_t blocks() {
+    EXPECT_EQ(0u, trelLatchShmPool(segment.pool()));
+    EXPECT_EQ(0u, trelUnlatchShmPool(segment.pool()));
+    EXPECT_EQ("", heapFault(memory.base(), 1, segment.domain()->heapOffset));
+    const HeapWalk walk(memory.base(), 2, segment.pool()->poolOffset);
+    EXPECT_EQ("", walk.fault);
+    return walk.allocated.size();
+  }
+
   void takeOver() {
     uint64_t size = 0;
     EXPECT_EQ(0u, trelGetNodeSize(node, &size, 0));
@@ -245,14 +255,6 @@ TEST_F(Deaths, SharedLists) {
     EXPECT_EQ(0u, trelDeleteHDMNodeFromLList(pool, &record));
   };
   const auto clear = [&] { EXPECT_EQ(0u, trelDeleteHDMLList(pool)); };
-  const auto blocks = [&] {
-    EXPECT_EQ(0u, trelLatchShmPool(pool));
-    EXPECT_EQ(0u, trelUnlatchShmPool(pool));
-    EXPECT_EQ("", heapFault(memory.base(), 1, segment.domain()->heapOffset));
-    const HeapWalk walk(memory.base(), 2, pool->poolOffset);
-    EXPECT_EQ("", walk.fault);
-    return walk.allocated.size();
-  };
   const size_t others = blocks();
   const auto survive = [&](uint64_t n) {
     SCOPED_TRACE("killed in front of store " + std::to_string(n));
@@ -287,6 +289,51 @@ TEST_F(Deaths, SharedLists) {
   insert(1);
   die([&] { remove(1); });
   die(clear);
+}
+
+// The first, one that fits, and one for which the block grows.
+TEST_F(Deaths, Descriptions) {
+  const auto describe = [&](uint64_t tag) {
+    TrelDescription_t d{};
+    d.exportBit = TREL_EXPORT_V;
+    d.propertyTag = tag;
+    snprintf(d.name, sizeof d.name, "v%u", static_cast<unsigned>(tag));
+    memset(d.help, 'x', sizeof d.help - 1);
+    EXPECT_EQ(0u, trelDescribe(segment.info, &d, nullptr));
+  };
+  const auto listed = [&] {
+    std::array<TrelDescription_t, 64> all;
+    uint32_t count = 0, total = 0;
+    EXPECT_EQ(0u, trelListDescriptions(segment.info, 0, all.data(), 64, &count, &total));
+    EXPECT_EQ(total, count);
+    for (uint32_t i = 0; i < count; ++i) {
+      TrelDescription_t d;
+      EXPECT_EQ(0u, trelGetDescription(segment.info, 0, TREL_EXPORT_V, all[i].propertyTag, 0, &d));
+    }
+    return count;
+  };
+  const size_t others = blocks();
+  uint32_t before = 0;
+  const auto survive = [&](uint64_t n) {
+    SCOPED_TRACE("killed in front of store " + std::to_string(n));
+    describe(before + 1);
+    describe(99);
+    EXPECT_EQ(before + 2, listed());
+    EXPECT_EQ(others + 1, blocks());
+  };
+  const auto takeOver = [&] {
+    EXPECT_EQ(0u, trelLatchShmDomain(segment.domain()));
+    EXPECT_EQ(0u, trelUnlatchShmDomain(segment.domain()));
+  };
+  for (const uint32_t first : {0u, 1u, 23u}) {
+    while (before < first) describe(++before);
+    const Image start = memory.save();
+    memory.dieEverywhere(
+        start, [&] { describe(before + 1); }, survive);
+    memory.dieTwice(
+        start, [&] { describe(before + 1); }, isFullRun() ? 3 : 41, takeOver, survive);
+    memory.restore(start);
+  }
 }
 
 TEST_F(Deaths, NodesGivenBack) {

@@ -45,7 +45,9 @@ const std::set<std::string> kWithoutSegment = {"trelCreateNodeInPM",
                                                "trelDeleteTraverseInfoArray",
                                                "trelReverseByteSequence",
                                                "trelDeleteDependentNodesArray",
-                                               "trelCreateMaxSpaceArray"};
+                                               "trelCreateMaxSpaceArray",
+                                               "trelFormatPathElement",
+                                               "trelParsePathElement"};
 
 const char* const kFunctions[] = {
 #define TREL_FUNCTION(id, name) #name,

@@ -9,12 +9,33 @@ SegIdentity_t identityOf(const Stage& s, const PLATIPCResID& key) {
   return identity;
 }
 
+TrelDescription_t descriptionOf(const Stage& s) {
+  TrelDescription_t d{};
+  d.nodeTag = s.nodeTag;
+  d.exportBit = TREL_EXPORT_V;
+  d.propertyTag = s.tag;
+  d.valueType = TREL_VALUE_U64;
+  snprintf(d.name, sizeof d.name, "v%u", static_cast<unsigned>(s.tag));
+  memset(d.help, 'h', sizeof d.help - 1);
+  return d;
+}
+
 const Operation kRows[] = {
     WORK(door, trelConnectToATree,
          {
            SNodeCB_t* node = nullptr;
            ShmSegInfo_t* seg = nullptr;
            if (trelConnectToATree(&seg, &node, s.out<TopNodeInfo_t>(), &s.key, 0, nullptr, nullptr))
+             return;
+           s.look(node);
+           trelDetachFromTopNode(&seg, 1);
+         }),
+    WORK(door, trelConnectToATreeForReading,
+         {
+           SNodeCB_t* node = nullptr;
+           ShmSegInfo_t* seg = nullptr;
+           if (trelConnectToATreeForReading(&seg, &node, s.out<TopNodeInfo_t>(), &s.key, 0, nullptr,
+                                            nullptr))
              return;
            s.look(node);
            trelDetachFromTopNode(&seg, 1);
@@ -191,6 +212,22 @@ const Operation kRows[] = {
          }),
     CALL(end, trelDeleteHDMLList, s.pool),
     CALL(read, trelPrintHDMNodeLList, s.pool),
+    WORK(write, trelDescribe,
+         {
+           const TrelDescription_t d = descriptionOf(s);
+           trelDescribe(s.seg, &d, nullptr);
+         }),
+    CALL(read, trelGetDescription, s.seg, s.nodeTag, TREL_EXPORT_V, s.tag, 0,
+         s.out<TrelDescription_t>()),
+    CALL(read, trelGetDescribedFields, s.seg, s.nodeTag, TREL_EXPORT_V, s.tag, 0,
+         s.out<TrelDescription_t>(4), 4, s.out<uint32_t>()),
+    CALL(read, trelFindDescription, s.seg, "type", "v1", s.out<TrelDescription_t>()),
+    CALL(read, trelListDescriptions, s.seg, 0, s.out<TrelDescription_t>(8), 8, s.out<uint32_t>(),
+         s.out<uint32_t>()),
+    CALL(write, trelSetPublisher, s.seg, "program", "1"),
+    CALL(write, trelBeatTree, s.seg),
+    CALL(write, trelEndPublisher, s.seg),
+    CALL(read, trelGetPublisher, s.seg, s.out<TrelPublisher_t>()),
 };
 
 }  // namespace

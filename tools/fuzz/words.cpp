@@ -24,8 +24,8 @@ const Field kHeapHeader[] = {
     FIELD(HeapHeader_t, heapLatch),          FIELD(HeapHeader_t, topPool),
     FIELD(HeapHeader_t, userAreaSize),
 };
-const Field kHeapTail[] = {FIELD(HeapHeaderTail_t, words), FIELD(HeapHeaderTail_t, debug),
-                           FIELD(HeapHeaderTail_t, debugLatch)};
+const Field kHeapTail[] = {FIELD(HeapHeaderTail_t, words), FIELD(HeapHeaderTail_t, reserved),
+                           FIELD(HeapHeaderTail_t, debug), FIELD(HeapHeaderTail_t, debugLatch)};
 const Field kSkipListHeader[] = {
     FIELD(SkipListHeader_t, maxLevel),       FIELD(SkipListHeader_t, slSpaceSize),
     FIELD(SkipListHeader_t, slUsedBytes),    FIELD(SkipListHeader_t, slNextNode),

@@ -8,6 +8,7 @@
 #include "platsvc/fork.h"
 #include "platsvc/ipc.h"
 #include "platsvc/latch.h"
+#include "platsvc/life.h"
 #include "platsvc/memory.h"
 #include "platsvc/report.h"
 #include "platsvc/time.h"

@@ -16,6 +16,9 @@ typedef struct PLATTime {
 
 PLAT_API uint32_t platTimeGetUTC(PLATTime* now);
 
+/* Nanoseconds since 1970 in UTC. */
+PLAT_API uint64_t platTimeNanoseconds(void);
+
 /* A number that no process of this machine has drawn before or will draw again: made of the clock,
  * the process and a counter. Never 0 and never all ones. */
 PLAT_API uint64_t platDrawStamp(void);
