@@ -116,8 +116,8 @@ TREL_OFFSET(LatchArea_t, writeCounter, 132);
 TREL_OFFSET(LatchArea_t, writeFlag, 260);
 
 /* How far the owner of the spare latch area's primaryLatch is with replacing the node by a copy; it
- * lies behind that latch. What a record of the parent's list would say of the copy, so from the base
- * of the parent's segment, stands there once there is a block. */
+ * lies behind that latch. What a record of the parent's list would say of the copy, so from the
+ * base of the parent's segment, stands there once there is a block. */
 #define TREL_RECREATION_OFFSET 1008u
 #define TREL_RECREATION_COPIED 1u
 #define TREL_RECREATION_LINKING 2u /* the parent's entry is about to lead to it */

@@ -139,10 +139,10 @@ TREL_API uint32_t trelGetNextDependentNodeLocation(SNodeCB_t* node, ExportSlot_t
  *
  * No latch is held while a list is read. A list that changes meanwhile is read again, with all that
  * lies below it, and at last from a copy, so that each list counts as it stood at some instant, and
- * no publisher makes a search fail by being busy. Changes of properties do not disturb it. What goes
- * on the way is passed over. A list in which a writer is inside for more than 100 ms ends the search
- * with TREL_RC_WRITER_INSIDE: try again. The trelSearch operations are the steps of those that begin
- * with trelFind. A failure leaves *found as it was.
+ * no publisher makes a search fail by being busy. Changes of properties do not disturb it. What
+ * goes on the way is passed over. A list in which a writer is inside for more than 100 ms ends the
+ * search with TREL_RC_WRITER_INSIDE: try again. The trelSearch operations are the steps of those
+ * that begin with trelFind. A failure leaves *found as it was.
  * ------------------------------------------------------------------------------------------- */
 
 /* The first node of that name, depth first: an entry, what lies below it, then the next entry. */
@@ -235,10 +235,10 @@ TREL_API uint32_t trelDeleteDependentNode(SNodeCB_t* node, const SNodeInfo_t* re
 /* Removes the entry of the child that the record names, and gives the child and what lies below it
  * back to their pools, as trelSetStatusForEachNodeInATree does with TREL_STATUS_DISCLAIM. Without a
  * record the given node itself is the top of what goes. To be rid of the whole subtree select all
- * nodes: what is not selected stays, and then no entry leads to it any more. Who comes too late gets
- * TREL_RC_DEPENDENT_ABSENT, or TREL_RC_DEPENDENTS_EMPTY, and nothing is changed. The entry goes
- * first: a failure or a kill behind that leaves what was not yet given back allocated, and off the
- * tree. (By TREL_WALK_REMOVE_TOP the entry goes last.) */
+ * nodes: what is not selected stays, and then no entry leads to it any more. Who comes too late
+ * gets TREL_RC_DEPENDENT_ABSENT, or TREL_RC_DEPENDENTS_EMPTY, and nothing is changed. The entry
+ * goes first: a failure or a kill behind that leaves what was not yet given back allocated, and off
+ * the tree. (By TREL_WALK_REMOVE_TOP the entry goes last.) */
 TREL_API uint32_t trelDeleteDependentNodeAndSubtree(SNodeCB_t* node, const SNodeInfo_t* record,
                                                     ShmSegInfo_t* childSegment, uint64_t depthLimit,
                                                     uint32_t options);

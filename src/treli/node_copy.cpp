@@ -11,8 +11,8 @@
 #include "treli/node_making.h"
 #include "treli/node_record.h"
 #include "treli/property_copy.h"
-#include "treli/recreation.h"
 #include "treli/reach.h"
+#include "treli/recreation.h"
 #include "trelll/enter.h"
 #include "trelshm/process_memory.h"
 
