@@ -188,7 +188,7 @@ TEST(Paths, GoThereAndBack) {
     EXPECT_EQ(TREL_RC_PATH_SIZE,
               trelFormatPathElement(tag, bytes, id.size(), withTag, text, strlen(text)));
   }
-  for (const char* bad : {"#", "#0", "#x", "#5x", "#5:", "%", "%g0", "a b", "#99999999"}) {
+  for (const char* bad : {"#", "#0", "#x", "#5x", "#5:", "%", "%g0", "a\tb", "#99999999"}) {
     uint64_t tag = 0, size = 0;
     std::array<uint8_t, TREL_MAX_ID_SIZE> id;
     const char* rest = nullptr;

@@ -22,7 +22,7 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isName(const char (&name)[TREL_NAME_SIZE], bool isType) {
   if (!memchr(name, 0, sizeof name) || name[0] == 0) return false;
   for (const char* c = name; *c; ++c) {
-    if (isType ? *c <= ' ' || *c > '~' : !isLetter(*c) && !(isDigit(*c) && c != name)) return false;
+    if (isType ? *c < ' ' || *c > '~' : !isLetter(*c) && !(isDigit(*c) && c != name)) return false;
   }
   return true;
 }

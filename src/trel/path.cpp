@@ -9,7 +9,7 @@ namespace trel {
 namespace {
 
 bool isPlain(uint8_t byte) {
-  return byte > ' ' && byte <= '~' && byte != '/' && byte != '#' && byte != '%';
+  return byte >= ' ' && byte <= '~' && byte != '/' && byte != '#' && byte != '%';
 }
 
 int digitOf(char c) {
