@@ -67,7 +67,7 @@ void fillList(DependentList* list, const NewEntries& given, uint64_t maxIdSize) 
 // counts from is that of the mapping; only in memory of the caller's own the record itself tells.
 uint32_t copyOut(const SNodeInfo_t* entry, uint32_t maxIdSize, SNodeInfo_t* record, uint8_t* id,
                  uint64_t idSlotSize) {
-  SNodeInfo_t copy = *entry;
+  SNodeInfo_t copy = copyOnce(entry);
   const void* start = at<void>(entry, 0 - copy.selfOffset);
   startOfMapping(entry, &start);
   copy.segBase = offsetOf(start, nullptr);

@@ -118,7 +118,7 @@ template <class IsSought>
 uint32_t findEntry(const DescriptionView& view, TrelDescription_t* description,
                    IsSought&& isSought) {
   uint32_t rc = TREL_RC_NOT_DESCRIBED;
-  view.forEach([&](uint32_t position) {
+  view.forEach([&](uint32_t position, uint32_t) {
     if (!view.decode(position, description) || !isSought(*description)) return true;
     rc = 0;
     return false;
@@ -221,7 +221,7 @@ uint32_t trelListDescriptions(const ShmSegInfo_t* segment, uint32_t first,
     const uint32_t rc = readDescription(segment, [&](const DescriptionView& view) -> uint32_t {
       seen = written = 0;
       bool isSound = true;
-      view.forEach([&](uint32_t position) {
+      view.forEach([&](uint32_t position, uint32_t) {
         if (seen++ >= first && written < length)
           isSound = view.decode(position, &descriptions[written++]);
         return isSound;

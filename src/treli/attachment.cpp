@@ -176,6 +176,7 @@ uint32_t Ending::finish(uint32_t rc) {
     held_.segInfo->shmDomainHandle = handles_.shmDomainHandle;
   }
   if (rc) {
+    if (isPinned_) takeFromLastPin(handles_.shmDomainHandle->base, held_.segInfo);
     const bool isKnown = wasKnown_ && publishAttachment(handles_.shmDomainHandle,
                                                         {was_.key, held_.segInfo, held_.count,
                                                          was_.byWalk, was_.undecidedBy});

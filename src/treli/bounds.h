@@ -11,7 +11,7 @@ namespace trel {
 TREL_INLINE uint64_t nodeBound(const SNodeCB_t* node) {
   const uint64_t mapped = bytesMappedFrom(node);
   if (TREL_UNLIKELY(mapped < sizeof *node)) return mapped;
-  const uint64_t size = node->nodeSize;
+  const uint64_t size = once(node->nodeSize);
   return size < mapped ? size : mapped;
 }
 
@@ -20,7 +20,7 @@ TREL_INLINE uint64_t nodeBound(const SNodeCB_t* node) {
 inline const void* baseOf(const SNodeInfo_t* record) {
   const void* base = nullptr;
   if (startOfMapping(record, &base)) return base;
-  const uint64_t selfOffset = record->selfOffset;
+  const uint64_t selfOffset = once(record->selfOffset);
   return selfOffset ? at<const void>(record, uint64_t{0} - selfOffset)
                     : at<const void>(nullptr, record->segBase);
 }

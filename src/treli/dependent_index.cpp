@@ -12,7 +12,7 @@ constexpr uint32_t kVacant = 0;   // in place of a hash
 
 struct Index {
   const SNodeCB_t* node;
-  uint64_t born, start, used;
+  uint64_t born, start, size, used;
   uint32_t stamp, maxIdSize;
   uint32_t places;       // of the section
   uint32_t end;          // behind the last live entry
@@ -71,8 +71,9 @@ uint32_t hashOf(uint64_t tag, const uint8_t* id, uint64_t idSize) {
 
 // False for entries that a walk would refuse.
 bool hashEntry(const DependentList& list, const SNodeInfo_t* entry, uint32_t* hash) {
-  if (entry->nodeTag > TREL_MAX_TAG || entry->idSize > list.maxIdSize) return false;
-  *hash = hashOf(entry->nodeTag, idOf(entry), entry->idSize);
+  const uint64_t tag = once(entry->nodeTag), idSize = once(entry->idSize);
+  if (tag > TREL_MAX_TAG || idSize > list.maxIdSize) return false;
+  *hash = hashOf(tag, idOf(entry), idSize);
   return true;
 }
 
@@ -80,7 +81,8 @@ uint32_t stampNow(const DependentList& list) { return static_cast<uint32_t>(stam
 
 bool isOf(const Index* index, const DependentList& list) {
   return index && index->node == list.node && index->born == birthStamp(list.node) &&
-         index->start == list.offset && index->maxIdSize == list.maxIdSize;
+         index->start == list.offset && index->size == list.size &&
+         index->maxIdSize == list.maxIdSize;
 }
 
 Index* knownIndex(const DependentList& list) {
@@ -125,6 +127,7 @@ Index* makeIndex(const DependentList& list) {
   index->node = list.node;
   index->born = birthStamp(list.node);
   index->start = list.offset;
+  index->size = list.size;
   index->maxIdSize = list.maxIdSize;
   index->places = places;
   if (build(index, list)) return index;
@@ -137,7 +140,7 @@ Index* validIndex(const DependentList& list) {
   const bool isCurrent = index && index->stamp == stampNow(list) && index->used == list.used;
   if (isCurrent) return index;
   if (list.live < kLeast) return nullptr;
-  if (!index || index->places != list.capacity()) return makeIndex(list);
+  if (!index) return makeIndex(list);
   if (build(index, list)) return index;
   index->node = nullptr;
   return nullptr;

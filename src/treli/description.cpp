@@ -171,7 +171,7 @@ void Writer::indexEntry(uint32_t position) {
   TrelU32* const index = view_.index();
   const uint32_t mask = view_.indexSize() - 1;
   uint32_t place = hashOf(DescriptionKey::of(*view_.entryAt(position))) & mask;
-  while (index[place] != 0) place = (place + 1) & mask;
+  for (uint32_t i = 0; i < mask && once(index[place]) != 0; ++i) place = (place + 1) & mask;
   storeLast(&index[place], position);
 }
 
@@ -190,9 +190,10 @@ uint32_t Writer::grow(uint32_t more) {
                                               static_cast<uint32_t>(indexSize), used};
   link(other(), block);
   const DescriptionView old = view_;
-  if (!view_.open(domain_, *other())) return TREL_RC_DESCRIPTION_DAMAGED;
+  if (!view_.open(domain_, offsetOf(block, domain_.base())) || view_.used() != used)
+    return TREL_RC_DESCRIPTION_DAMAGED;
   if (used) memcpy(at<void>(block, view_.first()), at<void>(old.block(), old.first()), used);
-  view_.forEach([&](uint32_t position) {
+  view_.forEach([&](uint32_t position, uint32_t) {
     indexEntry(position);
     return true;
   });
@@ -205,6 +206,7 @@ uint32_t Writer::grow(uint32_t more) {
 uint32_t Writer::append(const uint8_t* entry, uint32_t size) {
   if (!exists_ || view_.room() < size)
     if (const uint32_t rc = grow(size)) return rc;
+  if (view_.room() < size) return TREL_RC_DESCRIPTION_DAMAGED;
   const uint32_t position = view_.first() + view_.used();
   memcpy(at<void>(view_.block(), position), entry, size);
   storeLast(&view_.block()->used, view_.used() + size);
@@ -218,11 +220,11 @@ uint32_t Writer::checkClash(const TrelDescription_t& d, const uint8_t* entry, ui
                             bool* same) {
   uint32_t rc = 0;
   if (exists_) {
-    view_.forEach([&](uint32_t position) {
+    view_.forEach([&](uint32_t position, uint32_t presentSize) {
       const DescriptionEntry_t* present = view_.entryAt(position);
       const bool isType = present->exportBit == 0;
       if (DescriptionKey::of(*present) == DescriptionKey::of(d)) {
-        *same = view_.entrySize(position) == size && memcmp(present, entry, size) == 0;
+        *same = presentSize == size && memcmp(present, entry, size) == 0;
         if (!*same) rc = TREL_RC_DESCRIPTION_CLASH;
         if (view_.find(DescriptionKey::of(d)) == 0) indexEntry(position);
         return false;
@@ -230,7 +232,8 @@ uint32_t Writer::checkClash(const TrelDescription_t& d, const uint8_t* entry, ui
       if (isType != (d.exportBit == 0) || (!isType && present->nodeTag != d.nodeTag)) return true;
       const auto* item = at<DescriptionItem_t>(present, sizeof *present);
       const uint32_t length = lengthOf(d.name);
-      if (item->nameSize == length && memcmp(item + 1, d.name, length) == 0)
+      if (presentSize - sizeof *present - sizeof *item >= length && item->nameSize == length &&
+          memcmp(item + 1, d.name, length) == 0)
         rc = TREL_RC_DESCRIPTION_CLASH;
       return rc == 0;
     });
@@ -296,9 +299,9 @@ bool DescriptionView::open(const Heap& domain, uint64_t offset) {
       end - offset < sizeof(DescriptionBlock_t))
     return false;
   block_ = domain.at<DescriptionBlock_t>(offset);
-  size_ = block_->size;
-  indexSize_ = block_->indexSize;
-  used_ = block_->used;
+  size_ = once(block_->size);
+  indexSize_ = once(block_->indexSize);
+  used_ = once(block_->used);
   __atomic_thread_fence(__ATOMIC_ACQUIRE);  // what is counted stands
   const uint64_t index = sizeof *block_ + uint64_t{4} * indexSize_;
   return block_->mark == TREL_DESCRIPTION_MARK && size_ <= end - offset && index <= size_ &&
@@ -309,7 +312,7 @@ uint32_t DescriptionView::entrySize(uint32_t position) const {
   constexpr uint32_t kLeast = sizeof(DescriptionEntry_t) + sizeof(DescriptionItem_t);
   const uint32_t end = first() + used_;
   if (position < first() || position > end || end - position < kLeast) return 0;
-  const uint32_t size = entryAt(position)->size;
+  const uint32_t size = once(entryAt(position)->size);
   return size >= kLeast && (size & 7) == 0 && size <= end - position ? size : 0;
 }
 
@@ -317,7 +320,7 @@ uint32_t DescriptionView::find(const DescriptionKey& key) const {
   const uint32_t mask = indexSize_ - 1;
   uint32_t place = hashOf(key) & mask;
   for (uint32_t i = 0; i < indexSize_; ++i, place = (place + 1) & mask) {
-    const uint32_t position = index()[place];
+    const uint32_t position = once(index()[place]);
     if (position == 0) return 0;
     if (entrySize(position) && DescriptionKey::of(*entryAt(position)) == key) return position;
   }
@@ -354,7 +357,7 @@ uint32_t addDescription(ShmSegInfo_t* segment, const TrelDescription_t& descript
 PublisherRecord_t* publisherOf(const ShmSegInfo_t* segment) {
   Heap domain(segment->shmDomainHandle->base, segment->shmDomainHandle->heapOffset, kDomainKind);
   if (domain.openHeader()) return nullptr;
-  const uint64_t offset = domain.description()->publisher;
+  const uint64_t offset = once(domain.description()->publisher);
   if (!isAligned8(offset) || offset < domain.listOffset() || offset > domain.end() ||
       domain.end() - offset < sizeof(PublisherRecord_t))
     return nullptr;
@@ -407,10 +410,10 @@ uint32_t DescriptionImage::take(const ShmSegInfo_t* segment) {
       if (!entries_.allocate(view.used())) return TREL_RC_ID_NO_MEMORY;
       room_ = view.used();
     }
-    view.forEach([&](uint32_t position) {
-      const uint32_t size = view.entrySize(position);
+    view.forEach([&](uint32_t position, uint32_t size) {
       if (size > room_ - size_) return false;
       memcpy(&entries_[size_], view.entryAt(position), size);
+      at<DescriptionEntry_t>(&entries_[size_], 0)->size = size;
       size_ += size;
       return true;
     });

@@ -60,11 +60,11 @@ class DescriptionView {
   // Takes the entry apart: the description, and up to `length` of its fields. False if damaged.
   bool decode(uint32_t position, TrelDescription_t* description,
               TrelDescription_t* fields = nullptr, uint32_t length = 0) const;
-  // Calls work(position) for each entry, until it gives false.
+  // Calls work(position, size) for each entry, until it gives false.
   template <class Work>
   void forEach(Work&& work) const {
     for (uint32_t position = first(), size = 0; (size = entrySize(position)) != 0; position += size)
-      if (!work(position)) return;
+      if (!work(position, size)) return;
   }
 
  private:

@@ -6,9 +6,14 @@ namespace trel {
 
 uint32_t takeImage(SNodeCB_t* node, ListImage* image) {
   *image = {};
-  if (!(node->exports & TREL_EXPORT_DEPENDENT)) return 0;
+  if (!(once(node->exports) & TREL_EXPORT_DEPENDENT)) return 0;
   DependentList list;
-  if (const uint32_t rc = locateDependents(node, &list)) return rc;
+  const uint32_t rc = locateDependents(node, &list);
+  return rc ? rc : takeImage(list, image);
+}
+
+uint32_t takeImage(const DependentList& list, ListImage* image) {
+  *image = {};
   if (list.live == 0) return 0;
   const uint64_t stride = list.stride();
   if (const uint32_t rc = obtain(&image->bytes, list.live * stride)) return rc;

@@ -97,7 +97,7 @@ uint32_t ListReading::open() {
 
 void ListReading::load(uint64_t place, ReadEntry* entry) const {
   const auto* from = at<const SNodeInfo_t>(nullptr, place);
-  entry->record = *from;
+  entry->record = copyOnce(from);
   // In a copy selfOffset tells the place in the section.
   entry->stored = at<SNodeInfo_t>(nullptr, usesCopy_ ? start() + entry->record.selfOffset : place);
   if (!withNames_) return;
@@ -161,7 +161,7 @@ uint32_t ListReading::copy() {
   drop();
   const uint32_t rc = consistently(met_, [&]() -> uint32_t {
     const uint32_t failure = locateDependents(node_, nodeSize_, &list_);
-    return failure ? failure : takeImage(node_, &image_);
+    return failure ? failure : takeImage(list_, &image_);
   });
   if (rc) return rc;
   left_ = image_.count;

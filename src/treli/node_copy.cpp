@@ -464,7 +464,7 @@ class Filling {
       for (SNodeInfo_t* entry = nullptr;;) {
         if (const uint32_t rc = walk.next(&entry)) return rc;
         if (!entry) break;
-        SNodeInfo_t record = *entry;
+        SNodeInfo_t record = copyOnce(entry);
         if (record.idSize > from.maxIdSize) return TREL_RC_ID_BOUNDS;
         translation_.apply(&record);
         if (const uint32_t rc = appendDependent(copy_, &record, idOf(entry))) return rc;

@@ -51,7 +51,7 @@ uint32_t readTarget(Pins* pins, const SNodeInfo_t* record, Target* target, Mappi
   const bool isStored = rc == 0;
   const auto place = reinterpret_cast<uintptr_t>(record);
   if (isStored && home->end - place < sizeof *record) return TREL_RC_BLOCK_OUTSIDE_POOL;
-  const SNodeInfo_t copy = *record;
+  const SNodeInfo_t copy = copyOnce(record);
   const void* base = copy.selfOffset ? at<const void>(record, uint64_t{0} - copy.selfOffset)
                                      : at<const void>(nullptr, copy.segBase);
   if (!base) return TREL_RC_BASE_NULL;
@@ -66,8 +66,8 @@ uint32_t readTarget(Pins* pins, const SNodeInfo_t* record, Target* target, Mappi
   } else {
     *home = {};
   }
-  *target = {*at<const SegIdentity_t>(base, copy.segInfoOffset), copy.nodeOffset, copy.nodeTag,
-             rc == 0 && !home->writable};
+  *target = {copyOnce(at<const SegIdentity_t>(base, copy.segInfoOffset)), copy.nodeOffset,
+             copy.nodeTag, rc == 0 && !home->writable};
   return 0;
 }
 
@@ -162,14 +162,14 @@ uint32_t checkReached(const Target& target, Reached* reached, uint32_t otherSegm
 bool liesInDomain(const ShmDomainHandle_t* domain, uint64_t offset, uint64_t size) {
   const uint64_t first = domain->heapOffset, mapped = bytesMappedFrom(domain->base);
   if (first > mapped) return false;
-  const uint64_t heapSize = heapOf(domain).header()->heapSize;
+  const uint64_t heapSize = once(heapOf(domain).header()->heapSize);
   const uint64_t end = heapSize < mapped - first ? first + heapSize : mapped;
   return offset >= first && offset <= end && size <= end - offset;
 }
 
 uint64_t nodeSizeInDomain(const ShmDomainHandle_t* domain, uint64_t nodeOffset) {
   if (!liesInDomain(domain, nodeOffset, sizeof(SNodeCB_t))) return 0;
-  const uint64_t size = at<SNodeCB_t>(domain->base, nodeOffset)->nodeSize;
+  const uint64_t size = once(at<SNodeCB_t>(domain->base, nodeOffset)->nodeSize);
   return size >= sizeof(SNodeCB_t) && liesInDomain(domain, nodeOffset, size) ? size : 0;
 }
 

@@ -32,7 +32,7 @@ class StableWalk {
 
   uint32_t run(SNodeCB_t* top) {
     bool isOver = false;
-    uint32_t rc = enter(MetNode(top), top->nodeSize);
+    uint32_t rc = enter(MetNode(top), once(top->nodeSize));
     for (;;) {
       if (rc && (rc = recover(rc))) return rc;
       if (isOver || levels_.empty()) return 0;

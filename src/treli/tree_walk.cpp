@@ -24,7 +24,7 @@ constexpr uint32_t kRounds = 32;
 
 // trelGetNodeCondition.
 uint32_t readCondition(const SNodeCB_t* node, uint32_t* condition) {
-  *condition = node->condition;
+  *condition = once(node->condition);
   const bool isOne =
       *condition >= TREL_CONDITION_CREATED && *condition <= TREL_CONDITION_DISASSOCIATED;
   return isOne ? 0 : uint32_t{TREL_RC_CONDITION};
@@ -360,7 +360,7 @@ uint32_t count(SNodeCB_t* node, uint64_t tag, TreeInfo_t* info) {
       {&TreeInfo_t::abandonedBytes, &TreeInfo_t::abandonedNodes},
       {&TreeInfo_t::disassociatedBytes, &TreeInfo_t::disassociatedNodes}};
   const Sums& sums = kByCondition[condition - 1];
-  const uint64_t size = node->nodeSize;
+  const uint64_t size = once(node->nodeSize);
   info->totalBytes += size;
   info->*sums.bytes += size;
   ++info->totalNodes;
@@ -454,7 +454,7 @@ static uint32_t whyNotFound(SNodeCB_t* parent, const SNodeInfo_t& sought, uint32
 // The name is exact here: without an identifier a sibling of the same tag must not go instead. And
 // the entry must name the child itself.
 uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t** child) {
-  const SNodeInfo_t sought = *record;
+  const SNodeInfo_t sought = copyOnce(record);
   if (const uint32_t rc = nodeBehind(record, child)) return whyNotFound(parent, sought, rc);
   const MetNode met(*child);
   uint8_t* id = nullptr;

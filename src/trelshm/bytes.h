@@ -1,6 +1,8 @@
 // Arithmetic on offsets and sizes. No shift, mask or pointer arithmetic outside such helpers.
 #pragma once
 
+#include <string.h>
+
 #include "trel/layout.h"
 
 namespace trel {
@@ -28,5 +30,15 @@ inline uint64_t offsetOf(const void* address, const void* base) {
 // been tested is what is used.
 inline uint64_t once(const TrelU64& word) { return *const_cast<const volatile TrelU64*>(&word); }
 inline uint32_t once(const TrelU32& word) { return *const_cast<const volatile TrelU32*>(&word); }
+
+// The same for a record: no compiler knows that the copy has come from there, so none reads it
+// again.
+template <class Record>
+Record copyOnce(const Record* record) {
+  Record copy;
+  memcpy(static_cast<void*>(&copy), record, sizeof copy);
+  __asm__("" : "+m"(copy));
+  return copy;
+}
 
 }  // namespace trel

@@ -94,7 +94,7 @@ uint32_t LiveNodes::sortPlaces() {
 
 // The link that leads to a node on its way leads to its old place or to its new one.
 uint32_t LiveNodes::endMove() {
-  const HeapIntent_t intent = *heap_->intent();
+  const HeapIntent_t intent = copyOnce(heap_->intent());
   if (intent.moving != TREL_NODE_MOVING) return 0;
   if (!isSound(*heap_, intent.source, intent.node, 0) ||
       !isSound(*heap_, intent.target, intent.node, 0))

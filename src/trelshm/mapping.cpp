@@ -668,14 +668,24 @@ bool freeWithLastPin(const void* address, void* block) {
   const TableLatch latch;
   MappedSegment* segment = entryAround(address);
   if (!segment) return false;
-  for (const BlockToFree* known = segment->blocks; known; known = known->next)
-    if (known->block == block) return true;
   if (segment->holders.load() < 2) return false;
   BlockToFree* later = nullptr;
   if (obtain(&later)) return true;  // lost: a block is still looked at, and nobody could free it
   *later = {segment->blocks, block};
   segment->blocks = later;
   return true;
+}
+
+void takeFromLastPin(const void* address, void* block) {
+  const TableLatch latch;
+  MappedSegment* segment = entryAround(address);
+  if (!segment) return;
+  BlockToFree** link = &segment->blocks;
+  while (*link && (*link)->block != block) link = &(*link)->next;
+  BlockToFree* found = *link;
+  if (!found) return;
+  *link = found->next;
+  release(&found);
 }
 
 }  // namespace trel

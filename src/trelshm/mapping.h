@@ -161,5 +161,7 @@ void hideAllAttachments();
 // Leaves the freeing of a block of process memory to the last pin of the mapping that an address
 // lies in. False: there is no pin, the block stays the caller's to free.
 bool freeWithLastPin(const void* address, void* block);
+// The block is the caller's again.
+void takeFromLastPin(const void* address, void* block);
 
 }  // namespace trel

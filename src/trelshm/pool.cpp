@@ -81,13 +81,14 @@ class ListWalk {
   // The link in the node that `link` leads to. Null at the end, or where the list leaves the
   // domain.
   TrelU64* next() {
-    const uint64_t node = *link;
+    node = once(*link);
     const bool inside =
         node >= domain_.listOffset() && node <= domain_.end() - sizeof(SegListNode_t);
     return inside && steps_-- > 0 ? domain_.at<TrelU64>(node) : nullptr;
   }
 
   TrelU64* link;
+  uint64_t node = 0;  // what it led to when it was read
 
  private:
   const Heap& domain_;
@@ -104,12 +105,12 @@ void endPoolBy(const Heap& domain, uint64_t poolOffset, uint64_t poolSize, Store
   for (TrelU64* head : {&domain.segmentListHead(), &domain.hdmListHead()}) {
     ListWalk walk(domain, head);
     while (TrelU64* next = walk.next()) {
-      if (*walk.link - poolOffset < poolSize)
+      if (walk.node - poolOffset < poolSize)
         store(walk.link, *next);
       else
         walk.link = next;
     }
-    if (isTop && *walk.link) store(walk.link, 0);  // it leads out of the domain
+    if (isTop && walk.node) store(walk.link, 0);  // it leads out of the domain
   }
   DescriptionAnchor_t* const description = domain.description();
   for (TrelU64* place : {&description->place[0], &description->place[1], &description->publisher})
@@ -126,14 +127,17 @@ uint64_t countEntries(const Heap& domain) {
   return count;
 }
 
-// Stores that can be undone.
+// Stores that can be undone. What there is no room for is not stored.
 class Changes {
  public:
-  bool prepare(uint64_t most) { return changes_.allocate(most); }
+  bool prepare(uint64_t most) { return changes_.allocate(most_ = most); }
   void store(TrelU64* word, uint64_t value) {
+    isWhole_ = isWhole_ && count_ < most_;
+    if (!isWhole_) return;
     changes_[count_++] = {word, *word};
     storeLast(word, value);
   }
+  bool isWhole() const { return isWhole_; }
   void undo() {
     while (count_ > 0) {
       --count_;
@@ -147,7 +151,8 @@ class Changes {
     uint64_t before;
   };
   Records<Change> changes_;
-  uint64_t count_ = 0;
+  uint64_t most_ = 0, count_ = 0;
+  bool isWhole_ = true;
 };
 
 // Ends the pool and gives its chunk back. The caller holds the domain's heapLatch. The chunk can be
@@ -157,15 +162,16 @@ uint32_t freeHeldPool(Heap* domain, Heap* pool, const ShmPoolHandle_t& handle, b
                       const Caller& caller) {
   if (const uint32_t rc = checkHeap(*pool)) return rc;  // another may have freed it meanwhile
   Changes changes;
-  // Both lists, what may be wrong with their ends, the state and the top pool.
-  if (!changes.prepare(countEntries(*domain) + 4)) return TREL_RC_POOL_NO_MEMORY;
+  // Both lists, what may be wrong with their ends, the state, the top pool and the description.
+  if (!changes.prepare(countEntries(*domain) + 7)) return TREL_RC_POOL_NO_MEMORY;
   TrelU64* const freeing = &domain->intent()->freeing;
   const auto end = [&]() -> uint32_t {
     if (counted && !isLastConnection(*pool, memoryOf(*domain))) return TREL_RC_POOL_CONNECTED;
     storeLast(freeing, handle.chunkOffset);
     endPoolBy(*domain, handle.poolOffset, pool->size(),
               [&](TrelU64* word, uint64_t value) { changes.store(word, value); });
-    return 0;
+    // A list that grows under the latch is changed by somebody who does not hold it.
+    return changes.isWhole() ? 0 : uint32_t{TREL_RC_DOMAIN_STATE};
   };
   // Counted, nobody connects between the look at the count and the end.
   uint32_t rc = counted ? insideHeap(pool, end) : end();
@@ -187,7 +193,7 @@ bool isLedTo(const Heap& domain, uint64_t node) {
   for (TrelU64* head : heads) {
     ListWalk walk(domain, head);
     for (TrelU64* next = walk.next(); next; next = walk.next()) {
-      if (*walk.link == node) return true;
+      if (walk.node == node) return true;
       walk.link = next;
     }
   }

@@ -101,7 +101,7 @@ uint32_t keysOf(size_t job) {
 
 std::string howToSee(const Death& death) {
   if (death.drawn.mode == Mode::race)
-    return "fuzz --mode race --seed " + std::to_string(death.drawn.seed) + "  (of chance)";
+    return "fuzz --case '" + textOf(death.drawn) + "'  (of chance)";
   if (death.batchStart == death.drawn.seed) return "fuzz --case '" + textOf(death.drawn) + "'";
   return "not alone; after the cases from seed " + std::to_string(death.batchStart) +
          " on: " + textOf(death.drawn);
@@ -242,6 +242,7 @@ int listWords() {
 
 int run(int count, char** arguments) {
   const Options options = readOptions(count, arguments);
+  setvbuf(stdout, nullptr, _IOLBF, 0);
   for (const std::string& name : missingOperations())
     throw std::runtime_error("tools/fuzz has no row for " + name);
   if (options.words) return listWords();

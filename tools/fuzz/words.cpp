@@ -111,6 +111,7 @@ class Finder {
     heap("domain", 0);
     heap("pool", map_.poolOffset);
     sharedLists();
+    description();
     for (uint64_t at : map_.nodes) node(at);
     for (uint64_t at = 0; at + 8 <= image_.size(); at += 8) add("any", at, 8, 0, image_.size());
     return std::move(words_);
@@ -170,6 +171,25 @@ class Finder {
       record("segList", at, kSegListNode, 0, bound);
     for (uint64_t at = u64(tail + 24); at; at = u64(at))
       record("hdmList", at, kHdmListNode, 0, bound);
+  }
+
+  // All of a description's bytes are words.
+  void description() {
+    const uint64_t anchor = sizeof(HeapHeader_t) + offsetof(HeapHeaderTail_t, reserved);
+    const uint64_t bound = image_.size(), publisher = u64(anchor + 16);
+    for (uint64_t i = 0; i < sizeof(DescriptionAnchor_t); i += 8)
+      add("description.anchor", anchor + i, 8, 0, bound);
+    const uint64_t block = u64(anchor + 8 * (u64(anchor + 24) & 1));
+    const uint64_t size = u64(block + 4) & UINT32_MAX, index = u64(block + 8) & UINT32_MAX;
+    const uint64_t entries = sizeof(DescriptionBlock_t) + 4 * index;
+    for (uint64_t i = 0; i < sizeof(DescriptionBlock_t); i += 4)
+      add("description.block", block + i, 4, block, size);
+    for (uint64_t i = sizeof(DescriptionBlock_t); i < entries; i += 4)
+      add("description.index", block + i, 4, block, size);
+    for (uint64_t i = entries; i < entries + (u64(block + 8) >> 32); i += 4)
+      add("description.entry", block + i, 4, block, size);
+    for (uint64_t i = 0; i < sizeof(PublisherRecord_t); i += 4)
+      add("description.publisher", publisher + i, 4, 0, bound);
   }
 
   void latchArea(const std::string& name, uint64_t at, uint64_t origin, uint64_t bound) {

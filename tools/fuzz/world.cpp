@@ -42,6 +42,7 @@ class Builder {
     adopt(nodes[kMiddle], "middle", victim_, far, "other", other_);
     publish(other_, far);
     publish(victim_, nodes[kHashed]);
+    describe(victim_);
     for (size_t i = 0; i < kNodes; ++i) offsets[i] = nodes[i]->nodeOffset;
     held = {holdRecords(nodes[kHashed]), holdRecords(nodes[kFlat])};
     poolOffset = victim_->shmPoolHandle->poolOffset;
@@ -115,6 +116,27 @@ class Builder {
     return made;
   }
 
+  static void describe(ShmSegInfo_t* in) {
+    TrelDescription_t d = {};
+    d.nodeTag = 1;
+    strcpy(d.name, "type");
+    MUST(trelDescribe(in, &d, nullptr));
+    d.exportBit = TREL_EXPORT_V;
+    for (d.propertyTag = 1; d.propertyTag <= kTags; ++d.propertyTag) {
+      TrelDescription_t field = {};
+      d.valueType = TREL_VALUE_RECORD;
+      d.size = 16;
+      d.fieldCount = 1;
+      snprintf(d.name, sizeof d.name, "v%u", static_cast<unsigned>(d.propertyTag));
+      strcpy(field.name, "field");
+      field.valueType = TREL_VALUE_U64;
+      field.size = 8;
+      memset(field.help, 'h', sizeof field.help - 1);
+      MUST(trelDescribe(in, &d, &field));
+    }
+    MUST(trelSetPublisher(in, "program", "1"));
+  }
+
   Held holdRecords(SNodeCB_t* node) const {
     RProperty_t *r, *baseR;
     VProperty_t *v, *baseV;
@@ -167,7 +189,10 @@ void RawSegment::adopt(uint32_t keyWord) {
   image.assign(bytes, bytes + info.shm_segsz);
 }
 void RawSegment::restore() const { memcpy(bytes, image.data(), image.size()); }
-void RawSegment::remove() const { removeKey(key.key); }
+void RawSegment::remove() const {
+  removeKey(key.key);
+  shmdt(bytes);
+}
 
 World::World(uint32_t firstKey) : firstKey_(firstKey) {
   for (uint32_t i = 0; i < 3; ++i) removeKey(firstKey + i);
