@@ -13,13 +13,25 @@ uint32_t changeCondition(uint32_t function, SNodeCB_t** node, Change&& change) {
   });
 }
 
-uint32_t lookAtCounter(SNodeCB_t* node, WatchRecord_t* record) {
-  int32_t now = 0, seen = 0;
-  if (PLATVAtomicSigned32::add(&node->updateCounter, 0, &now) ||
-      PLATVAtomicSigned32::add(&record->seenCounter, 0, &seen))
-    return TREL_RC_ATOMIC;
-  if (now == seen) return TREL_RC_NO_UPDATE;
-  return PLATVAtomicSigned32::swap(&record->seenCounter, now, &seen) ? uint32_t{TREL_RC_ATOMIC} : 0;
+// What an observer sees of a node.
+struct Pulse {
+  int32_t counter;
+  uint64_t updateTime;
+  uint32_t updateInterval;
+};
+
+uint32_t lookAtPulse(SNodeCB_t* node, Pulse* pulse) {
+  return looking(node, 0, [&]() -> uint32_t {
+    *pulse = {platVAtomicLoad(&node->updateCounter), once(node->lastUpdateTime),
+              once(node->updateInterval)};
+    return checkBeating(node);
+  });
+}
+
+uint32_t compareCounter(const Pulse& pulse, WatchRecord_t* record) {
+  if (pulse.counter == platVAtomicLoad(&record->seenCounter)) return TREL_RC_NO_UPDATE;
+  platVAtomicStore(&record->seenCounter, pulse.counter);
+  return 0;
 }
 
 // For how many milliseconds the observer has seen this time of update, as its record remembers.
@@ -33,9 +45,9 @@ uint64_t timeStoodStill(WatchRecord_t* record, uint64_t updateTime) {
   return now - memory->milliseconds;
 }
 
-uint32_t lookAtTime(const SNodeCB_t* node, WatchRecord_t* record) {
-  const uint64_t now = currentTick(), updateTime = node->lastUpdateTime;
-  const uint32_t allowance = 2 * node->updateInterval;  // 32 bits wide, wrap-around included
+uint32_t compareTime(const Pulse& pulse, WatchRecord_t* record) {
+  const uint64_t now = currentTick(), updateTime = pulse.updateTime;
+  const uint32_t allowance = 2 * pulse.updateInterval;  // 32 bits wide, wrap-around included
   const uint64_t stoodStill = timeStoodStill(record, updateTime);
   if (now - updateTime > allowance) return TREL_RC_UPDATE_TOO_OLD;
   // The tick counts whole tenths of a coarse clock: it may call two tenths more young enough.
@@ -113,16 +125,15 @@ uint32_t trelIsStillBeingUpdated(SNodeCB_t* node, WatchRecord_t* record) {
   return traced(FID_trelIsStillBeingUpdated, [&](const Flow& flow) -> uint32_t {
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!record) return flow.fail(TREL_RC_WATCH_RECORD_NULL);
-    return within<Access::write>(node, 0, [&]() -> uint32_t {
-      if (const uint32_t rc = checkBeating(node)) return rc;
-      switch (record->updateMode) {
-        case TREL_UPDATE_BY_COUNTER:
-          return lookAtCounter(node, record);
-        case TREL_UPDATE_BY_TIME:
-          return lookAtTime(node, record);
-        default:
-          return TREL_RC_UPDATE_MODE;
-      }
-    });
+    Pulse pulse;
+    if (const uint32_t rc = lookAtPulse(node, &pulse)) return rc;
+    switch (record->updateMode) {
+      case TREL_UPDATE_BY_COUNTER:
+        return compareCounter(pulse, record);
+      case TREL_UPDATE_BY_TIME:
+        return compareTime(pulse, record);
+      default:
+        return TREL_RC_UPDATE_MODE;
+    }
   });
 }

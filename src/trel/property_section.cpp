@@ -115,6 +115,7 @@ uint32_t trelGetHTIndex(uint64_t tag, const uint8_t* id, uint64_t idSize, uint64
 uint32_t trelGetFreeSpaceOffsetForProperty(SNodeCB_t* node, uint32_t kind, uint64_t* offset) {
   return traced(FID_trelGetFreeSpaceOffsetForProperty, [&](const Flow& flow) -> uint32_t {
     if (!node || !offset) return flow.fail(TREL_RC_NODE_NULL);
+    if (isReadOnly(node)) return flow.fail(TREL_RC_READING_ONLY);
     return withStack(node, kind, [&](auto& list, const Stack& stack, uint32_t failure) -> uint32_t {
       if (failure) return failure;
       if (const uint32_t rc = openLimits(node, &list)) return rc;
@@ -150,6 +151,7 @@ uint32_t trelGetMemoryStackSizeForHashTable(SNodeCB_t* node, uint32_t kind, uint
 uint32_t trelUpdateListOfFreedLLNodes(SNodeCB_t* node, uint32_t kind, const TrelU64* link) {
   return traced(FID_trelUpdateListOfFreedLLNodes, [&](const Flow& flow) -> uint32_t {
     if (!node || !link) return flow.fail(TREL_RC_NODE_NULL);
+    if (isReadOnly(node)) return flow.fail(TREL_RC_READING_ONLY);
     return withStack(node, kind, [&](auto& list, const Stack& stack, uint32_t failure) -> uint32_t {
       if (failure) return failure;
       if (const uint32_t rc = checkPush(list, stack)) return rc;

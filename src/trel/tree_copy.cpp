@@ -121,6 +121,7 @@ struct TreeCopy {
 
 uint32_t TreeCopy::check(const ShmDomainParam_t* given) {
   if (maxDepth > kMaxDepth) return kNotCopied;
+  if (isReadOnly(srcTop)) return TREL_RC_READING_ONLY;  // the source goes
   if (const uint32_t rc = trelCheckNodeCondition(srcTop, accept::living)) return rc;
   if (const uint32_t rc =
           trelGetMaxIDSizeForDependentNode(srcTop, TREL_EXPORT_DEPENDENT, &maxIdSize))

@@ -5,6 +5,7 @@
 namespace trel {
 
 uint32_t takeImage(SNodeCB_t* node, ListImage* image) {
+  release(&image->bytes);
   *image = {};
   if (!(once(node->exports) & TREL_EXPORT_DEPENDENT)) return 0;
   DependentList list;
@@ -13,6 +14,7 @@ uint32_t takeImage(SNodeCB_t* node, ListImage* image) {
 }
 
 uint32_t takeImage(const DependentList& list, ListImage* image) {
+  release(&image->bytes);
   *image = {};
   if (list.live == 0) return 0;
   const uint64_t stride = list.stride();
@@ -36,7 +38,8 @@ uint32_t takeImage(const DependentList& list, ListImage* image) {
 
 bool stillHolds(SNodeCB_t* node, const SNodeInfo_t* entry) {
   bool holds = false;
-  within<Access::read>(node, 0, [&] {
+  looking(node, 0, [&] {
+    holds = false;
     DependentList list;
     if (locateDependents(node, &list) ||
         !list.holds(list.offset + entry->selfOffset, sizeof *entry))

@@ -17,13 +17,13 @@ struct ListImage {
   }
 };
 
-// Takes an image of what a list holds. The caller is inside the node's section, and frees the image
-// with `release(&image.bytes)`.
+// Takes an image of what a list holds, and frees what the image held before. The caller is inside
+// the node's section, or looks; he frees the image with `release(&image.bytes)`.
 uint32_t takeImage(const DependentList& list, ListImage* image);
 // The same of a node's list; of a node without one it is empty.
 uint32_t takeImage(SNodeCB_t* node, ListImage* image);
 
-// Whether the node's list still holds an entry of an image. Enters the node's read section.
+// Whether the node's list still holds an entry of an image.
 bool stillHolds(SNodeCB_t* node, const SNodeInfo_t* entry);
 
 }  // namespace trel

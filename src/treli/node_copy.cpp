@@ -1,7 +1,8 @@
 // The copy of a node.
 //
-// The source stays in its read section from the first look at it to the last. The copy's write
-// section is taken inside: source first, then copy, is the order of the two everywhere.
+// The source stands still from the first look at it to the last: in its read section, or where it
+// may only be read, in one look, which may be repeated. The copy's write section is taken inside:
+// source first, then copy, is the order of the two everywhere.
 #include "treli/node_copy.h"
 
 #include "trel/copy.h"
@@ -10,6 +11,7 @@
 #include "treli/list_creation.h"
 #include "treli/node_making.h"
 #include "treli/node_record.h"
+#include "treli/node_return.h"
 #include "treli/property_copy.h"
 #include "treli/reach.h"
 #include "treli/recreation.h"
@@ -587,21 +589,31 @@ uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** d
   const bool keepsDependents = copyDependents == TREL_COPY_DEPENDENTS_SAME;
   Translation translation(keepsDependents ? wanted.srcSegInfo : nullptr, wanted.dstSegInfo);
   uint64_t nodeOffset = 0;
+  SNodeCB_t* made = nullptr;
   if (!isLimits(wanted.copyLimits)) return TREL_RC_COPY_LIMITS;
   for (bool known = false; !known;) {
-    const uint32_t rc = within<Access::read>(wanted.src, 0, [&]() -> uint32_t {
+    const uint32_t rc = standing(wanted.src, [&]() -> uint32_t {
+      dropCopy(&made, wanted.dstSegInfo);  // of a look that did not count
       if (const uint32_t failure = translation.collect(wanted.src, &known)) return failure;
       if (!known) return 0;
       if (const uint32_t failure =
-              copyInside(wanted, copyDependents, translation, dst, &nodeOffset))
+              copyInside(wanted, copyDependents, translation, &made, &nodeOffset))
         return failure;
       return image ? takeImage(wanted.src, image) : 0;
     });
+    if (made) *dst = made;
     if (rc) return rc;
     if (const uint32_t failure = translation.enter()) return failure;
   }
   *nodeSize = (*dst)->nodeSize;
   return keepsDependents ? 0 : nameCopy(wanted, nodeOffset);
+}
+
+void dropCopy(SNodeCB_t** copy, const ShmSegInfo_t* dstSegInfo) {
+  if (!dstSegInfo)
+    release(copy);
+  else if (*copy)
+    giveNodeBack(copy, dstSegInfo->shmPoolHandle);
 }
 
 uint32_t copyNodeData(const NodeCopy& wanted, SNodeCB_t* dst, uint64_t nodeOffset,

@@ -45,6 +45,9 @@ uint32_t checkCopyName(const NodeCopy& wanted, uint32_t copyDependents);
 uint32_t copyNode(const NodeCopy& wanted, uint32_t copyDependents, SNodeCB_t** dst,
                   uint64_t* nodeSize, ListImage* image = nullptr);
 
+// Frees a copy that nobody knows of yet; dstSegInfo is null for one in process memory.
+void dropCopy(SNodeCB_t** copy, const ShmSegInfo_t* dstSegInfo);
+
 // trelCopyNodeData: fills a block that is there, and names it.
 uint32_t copyNodeData(const NodeCopy& wanted, SNodeCB_t* dst, uint64_t nodeOffset,
                       const NodeCopyLimits_t& limits);

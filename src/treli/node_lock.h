@@ -178,6 +178,13 @@ TREL_INLINE uint32_t looking(SNodeCB_t* node, uint64_t inCriticalSection, Work&&
   }
 }
 
+// Runs work() on a node that stands still: locked, or where it may only be read, by looks. Then it
+// may run several times, and takes back itself what its run before has made.
+template <class Work>
+uint32_t standing(SNodeCB_t* node, Work&& work) {
+  return isReadOnly(node) ? looking(node, 0, work) : within<Access::read>(node, 0, work);
+}
+
 // The code by which a condition is refused.
 uint32_t refusalOf(uint32_t condition);
 

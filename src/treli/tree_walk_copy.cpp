@@ -84,7 +84,7 @@ class Walk {
   }
 
   static uint32_t readList(SNodeCB_t* node, ListImage* list) {
-    return within<Access::read>(node, 0, [&] { return takeImage(node, list); });
+    return standing(node, [&] { return takeImage(node, list); });
   }
 
   uint32_t descend(Level& level) {
@@ -102,10 +102,7 @@ class Walk {
   // Undoes a visit. What hangs below a copy is not reached any more, either.
   void drop(Level* level) {
     release(&level->list.bytes);
-    if (toProcessMemory())
-      release(&level->copy);
-    else if (level->copy)
-      giveNodeBack(&level->copy, pass_.dstSegInfo->shmPoolHandle);
+    dropCopy(&level->copy, pass_.dstSegInfo);
   }
 
   // From an entry to the child. Abandoned children, and those in other segments if the walk is to

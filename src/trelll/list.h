@@ -40,8 +40,8 @@ struct SegmentEntry {
                ? uint32_t{TREL_RC_COMPARE_KEY}
                : 0;
   }
-  static void print(int number, const Record& record) {
-    printf(kSegmentLine, number, static_cast<int>(record.segmentKey.key));
+  static void print(FILE* out, int number, const Record& record) {
+    fprintf(out, kSegmentLine, number, static_cast<int>(record.segmentKey.key));
   }
 };
 
@@ -58,9 +58,9 @@ struct ModuleEntry {
     *order = strncmp(sought.modulePath, present.modulePath, sizeof sought.modulePath);
     return 0;
   }
-  static void print(int number, const Record& record) {
-    printf("Linked list node #%d stores HDM module path = \"%.*s\"\n", number,
-           static_cast<int>(sizeof record.modulePath), record.modulePath);
+  static void print(FILE* out, int number, const Record& record) {
+    fprintf(out, "Linked list node #%d stores HDM module path = \"%.*s\"\n", number,
+            static_cast<int>(sizeof record.modulePath), record.modulePath);
   }
 };
 
@@ -149,16 +149,16 @@ uint32_t clear(const List& list) {
 }
 
 template <class List>
-uint32_t print(const List& list) {
+uint32_t print(const List& list, FILE* out) {
   typename List::Link* link = list.head();
   for (uint64_t steps = 0;; ++steps) {
     typename List::Node* node = nullptr;
     if (const uint32_t rc = list.follow(link, steps, &node)) return rc;
     if (!node) {
-      if (steps == 0) printf("List is empty\n");
+      if (steps == 0) fprintf(out, "List is empty\n");
       return 0;
     }
-    List::Entry::print(static_cast<int>(steps) + 1, *List::Entry::payload(node));
+    List::Entry::print(out, static_cast<int>(steps) + 1, *List::Entry::payload(node));
     link = List::linkOf(node);
   }
 }

@@ -94,7 +94,7 @@ uint32_t trelDeleteAttachSegInfoPMLList(void) {
 
 uint32_t trelPrintAttachSegInfoNodePMLList(void) {
   return onSegments(FID_trelPrintAttachSegInfoNodePMLList, true,
-                    [](const auto& list) { return print(list); });
+                    [](const auto& list) { return print(list, stdout); });
 }
 
 uint32_t trelFindHDMNodeInPMLList(const HdmModuleRecord_t* record, HdmModuleRecord_t** module) {
@@ -117,5 +117,6 @@ uint32_t trelDeleteHDMPMLList(void) {
 }
 
 uint32_t trelPrintHDMNodePMLList(void) {
-  return onModules(FID_trelPrintHDMNodePMLList, true, [](const auto& list) { return print(list); });
+  return onModules(FID_trelPrintHDMNodePMLList, true,
+                   [](const auto& list) { return print(list, stdout); });
 }

@@ -1,5 +1,7 @@
 #include "trelll/shared_list.h"
 
+#include <stdlib.h>
+
 #include "trelll/enter.h"
 
 namespace trel {
@@ -14,6 +16,23 @@ uint32_t enter(uint32_t function, ShmPoolHandle_t* pool, const typename Entry::R
     if (rc == 0) *offset = offsetOf(payload, pool->base);
     return rc;
   });
+}
+
+// A look may be repeated, so the text is shown when the last one has ended.
+template <class Entry>
+uint32_t printShared(uint32_t function, ShmPoolHandle_t* pool) {
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* const out = open_memstream(&text, &size);
+  const uint32_t rc = onSharedList<Entry, true>(function, pool, out, [&](const auto& list) {
+    rewind(out);
+    return print(list, out);
+  });
+  if (!out) return rc;
+  fclose(out);
+  fwrite(text, 1, size, stdout);
+  free(text);
+  return rc;
 }
 
 }  // namespace
@@ -33,8 +52,9 @@ using namespace trel;
 
 uint32_t trelFindAttachSegInfoNodeInLList(ShmPoolHandle_t* pool, const SegIdentity_t* record,
                                           SegIdentity_t** segment) {
-  return onSharedList<SegmentEntry>(FID_trelFindAttachSegInfoNodeInLList, pool, record && segment,
-                                    [&](const auto& list) { return find(list, *record, segment); });
+  return onSharedList<SegmentEntry, true>(
+      FID_trelFindAttachSegInfoNodeInLList, pool, record && segment,
+      [&](const auto& list) { return find(list, *record, segment); });
 }
 
 uint32_t trelInsertAttachSegInfoNodeIntoLList(ShmPoolHandle_t* pool, const SegIdentity_t* record,
@@ -55,14 +75,14 @@ uint32_t trelDeleteAttachSegInfoLList(ShmPoolHandle_t* pool) {
 }
 
 uint32_t trelPrintAttachSegInfoNodeLList(ShmPoolHandle_t* pool) {
-  return onSharedList<SegmentEntry>(FID_trelPrintAttachSegInfoNodeLList, pool, true,
-                                    [](const auto& list) { return print(list); });
+  return printShared<SegmentEntry>(FID_trelPrintAttachSegInfoNodeLList, pool);
 }
 
 uint32_t trelFindHDMNodeInLList(ShmPoolHandle_t* pool, const HdmModuleRecord_t* record,
                                 HdmModuleRecord_t** module) {
-  return onSharedList<ModuleEntry>(FID_trelFindHDMNodeInLList, pool, record && module,
-                                   [&](const auto& list) { return find(list, *record, module); });
+  return onSharedList<ModuleEntry, true>(
+      FID_trelFindHDMNodeInLList, pool, record && module,
+      [&](const auto& list) { return find(list, *record, module); });
 }
 
 uint32_t trelInsertHDMNodeIntoLList(ShmPoolHandle_t* pool, const HdmModuleRecord_t* record,
@@ -82,6 +102,5 @@ uint32_t trelDeleteHDMLList(ShmPoolHandle_t* pool) {
 }
 
 uint32_t trelPrintHDMNodeLList(ShmPoolHandle_t* pool) {
-  return onSharedList<ModuleEntry>(FID_trelPrintHDMNodeLList, pool, true,
-                                   [](const auto& list) { return print(list); });
+  return printShared<ModuleEntry>(FID_trelPrintHDMNodeLList, pool);
 }

@@ -11,7 +11,7 @@
 #include "trel/storage.h"
 #include "trelll/list.h"
 #include "trelshm/allocator.h"
-#include "trelshm/heap_latch.h"
+#include "trelshm/heap_look.h"
 #include "trelshm/process_memory.h"
 #include "trelshm/store.h"
 
@@ -33,7 +33,7 @@ class SharedList {
   uint32_t version() const { return static_cast<uint32_t>(domain_.header()->handleVersion); }
 
   uint32_t follow(const Link* link, uint64_t steps, Node** node) const {
-    const uint64_t offset = *link;
+    const uint64_t offset = loadOnce(link);
     *node = nullptr;
     if (offset == 0) return 0;
     if (offset < domain_.listOffset() || offset > domain_.end() - sizeof(Node) ||
@@ -93,14 +93,26 @@ uint32_t withSharedList(uint32_t function, ShmPoolHandle_t* pool, Work&& work) {
   });
 }
 
-// The frame of an exported operation on a shared list.
+// Work that only reads. Where the latch cannot be taken, it looks, and may run several times.
 template <class Entry, class Work>
+uint32_t readSharedList(uint32_t function, ShmPoolHandle_t* pool, Work&& work) {
+  Heap domain(pool->base, pool->domainOffset, kDomainKind);
+  if (!isReadOnly(domain.header())) return withSharedList<Entry>(function, pool, work);
+  return lookAtHeap(&domain, [&]() -> uint32_t {
+    TrelU64* head = headOf(domain, static_cast<const Entry*>(nullptr));
+    return work(SharedList<Entry>(pool, domain, head, function));
+  });
+}
+
+// The frame of an exported operation on a shared list.
+template <class Entry, bool reads = false, class Work>
 uint32_t onSharedList(uint32_t function, ShmPoolHandle_t* pool, bool argumentsGiven, Work&& work) {
   return traced(function, [&](const Flow& flow) -> uint32_t {
     if (!pool) return flow.logged(TREL_RC_POOL_HANDLE_NULL, pool);
     if (!pool->base) return flow.logged(TREL_RC_BASE_NULL, pool);
     if (!argumentsGiven) return flow.fail(TREL_RC_LIST_RECORD_NULL);
-    return withSharedList<Entry>(function, pool, work);
+    return reads ? readSharedList<Entry>(function, pool, work)
+                 : withSharedList<Entry>(function, pool, work);
   });
 }
 

@@ -145,6 +145,7 @@ uint32_t takeFreshHeap(Heap* heap, uint64_t latchVersion) {
 
 uint32_t createHeap(void* base, uint64_t offset, const HeapKind& kind, const HeapPlan& plan) {
   Heap heap(base, offset, kind);
+  if (isReadOnly(heap.header())) return TREL_RC_READING_ONLY;
   if (const uint32_t rc = checkPlan(kind, plan)) return rc;
   if (const uint32_t rc = takeFreshHeap(&heap, plan.latchVersion)) return rc;
   const uint32_t rc = initHeap(&heap, plan);

@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "operations.h"
+#include "reading.h"
 #include "worker.h"
 
 extern "C" {
@@ -43,14 +44,15 @@ const char kUsage[] =
     "usage: fuzz [--seconds N] [--cases N] [--seed N] [--mode before|after|race|all] [--jobs N]\n"
     "       fuzz --case 'TEXT'   run one case, as a finding printed it\n"
     "       fuzz --corpus FILE   run the cases of a file, lines of NAME: TEXT\n"
-    "       fuzz --words         list the classes of words\n";
+    "       fuzz --words         list the classes of words\n"
+    "       fuzz --reading       run every operation on a victim that may only be read\n";
 
 struct Options {
   double seconds = 0;
   uint64_t cases = UINT64_MAX, seed = 1;
   std::string mode = "all", text, corpus;
   size_t jobs = std::thread::hardware_concurrency();
-  bool words = false;
+  bool words = false, reading = false;
 };
 
 Options readOptions(int count, char** arguments) {
@@ -77,6 +79,8 @@ Options readOptions(int count, char** arguments) {
       options.corpus = value();
     else if (name == "--words")
       options.words = true;
+    else if (name == "--reading")
+      options.reading = true;
     else
       throw std::runtime_error(kUsage);
   }
@@ -246,6 +250,7 @@ int run(int count, char** arguments) {
   for (const std::string& name : missingOperations())
     throw std::runtime_error("tools/fuzz has no row for " + name);
   if (options.words) return listWords();
+  if (options.reading) return !sweepForReading(keysOf(0));
   if (!options.text.empty()) return runOne(options.text);
   if (!options.corpus.empty()) return runCorpus(options.corpus);
   return fuzzMany(options);

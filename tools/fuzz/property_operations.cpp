@@ -147,7 +147,7 @@ const Operation kRows[] = {
     CALL(end, trelCreateIVPropertyList, s.node, nullptr, nullptr, nullptr, kPropertyIdRoom, nullptr,
          nullptr, kValueRoom, 0, 3, 5, 5, s.random.below(2), 0),
 
-    CALL(read, trelGetFreeSpaceOffsetForProperty, s.node, anyKind(s), s.out<uint64_t>()),
+    CALL(write, trelGetFreeSpaceOffsetForProperty, s.node, anyKind(s), s.out<uint64_t>()),
     CALL(read, trelGetNumberOfFreedLListNodes, s.node, anyKind(s), s.out<uint64_t>()),
     CALL(read, trelGetMemoryStackSizeForHashTable, s.node, anyKind(s), s.out<uint64_t>()),
     WORK(end, trelUpdateListOfFreedLLNodes,

@@ -22,7 +22,15 @@ uint8_t* Outs::take(uint64_t size) {
   uint8_t* const buffer = slots_ + used_ * (kRoom + kPage) + kRoom - size;
   memset(buffer - kCanary, 0xa5, kCanary);
   memset(buffer, 0, std::min<uint64_t>(size, 256));
+  sizes_[used_] = size;
   return taken_[used_++] = buffer;
+}
+
+std::vector<std::string> Outs::contents() const {
+  std::vector<std::string> all;
+  for (size_t i = 0; i < used_; ++i)
+    all.emplace_back(reinterpret_cast<const char*>(taken_[i]), sizes_[i]);
+  return all;
 }
 
 bool Outs::areWhole() const {

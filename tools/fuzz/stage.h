@@ -17,11 +17,13 @@ class Outs {
   uint8_t* take(uint64_t size);
   void fresh() { used_ = 0; }
   bool areWhole() const;
+  std::vector<std::string> contents() const;
 
  private:
   static constexpr size_t kSlots = 12, kRoom = 0x20000, kPage = 4096, kCanary = 64;
   uint8_t* slots_ = nullptr;
   uint8_t* taken_[kSlots] = {};
+  uint64_t sizes_[kSlots] = {};
   size_t used_ = 0;
 };
 

@@ -44,6 +44,17 @@ struct CopyNames {
         maxIdSizeOut(s.out<uint64_t>()) {}
 };
 
+SNodeCB_t* copyOf(Stage& s, ShmSegInfo_t* to, uint32_t direction) {
+  const CopyNames names(s);
+  SNodeCB_t* copy = nullptr;
+  auto* size = s.out<uint64_t>();
+  trelCopyNode(s.seg, to, s.node, &copy, 0, 0, 0, 0, &s.module, &names.tag, &names.idSize,
+               &names.maxIdSize, asBytes("copy"), names.info, names.id, names.idSizeOut,
+               names.maxIdSizeOut, size, direction, static_cast<uint32_t>(1 + s.random.below(2)),
+               static_cast<uint32_t>(TREL_COPY_DEPENDENTS_EMPTY + s.random.below(2)));
+  return copy;
+}
+
 void freeBlock(void* block) {
   if (block) _platMemFree(&block, 0, 0, "", 0);
 }
@@ -142,24 +153,16 @@ const Operation kRows[] = {
            trelSetStatusForEachNodeInATree(s.middle, s.seg, 0, TREL_STATUS_DISCLAIM,
                                            TREL_WALK_ALL | TREL_WALK_REMOVE_TOP);
          }),
+    WORK(read, trelCopyNode,
+         {
+           SNodeCB_t* const copy = copyOf(s, nullptr, TREL_COPY_SHM_TO_PM);
+           freeBlock(copy);
+           trelDeleteHDMPMLList();
+         }),
     WORK(write, trelCopyNode,
          {
-           const CopyNames names(s);
-           SNodeCB_t* copy = nullptr;
-           const bool toMemory = s.random.below(2);
-           auto* size = s.out<uint64_t>();
-           trelCopyNode(s.seg, toMemory ? nullptr : s.seg, s.node, &copy, 0, 0, 0, 0, &s.module,
-                        &names.tag, &names.idSize, &names.maxIdSize, asBytes("copy"), names.info,
-                        names.id, names.idSizeOut, names.maxIdSizeOut, size,
-                        toMemory ? TREL_COPY_SHM_TO_PM : TREL_COPY_SHM_TO_SHM,
-                        static_cast<uint32_t>(1 + s.random.below(2)),
-                        static_cast<uint32_t>(TREL_COPY_DEPENDENTS_EMPTY + s.random.below(2)));
-           if (toMemory) {
-             freeBlock(copy);
-             trelDeleteHDMPMLList();
-           } else if (copy) {
-             trelDisclaimNode(&copy, s.pool, TREL_STRUCTURE_VERSION);
-           }
+           SNodeCB_t* copy = copyOf(s, s.seg, TREL_COPY_SHM_TO_SHM);
+           if (copy) trelDisclaimNode(&copy, s.pool, TREL_STRUCTURE_VERSION);
          }),
     WORK(end, trelCopyNodeData,
          {
