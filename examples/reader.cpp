@@ -1,5 +1,5 @@
 // Connects to a status tree by the key of its segment, reads it in place, and prints it until told
-// to stop. It knows no more of the tree than the key.
+// to stop. It knows no more of the tree than the key, and needs no more than the right to read.
 #include <algorithm>
 #include <chrono>
 #include <set>
@@ -131,8 +131,8 @@ class Reader {
 
   uint32_t leave() {
     if (!segment_) return 0;
-    return options_.remove && !topAlive_ ? trelDeleteStatusSegment(&segment_, 4, 2, 2)
-                                         : disconnect(1);
+    const uint32_t rc = disconnect(1);
+    return rc || !options_.remove || topAlive_ ? rc : trelRemoveStatusSegment(&key_, 2);
   }
 
  private:
@@ -141,7 +141,7 @@ class Reader {
     TopNodeInfo_t info;
     // A publisher that has only just started may not have published its top node yet.
     for (int attempt = 0; rc && attempt < 50 && !stopped; ++attempt) {
-      rc = trelConnectToATree(&segment_, &top_, &info, &key_, 0, nullptr, nullptr);
+      rc = trelConnectToATreeForReading(&segment_, &top_, &info, &key_, 0, nullptr, nullptr);
       if (rc) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     if (rc) segment_ = nullptr;
