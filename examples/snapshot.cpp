@@ -21,76 +21,80 @@ std::pair<std::string, std::string> split(const std::string& both) {
 
 }  // namespace
 
+// Each figure is whole; that all lists are of one shape, the node's counter of changes tells.
 uint32_t Snapshot::read(SNodeCB_t* node) {
-  uint32_t rc = trelEnterCriticalSectionBeforeRead(node, &node->nodeLatchArea);
-  if (rc) return rc;
-  rc = readInside(node);
-  const uint32_t left = trelExitCriticalSectionAfterRead(node, &node->nodeLatchArea);
-  return rc ? rc : left;
+  uint32_t rc = 0;
+  uint64_t before = 0, after = 1;
+  for (int attempt = 0; attempt < 10 && before != after; ++attempt) {
+    *this = {};
+    if ((rc = trelGetNodeReconfigCounter(node, &before))) return rc;
+    rc = readOnce(node);
+    if (const uint32_t failed = trelGetNodeReconfigCounter(node, &after)) return failed;
+  }
+  return rc;
 }
 
-uint32_t Snapshot::readInside(SNodeCB_t* node) {
-  uint8_t* address = nullptr;
+uint32_t Snapshot::readOnce(SNodeCB_t* node) {
+  uint8_t bytes[kTextSpace], *address = nullptr;
   uint64_t size = 0, tag = 0, count = 0;
-  uint32_t rc = trelReturnBaseRProperty(node, &tag, 1);
-  if (!rc) rc = trelGetValueForBaseRProperty(node, tag, &updates, 1);
-  if (!rc) rc = trelReturnBaseVProperty(node, &tag, &size, 1);
-  if (!rc) rc = trelGetValueForBaseVProperty(node, tag, &size, &address, nullptr, 1);
+  uint32_t rc = trelReturnBaseRProperty(node, &tag, 0);
+  if (!rc) rc = trelGetValueForBaseRProperty(node, tag, &updates, 0);
+  if (!rc) rc = trelReturnBaseVProperty(node, &tag, &size, 0);
+  if (!rc) rc = trelGetValueForBaseVProperty(node, tag, &size, &address, bytes, 0);
   if (rc) return rc;
-  title = text(address, size);
+  title = text(bytes, size);
 
   std::map<uint64_t, std::pair<std::string, std::string>> labels;
-  if ((rc = trelReturnVPropertyCount(node, 0, &count, 1))) return rc;
+  if ((rc = trelReturnVPropertyCount(node, 0, &count, 0))) return rc;
   Numbers tags(count), sizes(count), idSizes;
-  if (count && (rc = trelReturnVProperties(node, tags.data(), sizes.data(), 0, count, 1)))
+  if (count && (rc = trelReturnVProperties(node, tags.data(), sizes.data(), 0, count, 0)))
     return rc;
   for (uint64_t i = 0; i < count; ++i) {
-    if ((rc = trelGetValueForVProperty(node, tags[i], &size, &address, nullptr, 1))) return rc;
-    labels[tags[i]] = split(text(address, size));
+    if ((rc = trelGetValueForVProperty(node, tags[i], &size, &address, bytes, 0))) return rc;
+    labels[tags[i]] = split(text(bytes, size));
   }
   for (const auto& label : labels)
     if (label.first >= kTexts) texts.push_back(label.second);
 
-  if ((rc = trelReturnRPropertyCount(node, 0, &count, 1))) return rc;
+  if ((rc = trelReturnRPropertyCount(node, 0, &count, 0))) return rc;
   tags.assign(count, 0);
-  if (count && (rc = trelReturnRProperties(node, tags.data(), 0, count, 1))) return rc;
+  if (count && (rc = trelReturnRProperties(node, tags.data(), 0, count, 0))) return rc;
   std::sort(tags.begin(), tags.end());
   for (const uint64_t t : tags) {
     int32_t value = 0;
-    if ((rc = trelGetValueForRProperty(node, t, &value, 1))) return rc;
+    if ((rc = trelGetValueForRProperty(node, t, &value, 0))) return rc;
     registers.push_back({labels[t].first, labels[t].second, "", value});
   }
 
   std::vector<uint8_t> ids;
-  if ((rc = trelReturnIRPropertyCount(node, 0, &count, 1))) return rc;
+  if ((rc = trelReturnIRPropertyCount(node, 0, &count, 0))) return rc;
   tags.assign(count, 0);
   idSizes.assign(count, 0);
   ids.assign(count * kIdSpace, 0);
   if (count && (rc = trelReturnIRProperties(node, tags.data(), idSizes.data(), ids.data(), 0, count,
-                                            kIdSpace, 1)))
+                                            kIdSpace, 0)))
     return rc;
   for (uint64_t i = 0; i < count; ++i) {
     int32_t value = 0;
     const uint8_t* id = &ids[i * kIdSpace];
-    if ((rc = trelGetValueForIRProperty(node, tags[i], idSizes[i], id, &value, 1))) return rc;
+    if ((rc = trelGetValueForIRProperty(node, tags[i], idSizes[i], id, &value, 0))) return rc;
     const auto& label = labels[kInstanceLabels + tags[i]];
     instances.push_back({label.first, label.second, text(id, idSizes[i]), value});
   }
 
-  if ((rc = trelReturnIVPropertyCount(node, 0, &count, 1))) return rc;
+  if ((rc = trelReturnIVPropertyCount(node, 0, &count, 0))) return rc;
   tags.assign(count, 0);
   idSizes.assign(count, 0);
   sizes.assign(count, 0);
   ids.assign(count * kIdSpace, 0);
   if (count && (rc = trelReturnIVProperties(node, tags.data(), idSizes.data(), ids.data(),
-                                            sizes.data(), 0, count, kIdSpace, 1)))
+                                            sizes.data(), 0, count, kIdSpace, 0)))
     return rc;
   for (uint64_t i = 0; i < count; ++i) {
     const uint8_t* id = &ids[i * kIdSpace];
-    if ((rc =
-             trelGetValueForIVProperty(node, tags[i], idSizes[i], id, &size, &address, nullptr, 1)))
+    if ((rc = trelGetValueForIVProperty(node, tags[i], idSizes[i], id, &size, &address, bytes, 0)))
       return rc;
-    mounts.emplace_back(text(id, idSizes[i]), text(address, size));
+    mounts.emplace_back(text(id, idSizes[i]), text(bytes, size));
   }
   std::sort(mounts.begin(), mounts.end());
   return 0;

@@ -1,4 +1,4 @@
-// Everything that a status node holds, read in one critical section by enumeration alone.
+// Everything that a status node holds, read by enumeration alone.
 #pragma once
 
 #include <map>
@@ -24,5 +24,5 @@ struct Snapshot {
   uint32_t read(SNodeCB_t* node);
 
  private:
-  uint32_t readInside(SNodeCB_t* node);
+  uint32_t readOnce(SNodeCB_t* node);
 };

@@ -127,7 +127,20 @@ TREL_API uint32_t trelConnectToATree(ShmSegInfo_t** segInfo, SNodeCB_t** node, T
  * or delete the segment, gives TREL_RC_READING_ONLY at once; a store by the caller's own pointer is
  * a fault. A segment that this process holds for writing already serves. An attach for writing of
  * one that is held for reading maps it once more, with a record of its own; by its key that one is
- * found first. Undone by the detaches below. */
+ * found first. Undone by the detaches below.
+ *
+ * What works then: values and RC by key and by held record, counts, listings, finds, attributes of
+ * nodes, the condition, trelIsStillBeingUpdated, parents, dependents, searches, sums and walks;
+ * figures, user areas, reports and dumps of domain and pool, finds and prints of their lists,
+ * descriptions and the publisher; trelCopyNode and trelCopyTreeRecursively out of it, into process
+ * memory or into a segment held for writing. trelCopyTreeIntoSingleShmSegment ends its source, so
+ * it is refused; so are the latches, for reading too, and what asks to be called under one. Pass
+ * inCriticalSection 0. trelAuthorizeStatusSegment is between the caller and the kernel.
+ *
+ * A read answers from one instant at which nobody wrote to that node or heap; it does not wait for
+ * somebody inside a read section, and two reads are of two instants. Where there is no such instant
+ * for 200 ms, since a writer stays inside or died there: TREL_RC_WRITER_INSIDE. Try again: who may
+ * write repairs after a death when he comes next. */
 TREL_API uint32_t trelConnectToATreeForReading(ShmSegInfo_t** segInfo, SNodeCB_t** node,
                                                TopNodeInfo_t* top, const PLATIPCResID* key,
                                                uintptr_t address,
