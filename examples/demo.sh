@@ -10,11 +10,9 @@ children=()
 hex() { printf '0x%08x' "$1"; }
 say() { printf '\n== %s\n\n' "$*"; }
 finish() {
-  local child segment
+  local child
   for child in "${children[@]}"; do kill -KILL "$child" 2>/dev/null || true; done
-  for segment in "$key" "$network_key" $((key + 0x20000)); do
-    ipcrm -M "$(hex "$segment")" 2>/dev/null || true
-  done
+  "$bin/trel_publisher" "$key" --remove
 }
 trap finish EXIT
 

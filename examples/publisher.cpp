@@ -145,10 +145,8 @@ uint32_t Machine::compact(const Options& options) {
     if ((rc = follow(process.second.get(), &processes_))) return rc;
 
   // What the network's segment held is part of the copy now.
-  ShmSegInfo_t* network = nullptr;
   const PLATIPCResID key = keyOf(networkKey(options));
-  if (trelAttachStatusSegment(&network, &key, 0, 0, 0, nullptr, nullptr) == 0)
-    trelDeleteStatusSegment(&network, 4, 2, 2);
+  trelRemoveStatusSegment(&key, 2);
 
   rc = trelGetTreeInfo(newTop, newSegment, 1, 0, 0, &after);
   if (!rc) rc = trelGetShmDomainInfo(newSegment->shmDomainHandle, &newDomain);
@@ -207,11 +205,26 @@ uint32_t publishNetwork(ShmSegInfo_t** segment, const Options& options) {
   return rc ? rc : left;
 }
 
+// Needs nobody's help, in whatever state a kill has left them.
+int removeAll(const Options& options) {
+  bool ok = true;
+  for (const uint32_t each : {options.key, networkKey(options), compactionKey(options)}) {
+    const PLATIPCResID key = keyOf(each);
+    const uint32_t rc = trelRemoveStatusSegment(&key, 2);
+    if (rc != TREL_RC_SEGMENT_ABSENT && failed("remove the segment", rc)) ok = false;
+  }
+  return ok ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
-  if (!options.parse(argc, argv, "usage: trel_publisher KEY [--network] [--seconds N]\n")) return 2;
+  if (!options.parse(argc, argv,
+                     "usage: trel_publisher KEY [--network] [--seconds N] [--remove]\n"
+                     "--remove removes what killed publishers have left, and ends\n"))
+    return 2;
+  if (options.remove) return removeAll(options);
   stopOnSignals();
   std::signal(SIGUSR1, [](int) { compactionWanted = 1; });
   if (failed("initialise",
@@ -222,7 +235,7 @@ int main(int argc, char** argv) {
   const PLATIPCResID key = keyOf(options.network ? networkKey(options) : options.key);
   uint32_t rc = trelGetProtectedStatusSegment(&segment, kSegmentSize, &key, 0, 0, nullptr, nullptr);
   if (rc == TREL_RC_SEGMENT_EXISTS)
-    std::fputs("if its publisher is gone, remove it: trel_reader KEY --remove\n", stderr);
+    std::fputs("if its publisher is gone, remove it: trel_publisher KEY --remove\n", stderr);
   if (!failed("create the segment", rc)) {
     rc = options.network ? publishNetwork(&segment, options) : publishMachine(&segment, options);
     failed("publish", rc);

@@ -120,7 +120,6 @@ TREL_OFFSET(LatchArea_t, writeFlag, 260);
  * base of the parent's segment, stands there once there is a block. */
 #define TREL_RECREATION_OFFSET 1008u
 #define TREL_RECREATION_COPIED 1u
-#define TREL_RECREATION_LINKING 2u /* the parent's entry is about to lead to it */
 typedef struct RecreationIntent_t {
   TrelU32 condition;     /* of the node, from before */
   TrelU32 state;         /* TREL_RECREATION_..., 0: no copy */
@@ -134,6 +133,21 @@ TREL_OFFSET(RecreationIntent_t, state, 4);
 TREL_OFFSET(RecreationIntent_t, segInfoOffset, 8);
 TREL_OFFSET(RecreationIntent_t, nodeOffset, 16);
 TREL_OFFSET(RecreationIntent_t, born, 24);
+
+/* An entry of the node's list of dependents that a writer is making lead to another node of the same
+ * name, so that whoever comes after his death finishes it. Behind the spareLatch of the spare latch
+ * area. */
+#define TREL_LINK_NOTE_OFFSET 1072u
+typedef struct LinkNote_t {
+  TrelU64 place;      /* of the entry, from the node's start */
+  TrelU64 nodeOffset; /* and what it is to say, as in SNodeInfo_t */
+  TrelU64 segInfoOffset;
+  TrelU64 hdmInfoOffset;
+  TrelU64 sum; /* over these and the birth stamp, written last; anything else: no note */
+} LinkNote_t;
+
+TREL_SIZE(LinkNote_t, 40);
+TREL_OFFSET(LinkNote_t, sum, 32);
 
 /* One section: `size` bytes are reserved at `offset` from the node's start, `used` of them are in
  * use. used is 0 until the owner of the section writes it, and never above size. */
@@ -201,6 +215,9 @@ TREL_OFFSET(SNodeCB_t, spareLatchArea, 980);
 TREL_STATIC_ASSERT(980u + 4u + PLAT_LATCH_BYTES == TREL_RECREATION_OFFSET &&
                        TREL_RECREATION_OFFSET + 32u <= 980u + 4u + TREL_LATCH_CELL,
                    "recreation intent");
+TREL_STATIC_ASSERT(980u + 4u + TREL_LATCH_CELL + PLAT_LATCH_BYTES == TREL_LINK_NOTE_OFFSET &&
+                       TREL_LINK_NOTE_OFFSET + 40u <= 980u + 4u + 2u * TREL_LATCH_CELL,
+                   "link note");
 TREL_OFFSET(SNodeCB_t, concurrencyModel, 1368);
 TREL_OFFSET(SNodeCB_t, exportTable, 1372);
 

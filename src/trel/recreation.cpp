@@ -63,7 +63,7 @@ uint32_t Recreation::prepare() {
 // The condition from before is noted first: the mark leads others to it. The mark comes before the
 // condition that makes others look for it.
 uint32_t Recreation::disassociate() {
-  if (const uint32_t rc = hold.take(node, oldSeg)) return rc;
+  if (const uint32_t rc = hold.take(node)) return rc;
   link = {};
   if (const uint32_t rc = findParentLink(node, &link)) return rc;
   if (link.named != node) return TREL_RC_DEPENDENT_ABSENT;
@@ -149,7 +149,6 @@ uint32_t Recreation::replace(SNodeCB_t* made) {
     return 0u;
   });
   if (rc) return rc;
-  storeLast(&intentOf(node)->state, TREL_RECREATION_LINKING);
   return replaceLink(link, &record);
 }
 

@@ -12,7 +12,7 @@ uint32_t reachSearched(const SNodeInfo_t* entry, Reached* child) {
   switch (rc) {
     case TREL_RC_DISASSOCIATED:
       if (isMarkedForRecreation(child->node)) {
-        rc = endDeadRecreation(child->node, child->segInfo);
+        rc = endDeadRecreation(child->node);
         if (rc == 0) rc = lookAtCondition(child->node, accept::usable);
         if (rc) break;
       }

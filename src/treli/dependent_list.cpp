@@ -28,19 +28,52 @@ void clearDependents(DependentList* list, uint64_t maxIdSize) {
 
 // An entry that moves to another place of its segment changes by the one store of its nodeOffset,
 // and stays live. Any other is vacant while it is filled.
+static LinkNote_t* linkNoteOf(SNodeCB_t* node) {
+  return at<LinkNote_t>(node, TREL_LINK_NOTE_OFFSET);
+}
+
+static uint64_t sumOf(const LinkNote_t& note, const SNodeCB_t* node) {
+  uint64_t sum = birthStamp(node);
+  for (const TrelU64* word = &note.place; word != &note.sum; ++word)
+    sum = (sum ^ *word) * 0x9e3779b97f4a7c15;
+  return sum | 1;
+}
+
+// An entry of another name is vacant until it is whole. One of the same name is there throughout:
+// what it will say is noted, for whoever comes after a death in here.
 void storeDependent(SNodeCB_t* node, SNodeInfo_t* place, SNodeInfo_t* record, const uint8_t* id,
                     uint64_t idSize) {
   record->idSize = idSize;
   SNodeInfo_t stored = *record;
-  const uint64_t tag = stored.nodeTag;
-  stored.selfOffset = node->nodeOffset + offsetOf(place, node);
-  if (place->nodeTag != tag || place->segInfoOffset != stored.segInfoOffset) {
+  const uint64_t tag = stored.nodeTag, offset = offsetOf(place, node);
+  stored.selfOffset = node->nodeOffset + offset;
+  LinkNote_t* const note = linkNoteOf(node);
+  if (place->nodeTag == tag && place->idSize == idSize) {
+    *note = {offset, stored.nodeOffset, stored.segInfoOffset, stored.hdmInfoOffset, 0};
+    storeLast(&note->sum, sumOf(*note, node));
+  } else {
     stored.nodeTag = 0;
     storeLast(&place->nodeTag, 0);
   }
   *place = stored;
   if (idSize) memmove(place + 1, id, idSize);
   storeLast(&place->nodeTag, tag);
+  storeLast(&note->sum, 0);
+}
+
+// A writer died inside: finishes the entry that it was making lead elsewhere.
+static void finishLink(const DependentList& list) {
+  const LinkNote_t note = *linkNoteOf(list.node);
+  if (note.sum != sumOf(note, list.node)) return;
+  const uint64_t first = list.offset + kDependentHeader;
+  if (note.place >= first && (note.place - first) % list.stride() == 0 &&
+      (note.place - first) / list.stride() < list.capacity()) {
+    auto* place = at<SNodeInfo_t>(list.node, note.place);
+    place->nodeOffset = note.nodeOffset;
+    place->segInfoOffset = note.segInfoOffset;
+    place->hdmInfoOffset = note.hdmInfoOffset;
+  }
+  storeLast(&linkNoteOf(list.node)->sum, 0);
 }
 
 static uint32_t countChange(const DependentList& list, SNodeInfo_t* place) {
@@ -87,9 +120,10 @@ uint32_t removeDependent(DependentList& list, SNodeInfo_t* entry) {
 
 // One operation is off by one entry at most. More means that the places were not made vacant by
 // clearDependents(), and then they say nothing.
-void recountDependents(SNodeCB_t* node) {
+void repairDependents(SNodeCB_t* node) {
   DependentList list;
   if (locateDependents(node, &list) || list.maxIdSize == 0) return;
+  finishLink(list);
   uint32_t tags = 0;
   for (uint64_t i = 0, places = list.capacity(); i < places; ++i)
     tags += list.at<SNodeInfo_t>(kDependentHeader + i * list.stride())->nodeTag != 0;

@@ -170,8 +170,8 @@ uint32_t removeFound(SNodeCB_t* node, Find&& find) {
   return found.entry ? removeDependent(list, found.entry) : uint32_t{TREL_RC_DEPENDENT_ABSENT};
 }
 
-// A writer died inside: makes `used` agree with the tags.
-void recountDependents(SNodeCB_t* node);
+// A writer died inside: finishes what it noted, and makes `used` agree with the tags.
+void repairDependents(SNodeCB_t* node);
 
 // Sets or clears an export bit. Atomic, since it happens outside sections too, and in one byte,
 // since the word may lie at any address.

@@ -30,7 +30,7 @@ uint32_t consistently(const MetNode& met, Work&& work) {
   if (area->latchVersion != TREL_STRUCTURE_VERSION) return TREL_RC_LATCH_VERSION;
   const PLATLatchWait wait = {birthStampAt(node), met.born, kLongestWaitMs};
   if (const uint32_t rc = plat::latchGet(area->primaryLatch, &ownerDied, wait))
-    return rc == PLAT_RC_TIMEOUT ? TREL_RC_WRITER_INSIDE : TREL_RC_LATCH;
+    return rc == PLAT_RC_TIMEOUT ? TREL_RC_WRITER_INSIDE : latchFailure(rc);
   if (ownerDied) onNodeOwnerDied(node, area);
   const uint32_t rc = work();
   return firstOf(rc, unlockNode<Access::read>(area, NodeHold{true}));

@@ -14,6 +14,7 @@
 #include "platsvc/latch.h"
 #include "treli/birth_stamp.h"
 #include "treli/slot.h"
+#include "trelshm/latch_failure.h"
 
 namespace trel {
 
@@ -79,8 +80,8 @@ TREL_INLINE uint32_t lockNode(SNodeCB_t* node, LatchArea_t* area, NodeHold* hold
   // Another birth stamp: the memory holds another node now, not the one that was meant.
   const PLATLatchWait wait = {birthStampAt(node), birthStamp(node), PLAT_LATCH_NO_LIMIT};
   uint32_t ownerDied = 0;
-  if (TREL_UNLIKELY(plat::latchGet(area->primaryLatch, &ownerDied, wait) != 0))
-    return TREL_RC_LATCH;
+  const uint32_t rc = plat::latchGet(area->primaryLatch, &ownerDied, wait);
+  if (TREL_UNLIKELY(rc != 0)) return latchFailure(rc);
   if (TREL_UNLIKELY(ownerDied)) onNodeOwnerDied(node, area);
   if (TREL_UNLIKELY(once(node->concurrencyModel) != 1)) {  // changed while this thread waited
     if (plat::latchRelease(area->primaryLatch) != 0) return TREL_RC_LATCH;

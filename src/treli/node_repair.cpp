@@ -168,7 +168,7 @@ bool repairId(SNodeCB_t* node) {
 }  // namespace
 
 bool repairNode(SNodeCB_t* node) {
-  recountDependents(node);
+  repairDependents(node);
   const bool sound[] = {repairId(node),
                         repairBase<kind::BaseR>(node),
                         repairBase<kind::BaseV>(node),

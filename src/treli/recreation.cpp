@@ -10,16 +10,6 @@ namespace {
 
 uint8_t* latchOf(SNodeCB_t* node) { return node->spareLatchArea.primaryLatch; }
 
-// The module that serves the node, as its parent record names it.
-uint32_t moduleOf(const ShmSegInfo_t* segInfo, const SNodeInfo_t* parentRecord,
-                  const HdmModuleRecord_t** module) {
-  const uint64_t offset = parentRecord->hdmInfoOffset;
-  *module = nullptr;
-  if (offset == 0) return 0;
-  *module = static_cast<const HdmModuleRecord_t*>(inSegment(segInfo, offset, sizeof **module));
-  return *module ? 0 : uint32_t{TREL_RC_BLOCK_OUTSIDE_POOL};
-}
-
 // The copy that was noted, if it still is there. Its node stays null if not.
 void findCopy(const RecreationIntent_t& intent, const ParentLink& link, Reached* copy) {
   const ShmDomainHandle_t* domain = link.parent.segInfo->shmDomainHandle;
@@ -40,32 +30,17 @@ void restore(SNodeCB_t* node, uint32_t condition) {
   });
 }
 
-// The entry was taken away to be written anew, for the copy in another segment.
-void linkCopy(SNodeCB_t* node, const ShmSegInfo_t* segInfo, const ParentLink& link,
-              const Reached& copy) {
-  SNodeInfo_t* parentRecord = nullptr;
-  const HdmModuleRecord_t* module = nullptr;
-  SNodeInfo_t record = {};
-  if (parentRecordOf(node, &parentRecord) == 0 && moduleOf(segInfo, parentRecord, &module) == 0 &&
-      recordNode(&record, link.parent.segInfo, copy.segInfo, copy.node->nodeOffset, node->tag,
-                 link.idSize, module) == 0)
-    linkDependent(link.parent.node, &record, link.id, link.idSize, 0);
-}
-
-// Ends what a dead one has begun. The caller holds the latch.
-void settle(SNodeCB_t* node, const ShmSegInfo_t* segInfo) {
+// Ends what a dead one has begun, unless the parent's entry leads elsewhere already. The caller
+// holds the latch.
+void settle(SNodeCB_t* node) {
   const Look look;
   const RecreationIntent_t intent = *intentOf(node);
   ParentLink link;
   Reached copy;
-  if (!isMarkedForRecreation(node) || findParentLink(node, &link)) return;
+  if (!isMarkedForRecreation(node) || findParentLink(node, &link) || link.named != node) return;
   if (intent.state) findCopy(intent, link, &copy);
-  if (link.named == node) {
-    if (copy.node) giveNodeBack(&copy.node, copy.segInfo->shmPoolHandle);
-    restore(node, intent.condition);
-  } else if (!link.seen.entry && intent.state == TREL_RECREATION_LINKING && copy.node) {
-    linkCopy(node, segInfo, link, copy);
-  }
+  if (copy.node) giveNodeBack(&copy.node, copy.segInfo->shmPoolHandle);
+  restore(node, intent.condition);
 }
 
 }  // namespace
@@ -124,13 +99,13 @@ uint32_t replaceLink(const ParentLink& link, SNodeInfo_t* record) {
   });
 }
 
-uint32_t RecreationHold::take(SNodeCB_t* node, const ShmSegInfo_t* segInfo) {
+uint32_t RecreationHold::take(SNodeCB_t* node) {
   const PLATLatchWait wait = {birthStampAt(node), birthStamp(node), 0};
   uint32_t ownerDied = 0;
   if (const uint32_t rc = plat::latchGet(latchOf(node), &ownerDied, wait))
-    return rc == PLAT_RC_TIMEOUT ? TREL_RC_BEING_RECREATED : TREL_RC_LATCH;
+    return rc == PLAT_RC_TIMEOUT ? TREL_RC_BEING_RECREATED : latchFailure(rc);
   node_ = node;
-  if (ownerDied) settle(node, segInfo);
+  if (ownerDied) settle(node);
   storeLast(&intentOf(node)->state, 0);
   return 0;
 }
@@ -148,12 +123,12 @@ bool isBeingRecreated(SNodeCB_t* node) {
          (owner.state == PLAT_LATCH_ALIVE || owner.state == PLAT_LATCH_SELF);
 }
 
-uint32_t endDeadRecreation(SNodeCB_t* node, const ShmSegInfo_t* segInfo) {
+uint32_t endDeadRecreation(SNodeCB_t* node) {
   PLATLatchOwner owner = {};
   if (platVLatchOwner(latchOf(node), &owner) || owner.state != PLAT_LATCH_DEAD)
     return TREL_RC_BEING_RECREATED;
   RecreationHold hold;
-  return hold.take(node, segInfo);
+  return hold.take(node);
 }
 
 }  // namespace trel

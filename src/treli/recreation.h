@@ -2,7 +2,7 @@
 //
 // Who does so holds the latch of the node's spare area, and notes behind it how far he is. Whoever
 // meets the node's mark looks at the owner of that latch, and never waits: what a dead one has
-// begun is undone, or done if the copy was about to be linked.
+// begun is undone, unless the parent's entry leads to the copy.
 #pragma once
 
 #include "treli/dependent_list.h"
@@ -44,7 +44,7 @@ class RecreationHold {
   RecreationHold& operator=(const RecreationHold&) = delete;
 
   // TREL_RC_BEING_RECREATED if a living one has it. What a dead one has left is ended.
-  uint32_t take(SNodeCB_t* node, const ShmSegInfo_t* segInfo);
+  uint32_t take(SNodeCB_t* node);
   void end();
 
  private:
@@ -54,7 +54,7 @@ class RecreationHold {
 // For whoever meets the mark, outside of all sections. 0: its owner was dead, and the node has been
 // put in order: look again. TREL_RC_BEING_RECREATED: the owner lives, or the recreation has ended,
 // and the node was replaced or has been left as it is.
-uint32_t endDeadRecreation(SNodeCB_t* node, const ShmSegInfo_t* segInfo);
+uint32_t endDeadRecreation(SNodeCB_t* node);
 
 // Whether somebody who lives is at it.
 bool isBeingRecreated(SNodeCB_t* node);

@@ -45,7 +45,7 @@ uint32_t reachWalked(const ListReading& list, const ReadEntry& entry, ShmSegInfo
   uint32_t otherSegment = 0;
   *refusal = reachNode(entry.stored, child, walkSegment, &otherSegment, options);
   if (*refusal == TREL_RC_DISASSOCIATED && isMarkedForRecreation(child->node) &&
-      endDeadRecreation(child->node, child->segInfo) == 0)
+      endDeadRecreation(child->node) == 0)
     *refusal = lookAtCondition(child->node, accept::active);
   if (*refusal && !isRefusedCondition(*refusal)) return *refusal;
   *inside = otherSegment == 0 && !(passesAbandoned && *refusal == TREL_RC_ABANDONED);

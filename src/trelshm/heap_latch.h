@@ -4,12 +4,14 @@
 #include "platsvc/latch.h"
 #include "trelshm/flow.h"
 #include "trelshm/heap_view.h"
+#include "trelshm/latch_failure.h"
 
 namespace trel {
 
 inline uint32_t enterLatch(ExclusiveLatch_t* record, uint32_t* ownerDied) {
   if (TREL_UNLIKELY(record->version != TREL_STRUCTURE_VERSION)) return TREL_RC_LATCH_VERSION;
-  return TREL_UNLIKELY(plat::latchGet(record->latch, ownerDied) != 0) ? uint32_t{TREL_RC_LATCH} : 0;
+  const uint32_t rc = plat::latchGet(record->latch, ownerDied);
+  return TREL_UNLIKELY(rc != 0) ? latchFailure(rc) : 0;
 }
 
 inline uint32_t leaveLatch(ExclusiveLatch_t* record) {

@@ -3,8 +3,10 @@
 #include <string.h>
 
 #include "platsvc/latch.h"
+#include "platsvc/life.h"
 #include "platsvc/time.h"
 #include "trel/codes.h"
+#include "trelshm/latch_failure.h"
 #include "trelshm/store.h"
 
 namespace trel {
@@ -88,6 +90,9 @@ uint32_t SegmentMemory::attach(const PLATIPCResID* id, uintptr_t address, bool f
 uint32_t SegmentMemory::begin(const PLATIPCResID* id, uintptr_t address, uint32_t size,
                               uint32_t permissions) {
   id_ = *id;
+  // First the token, without which nobody holds a latch: the segment could be the last to be had.
+  uint32_t token = 0;
+  if (const uint32_t rc = platLifeToken(&token)) return latchFailure(rc);
   const PLATIPCMemoryCreateParam param = {PLAT_STRUCTURE_TAG, *id, size, address, permissions, 0};
   // A segment that could be made, but not mapped or latched, is not the caller's to remove. So that
   // it does not stay behind for a passing reason, a failure is tried once more.
@@ -118,14 +123,8 @@ uint32_t SegmentMemory::tryToBegin(const PLATIPCMemoryCreateParam& param) {
 // The latch of a segment that is not whole. There may be another maker, who gets it first.
 uint32_t SegmentMemory::takeLatch() {
   uint32_t makerDied = 0;
-  switch (platVLatchGetUnmade(header()->heapLatch.latch, &kShortWait, &makerDied)) {
-    case PLAT_RC_OK:
-      break;
-    case PLAT_RC_TIMEOUT:
-      return kMakeAgain;
-    default:
-      return TREL_RC_LATCH;
-  }
+  if (const uint32_t rc = platVLatchGetUnmade(header()->heapLatch.latch, &kShortWait, &makerDied))
+    return rc == PLAT_RC_TIMEOUT ? kMakeAgain : latchFailure(rc);
   if (header()->heapState != TREL_DOMAIN_STATE) {
     isMaker_ = true;
     return 0;
@@ -223,8 +222,8 @@ uint32_t removeHeld(PLATHIPCMemory* memory, HeapHeader_t* header) {
 
 uint32_t removeIfUnused(PLATHIPCMemory* memory, HeapHeader_t* header) {
   uint32_t ownerDied = 0;
-  if (platVLatchGetUnmade(header->heapLatch.latch, &kLongWait, &ownerDied))
-    return TREL_RC_POOL_CONNECTED;
+  if (const uint32_t rc = platVLatchGetUnmade(header->heapLatch.latch, &kLongWait, &ownerDied))
+    return rc == PLAT_RC_NO_TOKEN ? latchFailure(rc) : TREL_RC_POOL_CONNECTED;
   const uint32_t rc = removeHeld(memory, header);
   platVLatchRelease(header->heapLatch.latch);
   return rc;

@@ -143,6 +143,21 @@ TEST_F(SegmentDeaths, DeletionAndRemoval) {
       "delete by force", [&] { leaveOne(); }, deleteIt(2), goOn);
   die(
       "delete", [&] { leaveOne(); }, deleteIt(1), goOn);
+  // Whoever died connected does not count: a polite deletion ends the segment.
+  die(
+      "attach and detach", [&] { leaveOne(); },
+      [&] {
+        beginAnew();
+        ShmSegInfo_t* info = nullptr;
+        EXPECT_EQ(0u, trelAttachStatusSegment(&info, key, reinterpret_cast<uintptr_t>(place), 0, 0,
+                                              nullptr, nullptr));
+        EXPECT_EQ(0u, trelDetachStatusSegment(&info, 1));
+      },
+      [&](uint64_t) {
+        EXPECT_EQ(0, inOtherProcess(deleteIt(1)));
+        EXPECT_FALSE(key.exists());
+        live(kSize);
+      });
   // A removal dies in the middle.
   leaveOne();
   const int id = shmget(static_cast<key_t>(key.id().key), 0, 0);

@@ -113,16 +113,30 @@ TEST_F(TreeDeaths, Deletions) {
 }
 
 TEST_F(TreeDeaths, Recreation) {
-  const auto recreate = [&] {
+  Segment other{0x400000};  // for the copies of all deaths
+  const auto recreate = [&](const Segment& to) {
     SNodeCB_t *old = b, *copy = nullptr;
     SNodeInfo_t* entry = nullptr;
     uint64_t size = 0;
-    if (trelFindDependentNode(&entry, list, 4, 1, bytes("b"), 0) == 0 &&
-        entry->nodeOffset != b->nodeOffset)
+    EXPECT_EQ(0u, trelFindDependentNode(&entry, list, 4, 1, bytes("b"), 0));
+    SegIdentity_t* home = nullptr;
+    EXPECT_EQ(0u, trelFindAttachSegInfoNodeInLList(segment.pool(), &segment.info->identity, &home));
+    if (entry->nodeOffset != b->nodeOffset || entry->segInfoOffset != segment.offsetOf(home))
       return uint32_t{TREL_RC_DEPENDENT_ABSENT};  // it has its copy
-    return trelRecreateNodeWithMoreDepNodes(&old, &copy, segment.info, segment.info, 5, &size);
+    return trelRecreateNodeWithMoreDepNodes(&old, &copy, segment.info, to.info, 5, &size);
   };
-  die([&] { EXPECT_EQ(0u, recreate()); }, [&] { isDoneOrGone(recreate()); }, 1);
+  for (const Segment* to : {&segment, &other})
+    die([&] { EXPECT_EQ(0u, recreate(*to)); }, [&] { isDoneOrGone(recreate(*to)); }, 1);
+  // Who repairs dies as well.
+  const Image start = memory.save();
+  const Tags all = see();
+  memory.dieTwice(
+      start, [&] { recreate(segment); }, isFullRun() ? 1 : 25, [&] { see(); },
+      [&](uint64_t) {
+        EXPECT_EQ(all, see());
+        isDoneOrGone(recreate(segment));
+        EXPECT_EQ(all, see());
+      });
 }
 
 TEST_F(TreeDeaths, ParentOfANode) {
