@@ -170,12 +170,16 @@ class Get {
     }
     if (ownerOf(seen) != 0) {
       if (!seesItsToken()) return PLAT_RC_FOREIGN_LATCH;
-      if (ownerHasEnded(seen, isThorough(), nullptr)) return take(seen, ownerDied);
+      if (ownerHasEnded(seen, isThorough(), nullptr)) {
+        const uint64_t last = load(&latch_->word);  // others may have set or lost a bit meanwhile
+        return take(ownerOf(last) == ownerOf(seen) ? last : seen, ownerDied);
+      }
     }
     return isOver() ? uint32_t{PLAT_RC_TIMEOUT} : kGoOn;
   }
 
-  // True if it slept in vain.
+  // True if it slept in vain, or a look at the owner is due: a word that never stands still is news
+  // each time, and could be anybody's.
   bool sleep(uint64_t awaited) {
     if (start_ == 0) start_ = now();
     long time = nextSleep_;
@@ -185,7 +189,7 @@ class Get {
     waited_ = now() - start_;
     isUrgent_ = waited_ >= kUrgentWait;
     if (inVain) nextSleep_ = nextSleep_ * 2 < kLongestSleep ? nextSleep_ * 2 : kLongestSleep;
-    return inVain;
+    return inVain || waited_ >= nextThorough_;
   }
 
   // Whether it is time to ask procfs, which takes long, and finds what shmctl() does not.
