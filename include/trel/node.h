@@ -112,7 +112,8 @@ TREL_API uint32_t trelUpdateNodeStatus(SNodeCB_t* node);
  * that long. The tick is 16 bits of tenths of a second and wraps every 109 minutes. So a look just
  * behind the wrap calls a living publisher too old: believe two looks in a row. Around each later
  * wrap the tick calls a dead one young: there the record knows better, if the observer looks at
- * least once in 109 minutes and keeps one record for each node. Write section. */
+ * least once in 109 minutes and keeps one record for each node. Read section; a failure leaves
+ * seenCounter and seenTick. One record serves one thread at a time. */
 TREL_API uint32_t trelIsStillBeingUpdated(SNodeCB_t* node, WatchRecord_t* record);
 
 /* Changes of the node's structure so far. No latch, no test of the condition. */

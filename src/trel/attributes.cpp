@@ -96,22 +96,8 @@ uint32_t trelGetNodeID(SNodeCB_t* node, uint8_t** id, uint64_t* idSize,
     if (!node) return flow.fail(TREL_RC_NODE_NULL);
     if (!idSize) return flow.fail(TREL_RC_ID_SIZES_NULL);
     if (!id) return flow.fail(TREL_RC_ID_NULL);
-    Section section;
-    uint64_t found = 0;
-    const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
-      if (!(once(node->exports) & TREL_EXPORT_ID)) return flow.fail(TREL_RC_GET_ID_NO_EXPORT);
-      if (const uint32_t failure = openSection(node, TREL_EXPORT_ID, &section))
-        return flow.fail(failure);
-      if (const uint32_t failure = checkCondition(node, accept::published))
-        return flow.fail(failure);
-      if (section.size < sizeof(IdSection_t)) return flow.fail(TREL_RC_ID_BOUNDS);
-      found = once(section.at<IdSection_t>()->idSize);
-      return found > section.size - sizeof(IdSection_t) ? flow.fail(TREL_RC_ID_BOUNDS) : 0;
-    });
-    if (rc) return rc;
-    *idSize = found;
-    *id = section.at(sizeof(IdSection_t));
-    return 0;
+    const uint32_t rc = findNodeId(node, inCriticalSection, id, idSize);
+    return rc ? flow.fail(rc) : 0;
   });
 }
 

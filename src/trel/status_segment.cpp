@@ -7,6 +7,7 @@
 #include "treli/attachment.h"
 #include "trelshm/domain.h"
 #include "trelshm/handle.h"
+#include "trelshm/node_room.h"
 #include "trelshm/pool.h"
 #include "trelshm/segment_memory.h"
 
@@ -30,13 +31,15 @@ struct HeapSizing {
     userAreaSize = param->userAreaSize;
   }
 
-  // The bytes that a heap sized by `size` needs for itself.
-  uint32_t overhead(uint64_t size, uint64_t* bytes) const {
+  // The bytes that a heap sized by `size` needs for itself, or with `used` what it needs once it
+  // has handed out a block.
+  uint32_t overhead(uint64_t size, uint64_t* bytes, bool used = false) const {
     uint64_t count = nodeCount, level = maxLevel, header = 0, listHeader = 0, listSpace = 0;
     if (const uint32_t rc = trelGetHHeaderInfo(size, kind, &count, &level, round8(userAreaSize),
                                                &header, &listHeader, &listSpace))
       return rc;
-    *bytes = header + listSpace;
+    const uint64_t first = used ? spaceForFirst(level) : 0;
+    *bytes = header + (first > listSpace ? first : listSpace);
     return 0;
   }
 };
@@ -101,7 +104,10 @@ uint32_t Creation::payload(uint32_t* bytes) const {
     if (const uint32_t rc = largestPayload(pool, wholePool + kUsualPads, wholePool, &wanted))
       return rc;
   } else if (poolSize == 0) {
-    if (const uint32_t rc = largestPayload(pool, managed, sure, &wanted)) return rc;
+    // The list of a domain of very few nodes takes from that memory what the pool's node needs.
+    if (const uint32_t rc = domain.overhead(size, &own, true)) return rc;
+    if (const uint32_t rc = largestPayload(pool, size > own ? size - own : 0, sure, &wanted))
+      return rc;
   } else if (poolSize <= sure) {
     wanted = poolSize + margin;
   } else if (poolSize <= managed) {

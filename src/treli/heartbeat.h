@@ -8,7 +8,7 @@ namespace trel {
 
 // A heartbeat, shown or watched, has codes of its own for each condition.
 inline uint32_t checkBeating(const SNodeCB_t* node) {
-  switch (node->condition) {
+  switch (once(node->condition)) {
     case TREL_CONDITION_CREATED:
       return TREL_RC_BEAT_CREATED;
     case TREL_CONDITION_INITIALISED:

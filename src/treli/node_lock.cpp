@@ -125,6 +125,23 @@ uint32_t leaveExported(uint32_t function, SNodeCB_t* node, LatchArea_t* area) {
 }
 
 }  // namespace
+uint32_t findNodeId(SNodeCB_t* node, uint64_t inCriticalSection, uint8_t** id, uint64_t* idSize) {
+  Section section;
+  uint64_t found = 0;
+  const uint32_t rc = looking(node, inCriticalSection, [&]() -> uint32_t {
+    if (!(once(node->exports) & TREL_EXPORT_ID)) return TREL_RC_GET_ID_NO_EXPORT;
+    if (const uint32_t failure = openSection(node, TREL_EXPORT_ID, &section)) return failure;
+    if (const uint32_t failure = checkCondition(node, accept::published)) return failure;
+    if (section.size < sizeof(IdSection_t)) return TREL_RC_ID_BOUNDS;
+    found = once(section.at<IdSection_t>()->idSize);
+    return found > section.size - sizeof(IdSection_t) ? uint32_t{TREL_RC_ID_BOUNDS} : 0;
+  });
+  if (rc) return rc;
+  *idSize = found;
+  *id = section.at(sizeof(IdSection_t));
+  return 0;
+}
+
 }  // namespace trel
 
 using namespace trel;

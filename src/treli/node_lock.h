@@ -220,6 +220,9 @@ TREL_INLINE uint32_t reading(SNodeCB_t* node, uint64_t inCriticalSection, uint32
   });
 }
 
+// Where the node's identifier is, and its size. A failure leaves the outs.
+uint32_t findNodeId(SNodeCB_t* node, uint64_t inCriticalSection, uint8_t** id, uint64_t* idSize);
+
 // Runs work() in a write section of such a node.
 template <class Work>
 TREL_INLINE uint32_t writing(SNodeCB_t* node, uint64_t inCriticalSection, uint32_t mask,

@@ -179,6 +179,13 @@ uint32_t targetOf(const SNodeInfo_t* record, Target* target) {
   return readTarget(&look.pins(), record, target, &home);
 }
 
+bool nameOneSegment(const SNodeInfo_t* a, const SNodeInfo_t* b) {
+  Target first, second;
+  if (targetOf(a, &first) || targetOf(b, &second))
+    return once(a->segInfoOffset) == once(b->segInfoOffset);
+  return first.identity.segmentKey.key == second.identity.segmentKey.key;
+}
+
 uint32_t locateNode(const SNodeInfo_t* record, Reached* reached, const ShmSegInfo_t* current,
                     uint32_t* otherSegment, uint32_t options) {
   Look look;

@@ -38,6 +38,8 @@ struct Target {
 };
 
 uint32_t targetOf(const SNodeInfo_t* record, Target* target);
+// Whether two records name the same segment. Its key can stand on a shared list twice.
+bool nameOneSegment(const SNodeInfo_t* a, const SNodeInfo_t* b);
 
 // The refusals of a node that was reached all the same: it is not active.
 constexpr bool isRefusedCondition(uint32_t code) {

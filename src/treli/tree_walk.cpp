@@ -144,7 +144,7 @@ uint32_t findInParent(SNodeCB_t* node, Goner* goner) {
   if (const uint32_t rc = parentRecordOf(node, &record)) return rc;
   SoughtName name = {node->tag, nullptr, 0, true};
   uint8_t* id = nullptr;
-  if (const uint32_t rc = trelGetNodeID(node, &id, &name.idSize, 0)) return rc;
+  if (const uint32_t rc = findNodeId(node, 0, &id, &name.idSize)) return rc;
   name.id = id;
   SNodeCB_t* parent = nullptr;
   if (const uint32_t rc = nodeBehind(record, &parent)) return rc;
@@ -396,15 +396,19 @@ struct TreeSum {
   uint32_t leave(SNodeCB_t* node) { return count(node, tag, &gathered); }
 };
 
-// The stored entry of which the record is a copy, or itself. Both count from the same base, so
-// equal offsets mean the same node.
+// Whether an entry names the node that a record names.
+bool nameOneNode(const SNodeInfo_t* entry, const SNodeInfo_t& record) {
+  return once(entry->nodeOffset) == record.nodeOffset && nameOneSegment(entry, &record);
+}
+
+// The stored entry of which the record is a copy.
 uint32_t findStored(const DependentList& list, const SNodeInfo_t& record, FoundDependent* found) {
   found->walk = DependentWalk(list);
   for (;;) {
     if (const uint32_t rc = found->walk.next(&found->entry)) return rc;
     const SNodeInfo_t* entry = found->entry;
-    if (!entry || (entry->nodeOffset == record.nodeOffset && entry->nodeTag == record.nodeTag &&
-                   entry->idSize == record.idSize && entry->segInfoOffset == record.segInfoOffset))
+    if (!entry || (entry->nodeTag == record.nodeTag && entry->idSize == record.idSize &&
+                   nameOneNode(entry, record)))
       return 0;
   }
 }
@@ -454,12 +458,15 @@ static uint32_t whyNotFound(SNodeCB_t* parent, const SNodeInfo_t& sought, uint32
 // The name is exact here: without an identifier a sibling of the same tag must not go instead. And
 // the entry must name the child itself.
 uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t** child) {
-  const SNodeInfo_t sought = copyOnce(record);
+  SNodeInfo_t sought = copyOnce(record);
+  if (sought.selfOffset)  // it counts from there, the copy from the base
+    sought.segBase = offsetOf(record, nullptr) - sought.selfOffset;
+  sought.selfOffset = 0;
   if (const uint32_t rc = nodeBehind(record, child)) return whyNotFound(parent, sought, rc);
   const MetNode met(*child);
   uint8_t* id = nullptr;
   uint64_t idSize = 0;
-  const uint32_t rc = trelGetNodeID(met.node, &id, &idSize, 0);
+  const uint32_t rc = findNodeId(met.node, 0, &id, &idSize);
   const bool isUnnamed = rc == TREL_RC_CREATED || rc == TREL_RC_INITIALISED;  // not told yet
   if (rc && !isUnnamed) return whyNotFound(parent, sought, rc);
   if (!isUnnamed && idSize != sought.idSize) return TREL_RC_COMPARE_ID_SIZE;
@@ -469,7 +476,7 @@ uint32_t unlinkChild(SNodeCB_t* parent, const SNodeInfo_t* record, SNodeCB_t** c
       const uint32_t failure = isUnnamed
                                    ? findStored(list, sought, found)
                                    : findDependent(list, {sought.nodeTag, id, idSize, true}, found);
-      const bool isOther = found->entry && found->entry->nodeOffset != sought.nodeOffset;
+      const bool isOther = found->entry && !nameOneNode(found->entry, sought);
       if (isOther || !met.isAlive()) found->entry = nullptr;
       return failure;
     });

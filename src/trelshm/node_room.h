@@ -17,7 +17,16 @@ constexpr uint64_t nodeSize(NodeKind kind, uint64_t level) {
 }
 
 // What every ordinary new node leaves free behind it, so that blocks can still come back.
-inline uint64_t reserveOf(const Heap& heap) { return 40 * heap.maxLevel() + 96; }
+constexpr uint64_t reserveAt(uint64_t maxLevel) { return 40 * maxLevel + 96; }
+inline uint64_t reserveOf(const Heap& heap) { return reserveAt(heap.maxLevel()); }
+
+// The space in which the first block of a new heap is named, whatever it leaves of the memory.
+constexpr uint64_t spaceForFirst(uint64_t maxLevel) {
+  constexpr uint64_t kNodes = freeNodeSize(1) + allocNodeSize(0);
+  constexpr uint64_t kReturns = round8(3 * (allocNodeSize(0) + freeNodeSize(0)) / 2);
+  const uint64_t nodes = kNodes + reserveAt(maxLevel);
+  return slHeaderSizeOf(maxLevel) + (nodes > kReturns ? nodes : kReturns);
+}
 
 struct NodeRoom {
   uint64_t node, level;
