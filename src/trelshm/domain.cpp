@@ -141,7 +141,7 @@ namespace {
 
 // Why nobody can connect to a segment, whatever its heap says of itself.
 uint32_t connectFailure(const SegmentMemory& memory) {
-  switch (stateOf(memory.base, memory.object()->getSize())) {
+  switch (stateOf(memory.base)) {
     case SegmentState::whole:
       return 0;
     case SegmentState::foreign:

@@ -12,7 +12,7 @@
 namespace trel {
 namespace {
 
-constexpr uint64_t kPage = 4096;
+constexpr size_t kPage = 4096;  // the least that the system maps, however small the segment
 constexpr size_t kLatchStart = offsetof(HeapHeader_t, heapLatch);
 constexpr size_t kLatchEnd = kLatchStart + sizeof(ExclusiveLatch_t);
 
@@ -22,7 +22,7 @@ constexpr PLATLatchWait kShortWait = {nullptr, 0, 1};
 constexpr PLATLatchWait kLongWait = {nullptr, 0, 200};
 
 bool isZero(const uint8_t* bytes, size_t size) {
-  return size == 0 || (bytes[0] == 0 && memcmp(bytes, bytes + 1, size - 1) == 0);
+  return bytes[0] == 0 && memcmp(bytes, bytes + 1, size - 1) == 0;
 }
 
 bool isMarked(const HeapHeader_t* header) {
@@ -32,7 +32,7 @@ bool isMarked(const HeapHeader_t* header) {
 
 }  // namespace
 
-SegmentState stateOf(const void* base, uint64_t size) {
+SegmentState stateOf(const void* base) {
   const auto* header = static_cast<const HeapHeader_t*>(base);
   const uint64_t version = header->heapVersion;
   if (version == TREL_STRUCTURE_VERSION)
@@ -40,8 +40,7 @@ SegmentState stateOf(const void* base, uint64_t size) {
   if (version != 0) return SegmentState::foreign;
   if (header->heapState != TREL_DOMAIN_STATE && isMarked(header)) return SegmentState::unversioned;
   const auto* bytes = static_cast<const uint8_t*>(base);
-  const bool isFresh = isZero(bytes, kLatchStart) &&
-                       isZero(bytes + kLatchEnd, (size < kPage ? size : kPage) - kLatchEnd);
+  const bool isFresh = isZero(bytes, kLatchStart) && isZero(bytes + kLatchEnd, kPage - kLatchEnd);
   return isFresh ? SegmentState::unversioned : SegmentState::foreign;
 }
 
@@ -144,7 +143,7 @@ bool SegmentMemory::isAlone(int tries) const {
 }
 
 uint32_t SegmentMemory::takeUp(const PLATIPCMemoryCreateParam& param) {
-  switch (stateOf(base, object_->getSize())) {
+  switch (stateOf(base)) {
     case SegmentState::whole:
     case SegmentState::foreign:
       return TREL_RC_SEGMENT_EXISTS;
@@ -234,7 +233,7 @@ uint32_t removeAttached(PLATHIPCMemory* memory, uint32_t mode) {
   PLATSegmentState state;
   if (memory->getAddress(&base)) return TREL_RC_SEGMENT_ADDRESS;
   if (const uint32_t rc = memory->getState(&state)) return attachFailure(rc);
-  const SegmentState found = stateOf(base, memory->getSize());
+  const SegmentState found = stateOf(base);
   if (found == SegmentState::foreign) return TREL_RC_SEGMENT_FOREIGN;
   if (!state.mayRemove) return TREL_RC_SEGMENT_FORBIDDEN;
   const bool isForced = mode == 2 && found != SegmentState::unversioned;

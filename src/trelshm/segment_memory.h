@@ -24,7 +24,7 @@ enum class SegmentState {
 };
 
 // What the memory holds; the first page tells.
-SegmentState stateOf(const void* base, uint64_t size);
+SegmentState stateOf(const void* base);
 
 // The code that tells why a segment could not be attached.
 uint32_t attachFailure(uint32_t platformCode);
