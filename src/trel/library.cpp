@@ -16,13 +16,7 @@ uint8_t trelAPIInitLatch = 0;
 namespace trel {
 namespace {
 
-class InitLatch {
- public:
-  InitLatch() { takeByteLatch(&trelAPIInitLatch); }
-  ~InitLatch() { giveByteLatch(&trelAPIInitLatch); }
-  InitLatch(const InitLatch&) = delete;
-  InitLatch& operator=(const InitLatch&) = delete;
-};
+using InitLatch = ByteLatchHold<trelAPIInitLatch>;
 
 uint32_t initialiseFirst(uint32_t handleVersion) {
   trelSegAttachLatch = 0;

@@ -11,4 +11,14 @@ inline void takeByteLatch(uint8_t* latch) {
 
 inline void giveByteLatch(uint8_t* latch) { platLinuxIA32AtomicReleaseLock8Internal(latch); }
 
+// The latch is held while an object lives.
+template <uint8_t& latch>
+class ByteLatchHold {
+ public:
+  ByteLatchHold() { takeByteLatch(&latch); }
+  ~ByteLatchHold() { giveByteLatch(&latch); }
+  ByteLatchHold(const ByteLatchHold&) = delete;
+  ByteLatchHold& operator=(const ByteLatchHold&) = delete;
+};
+
 }  // namespace trel

@@ -283,13 +283,7 @@ std::atomic<uintptr_t> totalBytes{0};
 MappedSegment* made = nullptr;
 MappedSegment* unused = nullptr;
 
-class TableLatch {
- public:
-  TableLatch() { takeByteLatch(&tableLatch); }
-  ~TableLatch() { giveByteLatch(&tableLatch); }
-  TableLatch(const TableLatch&) = delete;
-  TableLatch& operator=(const TableLatch&) = delete;
-};
+using TableLatch = ByteLatchHold<tableLatch>;
 
 // A change of the table, from an even generation to the next. The caller holds the latch.
 class Change {

@@ -20,36 +20,21 @@ TrelDescription_t descriptionOf(const Stage& s) {
   return d;
 }
 
+// Attaches by a key, and looks at the top node.
+template <class Enter>
+void enterAndLook(Stage& s, Enter* enter) {
+  SNodeCB_t* node = nullptr;
+  ShmSegInfo_t* seg = nullptr;
+  if (enter(&seg, &node, s.out<TopNodeInfo_t>(), &s.key, 0, nullptr, nullptr)) return;
+  s.look(node);
+  trelDetachFromTopNode(&seg, 1);
+}
+#define ENTER(name) WORK(door, name, { enterAndLook(s, name); })
+
 const Operation kRows[] = {
-    WORK(door, trelConnectToATree,
-         {
-           SNodeCB_t* node = nullptr;
-           ShmSegInfo_t* seg = nullptr;
-           if (trelConnectToATree(&seg, &node, s.out<TopNodeInfo_t>(), &s.key, 0, nullptr, nullptr))
-             return;
-           s.look(node);
-           trelDetachFromTopNode(&seg, 1);
-         }),
-    WORK(door, trelConnectToATreeForReading,
-         {
-           SNodeCB_t* node = nullptr;
-           ShmSegInfo_t* seg = nullptr;
-           if (trelConnectToATreeForReading(&seg, &node, s.out<TopNodeInfo_t>(), &s.key, 0, nullptr,
-                                            nullptr))
-             return;
-           s.look(node);
-           trelDetachFromTopNode(&seg, 1);
-         }),
-    WORK(door, trelAttachToTopNode,
-         {
-           SNodeCB_t* node = nullptr;
-           ShmSegInfo_t* seg = nullptr;
-           if (trelAttachToTopNode(&seg, &node, s.out<TopNodeInfo_t>(), &s.key, 0, nullptr,
-                                   nullptr))
-             return;
-           s.look(node);
-           trelDetachFromTopNode(&seg, 1);
-         }),
+    ENTER(trelConnectToATree),
+    ENTER(trelConnectToATreeForReading),
+    ENTER(trelAttachToTopNode),
     WORK(door, trelAttachStatusSegment,
          {
            ShmSegInfo_t* seg = nullptr;

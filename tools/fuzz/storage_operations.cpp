@@ -47,6 +47,13 @@ void readUserArea(Stage& s, Told&& told, Read&& read) {
   if (uint8_t* data = s.outs.take(*size)) read(size, data);
 }
 
+template <class Handle>
+Handle* copyOnHeap(const Handle& handle) {
+  void* block = nullptr;
+  _platMemAlloc(&block, 0, sizeof(Handle), 1, "", 0);
+  return new (block) Handle(handle);
+}
+
 const Operation kRows[] = {
     WORK(read, trelGetUserAppAreaSize,
          { trelGetUserAppAreaSize(s.base, anyHeap(s).offset, s.out<uint64_t>()); }),
@@ -98,9 +105,7 @@ const Operation kRows[] = {
          }),
     WORK(read, trelDestroyShmDomainHandle,
          {
-           void* block = nullptr;
-           _platMemAlloc(&block, 0, sizeof(ShmDomainHandle_t), 1, "", 0);
-           auto* handle = new (block) ShmDomainHandle_t(*s.domain);
+           auto* handle = copyOnHeap(*s.domain);
            handle->ipcMemory = nullptr;
            trelDestroyShmDomainHandle(&handle);
          }),
@@ -142,9 +147,7 @@ const Operation kRows[] = {
          }),
     WORK(read, trelDestroyShmPoolHandle,
          {
-           void* block = nullptr;
-           _platMemAlloc(&block, 0, sizeof(ShmPoolHandle_t), 1, "", 0);
-           auto* handle = new (block) ShmPoolHandle_t(*s.pool);
+           auto* handle = copyOnHeap(*s.pool);
            trelDestroyShmPoolHandle(&handle);
          }),
     WORK(write, trelLatchShmPool,
