@@ -263,7 +263,7 @@ struct TreePicture {
     nodes.push_back(node);
     bytes += node->nodeSize;
     for (uint64_t i = 0; i < 12; ++i)
-      if (i == 10 || node->exports >> (i + 1) & 1) sizes.push_back(node->exportTable[i].size);
+      if (i == 10 || node->exports >> (i + 1) & 1) sizes.push_back(+node->exportTable[i].size);
     if (!(node->exports & TREL_EXPORT_DEPENDENT)) return;
     SNodeInfo_t* entry = nullptr;
     uint64_t live = 0, room = 0;

@@ -88,7 +88,9 @@ TEST_F(SeldomInTree, NodesAndHandles) {
   ASSERT_EQ(0u, trelConnectToShmDomain(segment.key, 0, nullptr, &record->shmDomainHandle));
   ASSERT_EQ(0u, trelConnectToShmPool(&record->shmPoolHandle, record->shmDomainHandle,
                                      static_cast<uint32_t>(segment.pool()->poolOffset), nullptr));
-  shmdt(record->shmDomainHandle->base);
+  PLATHIPCMemory* const memory = record->shmDomainHandle->ipcMemory;
+  EXPECT_EQ(0u, memory->detach());
+  delete memory;
   EXPECT_EQ(0u, trelDestroySegInfoAndHandles(&record));
   EXPECT_EQ(nullptr, record);
 
