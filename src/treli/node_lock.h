@@ -161,9 +161,11 @@ Turn nextTurn(SNodeCB_t* node, Turn turn);
 // Runs work(), which changes nothing but what the caller's pointers lead to, on a node that stands
 // still; it does not know whether by version, by the latch, or inside the caller's own hold. It may
 // run several times, and only what the last run finds counts. It loads each word once, tests what
-// it loaded, and writes to the caller's memory within bounds that are the caller's own.
-template <class Work>
-TREL_INLINE uint32_t looking(SNodeCB_t* node, uint64_t inCriticalSection, Work&& work) {
+// it loaded, and writes to the caller's memory within bounds that are the caller's own. missed() is
+// called before anything is waited for.
+template <class Work, class Missed>
+TREL_INLINE uint32_t looking(SNodeCB_t* node, uint64_t inCriticalSection, Work&& work,
+                             Missed&& missed) {
   using Way = Turn::Way;
   for (Turn turn = {inCriticalSection ? Way::free : Way::version, 0, 0, 0};;) {
     Version version;
@@ -174,9 +176,15 @@ TREL_INLINE uint32_t looking(SNodeCB_t* node, uint64_t inCriticalSection, Work&&
         return firstOf(rc, unlockNode<Access::read>(&node->nodeLatchArea, NodeHold{true}));
       if (TREL_LIKELY(version.stands(node))) return rc;
     }
+    missed();
     turn = nextTurn(node, turn);
     if (turn.failure) return turn.failure;
   }
+}
+
+template <class Work>
+TREL_INLINE uint32_t looking(SNodeCB_t* node, uint64_t inCriticalSection, Work&& work) {
+  return looking(node, inCriticalSection, work, [] {});
 }
 
 // Runs work() on a node that stands still: locked, or where it may only be read, by looks. Then it

@@ -140,9 +140,10 @@ TREL_INLINE uint32_t setHeldRegister(SNodeCB_t* node, typename K::Record* record
   });
 }
 
-// M as it stands in the section when an operation begins, whether it counts or not. A caller who
-// gives a buffer without its size has sized it by that; who makes the list anew with a larger one
-// meanwhile must not make it overflow.
+// M as it stands in the section, whether it counts or not. A caller who gives a buffer without its
+// size has sized it by the M that the operation finds first; who makes the list anew with a larger
+// one while it waits must not make it overflow. The first look learns it, or where that did not
+// count and had not come so far, this does before the wait.
 template <class K>
 uint64_t maxValueSizeNow(SNodeCB_t* node) {
   Section section;
@@ -156,18 +157,25 @@ template <class K>
 TREL_INLINE uint32_t getBytes(SNodeCB_t* node, const Key& key, uint64_t* size, uint8_t** address,
                               uint8_t* buffer, uint64_t inCriticalSection) {
   const uint32_t refusal = !size ? TREL_RC_VALUE_SIZES_NULL : !address ? K::valueNull : 0;
-  const uint64_t room = buffer && node ? maxValueSizeNow<K>(node) : TREL_MAX_VALUE_SIZE;
+  if (!node) return TREL_RC_NODE_NULL;
+  constexpr uint64_t unknown = UINT64_MAX;
+  uint64_t room = buffer ? unknown : TREL_MAX_VALUE_SIZE;
   uint64_t stored = 0;
   uint8_t* bytes = nullptr;
-  const uint32_t rc = readKey<K>(node, key, refusal, inCriticalSection,
-                                 [&](const List<K>& list, auto* record) TREL_INLINED -> uint32_t {
-                                   stored = once(record->valueSize);
-                                   if (stored > list.maxValueSize || stored > room)
-                                     return TREL_RC_VALUE_SIZE;
-                                   bytes = list.valueOf(record);
-                                   if (buffer) copyBytes(buffer, bytes, stored);
-                                   return 0;
-                                 });
+  const auto work = [&](const List<K>& list, auto* record) TREL_INLINED -> uint32_t {
+    if (room == unknown)
+      room = K::base && list.maxValueSize > TREL_MAX_VALUE_SIZE ? 0 : list.maxValueSize;
+    stored = once(record->valueSize);
+    if (stored > list.maxValueSize || stored > room) return TREL_RC_VALUE_SIZE;
+    bytes = list.valueOf(record);
+    if (buffer) copyBytes(buffer, bytes, stored);
+    return 0;
+  };
+  const uint32_t rc = looking(
+      node, inCriticalSection, [&]() TREL_INLINED { return onKey<K>(node, key, 1, refusal, work); },
+      [&] {
+        if (room == unknown) room = maxValueSizeNow<K>(node);
+      });
   if (TREL_UNLIKELY(rc)) return rc;
   *address = bytes;
   *size = stored;

@@ -38,6 +38,12 @@ struct Section {
   }
 };
 
+// The code by which a slot that failed a test is refused.
+inline uint32_t refusalOf(const Section& section) {
+  if (section.offset == 0) return TREL_RC_SLOT_OFFSET;
+  return section.used > section.size ? TREL_RC_SLOT_USED : TREL_RC_SLOT_SIZE;
+}
+
 // The tests of trelGetPExportPointer. *slot is written as soon as the bit is known to be good.
 TREL_INLINE uint32_t readSlot(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t** slot,
                               Section* section) {
@@ -45,10 +51,9 @@ TREL_INLINE uint32_t readSlot(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t*
   if (n == 0 || n > kReachableSlots) return TREL_RC_EXPORT_BIT;
   *slot = &node->exportTable[n - 1];
   *section = {node, once((*slot)->offset), once((*slot)->size), once((*slot)->used)};
-  if (TREL_UNLIKELY(section->offset == 0)) return TREL_RC_SLOT_OFFSET;
-  if (TREL_UNLIKELY(section->used > section->size)) return TREL_RC_SLOT_USED;
-  if (TREL_UNLIKELY(section->size > TREL_MAX_SECTION_SIZE)) return TREL_RC_SLOT_SIZE;
-  return 0;
+  const bool sound = section->offset != 0 && section->used <= section->size &&
+                     section->size <= TREL_MAX_SECTION_SIZE;
+  return TREL_LIKELY(sound) ? 0 : refusalOf(*section);
 }
 
 // For an operation that is going to touch the section: it must also lie behind the node's header,
@@ -56,13 +61,19 @@ TREL_INLINE uint32_t readSlot(SNodeCB_t* node, uint32_t exportBit, ExportSlot_t*
 // tested it.
 TREL_INLINE uint32_t openSection(SNodeCB_t* node, uint32_t exportBit, Section* section,
                                  uint64_t nodeSize) {
-  ExportSlot_t* slot = nullptr;
-  if (const uint32_t rc = readSlot(node, exportBit, &slot, section)) return rc;
-  const uint64_t end = section->offset + section->size;
-  if (TREL_UNLIKELY(section->offset - sizeof(SNodeCB_t) > TREL_MAX_NODE_SIZE || end > nodeSize ||
-                    end > bytesMappedFrom(node)))
-    return TREL_RC_SLOT_SIZE;
-  return 0;
+  const uint32_t n = bitNumber(exportBit);
+  if (n == 0 || n > kReachableSlots) return TREL_RC_EXPORT_BIT;
+  const ExportSlot_t& slot = node->exportTable[n - 1];
+  const Section found = {node, once(slot.offset), once(slot.size), once(slot.used)};
+  *section = found;
+  const uint64_t mapped = bytesMappedFrom(node);
+  const uint64_t bound = nodeSize < mapped ? nodeSize : mapped;
+  // An offset of 0 lies in front of the header, too: one test for both.
+  if (TREL_LIKELY(found.offset - sizeof(SNodeCB_t) <= TREL_MAX_NODE_SIZE &&
+                  found.used <= found.size && found.size <= TREL_MAX_SECTION_SIZE &&
+                  found.offset + found.size <= bound))
+    return 0;
+  return refusalOf(found);
 }
 
 TREL_INLINE uint32_t openSection(SNodeCB_t* node, uint32_t exportBit, Section* section) {
