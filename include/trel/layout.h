@@ -134,9 +134,9 @@ TREL_OFFSET(RecreationIntent_t, segInfoOffset, 8);
 TREL_OFFSET(RecreationIntent_t, nodeOffset, 16);
 TREL_OFFSET(RecreationIntent_t, born, 24);
 
-/* An entry of the node's list of dependents that a writer is making lead to another node of the same
- * name, so that whoever comes after his death finishes it. Behind the spareLatch of the spare latch
- * area. */
+/* An entry of the node's list of dependents that a writer is making lead to another node of the
+ * same name, so that whoever comes after his death finishes it. Behind the spareLatch of the spare
+ * latch area. */
 #define TREL_LINK_NOTE_OFFSET 1072u
 typedef struct LinkNote_t {
   TrelU64 place;      /* of the entry, from the node's start */

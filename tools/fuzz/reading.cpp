@@ -194,11 +194,13 @@ class Sweep {
       dup2(nowhere, STDERR_FILENO);
       close(ends[0]);
       std::string finding;
+      world_->takeOwnFreeKeys();
       try {
         finding = findingOf(row, seed, ends[1]);
       } catch (const std::exception& error) {
         finding = error.what();
       }
+      world_->removeFreeKeys();
       if (finding.empty()) _exit(0);
       tell(report, operations_[row], seed, finding);
       _exit(1);

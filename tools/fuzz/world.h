@@ -3,6 +3,8 @@
 // own; each case starts from the same bytes.
 #pragma once
 
+#include <unistd.h>
+
 #include <array>
 
 #include "case.h"
@@ -44,11 +46,14 @@ struct World {
   std::array<Held, 2> held{};            // of kHashed and kFlat
   Words words;
 
-  PLATIPCResID freeKey(uint32_t n) const { return {PLAT_STRUCTURE_TAG, firstKey_ + 4 + n}; }
+  PLATIPCResID freeKey(uint32_t n) const { return {PLAT_STRUCTURE_TAG, firstFreeKey_ + n}; }
   void removeFreeKeys() const;
+  // For a process beside others that work on the same world: free keys of its own.
+  void takeOwnFreeKeys() { firstFreeKey_ = 0x60000000u + static_cast<uint32_t>(getpid()) * 16; }
 
  private:
   const uint32_t firstKey_;
+  uint32_t firstFreeKey_ = firstKey_ + 4;
 };
 
 inline const uint8_t* asBytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
