@@ -916,7 +916,8 @@ class SeenNode {
       const uint32_t rc = trelParsePathElement(element, &tag, id.data(), &size, &rest);
       if (rc == TREL_RC_NOT_FOUND) return here;
       detail::check(rc, "trelParsePathElement");
-      here = here.child(tag, {reinterpret_cast<const char*>(id.data()), size}, whole);
+      const auto* const name = reinterpret_cast<const char*>(id.data());
+      here = here.child(tag, {name, static_cast<size_t>(size)}, whole);
     }
   }
   // Waits until something has written to this node since the call, or the time is over. Looks every
