@@ -116,9 +116,12 @@ uint32_t trelGetFreeSpaceOffsetForProperty(SNodeCB_t* node, uint32_t kind, uint6
   return traced(FID_trelGetFreeSpaceOffsetForProperty, [&](const Flow& flow) -> uint32_t {
     if (!node || !offset) return flow.fail(TREL_RC_NODE_NULL);
     if (isReadOnly(node)) return flow.fail(TREL_RC_READING_ONLY);
-    return withStack(node, kind, [&](auto& list, const Stack& stack, uint32_t failure) -> uint32_t {
+    return withStack(node, kind, [&](auto& list, Stack& stack, uint32_t failure) -> uint32_t {
       if (failure) return failure;
+      // That opens the section again, and the stack is to be of the section as it is then.
       if (const uint32_t rc = openLimits(node, &list)) return rc;
+      if (list.fault) return list.fault;
+      if (const uint32_t rc = openStack(list, &stack)) return rc;
       if (const uint32_t rc = findPlace(list, stack, offset)) return rc;
       takePlace(list, stack);
       return 0;
